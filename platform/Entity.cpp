@@ -1,0 +1,73 @@
+#include "platform/Entity.h"
+
+#include <algorithm>
+
+namespace Oro {
+
+Entity::~Entity() {
+  for (Notifiee* n : notifiees_) {
+    if (n) n->notifier_ = nullptr;
+  }
+}
+
+void Entity::attach(Notifiee* n) {
+  notifiees_.push_back(n);
+  ++liveNotifiees_;
+}
+
+void Entity::detach(Notifiee* n) {
+  auto it = std::find(notifiees_.begin(), notifiees_.end(), n);
+  if (it == notifiees_.end()) return;
+  --liveNotifiees_;
+  if (publishing_ != 0) {
+    *it = nullptr;  // keep indexes stable for the publication in progress
+  } else {
+    notifiees_.erase(it);
+  }
+}
+
+void Entity::compact() {
+  if (publishing_ == 0 && notifiees_.size() != liveNotifiees_) {
+    std::erase(notifiees_, nullptr);
+  }
+}
+
+void Entity::publish(AttrId attr) {
+  if (liveNotifiees_ == 0) return;
+  ++publishing_;
+  for (size_t i = 0; i < notifiees_.size(); ++i) {
+    if (Notifiee* n = notifiees_[i]) n->onAttribute(attr);
+  }
+  --publishing_;
+  compact();
+}
+
+void Entity::publishKeyErased(AttrId attr, const void* key) {
+  ++publishing_;
+  for (size_t i = 0; i < notifiees_.size(); ++i) {
+    if (Notifiee* n = notifiees_[i]) n->onAttributeKey(attr, key);
+  }
+  --publishing_;
+  compact();
+}
+
+void Entity::publishOldNewErased(AttrId attr, const void* key, const void* oldValue,
+                                 const void* newValue) {
+  ++publishing_;
+  for (size_t i = 0; i < notifiees_.size(); ++i) {
+    if (Notifiee* n = notifiees_[i]) n->onAttributeOldNew(attr, key, oldValue, newValue);
+  }
+  --publishing_;
+  compact();
+}
+
+Notifiee::~Notifiee() { notifierIs(nullptr); }
+
+void Notifiee::notifierIs(Entity* e) {
+  if (e == notifier_) return;
+  if (notifier_) notifier_->detach(this);
+  notifier_ = e;
+  if (notifier_) notifier_->attach(this);
+}
+
+}  // namespace Oro

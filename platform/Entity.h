@@ -1,0 +1,111 @@
+// Entities: reference-counted objects whose attribute changes are published to
+// subscribers (notifiees). Keyed attributes (collections) publish one change per key,
+// carrying the key; a collection in old-value mode also hands over old and new values.
+//
+// Invariants: a notifiee watches at most one entity at a time; notifiees may subscribe
+// or unsubscribe (themselves or others) while a change is being published, and a
+// notifiee removed during a publication is not called afterwards.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string_view>
+#include <vector>
+
+#include "platform/Ptr.h"
+
+namespace Oro {
+
+using AttrId = uint16_t;
+
+class Notifiee;
+
+class Entity : public RefCounted {
+ public:
+  Entity() = default;
+  ~Entity() override;
+
+  // Full type name, e.g. "Routing::Multicast::MvpnVrfStatus".
+  virtual std::string_view typeName() const = 0;
+
+  size_t notifieeCount() const { return liveNotifiees_; }
+  bool hasNotifiees() const { return liveNotifiees_ != 0; }
+
+ protected:
+  void publish(AttrId attr);
+  template <class K>
+  void publishKey(AttrId attr, const K& key) {
+    if (liveNotifiees_ != 0) publishKeyErased(attr, &key);
+  }
+  // Old-value mode: oldValue or newValue is null for an insertion or a removal.
+  template <class K, class V>
+  void publishOldNew(AttrId attr, const K& key, const V* oldValue, const V* newValue) {
+    if (liveNotifiees_ != 0) publishOldNewErased(attr, &key, oldValue, newValue);
+  }
+
+ private:
+  friend class Notifiee;
+  void publishKeyErased(AttrId attr, const void* key);
+  void publishOldNewErased(AttrId attr, const void* key, const void* oldValue,
+                           const void* newValue);
+  void attach(Notifiee* n);
+  void detach(Notifiee* n);
+  void compact();
+
+  std::vector<Notifiee*> notifiees_;  // null entries are notifiees removed mid-publication
+  size_t liveNotifiees_ = 0;
+  uint32_t publishing_ = 0;  // nesting depth of publications in progress
+};
+
+// A subscriber to one entity. The key and value pointers handed to the callbacks point
+// at the collection's own key and value types; typed subclasses cast them back.
+class Notifiee {
+ public:
+  Notifiee() = default;
+  Notifiee(const Notifiee&) = delete;
+  Notifiee& operator=(const Notifiee&) = delete;
+  virtual ~Notifiee();
+
+  Entity* notifier() const { return notifier_; }
+  // Subscribe to e, leaving the entity watched before; nullptr unsubscribes.
+  void notifierIs(Entity* e);
+
+  virtual void onAttribute(AttrId) {}
+  virtual void onAttributeKey(AttrId, const void* /*key*/) {}
+  virtual void onAttributeOldNew(AttrId attr, const void* key, const void* /*old*/,
+                                 const void* /*new*/) {
+    onAttributeKey(attr, key);
+  }
+
+ private:
+  friend class Entity;
+  Entity* notifier_ = nullptr;
+};
+
+// Calls a function for every change of one keyed attribute of the watched entity.
+template <class K>
+class KeyReactor : public Notifiee {
+ public:
+  using Handler = std::function<void(const K&)>;
+  KeyReactor(AttrId attr, Handler h) : attr_(attr), handler_(std::move(h)) {}
+  void onAttributeKey(AttrId attr, const void* key) override {
+    if (attr == attr_) handler_(*static_cast<const K*>(key));
+  }
+
+ private:
+  AttrId attr_;
+  Handler handler_;
+};
+
+// Calls a function for every change of a non-keyed attribute of the watched entity.
+class AttrReactor : public Notifiee {
+ public:
+  using Handler = std::function<void(AttrId)>;
+  explicit AttrReactor(Handler h) : handler_(std::move(h)) {}
+  void onAttribute(AttrId attr) override { handler_(attr); }
+
+ private:
+  Handler handler_;
+};
+
+}  // namespace Oro

@@ -1,0 +1,95 @@
+// Exceptions raised by the runtime for bad input data. Programming errors are not
+// exceptions: they are fatal assertions (see Assert.h).
+#pragma once
+
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+
+namespace Oro {
+
+// Base of every exception the runtime raises; what() is the exact message text.
+class Exception : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+// Text that does not match a value's text form, or leaves characters over.
+class ParseException : public Exception {
+ public:
+  using Exception::Exception;
+};
+
+// A value outside the range its type accepts.
+class RangeException : public Exception {
+ public:
+  using Exception::Exception;
+};
+
+// A flag byte with bits outside a dense-enum bool set. Carries the type's module
+// (its full type name) and the offending value.
+class DenseEnumBoolSetRangeException : public RangeException {
+ public:
+  DenseEnumBoolSetRangeException(std::string module, uint64_t value);
+  const std::string& module() const { return module_; }
+  uint64_t value() const { return value_; }
+
+ private:
+  std::string module_;
+  uint64_t value_;
+};
+
+// A range error met while reading one attribute of a serialised value, re-raised
+// with the attribute's name attached.
+class DeserializationException : public Exception {
+ public:
+  DeserializationException(std::string attribute, const std::string& cause);
+  const std::string& attribute() const { return attribute_; }
+
+ private:
+  std::string attribute_;
+};
+
+class NullPointerException : public Exception {
+ public:
+  using Exception::Exception;
+};
+
+// Malformed protobuf bytes (wrong wire type for a known field, truncation, overlong varint).
+class ProtobufReadException : public Exception {
+ public:
+  using Exception::Exception;
+};
+
+// Asking for the hash of a type that declares itself not hashable.
+class NonHashableTypeException : public Exception {
+ public:
+  explicit NonHashableTypeException(const std::string& typeName);
+};
+
+// Creation of an entity by type name with more arguments than its constructor takes.
+class UnexpectedEntityArgumentsException : public Exception {
+ public:
+  UnexpectedEntityArgumentsException(const std::string& typeName, size_t given, size_t expected);
+};
+
+// An attempt to re-point an instantiating mutator's existing member at a different entity.
+class MutatorReinstantiationException : public Exception {
+ public:
+  using Exception::Exception;
+};
+
+// Shared memory that does not hold a well-formed table (bad header, index or slot).
+class ShmCorruptionException : public Exception {
+ public:
+  using Exception::Exception;
+};
+
+// A shared-memory table that cannot be created, opened or grown (exists with a live
+// writer, name invalid, type mismatch, out of shared memory...).
+class ShmException : public Exception {
+ public:
+  using Exception::Exception;
+};
+
+}  // namespace Oro

@@ -1,0 +1,141 @@
+// Cooperative single-threaded task scheduler. Tasks are named units of work with a
+// priority; a running task that has more to do asks taskShouldYield() (true once its
+// time slice is used up), remembers where it stopped, reschedules itself and returns.
+//
+// The loop runs ready tasks highest priority first (FIFO within a priority), fires due
+// timers, and dispatches wait sources (shared-memory tables fed by other processes).
+// run() sleeps in futex_waitv() when there is nothing to do and wakes on a task
+// scheduled from another thread (wakeup()), a due timer, or a write to a watched table.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/Ptr.h"
+#include "platform/WaitSource.h"
+
+namespace Oro {
+
+enum class TaskPriority : uint8_t { low = 0, normal = 1, high = 2 };
+inline constexpr int kTaskPriorities = 3;
+
+class TaskScheduler;
+
+// A named task. It is scheduled at most once at a time: scheduling a task that is
+// already queued does nothing. A task may be destroyed while queued (it is dequeued).
+class Task {
+ public:
+  using Handler = std::function<void()>;
+  Task(TaskScheduler* scheduler, TaskPriority priority, std::string name, Handler handler);
+  ~Task();
+  Task(const Task&) = delete;
+  Task& operator=(const Task&) = delete;
+
+  const std::string& name() const { return name_; }
+  TaskPriority priority() const { return priority_; }
+  TaskScheduler* scheduler() const { return scheduler_; }
+  bool scheduled() const { return queued_; }
+
+  // Work accounting: items handled so far, and items known to be still waiting.
+  uint64_t workCount() const { return workCount_; }
+  void workCountInc(uint64_t n) { workCount_ += n; }
+  uint64_t pendingWork() const { return pendingWork_; }
+  void pendingWorkIs(uint64_t n) { pendingWork_ = n; }
+  uint64_t runs() const { return runs_; }
+
+  // Shorthands for the owning scheduler's operations on this task.
+  void schedule();
+  bool shouldYield() const;
+
+ private:
+  friend class TaskScheduler;
+  TaskScheduler* scheduler_;
+  TaskPriority priority_;
+  std::string name_;
+  Handler handler_;
+  uint64_t workCount_ = 0;
+  uint64_t pendingWork_ = 0;
+  uint64_t runs_ = 0;
+  bool queued_ = false;
+  Task* next_ = nullptr;  // intrusive ready-queue link
+  Task* prev_ = nullptr;
+};
+
+using TimerId = uint64_t;
+
+class TaskScheduler {
+ public:
+  using Clock = std::chrono::steady_clock;
+  explicit TaskScheduler(std::chrono::nanoseconds timeSlice = std::chrono::microseconds(1000));
+  ~TaskScheduler();
+  TaskScheduler(const TaskScheduler&) = delete;
+  TaskScheduler& operator=(const TaskScheduler&) = delete;
+
+  std::chrono::nanoseconds timeSlice() const { return timeSlice_; }
+  void timeSliceIs(std::chrono::nanoseconds s) { timeSlice_ = s; }
+
+  // Queue a task (scheduler thread only).
+  void scheduleTask(Task* task);
+  void unscheduleTask(Task* task);
+  // The task whose handler is running now, or null.
+  Task* taskCurrentlyRunning() const { return running_; }
+  // True when the running task has used up its time slice. Outside a task: false.
+  bool taskShouldYield() const;
+
+  // Timers fire once, on the scheduler thread, at or after their deadline.
+  TimerId timerIs(Clock::time_point deadline, std::function<void()> fn);
+  TimerId timerIs(std::chrono::nanoseconds delay, std::function<void()> fn) {
+    return timerIs(Clock::now() + delay, std::move(fn));
+  }
+  void timerDel(TimerId id);
+
+  void waitSourceIs(WaitSource* source);
+  void waitSourceDel(WaitSource* source);
+
+  // Runs one unit of work (a due timer batch, the wait-source dispatches, one task).
+  // Returns false when there was nothing to do.
+  bool runOnce();
+  // Runs until no task is queued, no timer is due and no wait source has pending work.
+  // Never sleeps. Returns the number of task runs.
+  uint64_t runUntilIdle();
+  // Blocking loop: runs work, sleeps when idle, until stop() (callable from any thread
+  // or from a task). Timers not yet due keep it sleeping until their deadline.
+  void run();
+  // Like run(), but returns once idle would mean sleeping past `deadline`.
+  void runUntil(Clock::time_point deadline);
+  void stop();
+  // Wake a sleeping run() from another thread (or a signal handler: it only touches
+  // an atomic and makes one futex call).
+  void wakeup();
+  // Run fn on the scheduler thread; callable from any thread.
+  void post(std::function<void()> fn);
+
+  uint64_t tasksRun() const { return tasksRun_; }
+  bool idle() const;
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+  std::chrono::nanoseconds timeSlice_;
+  Task* running_ = nullptr;
+  Clock::time_point sliceStart_{};
+  uint64_t tasksRun_ = 0;
+  friend class Task;
+};
+
+}  // namespace Oro
+
+namespace Dyx {
+// How a merge machine runs: on which scheduler, at which priority, and whether its
+// scans and reconciliation run to completion without yielding.
+struct SmControl {
+  Oro::TaskScheduler* taskScheduler = nullptr;
+  Oro::TaskPriority taskPriority = Oro::TaskPriority::normal;
+  bool defaultSynchronous = false;
+};
+}  // namespace Dyx
