@@ -1,0 +1,176 @@
+// Trace levels, settings, sinks and start-up configuration from the environment.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include "platform/Error.h"
+#include "platform/Trace.h"
+
+namespace {
+
+// A handle built during static initialisation, before main() runs.
+Oro::TraceHandle gStaticHandle("StaticComp");
+
+// Counts how often it is formatted, to prove disabled trace points format nothing.
+struct Probe {
+  int* formats;
+};
+
+std::string readFile(const std::string& path) {
+  std::ifstream in(path);
+  std::stringstream ss;
+  ss << in.rdbuf();
+  return ss.str();
+}
+
+class TraceTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    Oro::traceDisableAll();
+    sink.install();
+  }
+  void TearDown() override {
+    sink.uninstall();
+    Oro::traceDisableAll();
+  }
+  Oro::TraceMemorySink sink;
+};
+
+}  // namespace
+
+template <>
+struct fmt::formatter<Probe> : fmt::formatter<int> {
+  auto format(const Probe& p, fmt::format_context& ctx) const {
+    ++*p.formats;
+    return fmt::formatter<int>::format(*p.formats, ctx);
+  }
+};
+
+namespace {
+
+TEST_F(TraceTest, DisabledLevelsFormatNothingAndEnabledOnesReachTheSink) {
+  Oro::TraceHandle h("MergedMvpnVrfStatusSm");
+  int formats = 0;
+  ORO_TRACE(h, 3, "probe {}", Probe{&formats});
+  EXPECT_EQ(formats, 0);
+  EXPECT_TRUE(sink.lines().empty());
+
+  Oro::traceEnable("MergedMvpnVrfStatusSm", 3, true);
+  ORO_TRACE(h, 3, "probe {}", Probe{&formats});
+  ORO_TRACE(h, 4, "other level {}", Probe{&formats});
+  EXPECT_EQ(formats, 1);
+  ASSERT_EQ(sink.lines().size(), 1u);
+  EXPECT_EQ(sink.lines()[0], (Oro::TraceMemorySink::Line{"MergedMvpnVrfStatusSm", 3, "probe 1"}));
+
+  Oro::traceEnable("MergedMvpnVrfStatusSm", 3, false);
+  ORO_TRACE(h, 3, "probe {}", Probe{&formats});
+  EXPECT_EQ(formats, 1);
+}
+
+TEST_F(TraceTest, StarAppliesToExistingAndFutureHandlesAndLaterSettingsWin) {
+  Oro::TraceHandle a("A");
+  Oro::traceEnable("*", 5, true);
+  Oro::TraceHandle b("B");
+  EXPECT_TRUE(a.enabled(5));
+  EXPECT_TRUE(b.enabled(5));
+  EXPECT_TRUE(gStaticHandle.enabled(5));
+
+  // A component setting overrides the star for that component only...
+  Oro::traceEnable("A", 5, false);
+  EXPECT_FALSE(a.enabled(5));
+  EXPECT_TRUE(b.enabled(5));
+  Oro::TraceHandle a2("A");
+  EXPECT_FALSE(a2.enabled(5));
+  // ...until a later star setting for the same level.
+  Oro::traceEnable("*", 5, true);
+  EXPECT_TRUE(a.enabled(5));
+  Oro::traceEnable("B", 1, true);
+  Oro::traceEnable("*", 5, false);
+  EXPECT_FALSE(b.enabled(5));
+  EXPECT_TRUE(b.enabled(1));
+  EXPECT_FALSE(a.enabled(1));
+}
+
+TEST_F(TraceTest, SettingsStringsEnableComponentsLevelsAndRanges) {
+  Oro::TraceHandle c1("Comp1"), c2("Comp2"), other("Other");
+  EXPECT_TRUE(Oro::traceSettingsApply("Comp1/0-3,Comp2/5,*/0"));
+  for (int l = 0; l <= 3; ++l) EXPECT_TRUE(c1.enabled(l)) << l;
+  EXPECT_FALSE(c1.enabled(4));
+  EXPECT_TRUE(c2.enabled(5));
+  EXPECT_TRUE(c2.enabled(0));
+  EXPECT_FALSE(c2.enabled(4));
+  EXPECT_TRUE(other.enabled(0));
+  EXPECT_FALSE(other.enabled(1));
+
+  // A bare level list continues the previous entry; bad entries are skipped, good ones kept.
+  Oro::traceDisableAll();
+  EXPECT_FALSE(Oro::traceSettingsApply("Comp1/7,9, Comp2/x ,/3,Comp2/4-2,Other/6, 12"));
+  EXPECT_TRUE(c1.enabled(7));
+  EXPECT_TRUE(c1.enabled(9));
+  EXPECT_FALSE(c2.enabled(3));
+  EXPECT_FALSE(c2.enabled(4));
+  EXPECT_TRUE(other.enabled(6));
+}
+
+TEST_F(TraceTest, MemorySinksStackAndUnlinkInAnyOrder) {
+  Oro::TraceHandle h("Comp");
+  Oro::traceEnable("Comp", 2, true);
+  {
+    Oro::TraceMemorySink inner, innermost;
+    inner.install();
+    innermost.install();
+    ORO_TRACE(h, 2, "one {}", 1);
+    inner.uninstall();  // not the top one: the chain stays intact
+    ORO_TRACE(h, 2, "two");
+    innermost.uninstall();
+    EXPECT_EQ(innermost.messages(), (std::vector<std::string>{"one 1", "two"}));
+    EXPECT_TRUE(inner.messages().empty());
+  }
+  ORO_TRACE(h, 2, "three");
+  EXPECT_EQ(sink.messages(), (std::vector<std::string>{"three"}));
+  sink.clear();
+  EXPECT_TRUE(sink.lines().empty());
+}
+
+TEST_F(TraceTest, FileSinkWritesComponentLevelAndMessageLines) {
+  sink.uninstall();
+  std::string path = ::testing::TempDir() + "trace_file_test.txt";
+  std::remove(path.c_str());
+  Oro::TraceHandle h("FileComp");
+  Oro::traceEnable("FileComp", 7, true);
+  Oro::traceFileIs(path);
+  ORO_TRACE(h, 7, "Line {}: vrf {}", 15, 5);
+  Oro::traceFileIs("");
+  ORO_TRACE(h, 7, "to stderr");
+  EXPECT_EQ(readFile(path), "FileComp/7: Line 15: vrf 5\n");
+  EXPECT_THROW(Oro::traceFileIs("/nonexistent-dir/x/trace.txt"), Oro::Exception);
+}
+
+// The environment is read once, at the first use of the facility: check it in a fresh
+// process that starts with the variables set.
+TEST(TraceEnvDeathTest, SettingsAndFileComeFromTheEnvironmentAtStartup) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  std::string path = ::testing::TempDir() + "trace_env_test.txt";
+  // The child re-runs this body with the file already open: only the parent clears it.
+  if (!std::getenv("MVPN_TRACE")) std::remove(path.c_str());
+  setenv("MVPN_TRACE", "EnvComp/2-3,*/8", 1);
+  setenv("MVPN_TRACE_FILE", path.c_str(), 1);
+  EXPECT_EXIT(
+      {
+        Oro::TraceHandle h("EnvComp");
+        bool ok = h.enabled(2) && h.enabled(3) && h.enabled(8) && !h.enabled(4) &&
+                  gStaticHandle.enabled(8) && !gStaticHandle.enabled(2);
+        ORO_TRACE(h, 3, "from {}", "env");
+        std::exit(ok ? 0 : 1);
+      },
+      ::testing::ExitedWithCode(0), "");
+  unsetenv("MVPN_TRACE");
+  unsetenv("MVPN_TRACE_FILE");
+  EXPECT_EQ(readFile(path), "EnvComp/3: from env\n");
+}
+
+}  // namespace
