@@ -6,6 +6,12 @@
 // timers, and dispatches wait sources (shared-memory tables fed by other processes).
 // run() sleeps in futex_waitv() when there is nothing to do and wakes on a task
 // scheduled from another thread (wakeup()), a due timer, or a write to a watched table.
+//
+// Invariants: everything except post(), wakeup() and stop() runs on the one scheduler
+// thread. A task is in at most one ready list, exactly while scheduled() is true. A
+// task may be destroyed at any time on the scheduler thread, even from inside its own
+// handler; a scheduler destroyed before its tasks leaves them detached (scheduler()
+// becomes null and they can no longer be scheduled).
 #pragma once
 
 #include <atomic>
@@ -27,7 +33,9 @@ inline constexpr int kTaskPriorities = 3;
 class TaskScheduler;
 
 // A named task. It is scheduled at most once at a time: scheduling a task that is
-// already queued does nothing. A task may be destroyed while queued (it is dequeued).
+// already queued does nothing. A task may be destroyed while queued (it is dequeued)
+// and from inside its own handler (the handler must then not touch its captures after
+// the deletion, as they died with the task).
 class Task {
  public:
   using Handler = std::function<void()>;
@@ -48,7 +56,8 @@ class Task {
   void pendingWorkIs(uint64_t n) { pendingWork_ = n; }
   uint64_t runs() const { return runs_; }
 
-  // Shorthands for the owning scheduler's operations on this task.
+  // Shorthands for the owning scheduler's operations on this task. shouldYield() is
+  // true only while this very task runs and its time slice is used up.
   void schedule();
   bool shouldYield() const;
 
@@ -64,6 +73,8 @@ class Task {
   bool queued_ = false;
   Task* next_ = nullptr;  // intrusive ready-queue link
   Task* prev_ = nullptr;
+  Task* allNext_ = nullptr;  // the scheduler's list of all its tasks
+  Task* allPrev_ = nullptr;
 };
 
 using TimerId = uint64_t;
@@ -106,8 +117,11 @@ class TaskScheduler {
   // Blocking loop: runs work, sleeps when idle, until stop() (callable from any thread
   // or from a task). Timers not yet due keep it sleeping until their deadline.
   void run();
-  // Like run(), but returns once idle would mean sleeping past `deadline`.
+  // Like run(), but returns at the latest once `deadline` has passed; work still queued
+  // then stays queued for the next call.
   void runUntil(Clock::time_point deadline);
+  // Makes run()/runUntil() return after the current unit of work. A stop() issued while
+  // no loop runs makes the next run()/runUntil() return at once.
   void stop();
   // Wake a sleeping run() from another thread (or a signal handler: it only touches
   // an atomic and makes one futex call).
@@ -116,7 +130,10 @@ class TaskScheduler {
   void post(std::function<void()> fn);
 
   uint64_t tasksRun() const { return tasksRun_; }
+  // Nothing queued, posted or due, and no wait source pending.
   bool idle() const;
+  // How often run()/runUntil() went to sleep in the kernel (for tests and statistics).
+  uint64_t sleeps() const;
 
  private:
   struct Impl;
@@ -126,6 +143,15 @@ class TaskScheduler {
   Clock::time_point sliceStart_{};
   uint64_t tasksRun_ = 0;
   friend class Task;
+
+  void taskCreated(Task* task);
+  void taskDestroyed(Task* task);
+  void runTask(Task* task, Clock::time_point now);
+  bool runPosted();
+  void fireTimers(Clock::time_point now);
+  bool dispatchSources();
+  void loop(Clock::time_point deadline);
+  void sleepUntil(Clock::time_point wakeAt);
 };
 
 }  // namespace Oro

@@ -1,0 +1,404 @@
+#include "platform/TaskScheduler.h"
+
+#include <algorithm>
+#include <mutex>
+#include <unordered_map>
+#include <utility>
+
+#include "platform/Assert.h"
+#include "platform/Futex.h"
+
+namespace Oro {
+
+struct TaskScheduler::Impl {
+  // Ready lists, one per priority; FIFO within a list.
+  Task* head[kTaskPriorities] = {};
+  Task* tail[kTaskPriorities] = {};
+  std::size_t queued = 0;
+  Task* allTasks = nullptr;  // every task bound to this scheduler, for detaching them
+
+  // Timers: a min-heap on (deadline, id) whose entries may outlive a cancellation; the
+  // live timers are those in `timers`. The heap top is kept live (pruneTimers).
+  struct TimerEntry {
+    Clock::time_point deadline;
+    TimerId id;
+    bool operator>(const TimerEntry& o) const {
+      return deadline != o.deadline ? deadline > o.deadline : id > o.id;
+    }
+  };
+  std::vector<TimerEntry> heap;
+  std::unordered_map<TimerId, std::function<void()>> timers;
+  TimerId nextTimerId = 1;
+
+  // Wait sources. A source removed while the list is being walked leaves a null slot,
+  // compacted once the walk is over.
+  std::vector<WaitSource*> sources;
+  int walkingSources = 0;
+  bool sourcesHaveHoles = false;
+
+  // Work handed in from other threads.
+  std::mutex postMutex;
+  std::vector<std::function<void()>> posted;
+  std::atomic<bool> hasPosted{false};
+
+  // The private futex word that wakeup() bumps. `sleeping` spares wakeup() the system
+  // call while the loop is awake: the sleeper sets it before it reads the word, the waker
+  // bumps the word before it reads the flag (both sequentially consistent), so either
+  // the sleeper sees the new value or the waker sees the sleeper.
+  std::atomic<uint32_t> wakeWord{0};
+  std::atomic<bool> sleeping{false};
+  std::atomic<bool> stopRequested{false};
+  uint64_t sleeps = 0;
+  std::vector<FutexWait> words;
+
+  void pruneTimers() {
+    auto greater = std::greater<TimerEntry>();
+    while (!heap.empty() && !timers.contains(heap.front().id)) {
+      std::pop_heap(heap.begin(), heap.end(), greater);
+      heap.pop_back();
+    }
+    // Cancelled entries buried in the heap: rebuild before they dominate it.
+    if (heap.size() > 64 && heap.size() > 2 * timers.size()) {
+      std::erase_if(heap, [this](const TimerEntry& e) { return !timers.contains(e.id); });
+      std::make_heap(heap.begin(), heap.end(), greater);
+    }
+  }
+
+  bool timerDue(Clock::time_point now) const {
+    return !heap.empty() && heap.front().deadline <= now;
+  }
+
+  Task* popReady() {
+    for (int p = kTaskPriorities - 1; p >= 0; --p) {
+      Task* t = head[p];
+      if (!t) continue;
+      head[p] = t->next_;
+      if (head[p]) {
+        head[p]->prev_ = nullptr;
+      } else {
+        tail[p] = nullptr;
+      }
+      t->next_ = nullptr;
+      t->queued_ = false;
+      --queued;
+      return t;
+    }
+    return nullptr;
+  }
+
+  void unlinkReady(Task* t) {
+    int p = static_cast<int>(t->priority_);
+    (t->prev_ ? t->prev_->next_ : head[p]) = t->next_;
+    (t->next_ ? t->next_->prev_ : tail[p]) = t->prev_;
+    t->next_ = t->prev_ = nullptr;
+    t->queued_ = false;
+    --queued;
+  }
+
+  bool anySourcePending() const {
+    for (WaitSource* s : sources) {
+      if (s && s->hasPending()) return true;
+    }
+    return false;
+  }
+};
+
+// ---------------------------------------------------------------------------------------
+// Task
+
+Task::Task(TaskScheduler* scheduler, TaskPriority priority, std::string name, Handler handler)
+    : scheduler_(scheduler),
+      priority_(priority),
+      name_(std::move(name)),
+      handler_(std::move(handler)) {
+  MVPN_ASSERT_MSG(static_cast<int>(priority) < kTaskPriorities, "invalid task priority");
+  if (scheduler_) scheduler_->taskCreated(this);
+}
+
+Task::~Task() {
+  if (scheduler_) scheduler_->taskDestroyed(this);
+}
+
+void Task::schedule() {
+  MVPN_ASSERT_MSG(scheduler_, "a task without a scheduler cannot be scheduled");
+  scheduler_->scheduleTask(this);
+}
+
+bool Task::shouldYield() const {
+  return scheduler_ && scheduler_->running_ == this && scheduler_->taskShouldYield();
+}
+
+// ---------------------------------------------------------------------------------------
+// TaskScheduler: tasks
+
+TaskScheduler::TaskScheduler(std::chrono::nanoseconds timeSlice)
+    : impl_(std::make_unique<Impl>()), timeSlice_(timeSlice) {}
+
+TaskScheduler::~TaskScheduler() {
+  MVPN_ASSERT_MSG(!running_, "a scheduler cannot be destroyed by one of its tasks");
+  // Tasks that outlive the scheduler are detached so that their destructors do not
+  // reach back into it.
+  for (Task* t = impl_->allTasks; t;) {
+    Task* next = t->allNext_;
+    t->scheduler_ = nullptr;
+    t->queued_ = false;
+    t->next_ = t->prev_ = t->allNext_ = t->allPrev_ = nullptr;
+    t = next;
+  }
+}
+
+void TaskScheduler::taskCreated(Task* task) {
+  Impl& d = *impl_;
+  task->allNext_ = d.allTasks;
+  if (d.allTasks) d.allTasks->allPrev_ = task;
+  d.allTasks = task;
+}
+
+void TaskScheduler::taskDestroyed(Task* task) {
+  Impl& d = *impl_;
+  if (task->queued_) d.unlinkReady(task);
+  (task->allPrev_ ? task->allPrev_->allNext_ : d.allTasks) = task->allNext_;
+  if (task->allNext_) task->allNext_->allPrev_ = task->allPrev_;
+  // A handler deleting its own task: the loop no longer touches the task once the
+  // handler returns, and the rest of the handler runs as if outside any task.
+  if (running_ == task) running_ = nullptr;
+}
+
+void TaskScheduler::scheduleTask(Task* task) {
+  MVPN_ASSERT_MSG(task->scheduler_ == this, "a task runs on the scheduler it was created with");
+  if (task->queued_) return;
+  Impl& d = *impl_;
+  int p = static_cast<int>(task->priority_);
+  task->queued_ = true;
+  task->next_ = nullptr;
+  task->prev_ = d.tail[p];
+  (d.tail[p] ? d.tail[p]->next_ : d.head[p]) = task;
+  d.tail[p] = task;
+  ++d.queued;
+}
+
+void TaskScheduler::unscheduleTask(Task* task) {
+  MVPN_ASSERT_MSG(task->scheduler_ == this, "a task runs on the scheduler it was created with");
+  if (task->queued_) impl_->unlinkReady(task);
+}
+
+bool TaskScheduler::taskShouldYield() const {
+  return running_ && Clock::now() - sliceStart_ >= timeSlice_;
+}
+
+void TaskScheduler::runTask(Task* task, Clock::time_point now) {
+  running_ = task;
+  sliceStart_ = now;
+  ++task->runs_;
+  ++tasksRun_;
+  try {
+    task->handler_();
+  } catch (...) {
+    running_ = nullptr;
+    throw;
+  }
+  // `task` may be gone by now (deleted by its own handler): do not touch it.
+  running_ = nullptr;
+}
+
+// ---------------------------------------------------------------------------------------
+// TaskScheduler: timers, posted work, wait sources
+
+TimerId TaskScheduler::timerIs(Clock::time_point deadline, std::function<void()> fn) {
+  Impl& d = *impl_;
+  TimerId id = d.nextTimerId++;
+  d.timers.emplace(id, std::move(fn));
+  d.heap.push_back({deadline, id});
+  std::push_heap(d.heap.begin(), d.heap.end(), std::greater<Impl::TimerEntry>());
+  return id;
+}
+
+void TaskScheduler::timerDel(TimerId id) {
+  if (impl_->timers.erase(id)) impl_->pruneTimers();
+}
+
+void TaskScheduler::fireTimers(Clock::time_point now) {
+  Impl& d = *impl_;
+  // Timers created by this batch wait for the next one, so a timer that re-arms itself
+  // for "now" cannot keep the loop here.
+  TimerId limit = d.nextTimerId;
+  while (d.timerDue(now) && d.heap.front().id < limit) {
+    std::pop_heap(d.heap.begin(), d.heap.end(), std::greater<Impl::TimerEntry>());
+    TimerId id = d.heap.back().id;
+    d.heap.pop_back();
+    auto it = d.timers.find(id);
+    if (it == d.timers.end()) continue;  // cancelled by an earlier timer of this batch
+    std::function<void()> fn = std::move(it->second);
+    d.timers.erase(it);
+    fn();
+  }
+  d.pruneTimers();
+}
+
+void TaskScheduler::post(std::function<void()> fn) {
+  Impl& d = *impl_;
+  {
+    std::lock_guard lock(d.postMutex);
+    d.posted.push_back(std::move(fn));
+    d.hasPosted.store(true, std::memory_order_release);
+  }
+  wakeup();
+}
+
+bool TaskScheduler::runPosted() {
+  Impl& d = *impl_;
+  std::vector<std::function<void()>> batch;
+  {
+    std::lock_guard lock(d.postMutex);
+    batch.swap(d.posted);
+    d.hasPosted.store(false, std::memory_order_relaxed);
+  }
+  for (auto& fn : batch) fn();
+  return !batch.empty();
+}
+
+void TaskScheduler::waitSourceIs(WaitSource* source) {
+  Impl& d = *impl_;
+  MVPN_ASSERT_MSG(std::find(d.sources.begin(), d.sources.end(), source) == d.sources.end(),
+                  "a wait source is registered once");
+  d.sources.push_back(source);
+}
+
+void TaskScheduler::waitSourceDel(WaitSource* source) {
+  Impl& d = *impl_;
+  auto it = std::find(d.sources.begin(), d.sources.end(), source);
+  if (it == d.sources.end()) return;
+  if (d.walkingSources) {
+    *it = nullptr;
+    d.sourcesHaveHoles = true;
+  } else {
+    d.sources.erase(it);
+  }
+}
+
+bool TaskScheduler::dispatchSources() {
+  Impl& d = *impl_;
+  bool any = false;
+  ++d.walkingSources;
+  // By index: a dispatch may register or remove sources.
+  for (std::size_t i = 0; i < d.sources.size(); ++i) {
+    WaitSource* s = d.sources[i];
+    if (s && s->hasPending()) {
+      s->dispatch();
+      any = true;
+    }
+  }
+  if (--d.walkingSources == 0 && d.sourcesHaveHoles) {
+    std::erase(d.sources, nullptr);
+    d.sourcesHaveHoles = false;
+  }
+  return any;
+}
+
+// ---------------------------------------------------------------------------------------
+// TaskScheduler: loops
+
+bool TaskScheduler::runOnce() {
+  MVPN_ASSERT_MSG(!running_, "the scheduler loop cannot be entered from a task");
+  Impl& d = *impl_;
+  bool worked = false;
+  if (d.hasPosted.load(std::memory_order_acquire)) worked = runPosted();
+  Clock::time_point now = Clock::now();
+  if (d.timerDue(now)) {
+    fireTimers(now);
+    worked = true;
+  }
+  if (!d.sources.empty() && dispatchSources()) worked = true;
+  if (d.queued) {
+    Task* task = d.popReady();
+    // The slice starts when the task does, not when the timers or sources before it did.
+    runTask(task, worked ? Clock::now() : now);
+    worked = true;
+  }
+  return worked;
+}
+
+uint64_t TaskScheduler::runUntilIdle() {
+  uint64_t before = tasksRun_;
+  while (runOnce()) {
+  }
+  return tasksRun_ - before;
+}
+
+bool TaskScheduler::idle() const {
+  const Impl& d = *impl_;
+  return d.queued == 0 && !d.hasPosted.load(std::memory_order_acquire) &&
+         !d.timerDue(Clock::now()) && !d.anySourcePending();
+}
+
+uint64_t TaskScheduler::sleeps() const {
+  return impl_->sleeps;
+}
+
+void TaskScheduler::run() {
+  loop(Clock::time_point::max());
+}
+
+void TaskScheduler::runUntil(Clock::time_point deadline) {
+  loop(deadline);
+}
+
+void TaskScheduler::loop(Clock::time_point deadline) {
+  Impl& d = *impl_;
+  const bool bounded = deadline != Clock::time_point::max();
+  for (;;) {
+    if (d.stopRequested.load(std::memory_order_relaxed) && d.stopRequested.exchange(false)) {
+      return;
+    }
+    bool worked = runOnce();
+    if (bounded && Clock::now() >= deadline) return;
+    if (worked) continue;
+    Clock::time_point wakeAt = deadline;
+    if (!d.heap.empty()) wakeAt = std::min(wakeAt, d.heap.front().deadline);
+    sleepUntil(wakeAt);
+  }
+}
+
+void TaskScheduler::stop() {
+  impl_->stopRequested.store(true);
+  wakeup();
+}
+
+void TaskScheduler::wakeup() {
+  Impl& d = *impl_;
+  d.wakeWord.fetch_add(1);
+  if (d.sleeping.load()) futexWake(&d.wakeWord, 1, false);
+}
+
+void TaskScheduler::sleepUntil(Clock::time_point wakeAt) {
+  Impl& d = *impl_;
+  d.words.clear();
+  d.sleeping.store(true);
+  d.words.push_back({&d.wakeWord, d.wakeWord.load(), false});
+  for (WaitSource* s : d.sources) s->sleepBegin(d.words);
+  MVPN_ASSERT_MSG(d.words.size() <= kFutexWaitvMax,
+                  "the scheduler sleeps on at most 128 futex words");
+  // Every source is now registered as a sleeper: anything that arrives from here on
+  // changes a watched word. Whatever arrived before is seen by this check.
+  bool pending = d.stopRequested.load() || d.hasPosted.load(std::memory_order_acquire) ||
+                 d.queued != 0 || d.anySourcePending() || Clock::now() >= wakeAt;
+  if (!pending) {
+    timespec ts{};
+    const timespec* timeout = nullptr;
+    if (wakeAt != Clock::time_point::max()) {
+      // steady_clock is CLOCK_MONOTONIC, the clock futex_waitv is told to use.
+      auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(wakeAt.time_since_epoch());
+      ts.tv_sec = static_cast<time_t>(ns.count() / 1'000'000'000);
+      ts.tv_nsec = static_cast<long>(ns.count() % 1'000'000'000);
+      timeout = &ts;
+    }
+    ++d.sleeps;
+    // Woken, timed out, interrupted or already changed: all lead back to the loop,
+    // which finds out what there is to do.
+    futexWaitv(d.words.data(), d.words.size(), timeout);
+  }
+  for (WaitSource* s : d.sources) s->sleepEnd();
+  d.sleeping.store(false, std::memory_order_relaxed);
+}
+
+}  // namespace Oro
