@@ -16,6 +16,7 @@ struct TaskScheduler::Impl {
   Task* tail[kTaskPriorities] = {};
   std::size_t queued = 0;
   Task* allTasks = nullptr;  // every task bound to this scheduler, for detaching them
+  std::unique_ptr<Task::Handler> orphanedHandler;  // of a running task that was deleted
 
   // Timers: a min-heap on (deadline, id) whose entries may outlive a cancellation; the
   // live timers are those in `timers`. The heap top is kept live (pruneTimers).
@@ -110,7 +111,7 @@ Task::Task(TaskScheduler* scheduler, TaskPriority priority, std::string name, Ha
     : scheduler_(scheduler),
       priority_(priority),
       name_(std::move(name)),
-      handler_(std::move(handler)) {
+      handler_(std::make_unique<Handler>(std::move(handler))) {
   MVPN_ASSERT_MSG(static_cast<int>(priority) < kTaskPriorities, "invalid task priority");
   if (scheduler_) scheduler_->taskCreated(this);
 }
@@ -159,9 +160,12 @@ void TaskScheduler::taskDestroyed(Task* task) {
   if (task->queued_) d.unlinkReady(task);
   (task->allPrev_ ? task->allPrev_->allNext_ : d.allTasks) = task->allNext_;
   if (task->allNext_) task->allNext_->allPrev_ = task->allPrev_;
-  // A handler deleting its own task: the loop no longer touches the task once the
-  // handler returns, and the rest of the handler runs as if outside any task.
-  if (running_ == task) running_ = nullptr;
+  // A handler deleting its own task: the rest of the handler runs as if outside any
+  // task, on a handler the scheduler now owns; the loop no longer touches the task.
+  if (running_ == task) {
+    running_ = nullptr;
+    d.orphanedHandler = std::move(task->handler_);
+  }
 }
 
 void TaskScheduler::scheduleTask(Task* task) {
@@ -192,13 +196,16 @@ void TaskScheduler::runTask(Task* task, Clock::time_point now) {
   ++task->runs_;
   ++tasksRun_;
   try {
-    task->handler_();
+    (*task->handler_)();
   } catch (...) {
     running_ = nullptr;
+    impl_->orphanedHandler.reset();
     throw;
   }
   // `task` may be gone by now (deleted by its own handler): do not touch it.
   running_ = nullptr;
+  if (impl_->orphanedHandler) [[unlikely]]
+    impl_->orphanedHandler.reset();
 }
 
 // ---------------------------------------------------------------------------------------

@@ -34,8 +34,8 @@ class TaskScheduler;
 
 // A named task. It is scheduled at most once at a time: scheduling a task that is
 // already queued does nothing. A task may be destroyed while queued (it is dequeued)
-// and from inside its own handler (the handler must then not touch its captures after
-// the deletion, as they died with the task).
+// and from inside its own handler: the handler (with its captures) then lives on until
+// it returns.
 class Task {
  public:
   using Handler = std::function<void()>;
@@ -66,7 +66,9 @@ class Task {
   TaskScheduler* scheduler_;
   TaskPriority priority_;
   std::string name_;
-  Handler handler_;
+  // On the heap, so that a handler that deletes its task can keep running: the
+  // scheduler takes it over and destroys it once it has returned.
+  std::unique_ptr<Handler> handler_;
   uint64_t workCount_ = 0;
   uint64_t pendingWork_ = 0;
   uint64_t runs_ = 0;
