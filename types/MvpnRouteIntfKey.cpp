@@ -1,0 +1,31 @@
+#include "types/MvpnRouteIntfKey.h"
+
+#include <type_traits>
+
+namespace Routing::Multicast {
+
+static_assert(std::is_trivially_copyable_v<MvpnRouteIntfKey>);
+
+MvpnRouteIntfKey MvpnRouteIntfKey::readFrom(Oro::CharRange& in) {
+  MvpnRouteKey key = MvpnRouteKey::readFrom(in);
+  in.expect(" on ");
+  return MvpnRouteIntfKey(key, Nevo::IntfId::readFrom(in));
+}
+
+MvpnRouteIntfKey::MvpnRouteIntfKey(Oro::CharRange& in) {
+  *this = readFrom(in);
+  in.expectEnd();
+}
+
+uint32_t MvpnRouteIntfKey::hash(uint32_t seed) const {
+  uint32_t h = Oro::hashMix(seed, source_.hash(seed));
+  h = Oro::hashMix(h, group_.hash(seed));
+  h = Oro::hashMix64(h, intfId_.value());
+  return Oro::hashFinish(Oro::hashMix(h, sharedTreeJoin_ ? 1u : 0u));
+}
+
+std::string MvpnRouteIntfKey::toStrep() const {
+  return fmt::format("{} on {}", routeKey(), intfId_);
+}
+
+}  // namespace Routing::Multicast

@@ -1,0 +1,75 @@
+// MvpnRouteKey: the key of one customer multicast route in a VRF: source, group and
+// whether the state is a shared-tree (*,G) join (true) or a source-tree (S,G) state.
+//
+// Text form: "(S, G)" for source-tree state, e.g. "(10.0.0.1, 239.1.1.1)"; "(*, G)" for a
+// shared-tree join whose source is the zero address of the group's family; "(S, G, *)"
+// for a shared-tree join with any other source. The parser reads all three back exactly.
+//
+// Trivially copyable with zeroed padding (kept in shared memory). Equality and order
+// use source, group, sharedTreeJoin in that order.
+#pragma once
+
+#include <compare>
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include <fmt/format.h>
+
+#include "platform/CharRange.h"
+#include "platform/Hash.h"
+#include "platform/IpAddr.h"
+
+namespace Routing::Multicast {
+
+class MvpnRouteKey {
+ public:
+  MvpnRouteKey() = default;
+  MvpnRouteKey(const Nevo::IpGenAddr& source, const Nevo::IpGenAddr& group, bool sharedTreeJoin)
+      : source_(source), group_(group), sharedTreeJoin_(sharedTreeJoin) {}
+
+  // Reads one key, leaving the position behind it.
+  static MvpnRouteKey readFrom(Oro::CharRange& in);
+  // Parses all of in; trailing characters are a ParseException.
+  explicit MvpnRouteKey(Oro::CharRange& in);
+
+  const Nevo::IpGenAddr& source() const { return source_; }
+  const Nevo::IpGenAddr& group() const { return group_; }
+  bool sharedTreeJoin() const { return sharedTreeJoin_; }
+  void sourceIs(const Nevo::IpGenAddr& v) { source_ = v; }
+  void groupIs(const Nevo::IpGenAddr& v) { group_ = v; }
+  void sharedTreeJoinIs(bool v) { sharedTreeJoin_ = v; }
+
+  // Checks a key assembled from raw fields (for example copied out of shared memory):
+  // both addresses must carry a known family.
+  void handleInit() const;
+
+  static bool isEq(const MvpnRouteKey& a, const MvpnRouteKey& b) { return a == b; }
+  uint32_t hash(uint32_t seed) const;
+  std::string toStrep() const;
+
+  friend bool operator==(const MvpnRouteKey&, const MvpnRouteKey&) = default;
+  friend auto operator<=>(const MvpnRouteKey&, const MvpnRouteKey&) = default;
+
+ private:
+  Nevo::IpGenAddr source_;
+  Nevo::IpGenAddr group_;
+  bool sharedTreeJoin_ = false;
+  uint8_t pad_[3] = {0, 0, 0};
+};
+
+}  // namespace Routing::Multicast
+
+template <>
+struct std::hash<Routing::Multicast::MvpnRouteKey> {
+  size_t operator()(const Routing::Multicast::MvpnRouteKey& k) const {
+    return k.hash(Oro::kFixedHashSeed);
+  }
+};
+
+template <>
+struct fmt::formatter<Routing::Multicast::MvpnRouteKey> : fmt::formatter<std::string_view> {
+  auto format(const Routing::Multicast::MvpnRouteKey& v, fmt::format_context& ctx) const {
+    return fmt::formatter<std::string_view>::format(v.toStrep(), ctx);
+  }
+};
