@@ -1,0 +1,121 @@
+// The resumable scan of one input stream: walks a collection in its own order, hands every key
+// to the owner's per-key reaction, and yields by the scheduler's verdict, remembering the next
+// key as a bookmark. Input machines and per-entity child machines embed one per stream.
+//
+// Scan states: 0 not scanned, 1 interrupted (resume at the bookmark), 2 complete, 3 first scan
+// complete while the parent had not finished its initial scan (a second scan follows).
+// Invariants: the bookmark is set exactly in state 1; a yield never happens after the last
+// key (a scan with no next key completes in the same run); a synchronous scan never yields.
+//
+// Coll concept: Key, Bookmark, iter(), iterAt(bookmark), size(), and
+// handleCorruption(const Oro::ShmCorruptionException&); its iterators have valid(), key(),
+// next() and bookmark(). A corruption reported while walking is handed to the collection's
+// handler and ends the walk as if the collection had ended.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "merge/MergeTraceLevels.h"
+#include "platform/Error.h"
+#include "platform/TaskScheduler.h"
+#include "platform/Trace.h"
+
+namespace Routing::Multicast::DynaCode {
+
+enum ScanState : uint8_t {
+  kScanNotScanned = 0,
+  kScanInterrupted = 1,
+  kScanComplete = 2,
+  kScanInitialComplete = 3,
+};
+
+// What a scan needs to know of the machine that runs it.
+struct ScanEnv {
+  const bool* parentInitialScanDone;  // read live: it may change while the scan runs
+  Oro::Task* task;                    // the task the scan runs in; null when it has none
+  bool synchronous;
+  const Oro::TraceHandle* trace;
+  std::string_view machineName;
+  std::string_view inputName;
+
+  // shouldYield<n>: a task, not synchronous, and the scheduler says the slice is used up.
+  bool shouldYield() const { return task && !synchronous && task->shouldYield(); }
+};
+
+template <class Coll>
+class InputScan {
+ public:
+  using Key = typename Coll::Key;
+  using Bookmark = typename Coll::Bookmark;
+  enum class Result { yielded, completed };
+
+  uint8_t state() const { return state_; }
+  const std::optional<Bookmark>& bookmark() const { return bookmark_; }
+  // inputScanComplete<n>.
+  bool complete(bool parentInitialScanDone) const {
+    return state_ == kScanComplete || (state_ == kScanInitialComplete && !parentInitialScanDone);
+  }
+  // Items handled by the last run (for tracing and benchmarks).
+  uint64_t lastRunItems() const { return lastRunItems_; }
+
+  // One run of the scan (the caller has checked that it is not complete). Calls onKey(key)
+  // for every key; on a yield reschedules env.task and returns yielded; at the end of the
+  // collection moves to state 2 (parent done) or 3 and returns completed.
+  template <class OnKey>
+  Result run(const Coll& coll, const ScanEnv& env, OnKey&& onKey) {
+    const bool resumed = state_ == kScanInterrupted;
+    ORO_TRACE(*env.trace, kTraceScan, " scan complete: {} resumed: {} scan: {}",
+              complete(*env.parentInitialScanDone), resumed, state_);
+    uint64_t handled = 0;
+    try {
+      auto it = resumed ? coll.iterAt(*bookmark_) : coll.iter();
+      while (it.valid()) {
+        const Key key = it.key();
+        onKey(key);
+        ++handled;
+        it.next();
+        if (!it.valid()) break;
+        if (env.shouldYield()) {
+          const size_t total = coll.size();
+          ORO_TRACE(*env.trace, kTraceScan, "{} {} yielding after {} iterations ({} total items)",
+                    env.machineName, env.inputName, handled, total);
+          state_ = kScanInterrupted;
+          bookmark_ = it.bookmark();
+          lastRunItems_ = handled;
+          env.task->workCountInc(handled);
+          env.task->pendingWorkIs(total);
+          env.task->schedule();
+          return Result::yielded;
+        }
+      }
+    } catch (const Oro::ShmCorruptionException& e) {
+      coll.handleCorruption(e);
+    }
+    lastRunItems_ = handled;
+    if (env.task) {
+      env.task->workCountInc(handled);
+      env.task->pendingWorkIs(0);
+    }
+    bookmark_.reset();
+    state_ = *env.parentInitialScanDone ? kScanComplete : kScanInitialComplete;
+    return Result::completed;
+  }
+
+  // The scan's name in its completion trace: "<input>" or "<input> initial".
+  std::string completionLabel(std::string_view inputName) const {
+    std::string label(inputName);
+    if (state_ == kScanInitialComplete) label += " initial";
+    return label;
+  }
+
+ private:
+  uint8_t state_ = kScanNotScanned;
+  std::optional<Bookmark> bookmark_;
+  uint64_t lastRunItems_ = 0;
+};
+
+}  // namespace Routing::Multicast::DynaCode

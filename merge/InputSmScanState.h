@@ -1,0 +1,44 @@
+// Scan-state companion of a merge machine: one flag per input stream ("dyx_stream<n>Scan"),
+// set when that stream has finished a scan, and the machine-wide `idle` flag.
+//
+// Invariants: the number of streams is fixed at construction; every change of a flag is
+// published (attribute idleAttr, or streamScanAttr(n)), and setting a flag to the value it
+// already holds publishes nothing.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/Entity.h"
+
+namespace Routing::Multicast::DynaCode {
+
+class InputSmScanState : public Oro::Entity {
+ public:
+  static constexpr Oro::AttrId idleAttr = 0;
+  static constexpr Oro::AttrId streamScanAttr(size_t stream) {
+    return static_cast<Oro::AttrId>(1 + stream);
+  }
+
+  InputSmScanState(std::string typeName, size_t streams);
+  std::string_view typeName() const override { return typeName_; }
+
+  size_t streams() const { return streamScan_.size(); }
+  bool idle() const { return idle_; }
+  void idleIs(bool idle);
+  // dyx_stream<n>Scan.
+  bool streamScan(size_t stream) const { return streamScan_.at(stream); }
+  void streamScanIs(size_t stream, bool done);
+  // The highest-numbered stream whose flag is clear, or streams() when all are set.
+  size_t lastUnscannedStream() const;
+  bool allStreamsScanned() const { return lastUnscannedStream() == streams(); }
+
+ private:
+  std::string typeName_;
+  bool idle_ = false;
+  std::vector<bool> streamScan_;
+};
+
+}  // namespace Routing::Multicast::DynaCode

@@ -1,0 +1,233 @@
+// An input machine of a merge machine that watches one keyed collection of one input root:
+// it reacts to the collection's per-key notifications, scans the collection in its task (or
+// inline when synchronous), and hands every key to the parent's merge through the stream's
+// event function (eventToDyx_stream<n>).
+//
+// Source concept (one per watched collection type): Root, Key, Value, Iterator, Bookmark,
+// `static constexpr Oro::AttrId attr`, and static lookup(root, key) -> optional<Value>,
+// iter(root), iterAt(root, bookmark), size(root), handleCorruption(root, exception).
+//
+// Invariants: nothing happens before start(); the input root is never null (checked by the
+// parent before creation); after inputRootDel() the input counts as empty for lookups and
+// scans. A notification being handled (pending) when doDeleteAll runs is a missed
+// notification and fatal.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include <fmt/format.h>
+
+#include "merge/InputScan.h"
+#include "merge/MergeSm.h"
+#include "merge/MergeSmParts.h"
+#include "merge/MergeTraceLevels.h"
+#include "platform/Assert.h"
+#include "platform/Entity.h"
+#include "platform/Error.h"
+#include "platform/Ptr.h"
+#include "platform/TaskScheduler.h"
+#include "platform/Trace.h"
+
+namespace Routing::Multicast::DynaCode {
+
+template <class Source>
+class KeyedInputSm : public InputSmBase {
+ public:
+  using Root = typename Source::Root;
+  using Key = typename Source::Key;
+  using Value = typename Source::Value;
+  using EventFn = std::function<void(const Key&, const std::optional<Value>&)>;
+
+  // The watched collection as the scan sees it: empty once the input has departed.
+  struct Coll {
+    using Key = typename Source::Key;
+    using Bookmark = typename Source::Bookmark;
+    struct Iterator {
+      std::optional<typename Source::Iterator> it;
+      bool valid() const { return it && it->valid(); }
+      Key key() const { return it->key(); }
+      void next() { it->next(); }
+      Bookmark bookmark() const { return it->bookmark(); }
+    };
+    const KeyedInputSm* sm;
+    Iterator iter() const { return sm->departed_ ? Iterator{} : Iterator{Source::iter(*sm->en_)}; }
+    Iterator iterAt(const Bookmark& b) const {
+      return sm->departed_ ? Iterator{} : Iterator{Source::iterAt(*sm->en_, b)};
+    }
+    size_t size() const { return sm->departed_ ? 0 : Source::size(*sm->en_); }
+    void handleCorruption(const Oro::ShmCorruptionException& e) const {
+      Source::handleCorruption(*sm->en_, e);
+    }
+  };
+
+  // `typeName`: the machine's full type name; `name`: e.g. "MvpnVrfStatusSm0";
+  // `collName`: the watched collection, e.g. "mvpnVrf".
+  KeyedInputSm(MergeSm* parent, Oro::Ptr<const Root> en, size_t stream, std::string typeName,
+               std::string name, std::string collName, EventFn event)
+      : parent_(parent),
+        en_(std::move(en)),
+        stream_(stream),
+        typeName_(std::move(typeName)),
+        name_(std::move(name)),
+        collName_(std::move(collName)),
+        event_(std::move(event)),
+        synchronous_(parent->dynaControl().defaultSynchronous),
+        reactor_(Source::attr, [this](const Key& key) { handleReactor(key); }) {}
+
+  ~KeyedInputSm() override { reactor_.notifierIs(nullptr); }
+
+  std::string_view typeName() const override { return typeName_; }
+  MergeSm* parent() const { return parent_; }
+  const Root* en() const { return en_.get(); }
+  size_t stream() const { return stream_; }
+  const std::string& name() const { return name_; }
+  bool initialized() const { return initialized_; }
+  bool synchronous() const { return synchronous_; }
+  bool departed() const { return departed_; }
+
+  // task<n>, inputScanBookmark<n>, inputScanState<n> and the derived attributes.
+  Oro::Task* task() const { return task_.get(); }
+  const std::optional<typename Source::Bookmark>& inputScanBookmark() const {
+    return scan_.bookmark();
+  }
+  uint8_t inputScanState() const { return scan_.state(); }
+  bool inTask() const {
+    return task_ && task_->scheduler() && task_->scheduler()->taskCurrentlyRunning() == task_.get();
+  }
+  bool shouldYield() const { return env().shouldYield(); }
+  bool inputScanComplete() const { return scan_.complete(parent_->initialScanDone()); }
+  bool initialScanDone() const { return parent_->initialScanDone(); }
+  uint64_t lastScanRunItems() const { return scan_.lastRunItems(); }
+
+  void taskIs(Oro::TaskScheduler* scheduler, Oro::TaskPriority priority, std::string name) {
+    task_ = std::make_unique<Oro::Task>(scheduler, priority, std::move(name),
+                                        [this] { doInputScan(); });
+  }
+  void taskDel() { task_.reset(); }
+  void doInitializeTask() {
+    const Dyx::SmControl& control = parent_->dynaControl();
+    if (!control.taskScheduler) return;
+    taskIs(control.taskScheduler, control.taskPriority,
+           fmt::format("{}-{}InputScanTask{}", parent_->typeName(), name_, stream_));
+  }
+
+  // The input's current value for `key`; absent once the input has departed or when the
+  // table reports corruption (handed to its handler).
+  std::optional<Value> lookup(const Key& key) const {
+    if (departed_) return std::nullopt;
+    try {
+      return Source::lookup(*en_, key);
+    } catch (const Oro::ShmCorruptionException& e) {
+      Source::handleCorruption(*en_, e);
+      return std::nullopt;
+    }
+  }
+
+  // handle<Coll><n>: the per-key reaction.
+  void handle(const Key& key) {
+    if (!initialized_) return;
+    ORO_TRACE(parent_->qtHandle(), kTraceKey, "k: {}", key);
+    event_(key, lookup(key));
+  }
+  // handle<Coll><n>Reactor: the notification entry.
+  void handleReactor(const Key& key) {
+    ++pendingNotifications_;
+    struct Done {
+      uint32_t& n;
+      ~Done() { --n; }
+    } done{pendingNotifications_};
+    handle(key);
+  }
+
+  // doInputScan<n>.
+  void doInputScan() {
+    if (!initialized_ || scan_.complete(parent_->initialScanDone())) return;
+    MVPN_ASSERT_MSG(en(),
+                    "Sm args can only be null if marked as Optional in the SM type declaration");
+    using Result = typename InputScan<Coll>::Result;
+    if (scan_.run(Coll{this}, env(), [this](const Key& key) { handle(key); }) !=
+        Result::completed) {
+      return;
+    }
+    const std::string label = scan_.completionLabel(name_);
+    if (scan_.state() == kScanComplete) taskDel();
+    parent_->inputSmScanState()->streamScanIs(stream_, true);
+    ORO_TRACE(parent_->qtHandle(), kTraceScan, "{} scan, and parent scan, complete.", label);
+  }
+
+  void start() override {
+    if (initialized_) return;
+    initialized_ = true;
+    doInitializeTask();
+    reactor_.notifierIs(const_cast<Root*>(en_.get()));
+    runScan();
+  }
+
+  void rescan() override {
+    if (scan_.state() == kScanInitialComplete) runScan();
+  }
+
+  void doDeleteAll() override {
+    ORO_TRACE(parent_->qtHandle(), kTraceLifecycle, "{} doDeleteAll", name_);
+    if (!parent_->initialScanDone()) return;
+    if (pendingNotifications_ != 0) {
+      MVPN_FATAL(fmt::format(
+          "We missed notifications that happened to {} before the enclosing entity got deleted",
+          collName_));
+    }
+    try {
+      for (auto it = Source::iter(*en_); it.valid(); it.next()) {
+        event_(it.key(), std::nullopt);
+      }
+    } catch (const Oro::ShmCorruptionException& e) {
+      Source::handleCorruption(*en_, e);
+    }
+  }
+
+  // The watched input root goes away: stop watching it, then re-merge each of its keys so
+  // that the output falls back to the other inputs. A scan still to run finds it empty.
+  void inputRootDel() {
+    if (departed_) return;
+    ORO_TRACE(parent_->qtHandle(), kTraceLifecycle, "{} input deleted", name_);
+    reactor_.notifierIs(nullptr);
+    departed_ = true;
+    doDeleteAll();
+  }
+
+ private:
+  ScanEnv env() const {
+    return ScanEnv{parent_->initialScanDonePtr(), task_.get(),          synchronous_,
+                   &parent_->qtHandle(),          parent_->shortName(), name_};
+  }
+  // In the task when there is one and the machine is not synchronous, else right here.
+  void runScan() {
+    if (task_ && !synchronous_) {
+      task_->schedule();
+    } else {
+      doInputScan();
+    }
+  }
+
+  MergeSm* parent_;
+  Oro::Ptr<const Root> en_;
+  size_t stream_;
+  std::string typeName_;
+  std::string name_;
+  std::string collName_;
+  EventFn event_;
+  bool synchronous_;
+  bool initialized_ = false;
+  bool departed_ = false;
+  uint32_t pendingNotifications_ = 0;
+  InputScan<Coll> scan_;
+  std::unique_ptr<Oro::Task> task_;
+  Oro::KeyReactor<Key> reactor_;
+};
+
+}  // namespace Routing::Multicast::DynaCode

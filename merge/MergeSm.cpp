@@ -1,0 +1,93 @@
+#include "merge/MergeSm.h"
+
+#include "merge/MergeTraceLevels.h"
+
+namespace Routing::Multicast::DynaCode {
+
+MergeSm::MergeSm(std::string typeName, std::string shortName, const Oro::TraceHandle& trace,
+                 const Dyx::SmControl& control, size_t streams, size_t outputs)
+    : typeName_(std::move(typeName)),
+      shortName_(std::move(shortName)),
+      qtHandle_(&trace),
+      dynaControl_(control),
+      streams_(streams),
+      outputCount_(outputs),
+      synchronous_(control.defaultSynchronous),
+      scanStateReactor_([this](Oro::AttrId attr) { onScanStateChange(attr); }),
+      outputStateReactor_([this](Oro::AttrId attr) { onOutputStateChange(attr); }) {}
+
+MergeSm::~MergeSm() {
+  // Companions may outlive the machine in a caller's Ptr; stop listening to them first.
+  scanStateReactor_.notifierIs(nullptr);
+  outputStateReactor_.notifierIs(nullptr);
+}
+
+void MergeSm::initializedIs(bool initialized) {
+  if (initialized_ == initialized) return;
+  initialized_ = initialized;
+  publish(initializedAttr);
+  if (initialized_) handleInitialized();
+}
+
+void MergeSm::handleInitialized() {
+  if (inputSmScanState_) return;  // already started
+  initialized_ = true;
+  checkPointers();
+  ORO_TRACE(*qtHandle_, kTraceLifecycle, "create local SMs");
+  inputSmScanState_ = Oro::makePtr<InputSmScanState>(typeName_ + "::InputSmScanState", streams_);
+  outputState_ = Oro::makePtr<OutputState>(typeName_ + "::OutputState", outputCount_);
+  scanStateReactor_.notifierIs(inputSmScanState_.get());
+  outputStateReactor_.notifierIs(outputState_.get());
+  for (OutputBase* output : outputs_) output->initialize();
+  ORO_TRACE(*qtHandle_, kTraceLifecycle, "create non-public arg SMs");
+  createInputSms();
+  for (InputSmBase* sm : inputSms_) sm->start();
+}
+
+void MergeSm::handleInitialScanDone() {
+  if (initialScanDone_) return;
+  const size_t missing = inputSmScanState_->lastUnscannedStream();
+  if (missing != streams_) {
+    ORO_TRACE(*qtHandle_, kTraceScan, " dyx_stream{} scan is false", missing);
+    ORO_TRACE(*qtHandle_, kTraceScan, "Initial scan yielding for child SM {}.", shortName_);
+    return;
+  }
+  ORO_TRACE(*qtHandle_, kTraceLifecycle,
+            "Initial scan done for child SMs. Now scanning with events triggered.");
+  initialScanDone_ = true;
+  publish(initialScanDoneAttr);
+  for (size_t n = 0; n < streams_; ++n) inputSmScanState_->streamScanIs(n, false);
+  for (InputSmBase* sm : inputSms_) sm->rescan();
+}
+
+void MergeSm::handleIdle() {
+  if (!inputSmScanState_->idle()) inputSmScanState_->idleIs(true);
+}
+
+void MergeSm::handleReady() {
+  outputState_->handleReady();
+  publish(readyAttr);
+  if (outputState_->ready()) handleIdle();
+}
+
+void MergeSm::doDeleteAll() {
+  for (InputSmBase* sm : inputSms_) sm->doDeleteAll();
+}
+
+void MergeSm::onScanStateChange(Oro::AttrId attr) {
+  if (attr == InputSmScanState::idleAttr) {
+    publish(idleAttr);
+    return;
+  }
+  if (!initialScanDone_) {
+    handleInitialScanDone();
+    return;
+  }
+  for (OutputBase* output : outputs_) output->handleInputReady();
+}
+
+void MergeSm::onOutputStateChange(Oro::AttrId attr) {
+  if (attr == OutputState::readyAttr) handleReady();
+}
+
+}  // namespace Routing::Multicast::DynaCode

@@ -1,0 +1,97 @@
+// The parent of every merge machine: the lifecycle shared by all machines generated from a
+// dataflow description (several keyed inputs merged per key into output collections).
+//
+// Lifecycle: idle -> initialized (handleInitialized: pointer checks, companions, input
+// machines, first scans) -> initialScanDone (every stream finished its first scan, which
+// writes nothing; the inputs scan again, now merging) -> ready (every stream finished its
+// second scan and every output reconciled its stale entries). Afterwards input changes are
+// merged key by key.
+//
+// Invariants: the merge functions of a machine do nothing while initialScanDone() is false;
+// ready() is the output companion's ready (false before initialisation); idle() implies
+// ready(). Everything runs on the thread of dynaControl().taskScheduler.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "merge/InputSmScanState.h"
+#include "merge/MergeSmParts.h"
+#include "merge/OutputState.h"
+#include "platform/Entity.h"
+#include "platform/Ptr.h"
+#include "platform/TaskScheduler.h"
+#include "platform/Trace.h"
+
+namespace Routing::Multicast::DynaCode {
+
+class MergeSm : public Oro::Entity {
+ public:
+  static constexpr Oro::AttrId initializedAttr = 0;
+  static constexpr Oro::AttrId initialScanDoneAttr = 1;
+  static constexpr Oro::AttrId readyAttr = 2;
+  static constexpr Oro::AttrId idleAttr = 3;
+
+  ~MergeSm() override;
+
+  std::string_view typeName() const override { return typeName_; }
+  // The machine's name without namespaces, e.g. "MergedMvpnVrfStatusSm".
+  const std::string& shortName() const { return shortName_; }
+
+  const Dyx::SmControl& dynaControl() const { return dynaControl_; }
+  bool initialized() const { return initialized_; }
+  // Setting true for the first time starts the machine (handleInitialized).
+  void initializedIs(bool initialized);
+  bool initialScanDone() const { return initialScanDone_; }
+  const bool* initialScanDonePtr() const { return &initialScanDone_; }
+  bool synchronous() const { return synchronous_; }
+  bool ready() const { return outputState_ && outputState_->ready(); }
+  bool idle() const { return ready() && (synchronous_ || inputSmScanState_->idle()); }
+
+  InputSmScanState* inputSmScanState() const { return inputSmScanState_.get(); }
+  OutputState* outputState() const { return outputState_.get(); }
+  const Oro::TraceHandle& qtHandle() const { return *qtHandle_; }
+
+  void handleInitialized();
+  void handleInitialScanDone();
+  void handleIdle();
+  void handleReady();
+  void doDeleteAll();
+
+ protected:
+  MergeSm(std::string typeName, std::string shortName, const Oro::TraceHandle& trace,
+          const Dyx::SmControl& control, size_t streams, size_t outputs);
+
+  // Fails the null-pointer assertion of the first missing mandatory argument, tested from
+  // the last argument back to the first.
+  virtual void checkPointers() const = 0;
+  // Creates the input machines and registers each with inputSmIs.
+  virtual void createInputSms() = 0;
+
+  void inputSmIs(InputSmBase* sm) { inputSms_.push_back(sm); }
+  void outputIs(OutputBase* output) { outputs_.push_back(output); }
+
+ private:
+  void onScanStateChange(Oro::AttrId attr);
+  void onOutputStateChange(Oro::AttrId attr);
+
+  std::string typeName_;
+  std::string shortName_;
+  const Oro::TraceHandle* qtHandle_;
+  Dyx::SmControl dynaControl_;
+  size_t streams_;
+  size_t outputCount_;
+  bool initialized_ = false;
+  bool initialScanDone_ = false;
+  bool synchronous_;
+  Oro::Ptr<InputSmScanState> inputSmScanState_;
+  Oro::Ptr<OutputState> outputState_;
+  Oro::AttrReactor scanStateReactor_;
+  Oro::AttrReactor outputStateReactor_;
+  std::vector<InputSmBase*> inputSms_;  // owned by the derived machine
+  std::vector<OutputBase*> outputs_;    // owned by the derived machine
+};
+
+}  // namespace Routing::Multicast::DynaCode

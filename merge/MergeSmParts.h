@@ -1,0 +1,32 @@
+// The parent merge machine's view of its parts: the input machines (one per watched input,
+// each running one or more scan streams) and the output bookkeeping (one per output
+// collection). The parent drives them through the lifecycle without knowing their key types.
+#pragma once
+
+#include <cstddef>
+#include <vector>
+
+#include "platform/Entity.h"
+
+namespace Routing::Multicast::DynaCode {
+
+class InputSmBase : public Oro::Entity {
+ public:
+  // Creates the scan task(s), subscribes to the input and starts the first scan.
+  virtual void start() = 0;
+  // Scans the input again once the parent's initial scan is done (state 3 -> 2).
+  virtual void rescan() = 0;
+  // Replays every key of the input through the merge with no value from this input.
+  virtual void doDeleteAll() = 0;
+};
+
+class OutputBase {
+ public:
+  virtual ~OutputBase() = default;
+  // At initialisation: decides whether stale entries must be reconciled, creates the task.
+  virtual void initialize() = 0;
+  // Reconciliation step, run when the scan flags change after the initial scan.
+  virtual void handleInputReady() = 0;
+};
+
+}  // namespace Routing::Multicast::DynaCode

@@ -1,0 +1,156 @@
+// Bookkeeping of one output collection of a merge machine: the Seen set of keys written while
+// reconciling, the walk that deletes stale entries after the merging scans, with its bookmark
+// and its own task, and the output's ready flag.
+//
+// Reconciling is decided once, at initialisation: it is set exactly when the output already
+// holds entries (a restart over a surviving output). While it is set every key the merge
+// writes or deletes is recorded in Seen; the walk deletes every output entry not in Seen,
+// then clears Seen and marks the output ready. With an empty output the walk is skipped.
+//
+// OutColl concept: Key, Bookmark, iter(), iterAt(bookmark), size(), del(key) and
+// handleCorruption(const Oro::ShmCorruptionException&). KeyType wraps Key (the element type
+// of Seen; constructible from a Key, hashable with Hash).
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <unordered_set>
+#include <utility>
+#include <vector>
+
+#include "merge/MergeSm.h"
+#include "merge/MergeSmParts.h"
+#include "merge/MergeTraceLevels.h"
+#include "platform/Error.h"
+#include "platform/TaskScheduler.h"
+#include "platform/Trace.h"
+
+namespace Routing::Multicast::DynaCode {
+
+template <class OutColl, class KeyType, class Hash = std::hash<KeyType>>
+class OutputReconciler : public OutputBase {
+ public:
+  using Key = typename OutColl::Key;
+  using Bookmark = typename OutColl::Bookmark;
+
+  // `name` is the output's name, e.g. "mergedVrfStatusMvpnVrfOutput"; `index` its flag in the
+  // output companion; `streams` the scan flags that must all be set before reconciling.
+  OutputReconciler(MergeSm* parent, size_t index, std::string name, std::vector<size_t> streams,
+                   OutColl coll)
+      : parent_(parent),
+        index_(index),
+        name_(std::move(name)),
+        streams_(std::move(streams)),
+        coll_(std::move(coll)) {}
+
+  const std::string& name() const { return name_; }
+  const OutColl& coll() const { return coll_; }
+  // <out>Seen, <out>Bookmark, <out>UseBookmark, <out>Reconciling, <out>ReconciliationTask.
+  const std::unordered_set<KeyType, Hash>& seen() const { return seen_; }
+  const std::optional<Bookmark>& bookmark() const { return bookmark_; }
+  bool useBookmark() const { return useBookmark_; }
+  bool reconciling() const { return reconciling_; }
+  Oro::Task* reconciliationTask() const { return task_.get(); }
+  // Totals over the whole reconciliation (the trace reports the last task run only).
+  uint64_t processedTotal() const { return processedTotal_; }
+  uint64_t deletedTotal() const { return deletedTotal_; }
+
+  // Called by the merge for every key it writes or deletes in this output.
+  void keyMerged(const Key& key) {
+    if (reconciling_) seen_.insert(KeyType(key));
+  }
+
+  void initialize() override {
+    reconciling_ = coll_.size() != 0;
+    if (Oro::TaskScheduler* scheduler = parent_->dynaControl().taskScheduler) {
+      task_ = std::make_unique<Oro::Task>(scheduler, parent_->dynaControl().taskPriority,
+                                          parent_->shortName() + "-" + name_ + "Task",
+                                          [this] { handleInputReady(); });
+    }
+  }
+
+  void handleInputReady() override {
+    const Oro::TraceHandle& trace = parent_->qtHandle();
+    if (parent_->outputState()->outputReady(index_)) {
+      ORO_TRACE(trace, kTraceScan, "already ready, not reconciling.");
+      return;
+    }
+    for (size_t stream : streams_) {
+      if (!parent_->inputSmScanState()->streamScan(stream)) return;
+    }
+    if (!parent_->initialScanDone()) {
+      parent_->handleInitialScanDone();
+      return;
+    }
+    ORO_TRACE(trace, kTraceLifecycle, "Input scans for {} complete", name_);
+    uint64_t processed = 0;
+    uint64_t deleted = 0;
+    if (reconciling_ && walk(processed, deleted)) return;  // yielded
+    ORO_TRACE(trace, kTraceLifecycle,
+              "Deletion scan for reconciliation is done, last task run processed {} items, "
+              "deleting {} items.",
+              processed, deleted);
+    bookmark_.reset();
+    useBookmark_ = false;
+    reconciling_ = false;
+    seen_ = {};
+    parent_->outputState()->outputReadyIs(index_, true);
+  }
+
+ private:
+  // Deletes unseen entries from the bookmark on; returns true when it stopped to yield.
+  bool walk(uint64_t& processed, uint64_t& deleted) {
+    const bool synchronous = parent_->synchronous() || !task_;
+    try {
+      auto it = useBookmark_ ? coll_.iterAt(*bookmark_) : coll_.iter();
+      while (it.valid()) {
+        if (!synchronous && processed > 0 &&
+            (task_->scheduler()->taskCurrentlyRunning() != task_.get() || task_->shouldYield())) {
+          bookmark_ = it.bookmark();
+          useBookmark_ = true;
+          task_->workCountInc(processed);
+          task_->pendingWorkIs(coll_.size());
+          task_->schedule();
+          ORO_TRACE(parent_->qtHandle(), kTraceScan,
+                    "Yielding in reconciliation processing after processing {} items, "
+                    "including {} deletions .",
+                    processed, deleted);
+          return true;
+        }
+        const Key key = it.key();
+        it.next();  // step off the key before it may be deleted
+        if (!seen_.contains(KeyType(key))) {
+          coll_.del(key);
+          ++deleted;
+          ++deletedTotal_;
+        }
+        ++processed;
+        ++processedTotal_;
+      }
+    } catch (const Oro::ShmCorruptionException& e) {
+      coll_.handleCorruption(e);
+    }
+    if (task_) {
+      task_->workCountInc(processed);
+      task_->pendingWorkIs(0);
+    }
+    return false;
+  }
+
+  MergeSm* parent_;
+  size_t index_;
+  std::string name_;
+  std::vector<size_t> streams_;
+  OutColl coll_;
+  std::unordered_set<KeyType, Hash> seen_;
+  std::optional<Bookmark> bookmark_;
+  bool useBookmark_ = false;
+  bool reconciling_ = false;
+  std::unique_ptr<Oro::Task> task_;
+  uint64_t processedTotal_ = 0;
+  uint64_t deletedTotal_ = 0;
+};
+
+}  // namespace Routing::Multicast::DynaCode
