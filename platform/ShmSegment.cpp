@@ -1,0 +1,270 @@
+#include "platform/ShmSegment.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <mutex>
+#include <sstream>
+#include <utility>
+
+#include <fmt/format.h>
+
+#include "platform/Error.h"
+
+namespace Oro {
+
+namespace {
+
+constexpr size_t kMaxNameLength = 200;  // below NAME_MAX with room for suffixes
+
+bool isNameChar(char c, bool allowDash) {
+  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' ||
+         (allowDash && c == '-');
+}
+
+std::string defaultNamespace() {
+  const char* env = std::getenv("MVPN_SHM_NAMESPACE");
+  return (env && *env) ? std::string(env) : std::string("mvpn");
+}
+
+std::string& namespaceStorage() {
+  static std::string ns = defaultNamespace();
+  return ns;
+}
+
+void checkNamespace(std::string_view ns) {
+  if (ns.empty() || ns.size() > 64) {
+    throw ShmException(fmt::format("invalid shared-memory namespace '{}'", ns));
+  }
+  for (char c : ns) {
+    if (!isNameChar(c, true)) {
+      throw ShmException(fmt::format("invalid shared-memory namespace '{}'", ns));
+    }
+  }
+}
+
+std::string errnoText(int err) {
+  return std::strerror(err);
+}
+
+}  // namespace
+
+const std::string& shmNamespace() {
+  return namespaceStorage();
+}
+
+void shmNamespaceIs(std::string ns) {
+  checkNamespace(ns);
+  namespaceStorage() = std::move(ns);
+}
+
+void shmValidateName(std::string_view mountPath, std::string_view collection) {
+  auto bad = [&](const char* why) {
+    return ShmException(
+        fmt::format("invalid table name '{}' / '{}': {}", mountPath, collection, why));
+  };
+  if (mountPath.empty()) throw bad("empty mount path");
+  if (mountPath.front() == '/' || mountPath.back() == '/') {
+    throw bad("mount path starts or ends with '/'");
+  }
+  size_t componentLength = 0;
+  for (char c : mountPath) {
+    if (c == '/') {
+      if (componentLength == 0) throw bad("empty mount path component");
+      componentLength = 0;
+    } else if (isNameChar(c, true)) {
+      ++componentLength;
+    } else {
+      throw bad("mount path holds a character outside [A-Za-z0-9_-/]");
+    }
+  }
+  if (collection.empty()) throw bad("empty collection name");
+  for (char c : collection) {
+    if (!isNameChar(c, false)) throw bad("collection holds a character outside [A-Za-z0-9_]");
+  }
+  if (mountPath.size() + collection.size() + shmNamespace().size() + 3 > kMaxNameLength) {
+    throw bad("name too long");
+  }
+}
+
+std::string shmSegmentName(std::string_view mountPath, std::string_view collection,
+                           std::string_view suffix) {
+  shmValidateName(mountPath, collection);
+  std::string name = "/" + shmNamespace() + ".";
+  for (char c : mountPath) name.push_back(c == '/' ? '.' : c);
+  name.push_back('.');
+  name.append(collection);
+  if (!suffix.empty()) {
+    name.push_back('.');
+    name.append(suffix);
+  }
+  return name;
+}
+
+std::vector<std::string> shmNamespaceSegments() {
+  std::vector<std::string> out;
+  const std::string prefix = shmNamespace() + ".";
+  DIR* dir = ::opendir("/dev/shm");
+  if (!dir) return out;
+  while (dirent* e = ::readdir(dir)) {
+    std::string_view n(e->d_name);
+    if (n.substr(0, prefix.size()) == prefix) out.emplace_back(n);
+  }
+  ::closedir(dir);
+  return out;
+}
+
+void shmUnlinkNamespace() {
+  for (const std::string& n : shmNamespaceSegments()) ::shm_unlink(("/" + n).c_str());
+}
+
+uint64_t processStartTime(pid_t pid) {
+  std::ifstream in(fmt::format("/proc/{}/stat", pid));
+  if (!in) return 0;
+  std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  size_t paren = text.rfind(')');
+  if (paren == std::string::npos) return 0;
+  std::istringstream fields(text.substr(paren + 1));
+  std::string field;
+  // After the command name come the fields from 3 (state) on; the start time is field 22.
+  for (int i = 3; i <= 22; ++i) {
+    if (!(fields >> field)) return 0;
+  }
+  if (field.size() >= 1 && (text[paren + 2] == 'Z' || text[paren + 2] == 'X')) return 0;
+  return std::strtoull(field.c_str(), nullptr, 10);
+}
+
+ShmSegment::ShmSegment(ShmSegment&& o) noexcept
+    : data_(std::exchange(o.data_, nullptr)),
+      size_(std::exchange(o.size_, 0)),
+      fd_(std::exchange(o.fd_, -1)),
+      name_(std::move(o.name_)) {}
+
+ShmSegment& ShmSegment::operator=(ShmSegment&& o) noexcept {
+  if (this != &o) {
+    release();
+    data_ = std::exchange(o.data_, nullptr);
+    size_ = std::exchange(o.size_, 0);
+    fd_ = std::exchange(o.fd_, -1);
+    name_ = std::move(o.name_);
+  }
+  return *this;
+}
+
+ShmSegment::~ShmSegment() {
+  release();
+}
+
+void ShmSegment::release() {
+  if (data_) ::munmap(data_, size_);
+  if (fd_ >= 0) ::close(fd_);
+  data_ = nullptr;
+  size_ = 0;
+  fd_ = -1;
+}
+
+ShmSegment ShmSegment::create(const std::string& name, size_t bytes, mode_t mode, bool replace) {
+  if (replace) ::shm_unlink(name.c_str());
+  int fd = ::shm_open(name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, mode);
+  if (fd < 0) {
+    int err = errno;
+    throw ShmException(fmt::format("cannot create shared memory segment {}: {}", name,
+                                   err == EEXIST ? "it already exists" : errnoText(err)));
+  }
+  // fchmod: the umask must not narrow the mode the table was asked for.
+  (void)::fchmod(fd, mode);
+  auto fail = [&](const char* what, int err) {
+    ::close(fd);
+    ::shm_unlink(name.c_str());
+    return ShmException(fmt::format("cannot {} shared memory segment {} ({} bytes): {}", what, name,
+                                    bytes, errnoText(err)));
+  };
+  if (::ftruncate(fd, static_cast<off_t>(bytes)) != 0) throw fail("size", errno);
+  if (int err = ::posix_fallocate(fd, 0, static_cast<off_t>(bytes)); err != 0) {
+    throw fail("commit memory of", err);
+  }
+  void* p = ::mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+  if (p == MAP_FAILED) throw fail("map", errno);
+  ShmSegment s;
+  s.data_ = static_cast<std::byte*>(p);
+  s.size_ = bytes;
+  s.fd_ = fd;
+  s.name_ = name;
+  return s;
+}
+
+ShmSegment ShmSegment::open(const std::string& name, Access access, size_t minBytes) {
+  const bool rw = access == Access::readWrite;
+  int fd = ::shm_open(name.c_str(), (rw ? O_RDWR : O_RDONLY) | O_CLOEXEC, 0);
+  if (fd < 0) {
+    int err = errno;
+    throw ShmException(
+        fmt::format("cannot open shared memory segment {}: {}", name, errnoText(err)));
+  }
+  struct stat st {};
+  if (::fstat(fd, &st) != 0) {
+    int err = errno;
+    ::close(fd);
+    throw ShmException(
+        fmt::format("cannot stat shared memory segment {}: {}", name, errnoText(err)));
+  }
+  const size_t bytes = static_cast<size_t>(st.st_size);
+  if (bytes < minBytes || bytes == 0) {
+    ::close(fd);
+    throw ShmCorruptionException(fmt::format(
+        "shared memory segment {} holds {} bytes, expected at least {}", name, bytes, minBytes));
+  }
+  void* p = ::mmap(nullptr, bytes, rw ? PROT_READ | PROT_WRITE : PROT_READ, MAP_SHARED, fd, 0);
+  if (p == MAP_FAILED) {
+    int err = errno;
+    ::close(fd);
+    throw ShmException(
+        fmt::format("cannot map shared memory segment {}: {}", name, errnoText(err)));
+  }
+  ShmSegment s;
+  s.data_ = static_cast<std::byte*>(p);
+  s.size_ = bytes;
+  s.fd_ = fd;
+  s.name_ = name;
+  return s;
+}
+
+ShmSegment ShmSegment::anonymous(size_t bytes) {
+  void* p = ::mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (p == MAP_FAILED) {
+    throw ShmException(
+        fmt::format("cannot map {} bytes of process memory: {}", bytes, errnoText(errno)));
+  }
+  ShmSegment s;
+  s.data_ = static_cast<std::byte*>(p);
+  s.size_ = bytes;
+  return s;
+}
+
+bool ShmSegment::exists(const std::string& name) {
+  int fd = ::shm_open(name.c_str(), O_RDONLY | O_CLOEXEC, 0);
+  if (fd < 0) return false;
+  ::close(fd);
+  return true;
+}
+
+void ShmSegment::unlink(const std::string& name) {
+  ::shm_unlink(name.c_str());
+}
+
+size_t ShmSegment::committedBytes() const {
+  if (fd_ < 0) return 0;
+  struct stat st {};
+  if (::fstat(fd_, &st) != 0) return 0;
+  return static_cast<size_t>(st.st_blocks) * 512;
+}
+
+}  // namespace Oro

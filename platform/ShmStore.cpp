@@ -1,0 +1,677 @@
+#include "platform/ShmStore.h"
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <new>
+
+#include <fmt/format.h>
+
+#include "platform/Error.h"
+#include "platform/Futex.h"
+
+namespace Oro {
+
+using namespace ShmLayout;
+
+namespace {
+
+constexpr uint32_t kSlotBits = 27;
+constexpr uint32_t kSlotMask = (1u << kSlotBits) - 1;
+constexpr uint32_t kMaxSlots = kSlotMask - 1;  // slot + 1 must stay below the tombstone's bits
+constexpr uint32_t kMinIndexCapacity = 64;
+// The index is rebuilt when live entries plus tombstones pass 4/5 of its capacity; the new
+// generation holds the live entries at load 1/2 (2/3 when the table is large, to keep memory
+// per record low).
+constexpr uint64_t kMaxLoadNum = 4, kMaxLoadDen = 5;
+constexpr uint32_t kLargeTable = 1u << 18;
+constexpr uint32_t kSpinLimit = 1u << 22;
+
+uint32_t tagOf(uint64_t hash) {
+  return static_cast<uint32_t>(hash & 31) << kSlotBits;
+}
+uint32_t entryOf(uint32_t slot, uint64_t hash) {
+  return (slot + 1) | tagOf(hash);
+}
+
+bool ownerAlive(uint64_t owner) {
+  if (owner == 0) return false;
+  const uint32_t pid = ownerPid(owner);
+  if (::kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH) return false;
+  return processStartTime(static_cast<pid_t>(pid)) == ownerStart(owner);
+}
+
+uint64_t myOwnerWord() {
+  const pid_t pid = ::getpid();
+  return ownerWord(static_cast<uint32_t>(pid), processStartTime(pid));
+}
+
+void copyName(char* dst, size_t cap, const std::string& s) {
+  std::memset(dst, 0, cap);
+  std::memcpy(dst, s.data(), std::min(s.size(), cap - 1));
+}
+
+std::string nameOf(const char* field, size_t cap) {
+  return std::string(field, strnlen(field, cap));
+}
+
+}  // namespace
+
+void ShmStore::corrupt(const std::string& what) const {
+  throw ShmCorruptionException(fmt::format("shared memory table {}/{} is corrupt: {}",
+                                           shape_.mountPath, shape_.collection, what));
+}
+
+std::string ShmStore::segName(const std::string& suffix) const {
+  return shmSegmentName(shape_.mountPath, shape_.collection, suffix);
+}
+
+ShmSegment ShmStore::makeSegment(const std::string& suffix, size_t bytes) const {
+  if (!shared()) return ShmSegment::anonymous(bytes);
+  return ShmSegment::create(segName(suffix), bytes, mode_, /*replace=*/true);
+}
+
+void ShmStore::initShape(const Shape& shape) {
+  if (shape.keySize == 0 || shape.keySize > kMaxKeyBytes || shape.valueSize > kMaxRecordBytes) {
+    throw ShmException(fmt::format("record type {} has unsupported sizes (key {}, value {})",
+                                   shape.typeName, shape.keySize, shape.valueSize));
+  }
+  shape_ = shape;
+  keySize_ = shape.keySize;
+  valueSize_ = shape.valueSize;
+  kw_ = words(keySize_);
+  vw_ = words(valueSize_);
+  slotWords_ = 1 + kw_ + vw_;
+}
+
+// ---- creation and opening -------------------------------------------------------------
+
+namespace {
+struct Geometry {
+  uint32_t ringCap, journalOffset, ringOffset, bytes;
+};
+Geometry geometryOf(uint32_t kw, uint32_t vw, uint32_t ringCapacity) {
+  Geometry g{};
+  g.ringCap = std::bit_ceil(std::clamp<uint32_t>(ringCapacity, 16, kMaxRingCapacity));
+  g.journalOffset = alignUp(sizeof(Header), 64);
+  g.ringOffset = alignUp(g.journalOffset + 4 * (kw + vw), 64);
+  g.bytes = alignUp(g.ringOffset + 4 * kw * g.ringCap, 4096);
+  return g;
+}
+}  // namespace
+
+// Fills a freshly created (zeroed) header segment; the magic is stored by the caller, last.
+void ShmStore::initHeader(ShmSegment seg, const Shape& shape, uint32_t ringCapacity) {
+  const Geometry g = geometryOf(kw_, vw_, ringCapacity);
+  ringCap_ = g.ringCap;
+  headerSeg_ = std::move(seg);
+  hdr_ = new (headerSeg_.data()) Header();
+  if (shared()) hdr_->owner.store(myOwnerWord(), std::memory_order_relaxed);
+  hdr_->layoutVersion = kLayoutVersion;
+  hdr_->headerBytes = static_cast<uint32_t>(headerSeg_.size());
+  copyName(hdr_->typeName, kTypeNameBytes, shape.typeName);
+  copyName(hdr_->mountPath, kPathBytes, shape.mountPath);
+  copyName(hdr_->collection, kCollectionBytes, shape.collection);
+  hdr_->keySize = keySize_;
+  hdr_->valueSize = valueSize_;
+  hdr_->keyWords = kw_;
+  hdr_->valueWords = vw_;
+  hdr_->slotBytes = 4 * slotWords_;
+  hdr_->ringCapacity = ringCap_;
+  hdr_->ringEntryBytes = 4 * kw_;
+  hdr_->ringOffset = g.ringOffset;
+  hdr_->journalDataOffset = g.journalOffset;
+  hdr_->epoch.store(1, std::memory_order_relaxed);
+  journal_ = reinterpret_cast<uint32_t*>(headerSeg_.data() + g.journalOffset);
+  ring_ = reinterpret_cast<uint32_t*>(headerSeg_.data() + g.ringOffset);
+  writable_ = true;
+}
+
+ShmStore ShmStore::detached(const Shape& shape) {
+  ShmStore s;
+  s.initShape(shape);
+  s.initHeader(ShmSegment::anonymous(geometryOf(s.kw_, s.vw_, 16).bytes), shape, 16);
+  s.buildIndex(kMinIndexCapacity);
+  s.hdr_->magic.store(kMagic, std::memory_order_release);
+  return s;
+}
+
+ShmStore ShmStore::openWriter(const Shape& shape, mode_t mode, uint32_t ringCapacity) {
+  shmValidateName(shape.mountPath, shape.collection);
+  ShmStore s;
+  s.initShape(shape);
+  s.mode_ = mode;
+  const std::string name = s.segName("");
+  const Geometry g = geometryOf(s.kw_, s.vw_, ringCapacity);
+  for (int attempt = 0;; ++attempt) {
+    ShmSegment seg;
+    try {
+      // Creating the header segment exclusively elects this process as the table's creator.
+      seg = ShmSegment::create(name, g.bytes, mode);
+    } catch (const ShmException&) {
+      if (!ShmSegment::exists(name)) {
+        if (attempt < 10) continue;
+        throw;
+      }
+      ShmSegment old = ShmSegment::open(name, ShmSegment::Access::readWrite);
+      const auto* h = reinterpret_cast<const Header*>(old.data());
+      if (old.size() < sizeof(Header) || h->magic.load(std::memory_order_acquire) != kMagic) {
+        // Being created by another process right now, or left half-created by a dead one.
+        if (attempt < 200) {
+          ::usleep(1000);
+          continue;
+        }
+        ShmSegment::unlink(name);
+        attempt = 0;
+        continue;
+      }
+      s.attachHeader(std::move(old), shape, /*writable=*/true);
+      s.takeOver(shape);
+      return s;
+    }
+    // A new table: build every segment, then publish the header's magic last.
+    s.initHeader(std::move(seg), shape, ringCapacity);
+    try {
+      s.controlSeg_ = ShmSegment::create(s.segName("rctl"), 4096, mode, /*replace=*/true);
+      s.rctl_ = new (s.controlSeg_.data()) ReaderControl();
+      s.rctl_->magic.store(kControlMagic, std::memory_order_release);
+      s.buildIndex(kMinIndexCapacity);
+    } catch (...) {
+      ShmSegment::unlink(name);
+      throw;
+    }
+    s.hdr_->magic.store(kMagic, std::memory_order_release);
+    return s;
+  }
+}
+
+void ShmStore::attachHeader(ShmSegment seg, const Shape& shape, bool writable) {
+  const auto* h = reinterpret_cast<const Header*>(seg.data());
+  const size_t bytes = seg.size();
+  if (bytes < sizeof(Header)) corrupt(fmt::format("header segment holds {} bytes", bytes));
+  const uint64_t magic = h->magic.load(std::memory_order_acquire);
+  if (magic == 0) {
+    throw ShmException(fmt::format("shared memory table {}/{} is still being created",
+                                   shape.mountPath, shape.collection));
+  }
+  if (magic != kMagic) corrupt("bad magic number in the header");
+  const std::string storedType = nameOf(h->typeName, kTypeNameBytes);
+  if (!shape.typeName.empty() &&
+      (storedType != shape.typeName || h->layoutVersion != kLayoutVersion ||
+       h->keySize != shape.keySize || h->valueSize != shape.valueSize)) {
+    throw ShmException(fmt::format(
+        "shared memory table {}/{} holds records of type {} (layout {}, key {} bytes, value {} "
+        "bytes), not {} (layout {}, key {} bytes, value {} bytes)",
+        shape.mountPath, shape.collection, storedType, h->layoutVersion, h->keySize, h->valueSize,
+        shape.typeName, kLayoutVersion, shape.keySize, shape.valueSize));
+  }
+  if (h->layoutVersion != kLayoutVersion) {
+    throw ShmException(fmt::format("shared memory table {}/{} has layout version {}, not {}",
+                                   shape.mountPath, shape.collection, h->layoutVersion,
+                                   kLayoutVersion));
+  }
+  Shape actual = shape;
+  actual.typeName = storedType;
+  actual.keySize = h->keySize;
+  actual.valueSize = h->valueSize;
+  if (h->keySize == 0 || h->keySize > kMaxKeyBytes || h->valueSize > kMaxRecordBytes) {
+    shape_ = shape;
+    corrupt(fmt::format("bad record sizes (key {}, value {})", h->keySize, h->valueSize));
+  }
+  initShape(actual);
+  const uint32_t ringCap = h->ringCapacity;
+  const uint64_t journalEnd = uint64_t{h->journalDataOffset} + 4ull * (kw_ + vw_);
+  const uint64_t ringEnd = uint64_t{h->ringOffset} + 4ull * kw_ * ringCap;
+  if (h->keyWords != kw_ || h->valueWords != vw_ || h->slotBytes != 4 * slotWords_ ||
+      h->ringEntryBytes != 4 * kw_ || ringCap < 16 || ringCap > kMaxRingCapacity ||
+      !std::has_single_bit(ringCap) || h->journalDataOffset < sizeof(Header) ||
+      h->journalDataOffset % 4 != 0 || h->ringOffset % 4 != 0 || journalEnd > bytes ||
+      h->ringOffset < journalEnd || ringEnd > bytes || h->headerBytes != bytes) {
+    corrupt("inconsistent header geometry");
+  }
+  ringCap_ = ringCap;
+  headerSeg_ = std::move(seg);
+  hdr_ = reinterpret_cast<Header*>(headerSeg_.data());
+  journal_ = reinterpret_cast<uint32_t*>(headerSeg_.data() + h->journalDataOffset);
+  ring_ = reinterpret_cast<uint32_t*>(headerSeg_.data() + h->ringOffset);
+  writable_ = writable;
+  controlSeg_ =
+      ShmSegment::open(segName("rctl"), ShmSegment::Access::readWrite, sizeof(ReaderControl));
+  rctl_ = reinterpret_cast<ReaderControl*>(controlSeg_.data());
+  if (rctl_->magic.load(std::memory_order_acquire) != kControlMagic) {
+    corrupt("bad magic number in the reader control segment");
+  }
+  mapChunks();
+  refreshIndex();
+}
+
+ShmStore ShmStore::openReader(const Shape& shape) {
+  shmValidateName(shape.mountPath, shape.collection);
+  ShmStore s;
+  s.shape_ = shape;
+  ShmSegment seg = ShmSegment::open(shmSegmentName(shape.mountPath, shape.collection),
+                                    ShmSegment::Access::readOnly);
+  s.attachHeader(std::move(seg), shape, /*writable=*/false);
+  return s;
+}
+
+void ShmStore::takeOver(const Shape& shape) {
+  uint64_t owner = hdr_->owner.load(std::memory_order_acquire);
+  const uint64_t me = myOwnerWord();
+  for (;;) {
+    if (owner == me) break;
+    if (ownerAlive(owner)) {
+      throw ShmException(fmt::format("shared memory table {}/{} already has a live writer (pid {})",
+                                     shape.mountPath, shape.collection, ownerPid(owner)));
+    }
+    if (hdr_->owner.compare_exchange_strong(owner, me, std::memory_order_acq_rel)) break;
+  }
+  recover();
+}
+
+void ShmStore::releaseOwnership() {
+  if (hdr_ && shared() && writable_) hdr_->owner.store(0, std::memory_order_release);
+}
+
+// A new writer continues a table: it finishes or undoes the journaled write, rebuilds its
+// bookkeeping from the slots, and advances the epoch so that readers resynchronise.
+void ShmStore::recover() {
+  const uint32_t jseq = hdr_->journalSeq.load(std::memory_order_acquire);
+  if (jseq & 1) {
+    // Died while filling the journal: the slot itself was not touched yet.
+    hdr_->journalSeq.store(jseq + 1, std::memory_order_release);
+  } else {
+    const uint32_t slot = hdr_->journalSlot.load(std::memory_order_relaxed);
+    const uint32_t oldSeq = hdr_->journalSlotSeq.load(std::memory_order_relaxed);
+    if (slot < highWater()) {
+      uint32_t* s = slotPtr(slot);
+      const uint32_t seq = loadWord(s);
+      if ((seq & kSeqWriting) && (seq & ~kSeqWriting) == oldSeq) {
+        if (oldSeq & kSeqOccupied) {
+          std::vector<uint32_t> buf(kw_ + vw_);
+          loadWords(journal_, buf.data(), kw_ + vw_);
+          storeWords(s + 1, buf.data(), kw_ + vw_);
+        }
+        storeWord(s, ((oldSeq & ~3u) + kSeqStep) | (oldSeq & kSeqOccupied),
+                  std::memory_order_release);
+      }
+    }
+  }
+  freeSlots_.clear();
+  const uint32_t hw = highWater();
+  uint32_t records = 0;
+  for (uint32_t slot = 0; slot < hw; ++slot) {
+    const uint32_t seq = loadWord(slotPtr(slot));
+    if (seq & kSeqWriting) corrupt(fmt::format("slot {} was left half-written", slot));
+    if (seq & kSeqOccupied) {
+      ++records;
+    } else {
+      freeSlots_.push_back(slot);
+    }
+  }
+  std::reverse(freeSlots_.begin(), freeSlots_.end());  // reuse low slots first
+  hdr_->recordCount.store(records, std::memory_order_relaxed);
+  head_ = hdr_->ringHead.load(std::memory_order_relaxed);
+  buildIndex(std::max<uint32_t>(kMinIndexCapacity, records * 2));
+  hdr_->epoch.fetch_add(1, std::memory_order_release);
+  publishControl();
+}
+
+// ---- slots and chunks -----------------------------------------------------------------
+
+uint32_t ShmStore::recordCount() const {
+  const uint32_t n = hdr_->recordCount.load(std::memory_order_acquire);
+  return n;
+}
+
+uint32_t ShmStore::highWater() const {
+  const uint32_t hw = hdr_->slotHighWater.load(std::memory_order_acquire);
+  const uint32_t chunks = hdr_->chunkCount.load(std::memory_order_acquire);
+  if (chunks > kMaxChunks || hw > slotCapacity(chunks)) {
+    corrupt(fmt::format("{} slots used but {} chunks", hw, chunks));
+  }
+  return hw;
+}
+
+void ShmStore::mapChunks() const {
+  const uint32_t chunks = hdr_->chunkCount.load(std::memory_order_acquire);
+  if (chunks > kMaxChunks) corrupt(fmt::format("chunk count {}", chunks));
+  while (chunks_.size() < chunks) {
+    const uint32_t c = static_cast<uint32_t>(chunks_.size());
+    const size_t bytes = size_t{chunkSlots(c)} * 4 * slotWords_;
+    ShmSegment seg = ShmSegment::open(
+        segName(fmt::format("chunk{}", c)),
+        writable_ ? ShmSegment::Access::readWrite : ShmSegment::Access::readOnly, bytes);
+    uint32_t* base = reinterpret_cast<uint32_t*>(seg.data());
+    chunks_.push_back(Chunk{std::move(seg), base});
+  }
+}
+
+uint32_t* ShmStore::slotPtr(uint32_t slot) const {
+  const uint32_t c = chunkOf(slot);
+  if (c >= chunks_.size()) {
+    if (shared()) mapChunks();
+    if (c >= chunks_.size()) corrupt(fmt::format("slot {} lies beyond the mapped chunks", slot));
+  }
+  return chunks_[c].base + size_t{slot - chunkFirstSlot(c)} * slotWords_;
+}
+
+void ShmStore::addChunk() {
+  const uint32_t c = static_cast<uint32_t>(chunks_.size());
+  if (c >= kMaxChunks) {
+    throw ShmException(
+        fmt::format("shared memory table {}/{} is full", shape_.mountPath, shape_.collection));
+  }
+  const size_t bytes = size_t{chunkSlots(c)} * 4 * slotWords_;
+  ShmSegment seg = makeSegment(fmt::format("chunk{}", c), bytes);
+  uint32_t* base = reinterpret_cast<uint32_t*>(seg.data());
+  chunks_.push_back(Chunk{std::move(seg), base});
+  hdr_->chunkCount.store(c + 1, std::memory_order_release);
+}
+
+bool ShmStore::readSlot(uint32_t slot, uint32_t* out) const {
+  const uint32_t* s = slotPtr(slot);
+  const uint32_t n = kw_ + vw_;
+  for (uint32_t spin = 0; spin < kSpinLimit; ++spin) {
+    const uint32_t s1 = loadWord(s, std::memory_order_acquire);
+    if (!(s1 & kSeqWriting)) {
+      loadWords(s + 1, out, n);
+      std::atomic_thread_fence(std::memory_order_acquire);
+      if (loadWord(s) == s1) return (s1 & kSeqOccupied) != 0;
+      continue;
+    }
+    // The slot is being written (or its writer died mid-write): the journal holds its
+    // previous content when it names this slot and this sequence.
+    const uint32_t j1 = hdr_->journalSeq.load(std::memory_order_acquire);
+    if (j1 & 1) continue;
+    const uint32_t js = hdr_->journalSlot.load(std::memory_order_relaxed);
+    const uint32_t jseq = hdr_->journalSlotSeq.load(std::memory_order_relaxed);
+    loadWords(journal_, out, n);
+    std::atomic_thread_fence(std::memory_order_acquire);
+    if (hdr_->journalSeq.load(std::memory_order_relaxed) != j1) continue;
+    if (js == slot && jseq == (s1 & ~kSeqWriting) && loadWord(s) == s1) {
+      return (jseq & kSeqOccupied) != 0;
+    }
+  }
+  corrupt(fmt::format("slot {} stays half-written and the journal does not name it", slot));
+}
+
+uint32_t ShmStore::seek(uint32_t from, uint32_t* out) const {
+  const uint32_t hw = highWater();
+  for (uint32_t slot = from; slot < hw; ++slot) {
+    if (readSlot(slot, out)) return slot;
+  }
+  return kNoSlot;
+}
+
+bool ShmStore::keyEquals(uint32_t slot, const uint32_t* keyWords) const {
+  const uint32_t* s = slotPtr(slot) + 1;
+  for (uint32_t i = 0; i < kw_; ++i) {
+    if (loadWord(s + i) != keyWords[i]) return false;
+  }
+  return true;
+}
+
+// ---- index ----------------------------------------------------------------------------
+
+void ShmStore::mapIndex(uint32_t generation) const {
+  ShmSegment seg = ShmSegment::open(segName(fmt::format("index{}", generation)),
+                                    ShmSegment::Access::readOnly, sizeof(IndexHeader));
+  const auto* ih = reinterpret_cast<const IndexHeader*>(seg.data());
+  if (ih->magic.load(std::memory_order_acquire) != kIndexMagic || ih->generation != generation ||
+      ih->capacity < 1 || sizeof(IndexHeader) + 4ull * ih->capacity > seg.size()) {
+    corrupt(fmt::format("bad index generation {}", generation));
+  }
+  indexCap_ = ih->capacity;
+  index_ = reinterpret_cast<const uint32_t*>(seg.data() + sizeof(IndexHeader));
+  indexGen_ = generation;
+  indexSeg_ = std::move(seg);
+}
+
+void ShmStore::refreshIndex() const {
+  for (int attempt = 0;; ++attempt) {
+    const uint32_t gen = hdr_->indexGeneration.load(std::memory_order_acquire);
+    if (gen == indexGen_ && index_) return;
+    try {
+      mapIndex(gen);
+      return;
+    } catch (const ShmException&) {
+      // The writer may have replaced that generation meanwhile: retry with the newer one.
+      if (attempt > 100 || hdr_->indexGeneration.load(std::memory_order_acquire) == gen) throw;
+    }
+  }
+}
+
+// Writes a new index generation holding every record of the slots, then publishes it.
+void ShmStore::buildIndex(uint32_t capacity) {
+  const uint32_t gen = hdr_->indexGeneration.load(std::memory_order_relaxed) + 1;
+  const size_t bytes = sizeof(IndexHeader) + 4ull * capacity;
+  ShmSegment seg = makeSegment(fmt::format("index{}", gen), bytes);
+  auto* ih = new (seg.data()) IndexHeader();
+  ih->generation = gen;
+  ih->capacity = capacity;
+  uint32_t* entries = reinterpret_cast<uint32_t*>(seg.data() + sizeof(IndexHeader));
+  uint32_t live = 0;
+  const uint32_t hw = hdr_->slotHighWater.load(std::memory_order_relaxed);
+  std::vector<uint32_t> key(kw_);
+  for (uint32_t slot = 0; slot < hw; ++slot) {
+    const uint32_t* s = slotPtr(slot);
+    if (!(loadWord(s) & kSeqOccupied)) continue;
+    loadWords(s + 1, key.data(), kw_);
+    const uint64_t h = hashKey(key.data());
+    uint32_t pos = homeOf(h, capacity);
+    for (uint32_t probes = 0;; ++probes) {
+      if (probes == capacity) corrupt("index overflow while rebuilding");
+      const uint32_t e = entries[pos];
+      if (e == 0) break;
+      if ((e & kSlotMask) != 0 && (e & ~kSlotMask) == tagOf(h) &&
+          keyEquals((e & kSlotMask) - 1, key.data())) {
+        corrupt(fmt::format("slots {} and {} hold the same key", (e & kSlotMask) - 1, slot));
+      }
+      if (++pos == capacity) pos = 0;
+    }
+    entries[pos] = entryOf(slot, h);
+    ++live;
+  }
+  ih->magic.store(kIndexMagic, std::memory_order_release);
+  std::string oldName = (shared() && index_) ? indexSeg_.name() : std::string();
+  indexSeg_ = std::move(seg);
+  index_ = entries;
+  indexCap_ = capacity;
+  indexGen_ = gen;
+  indexLive_ = live;
+  indexTombstones_ = 0;
+  hdr_->indexGeneration.store(gen, std::memory_order_release);
+  if (!oldName.empty()) ShmSegment::unlink(oldName);
+}
+
+uint32_t ShmStore::find(const uint32_t* keyWords, uint32_t* out) const {
+  const uint64_t h = hashKey(keyWords);
+  const uint32_t tag = tagOf(h);
+  std::vector<uint32_t> scratch;
+  for (;;) {
+    if (!writable_) refreshIndex();
+    const uint32_t gen = indexGen_;
+    const uint32_t cap = indexCap_;
+    uint32_t pos = homeOf(h, cap);
+    uint32_t found = kNoSlot;
+    for (uint32_t probes = 0; probes < cap; ++probes) {
+      const uint32_t e = loadWord(index_ + pos);
+      if (e == 0) break;
+      if (e != kTombstone && (e & ~kSlotMask) == tag) {
+        const uint32_t slot = (e & kSlotMask) - 1;
+        if (slot >= kMaxSlots) corrupt(fmt::format("index entry names slot {}", slot));
+        if (writable_) {
+          if (keyEquals(slot, keyWords)) {
+            if (out) loadWords(slotPtr(slot) + 1, out, kw_ + vw_);
+            return slot;
+          }
+        } else {
+          if (scratch.empty()) scratch.resize(kw_ + vw_);
+          uint32_t* buf = out ? out : scratch.data();
+          if (readSlot(slot, buf) && std::equal(buf, buf + kw_, keyWords)) {
+            found = slot;
+            break;
+          }
+        }
+      }
+      if (++pos == cap) pos = 0;
+    }
+    if (writable_ || hdr_->indexGeneration.load(std::memory_order_acquire) == gen) return found;
+  }
+}
+
+// ---- writing --------------------------------------------------------------------------
+
+uint32_t ShmStore::allocSlot() {
+  if (!freeSlots_.empty()) {
+    const uint32_t slot = freeSlots_.back();
+    freeSlots_.pop_back();
+    return slot;
+  }
+  const uint32_t hw = hdr_->slotHighWater.load(std::memory_order_relaxed);
+  if (hw >= kMaxSlots) {
+    throw ShmException(
+        fmt::format("shared memory table {}/{} is full", shape_.mountPath, shape_.collection));
+  }
+  if (hw >= slotCapacity(static_cast<uint32_t>(chunks_.size()))) addChunk();
+  hdr_->slotHighWater.store(hw + 1, std::memory_order_release);
+  return hw;
+}
+
+void ShmStore::writeSlot(uint32_t slot, const uint32_t* words, bool occupied) {
+  uint32_t* s = slotPtr(slot);
+  const uint32_t old = loadWord(s);
+  const uint32_t n = kw_ + vw_;
+  // Journal the slot's present content first, under the journal's own sequence lock.
+  const uint32_t j = hdr_->journalSeq.load(std::memory_order_relaxed);
+  hdr_->journalSeq.store(j + 1, std::memory_order_relaxed);
+  std::atomic_thread_fence(std::memory_order_release);
+  hdr_->journalSlot.store(slot, std::memory_order_relaxed);
+  hdr_->journalSlotSeq.store(old, std::memory_order_relaxed);
+  if (old & kSeqOccupied) {
+    for (uint32_t i = 0; i < n; ++i) storeWord(journal_ + i, loadWord(s + 1 + i));
+  }
+  hdr_->journalSeq.store(j + 2, std::memory_order_release);
+  // Then the slot itself, under its sequence lock.
+  storeWord(s, old | kSeqWriting);
+  std::atomic_thread_fence(std::memory_order_release);
+  if (words) storeWords(s + 1, words, n);
+  storeWord(s, ((old & ~3u) + kSeqStep) | (occupied ? kSeqOccupied : 0), std::memory_order_release);
+}
+
+bool ShmStore::put(const uint32_t* words, uint32_t* oldWords) {
+  const uint64_t h = hashKey(words);
+  const uint32_t tag = tagOf(h);
+  uint32_t pos = homeOf(h, indexCap_);
+  uint32_t insertAt = kNoSlot;
+  for (uint32_t probes = 0; probes < indexCap_; ++probes) {
+    const uint32_t e = index_[pos];
+    if (e == 0) {
+      if (insertAt == kNoSlot) insertAt = pos;
+      break;
+    }
+    if (e == kTombstone) {
+      if (insertAt == kNoSlot) insertAt = pos;
+    } else if ((e & ~kSlotMask) == tag && keyEquals((e & kSlotMask) - 1, words)) {
+      const uint32_t slot = (e & kSlotMask) - 1;
+      if (oldWords) loadWords(slotPtr(slot) + 1, oldWords, kw_ + vw_);
+      writeSlot(slot, words, true);
+      return false;
+    }
+    if (++pos == indexCap_) pos = 0;
+  }
+  // A new key. Make room first, so that a failure (out of memory) changes nothing.
+  const bool reuseTombstone = insertAt != kNoSlot && index_[insertAt] == kTombstone;
+  if (insertAt == kNoSlot ||
+      (uint64_t{indexLive_} + indexTombstones_ + (reuseTombstone ? 0 : 1)) * kMaxLoadDen >
+          uint64_t{indexCap_} * kMaxLoadNum) {
+    const uint64_t live = uint64_t{indexLive_} + 1;
+    const uint64_t cap = live >= kLargeTable ? live * 3 / 2 + 1 : live * 2;
+    buildIndex(static_cast<uint32_t>(std::max<uint64_t>(kMinIndexCapacity, cap)));
+    return put(words, oldWords);
+  }
+  if (freeSlots_.empty() && hdr_->slotHighWater.load(std::memory_order_relaxed) >=
+                                slotCapacity(static_cast<uint32_t>(chunks_.size()))) {
+    addChunk();
+  }
+  const uint32_t slot = allocSlot();
+  writeSlot(slot, words, true);
+  uint32_t* entries = const_cast<uint32_t*>(index_);
+  if (reuseTombstone) --indexTombstones_;
+  storeWord(entries + insertAt, entryOf(slot, h), std::memory_order_release);
+  ++indexLive_;
+  hdr_->recordCount.store(hdr_->recordCount.load(std::memory_order_relaxed) + 1,
+                          std::memory_order_release);
+  return true;
+}
+
+bool ShmStore::remove(const uint32_t* keyWords, uint32_t* oldWords) {
+  const uint64_t h = hashKey(keyWords);
+  const uint32_t tag = tagOf(h);
+  uint32_t pos = homeOf(h, indexCap_);
+  for (uint32_t probes = 0; probes < indexCap_; ++probes) {
+    const uint32_t e = index_[pos];
+    if (e == 0) return false;
+    if (e != kTombstone && (e & ~kSlotMask) == tag && keyEquals((e & kSlotMask) - 1, keyWords)) {
+      const uint32_t slot = (e & kSlotMask) - 1;
+      if (oldWords) loadWords(slotPtr(slot) + 1, oldWords, kw_ + vw_);
+      writeSlot(slot, nullptr, false);
+      storeWord(const_cast<uint32_t*>(index_) + pos, kTombstone, std::memory_order_release);
+      --indexLive_;
+      ++indexTombstones_;
+      freeSlots_.push_back(slot);
+      hdr_->recordCount.store(hdr_->recordCount.load(std::memory_order_relaxed) - 1,
+                              std::memory_order_release);
+      return true;
+    }
+    if (++pos == indexCap_) pos = 0;
+  }
+  return false;
+}
+
+// ---- change log and wake-up -----------------------------------------------------------
+
+void ShmStore::publishKey(const uint32_t* keyWords) {
+  uint32_t* e = ring_ + size_t(head_ & (ringCap_ - 1)) * kw_;
+  // Orders the previous head store before the entry's words: a reader that sees a torn entry
+  // then also sees a head that invalidates it.
+  std::atomic_thread_fence(std::memory_order_release);
+  storeWords(e, keyWords, kw_);
+  ++head_;
+  hdr_->ringHead.store(head_, std::memory_order_release);
+  publishControl();
+}
+
+void ShmStore::publishControl() {
+  hdr_->wakeWord.store(hdr_->wakeWord.load(std::memory_order_relaxed) + 1,
+                       std::memory_order_release);
+  if (!rctl_) return;
+  // Pairs with the sleeper's increment-then-recheck: either it sees our head or we see it.
+  std::atomic_thread_fence(std::memory_order_seq_cst);
+  if (rctl_->sleepers.load(std::memory_order_relaxed) != 0) {
+    futexWake(&hdr_->wakeWord, INT_MAX, /*shared=*/true);
+  }
+}
+
+uint64_t ShmStore::ringHead() const {
+  return hdr_->ringHead.load(std::memory_order_seq_cst);
+}
+
+void ShmStore::readRingEntry(uint64_t pos, uint32_t* keyWords) const {
+  loadWords(ring_ + size_t(pos & (ringCap_ - 1)) * kw_, keyWords, kw_);
+}
+
+size_t ShmStore::committedBytes() const {
+  size_t total =
+      headerSeg_.committedBytes() + controlSeg_.committedBytes() + indexSeg_.committedBytes();
+  for (const Chunk& c : chunks_) total += c.seg.committedBytes();
+  return total;
+}
+
+}  // namespace Oro

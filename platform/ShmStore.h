@@ -1,0 +1,145 @@
+// The storage engine of one shared-memory table: header, slot chunks, index generations and
+// reader control, in shared segments (or anonymous memory for a detached table). It stores
+// records as key and value word images; ShmTableCore gives them types and roles.
+//
+// Invariants:
+//  - exactly one writer mutates a shared store (its owner word names it); readers map the data
+//    segments read-only and never lock;
+//  - each slot write is journaled in the header first, so a writer killed at any instant leaves
+//    every slot readable as a whole record (the odd slot's old content is in the journal);
+//  - every number read from shared memory is bounds-checked before use; bad data raises
+//    ShmCorruptionException, never an out-of-bounds access.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "platform/ShmLayout.h"
+#include "platform/ShmSegment.h"
+
+namespace Oro {
+
+class ShmStore {
+ public:
+  static constexpr uint32_t kNoSlot = 0xFFFFFFFFu;
+  static constexpr uint32_t kMaxKeyBytes = 256;
+
+  struct Shape {
+    std::string typeName;  // empty when opening: accept any record type (tools)
+    std::string mountPath;
+    std::string collection;
+    uint32_t keySize = 0;
+    uint32_t valueSize = 0;
+  };
+
+  ShmStore() = default;
+  ShmStore(ShmStore&&) noexcept = default;
+  ShmStore& operator=(ShmStore&&) noexcept = default;
+
+  // An empty table in process memory.
+  static ShmStore detached(const Shape& shape);
+  // A writer's table: creates it, or takes over an existing one whose writer is dead (restoring
+  // a journaled slot, rebuilding the index, advancing the epoch). A live writer: ShmException.
+  static ShmStore openWriter(const Shape& shape, mode_t mode, uint32_t ringCapacity);
+  // A reader's (or a tool's) mapping of an existing table; shape.typeName empty accepts any.
+  static ShmStore openReader(const Shape& shape);
+
+  bool valid() const { return hdr_ != nullptr; }
+  bool shared() const { return headerSeg_.named(); }
+  const ShmLayout::Header* header() const { return hdr_; }
+  ShmLayout::Header* header() { return hdr_; }
+  ShmLayout::ReaderControl* readerControl() const { return rctl_; }
+  uint32_t keyWords() const { return kw_; }
+  uint32_t valueWords() const { return vw_; }
+  uint32_t recordWords() const { return kw_ + vw_; }
+  uint32_t keySize() const { return keySize_; }
+  uint32_t valueSize() const { return valueSize_; }
+  uint32_t recordCount() const;
+  uint32_t highWater() const;
+
+  // Reading (any role). Words hold the key's then the value's word image.
+  // Reads one slot consistently; returns true when it holds a record.
+  bool readSlot(uint32_t slot, uint32_t* words) const;
+  // First slot >= from that holds a record (its words in `words`), or kNoSlot.
+  uint32_t seek(uint32_t from, uint32_t* words) const;
+  // Looks a key up; on success fills words (may be null) and returns its slot, else kNoSlot.
+  uint32_t find(const uint32_t* keyWords, uint32_t* words) const;
+
+  // Writing (writer or detached). put: insert or replace (returns true when new); the old
+  // record's words go to oldWords when it is not null and there was one (then *hadOld).
+  bool put(const uint32_t* words, uint32_t* oldWords = nullptr);
+  bool remove(const uint32_t* keyWords, uint32_t* oldWords);
+  // Appends a key to the change log and wakes sleeping readers.
+  void publishKey(const uint32_t* keyWords);
+  // Wakes sleeping readers after a header change (mount status, quiesced).
+  void publishControl();
+  // Gives up ownership (another writer may then take the table over).
+  void releaseOwnership();
+
+  // Change log (readers): entries [head - capacity, head) are in the ring.
+  uint64_t ringHead() const;
+  uint32_t ringCapacity() const { return ringCap_; }
+  // Copies entry `pos` into keyWords; the caller validates it against a later ringHead().
+  void readRingEntry(uint64_t pos, uint32_t* keyWords) const;
+
+  // Hash of a key's word image.
+  uint64_t hashKey(const uint32_t* keyWords) const { return ShmLayout::hashWords(keyWords, kw_); }
+  // Memory committed to this table's segments (header, chunks, index, reader control).
+  size_t committedBytes() const;
+  uint32_t indexCapacity() const { return indexCap_; }
+
+ private:
+  struct Chunk {
+    ShmSegment seg;
+    uint32_t* base = nullptr;
+  };
+
+  void initShape(const Shape& shape);
+  void initHeader(ShmSegment seg, const Shape& shape, uint32_t ringCapacity);
+  void attachHeader(ShmSegment seg, const Shape& shape, bool writable);
+  void takeOver(const Shape& shape);
+  void recover();
+  std::string segName(const std::string& suffix) const;
+  ShmSegment makeSegment(const std::string& suffix, size_t bytes) const;
+
+  uint32_t* slotPtr(uint32_t slot) const;
+  void mapChunks() const;
+  void addChunk();
+  void refreshIndex() const;
+  void mapIndex(uint32_t generation) const;
+  void buildIndex(uint32_t capacity);
+  uint32_t allocSlot();
+  void writeSlot(uint32_t slot, const uint32_t* words, bool occupied);
+  bool keyEquals(uint32_t slot, const uint32_t* keyWords) const;
+  [[noreturn]] void corrupt(const std::string& what) const;
+
+  Shape shape_;
+  uint32_t keySize_ = 0, valueSize_ = 0, kw_ = 0, vw_ = 0, slotWords_ = 0;
+  uint32_t ringCap_ = 0;
+  mode_t mode_ = 0600;
+  bool writable_ = false;
+
+  ShmSegment headerSeg_;
+  ShmLayout::Header* hdr_ = nullptr;
+  uint32_t* journal_ = nullptr;
+  uint32_t* ring_ = nullptr;
+  ShmSegment controlSeg_;
+  ShmLayout::ReaderControl* rctl_ = nullptr;
+
+  mutable std::vector<Chunk> chunks_;
+  mutable ShmSegment indexSeg_;
+  mutable const uint32_t* index_ = nullptr;
+  mutable uint32_t indexCap_ = 0;
+  mutable uint32_t indexGen_ = 0;
+
+  // Writer-only bookkeeping (rebuilt from the slots on take-over).
+  std::vector<uint32_t> freeSlots_;
+  uint32_t indexLive_ = 0;
+  uint32_t indexTombstones_ = 0;
+  uint64_t head_ = 0;
+};
+
+}  // namespace Oro
