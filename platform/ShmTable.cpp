@@ -195,7 +195,7 @@ std::atomic<uint64_t>* ShmTableCore::counterSlot(uint32_t index, std::string_vie
   return &cell.value;
 }
 
-void ShmTableCore::handleCorruption(const std::string& message) {
+void ShmTableCore::handleCorruption(const std::string& message) const {
   ++corruptions_;
   if (corruptionHandler_) corruptionHandler_(message);
 }

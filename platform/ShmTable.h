@@ -94,7 +94,8 @@ class ShmTableCore {
   void corruptionHandlerIs(std::function<void(const std::string&)> handler) {
     corruptionHandler_ = std::move(handler);
   }
-  void handleCorruption(const std::string& message);
+  // Hands a corruption report to the handler (readers report too, hence const).
+  void handleCorruption(const std::string& message) const;
   uint64_t corruptions() const { return corruptions_; }
 
   // Whether subscribers get old and new values with a change (the owner's delivery mode).
@@ -130,7 +131,7 @@ class ShmTableCore {
   TylKetab::MountStatus mountStatus_ = TylKetab::MountStatus::notMounted;
   bool quiesced_ = false;
   bool oldValues_ = false;
-  uint64_t corruptions_ = 0;
+  mutable uint64_t corruptions_ = 0;
   std::function<void(const std::string&)> corruptionHandler_;
   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
   std::vector<uint32_t> scratch_;
@@ -234,7 +235,7 @@ class ShmTable {
   void corruptionHandlerIs(std::function<void(const std::string&)> h) {
     core_.corruptionHandlerIs(std::move(h));
   }
-  void handleCorruption(const std::string& message) { core_.handleCorruption(message); }
+  void handleCorruption(const std::string& message) const { core_.handleCorruption(message); }
   bool oldValues() const { return core_.oldValues(); }
   void oldValuesIs(bool v) { core_.oldValuesIs(v); }
 
