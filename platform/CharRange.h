@@ -21,6 +21,9 @@ namespace Oro {
 class CharRange {
  public:
   constexpr explicit CharRange(std::string_view text) : text_(text) {}
+  constexpr explicit CharRange(const char* text) : text_(text) {}
+  // A range over a temporary string would dangle as soon as the statement ends.
+  explicit CharRange(std::string&&) = delete;
 
   bool atEnd() const { return pos_ >= text_.size(); }
   // The next character, or '\0' at the end.

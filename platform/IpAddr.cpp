@@ -82,11 +82,6 @@ std::string IpGenAddr::toStrep() const {
   return s ? std::string(s) : std::string();
 }
 
-uint32_t IpGenAddr::hash(uint32_t seed) const {
-  uint32_t h = Oro::hashMix(seed, af_);
-  return Oro::hashFinish(Oro::hashMixBytes(h, bytes_, byteLength()));
-}
-
 IpGenPrefix::IpGenPrefix(const IpGenAddr& addr, unsigned len) {
   unsigned max = addr.af() == ipv6 ? 128 : 32;
   if (len > max) {
@@ -123,7 +118,7 @@ std::string IpGenPrefix::toStrep() const {
 }
 
 uint32_t IpGenPrefix::hash(uint32_t seed) const {
-  return Oro::hashFinish(Oro::hashMix(addr_.hash(seed), len_));
+  return Oro::hashFinish(Oro::hashMix(addr_.mixInto(seed), len_));
 }
 
 }  // namespace Nevo

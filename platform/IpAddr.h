@@ -15,6 +15,7 @@
 
 #include <compare>
 #include <cstdint>
+#include <cstring>
 #include <functional>
 #include <string>
 #include <string_view>
@@ -52,7 +53,17 @@ class IpGenAddr {
   bool isMulticast() const;
 
   std::string toStrep() const;
-  uint32_t hash(uint32_t seed) const;
+  // Folds the family and the address bytes into a running hash state h (no finish), so
+  // that keys holding several addresses hash with one final avalanche.
+  uint32_t mixInto(uint32_t h) const {
+    h = Oro::hashMix(h, af_);
+    uint32_t w[4];
+    std::memcpy(w, bytes_, sizeof w);
+    h = Oro::hashMix(h, w[0]);
+    if (af_ == ipv6) h = Oro::hashMix(Oro::hashMix(Oro::hashMix(h, w[1]), w[2]), w[3]);
+    return h;
+  }
+  uint32_t hash(uint32_t seed) const { return Oro::hashFinish(mixInto(seed)); }
 
   friend bool operator==(const IpGenAddr&, const IpGenAddr&) = default;
   friend auto operator<=>(const IpGenAddr&, const IpGenAddr&) = default;

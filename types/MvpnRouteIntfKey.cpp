@@ -18,8 +18,7 @@ MvpnRouteIntfKey::MvpnRouteIntfKey(Oro::CharRange& in) {
 }
 
 uint32_t MvpnRouteIntfKey::hash(uint32_t seed) const {
-  uint32_t h = Oro::hashMix(seed, source_.hash(seed));
-  h = Oro::hashMix(h, group_.hash(seed));
+  uint32_t h = group_.mixInto(source_.mixInto(seed));
   h = Oro::hashMix64(h, intfId_.value());
   return Oro::hashFinish(Oro::hashMix(h, sharedTreeJoin_ ? 1u : 0u));
 }

@@ -36,12 +36,6 @@ void MvpnRouteKey::handleInit() const {
                   "Route key address of unknown family");
 }
 
-uint32_t MvpnRouteKey::hash(uint32_t seed) const {
-  uint32_t h = Oro::hashMix(seed, source_.hash(seed));
-  h = Oro::hashMix(h, group_.hash(seed));
-  return Oro::hashFinish(Oro::hashMix(h, sharedTreeJoin_ ? 1u : 0u));
-}
-
 std::string MvpnRouteKey::toStrep() const {
   if (!sharedTreeJoin_) return fmt::format("({}, {})", source_, group_);
   if (source_ == Nevo::IpGenAddr::zero(group_.af())) return fmt::format("(*, {})", group_);

@@ -45,7 +45,11 @@ class MvpnRouteKey {
   void handleInit() const;
 
   static bool isEq(const MvpnRouteKey& a, const MvpnRouteKey& b) { return a == b; }
-  uint32_t hash(uint32_t seed) const;
+  // Folds all fields into a running hash state (no finish); see Nevo::IpGenAddr::mixInto.
+  uint32_t mixInto(uint32_t h) const {
+    return Oro::hashMix(group_.mixInto(source_.mixInto(h)), sharedTreeJoin_ ? 1u : 0u);
+  }
+  uint32_t hash(uint32_t seed) const { return Oro::hashFinish(mixInto(seed)); }
   std::string toStrep() const;
 
   friend bool operator==(const MvpnRouteKey&, const MvpnRouteKey&) = default;

@@ -35,7 +35,7 @@ class MvpnVrfRouteKey {
 
   static bool isEq(const MvpnVrfRouteKey& a, const MvpnVrfRouteKey& b) { return a == b; }
   uint32_t hash(uint32_t seed) const {
-    return Oro::hashFinish(Oro::hashMix(Oro::hashMix(seed, vrfId_.value()), key_.hash(seed)));
+    return Oro::hashFinish(key_.mixInto(Oro::hashMix(seed, vrfId_.value())));
   }
   std::string toStrep() const;
 

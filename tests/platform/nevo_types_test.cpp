@@ -167,7 +167,8 @@ TEST(CharRange, CursorOperations) {
   Oro::CharRange big("18446744073709551616");
   EXPECT_THROW(big.readUnsigned(), Oro::RangeException);
   std::string s = "it's \\ here";
-  Oro::CharRange q(Oro::quoteText(s));
+  std::string quoted = Oro::quoteText(s);
+  Oro::CharRange q(quoted);
   EXPECT_EQ(q.readQuoted(), s);
 }
 

@@ -40,7 +40,8 @@ TEST(MvpnClient, NamesParseAndWriterTest) {
   EXPECT_EQ(stringValue(static_cast<MvpnClient>(9)), "MvpnClient(9)");
   for (uint8_t v = 0; v <= 4; ++v) {
     auto c = static_cast<MvpnClient>(v);
-    Oro::CharRange in(stringValue(c) + "}");
+    std::string text = stringValue(c) + "}";
+    Oro::CharRange in(text);
     MvpnClient got = MvpnClient::evpn_;
     sequenceToValue(in, &got);
     EXPECT_EQ(got, c);
