@@ -65,7 +65,8 @@ class ShmStore {
   bool readSlot(uint32_t slot, uint32_t* words) const;
   // First slot >= from that holds a record (its words in `words`), or kNoSlot.
   uint32_t seek(uint32_t from, uint32_t* words) const;
-  // Looks a key up; on success fills words (may be null) and returns its slot, else kNoSlot.
+  // Looks a key up; on success fills words (may be null; must not alias keyWords) and
+  // returns its slot, else kNoSlot.
   uint32_t find(const uint32_t* keyWords, uint32_t* words) const;
 
   // Writing (writer or detached). put: insert or replace (returns true when new); the old

@@ -164,9 +164,10 @@ void ShmTableCore::quiescedIs(bool quiesced) {
 
 bool ShmTableCore::find(const void* key, void* value) const {
   const uint32_t kw = store_.keyWords();
+  std::vector<uint32_t> k(kw);
   std::vector<uint32_t> w(store_.recordWords());
-  toKeyWords(key, w.data());
-  if (store_.find(w.data(), w.data()) == ShmStore::kNoSlot) return false;
+  toKeyWords(key, k.data());
+  if (store_.find(k.data(), w.data()) == ShmStore::kNoSlot) return false;
   if (value) std::memcpy(value, w.data() + kw, valueSize_);
   return true;
 }

@@ -1,0 +1,78 @@
+// Helpers of the shared-memory table tests: a per-process segment namespace, a record whose
+// fields all derive from one number (so a torn record is detectable), and fork helpers.
+#pragma once
+
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+
+#include "platform/ShmSegment.h"
+
+namespace shmtest {
+
+struct Rec {
+  uint64_t n = 0;
+  uint64_t a = 0;
+  uint64_t b = 0;
+  uint64_t c = 0;
+  static Rec of(uint64_t n) { return Rec{n, n * 3 + 1, ~n, n ^ 0x5555aaaa5555aaaaull}; }
+  bool whole() const { return *this == of(n); }
+  bool operator==(const Rec&) const = default;
+};
+
+// Gives each test process its own segment namespace and removes its segments afterwards.
+class ShmTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    Oro::shmNamespaceIs(fmt::format("h4test{}", ::getpid()));
+    Oro::shmUnlinkNamespace();
+  }
+  void TearDown() override { Oro::shmUnlinkNamespace(); }
+};
+
+// Runs fn in a child process; returns its pid. The child exits 0 unless fn throws or fails.
+inline pid_t forkChild(const std::function<int()>& fn) {
+  pid_t pid = ::fork();
+  if (pid == 0) {
+    int rc = 1;
+    try {
+      rc = fn();
+    } catch (const std::exception& e) {
+      fmt::print(stderr, "child failed: {}\n", e.what());
+      rc = 2;
+    }
+    ::_exit(rc);
+  }
+  return pid;
+}
+
+inline int waitChild(pid_t pid) {
+  int status = 0;
+  ::waitpid(pid, &status, 0);
+  if (WIFEXITED(status)) return WEXITSTATUS(status);
+  return 128 + WTERMSIG(status);
+}
+
+// A one-byte signal between processes over a pipe.
+struct Pipe {
+  int fd[2] = {-1, -1};
+  Pipe() { EXPECT_EQ(::pipe(fd), 0); }
+  ~Pipe() {
+    ::close(fd[0]);
+    ::close(fd[1]);
+  }
+  void send() { ASSERT_EQ(::write(fd[1], "x", 1), 1); }
+  bool receive() {
+    char c;
+    return ::read(fd[0], &c, 1) == 1;
+  }
+};
+
+}  // namespace shmtest
