@@ -1,0 +1,364 @@
+// MvpnVrfStatus and MvpnIntfStatus: mount paths, mutators with their counters and
+// notifications, old values, control handover, dumps, creation, corruption handling, and a
+// reader in another process.
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <regex>
+#include <set>
+
+#include <gtest/gtest.h>
+
+#include "platform/EntityDirectory.h"
+#include "platform/ShmSegment.h"
+#include "platform/TaskScheduler.h"
+#include "platform/shm_test_util.h"
+#include "status/MvpnIntfStatus.h"
+#include "status/MvpnVrfStatus.h"
+
+namespace Routing::Multicast {
+namespace {
+
+using Oro::ShmAttach;
+using Oro::ShmRole;
+using Vrf::VrfIdMap::VrfId;
+using namespace std::chrono_literals;
+
+std::string exactly(const std::string& text) {
+  static const std::regex special(R"([.^$|()\[\]{}*+?\\])");
+  return std::regex_replace(text, special, R"(\$&)");
+}
+
+class VrfStatusTest : public shmtest::ShmTest {};
+using VrfStatusDeathTest = VrfStatusTest;
+
+struct OldNewRecorder : Oro::Notifiee {
+  std::vector<std::pair<std::optional<MvpnVrf>, std::optional<MvpnVrf>>> pairs;
+  std::vector<VrfId> keys;
+  void onAttributeKey(Oro::AttrId, const void* key) override {
+    keys.push_back(*static_cast<const VrfId*>(key));
+  }
+  void onAttributeOldNew(Oro::AttrId, const void*, const void* o, const void* n) override {
+    auto opt = [](const void* p) {
+      return p ? std::optional<MvpnVrf>(*static_cast<const MvpnVrf*>(p)) : std::nullopt;
+    };
+    pairs.emplace_back(opt(o), opt(n));
+  }
+};
+
+TEST_F(VrfStatusTest, MountPaths) {
+  EXPECT_EQ(MvpnVrfStatus::mountPath(Nevo::ipv4, MvpnClient::bgp_),
+            "routing/multicast/vpn/vrfStatus/bgp");
+  EXPECT_EQ(MvpnVrfStatus::mountPath(Nevo::ipv6, MvpnClient::staticEvpn_),
+            "routing6/multicast/vpn/vrfStatus/staticEvpn");
+  EXPECT_EQ(MvpnIntfStatus::mountPath(), "routing/multicast/vpn/intfStatus");
+}
+
+TEST_F(VrfStatusDeathTest, MountPathRejectsClientAndFamilyDeathTest) {
+  EXPECT_DEATH(MvpnVrfStatus::mountPath(Nevo::ipv4, MvpnClient::pimBidir_),
+               exactly("( client == MvpnClient::bgp_ || client == MvpnClient::staticMvpn_ || "
+                       "client == MvpnClient::evpn_ || client == MvpnClient::staticEvpn_ ) && "
+                       "\"Unexpected writer agent\""));
+  // The client is checked before the family.
+  EXPECT_DEATH(MvpnVrfStatus::mountPath(Nevo::ipunknown, static_cast<MvpnClient>(9)),
+               exactly("\"Unexpected writer agent\""));
+  EXPECT_DEATH(MvpnVrfStatus::mountPath(static_cast<Nevo::AddressFamily>(3), MvpnClient::evpn_),
+               exactly("false && \"Unsupported address family\""));
+}
+
+TEST_F(VrfStatusTest, MutatorsCountAndAnnounce) {
+  auto s = mvpnVrfStatusFactory("bgp");
+  std::vector<VrfId> seen;
+  Oro::KeyReactor<VrfId> reactor(MvpnVrfStatus::mvpnVrfAttr,
+                                 [&](const VrfId& k) { seen.push_back(k); });
+  reactor.notifierIs(s.get());
+  s->mvpnVrfIs(MvpnVrf(VrfId(5), MvpnClient::evpn_));
+  s->mvpnVrfIs(MvpnVrf(VrfId(5), MvpnClient::evpn_));  // unchanged: announced anyway
+  s->mvpnVrfIs(MvpnVrf(VrfId(6)));
+  EXPECT_EQ(s->mvpnVrfSize(), 2u);
+  EXPECT_EQ(s->mvpnVrf(VrfId(5)), MvpnVrf(VrfId(5), MvpnClient::evpn_));
+  EXPECT_EQ(s->mvpnVrf(VrfId(7)), std::nullopt);
+
+  const MvpnVrf absent = s->mvpnVrfDel(VrfId(7));
+  EXPECT_EQ(absent.key(), VrfId(16777215));
+  EXPECT_EQ(absent.client(), MvpnClient::bgp_);
+  EXPECT_EQ(s->mvpnVrfDel(VrfId(6)), MvpnVrf(VrfId(6)));
+
+  MvpnVrf& staged = s->mvpnVrfDirectWrite();
+  staged = MvpnVrf(VrfId(8), MvpnClient::staticMvpn_);
+  s->mvpnVrfCommit(&staged);
+  EXPECT_EQ(s->mvpnVrf(VrfId(8)), MvpnVrf(VrfId(8), MvpnClient::staticMvpn_));
+  s->mvpnVrfNotify(VrfId(42));
+
+  EXPECT_EQ(seen, (std::vector<VrfId>{5, 5, 6, 6, 8, 42}));
+  EXPECT_EQ(s->isCounter().value(), 4u);
+  EXPECT_EQ(s->delCounter().value(), 2u);
+  EXPECT_EQ(s->notifyCounter().value(), 6u);
+  EXPECT_EQ(s->isCounter().name(), "mvpnVrfIs");
+  EXPECT_EQ(s->delCounter().name(), "mvpnVrfDel");
+  EXPECT_EQ(s->notifyCounter().name(), "mvpnVrfNotify");
+}
+
+TEST_F(VrfStatusTest, DelAllWithAndWithoutSubscribers) {
+  auto s = mvpnVrfStatusFactory("x");
+  for (uint32_t k = 0; k < 50; ++k) s->mvpnVrfIs(MvpnVrf(VrfId(k)));
+  const uint64_t notifies = s->notifyCounter().value();
+  s->mvpnVrfDelAll();  // no subscriber: no announcement, no counting
+  EXPECT_EQ(s->mvpnVrfSize(), 0u);
+  EXPECT_EQ(s->delCounter().value(), 0u);
+  EXPECT_EQ(s->notifyCounter().value(), notifies);
+
+  for (uint32_t k = 0; k < 50; ++k) s->mvpnVrfIs(MvpnVrf(VrfId(k)));
+  std::set<VrfId> seen;
+  Oro::KeyReactor<VrfId> reactor(MvpnVrfStatus::mvpnVrfAttr,
+                                 [&](const VrfId& k) { seen.insert(k); });
+  reactor.notifierIs(s.get());
+  s->mvpnVrfDelAll();
+  EXPECT_EQ(seen.size(), 50u);
+  EXPECT_EQ(s->delCounter().value(), 50u);
+  EXPECT_EQ(s->mvpnVrfSize(), 0u);
+  s->mvpnVrfDelAll();  // empty: nothing
+  EXPECT_EQ(s->delCounter().value(), 50u);
+}
+
+TEST_F(VrfStatusTest, OldValuesAreDeliveredInThatModeOnly) {
+  auto s = mvpnVrfStatusFactory("x");
+  OldNewRecorder rec;
+  rec.notifierIs(s.get());
+  s->mvpnVrfIs(MvpnVrf(VrfId(1)));
+  EXPECT_TRUE(rec.pairs.empty());
+  s->oldValuesIs(true);
+  s->mvpnVrfIs(MvpnVrf(VrfId(1), MvpnClient::evpn_));
+  s->mvpnVrfIs(MvpnVrf(VrfId(2)));
+  s->mvpnVrfDel(VrfId(1));
+  s->mvpnVrfDel(VrfId(3));
+  ASSERT_EQ(rec.pairs.size(), 3u);
+  EXPECT_EQ(rec.pairs[0].first, MvpnVrf(VrfId(1)));
+  EXPECT_EQ(rec.pairs[0].second, MvpnVrf(VrfId(1), MvpnClient::evpn_));
+  EXPECT_EQ(rec.pairs[1].first, std::nullopt);
+  EXPECT_EQ(rec.pairs[2].first, MvpnVrf(VrfId(1), MvpnClient::evpn_));
+  EXPECT_EQ(rec.pairs[2].second, std::nullopt);
+  rec.notifierIs(nullptr);
+}
+
+TEST_F(VrfStatusTest, ControlCarriesMountStatusAndQuiesced) {
+  auto s = mvpnVrfStatusFactory("bgp");
+  Oro::Ptr<TylKetab::CollectionControl> control = s->mvpnVrfControl();
+  ASSERT_TRUE(control);
+  int controlChanges = 0;
+  Oro::AttrReactor onRoot([&](Oro::AttrId a) {
+    if (a == MvpnVrfStatus::mvpnVrfControlAttr) ++controlChanges;
+  });
+  onRoot.notifierIs(s.get());
+  s->mvpnVrfControlIs(control);  // the same object: nothing
+  EXPECT_EQ(controlChanges, 0);
+
+  s->mount(ShmAttach{MvpnVrfStatus::mountPath(Nevo::ipv4, MvpnClient::bgp_), ShmRole::writer});
+  EXPECT_EQ(control->mountStatus(), TylKetab::MountStatus::mounted);
+  s->table().quiescedIs(true);
+  EXPECT_TRUE(control->quiesced());
+
+  auto r = mvpnVrfStatusFactory("bgp");
+  r->mount(ShmAttach{MvpnVrfStatus::mountPath(Nevo::ipv4, MvpnClient::bgp_), ShmRole::reader});
+  Oro::Ptr<TylKetab::CollectionControl> rc = r->mvpnVrfControl();
+  std::vector<Oro::AttrId> rcChanges;
+  Oro::AttrReactor onControl([&](Oro::AttrId a) { rcChanges.push_back(a); });
+  onControl.notifierIs(rc.get());
+  while (r->table().core().reader()->hasPending()) r->table().core().reader()->dispatch();
+  EXPECT_EQ(rc->mountStatus(), TylKetab::MountStatus::mounted);
+  EXPECT_TRUE(rc->quiesced());
+  EXPECT_EQ(rcChanges, (std::vector<Oro::AttrId>{TylKetab::CollectionControl::mountStatusAttr,
+                                                 TylKetab::CollectionControl::quiescedAttr}));
+  onControl.notifierIs(nullptr);
+
+  s->mvpnVrfControlIs(Oro::makePtr<TylKetab::CollectionControl>());
+  EXPECT_EQ(controlChanges, 1);
+  EXPECT_NE(s->mvpnVrfControl(), control);
+  onRoot.notifierIs(nullptr);
+}
+
+TEST_F(VrfStatusTest, Dumps) {
+  auto s = mvpnVrfStatusFactory("x");
+  Oro::DumpContext empty;
+  s->dumpState(empty, 0);
+  EXPECT_EQ(empty.str(), "MvpnVrfStatus #0:\n");
+  s->mvpnVrfIs(MvpnVrf(VrfId(3), MvpnClient::evpn_));
+  s->mvpnVrfIs(MvpnVrf(VrfId(4)));
+  Oro::DumpContext dc;
+  s->dumpState(dc, 2);
+  const std::string text = dc.str();
+  EXPECT_EQ(text.substr(0, 19), "  MvpnVrfStatus #2:");
+  EXPECT_NE(text.find("\n    VRF 3\n"), std::string::npos) << text;
+  EXPECT_NE(text.find("\n    VRF 4\n"), std::string::npos) << text;
+  Oro::DumpContext pm, pm2;
+  pm.postMortemIs(true);
+  pm2.postMortemIs(true);
+  s->dumpState(pm, 0);
+  s->dumpState(pm2, 3);
+  EXPECT_EQ(pm.str(), "MvpnVrfStatus not in core file\n");
+  EXPECT_EQ(pm2.str(), "   MvpnVrfStatus not in core file\n");
+}
+
+bool ownerListed(const std::string& owner) {
+  for (const auto& c : Oro::CounterRegistry::global().list()) {
+    if (c.owner == owner) return true;
+  }
+  return false;
+}
+
+TEST_F(VrfStatusTest, LastReferenceHandsTheRootToItsControl) {
+  Oro::Ptr<TylKetab::CollectionControl> control;
+  {
+    auto s = mvpnVrfStatusFactory("handover");
+    s->mvpnVrfIs(MvpnVrf(VrfId(9)));
+    control = s->mvpnVrfControl();
+  }
+  ASSERT_TRUE(control->entity());
+  auto* root = static_cast<MvpnVrfStatus*>(control->entity().get());
+  EXPECT_EQ(root->mvpnVrf(VrfId(9)), MvpnVrf(VrfId(9)));
+  EXPECT_FALSE(root->mvpnVrfControl());
+  EXPECT_EQ(root->notifieeCount(), 0u);
+  control->entityIs(nullptr);
+  EXPECT_FALSE(ownerListed("handover"));
+
+  // Nobody holds the control: the root goes with it.
+  { auto s = mvpnVrfStatusFactory("alone"); }
+  EXPECT_FALSE(ownerListed("alone"));
+}
+
+TEST_F(VrfStatusTest, CreationByFactoryAndDirectory) {
+  auto& dir = Oro::EntityDirectory::global();
+  Oro::Ptr<Oro::Entity> e = dir.create("Routing::Multicast::MvpnVrfStatus", {"evpn"});
+  ASSERT_TRUE(e);
+  EXPECT_EQ(e->typeName(), "Routing::Multicast::MvpnVrfStatus");
+  EXPECT_EQ(static_cast<MvpnVrfStatus*>(e.get())->name(), "evpn");
+  EXPECT_THROW(dir.create("Routing::Multicast::MvpnVrfStatus", {"a", "b"}),
+               Oro::UnexpectedEntityArgumentsException);
+  EXPECT_THROW(dir.create("Routing::Multicast::MvpnIntfStatus", {"a", "b"}),
+               Oro::UnexpectedEntityArgumentsException);
+  EXPECT_EQ(MvpnIntfStatus::MvpnIntfStatusIs("i")->typeName(),
+            "Routing::Multicast::MvpnIntfStatus");
+}
+
+// Makes the table's header claim more used slots than its chunks hold.
+void corruptHighWater(const std::string& mountPath, const std::string& collection) {
+  const int fd = ::shm_open(Oro::shmSegmentName(mountPath, collection).c_str(), O_RDWR, 0);
+  ASSERT_GE(fd, 0);
+  const uint32_t huge = 0x7fffffff;
+  ASSERT_EQ(::pwrite(fd, &huge, 4, offsetof(Oro::ShmLayout::Header, slotHighWater)), 4);
+  ::close(fd);
+}
+
+TEST_F(VrfStatusTest, CorruptionDuringWalksEndsThemQuietly) {
+  auto s = mvpnVrfStatusFactory("bgp");
+  std::vector<std::string> reports;
+  s->mvpnVrfCorruptionHandlerIs([&](const std::string& m) { reports.push_back(m); });
+  s->mount(ShmAttach{"c/vrf", ShmRole::writer});
+  s->mvpnVrfIs(MvpnVrf(VrfId(1)));
+  corruptHighWater("c/vrf", "mvpnVrf");
+  s->mvpnVrfDelAll();
+  ASSERT_EQ(reports.size(), 1u);
+  EXPECT_NE(reports[0].find("corrupt"), std::string::npos) << reports[0];
+  Oro::DumpContext dc;
+  s->dumpState(dc, 0);
+  EXPECT_EQ(dc.str(), "MvpnVrfStatus #1:\n");
+  EXPECT_EQ(reports.size(), 2u);
+
+  auto i = mvpnIntfStatusFactory("intf");
+  i->vrfIntfIdCorruptionHandlerIs([&](const std::string& m) { reports.push_back(m); });
+  i->mount(ShmAttach{MvpnIntfStatus::mountPath(), ShmRole::writer});
+  i->vrfIntfIdIs(MvpnVrfIntfId(VrfId(1), Nevo::IntfId::vlan(5)));
+  corruptHighWater(MvpnIntfStatus::mountPath(), "vrfIntfId");
+  EXPECT_FALSE(i->isPmsiIntfId(Nevo::IntfId::vlan(5)));
+  EXPECT_EQ(reports.size(), 3u);
+}
+
+TEST_F(VrfStatusDeathTest, CorruptionDuringAWriteIsFatalAfterTheHandlerDeathTest) {
+  auto s = mvpnVrfStatusFactory("bgp");
+  s->mvpnVrfCorruptionHandlerIs(
+      [](const std::string& m) { fprintf(stderr, "handler saw: %s\n", m.c_str()); });
+  s->mount(ShmAttach{"c/write", ShmRole::writer});
+  s->mvpnVrfIs(MvpnVrf(VrfId(1)));
+  // Every index entry names a slot far past the chunks, with every tag value.
+  const auto* h = s->table().core().store().header();
+  const std::string index =
+      Oro::shmSegmentName("c/write", "mvpnVrf", fmt::format("index{}", h->indexGeneration.load()));
+  const int fd = ::shm_open(index.c_str(), O_RDWR, 0);
+  ASSERT_GE(fd, 0);
+  for (uint32_t n = 0; n < s->table().core().store().indexCapacity(); ++n) {
+    const uint32_t e = ((n % 32) << 27) | 0x1414141u;
+    ASSERT_EQ(::pwrite(fd, &e, 4, sizeof(Oro::ShmLayout::IndexHeader) + 4 * n), 4);
+  }
+  ::close(fd);
+  EXPECT_DEATH(s->mvpnVrfIs(MvpnVrf(VrfId(2))),
+               "handler saw: .*corrupt(.|\n)*write of mvpnVrf met a corrupt shared memory table");
+  EXPECT_DEATH(s->mvpnVrfDel(VrfId(2)),
+               "handler saw: .*corrupt(.|\n)*removal of mvpnVrf met a corrupt shared memory");
+}
+
+TEST_F(VrfStatusTest, IntfStatusPmsiLookupAndDeletion) {
+  auto i = mvpnIntfStatusFactory("intf");
+  EXPECT_FALSE(i->isPmsiIntfId(Nevo::IntfId::vlan(7)));
+  i->vrfIntfIdIs(MvpnVrfIntfId(VrfId(1), Nevo::IntfId::vlan(7)));
+  i->vrfIntfIdIs(MvpnVrfIntfId(VrfId(2), Nevo::IntfId::vlan(7)));
+  i->vrfIntfIdIs(MvpnVrfIntfId(VrfId(3), Nevo::IntfId::vlan(8)));
+  EXPECT_TRUE(i->isPmsiIntfId(Nevo::IntfId::vlan(7)));
+  std::vector<VrfId> seen;
+  Oro::KeyReactor<VrfId> reactor(MvpnIntfStatus::vrfIntfIdAttr,
+                                 [&](const VrfId& k) { seen.push_back(k); });
+  reactor.notifierIs(i.get());
+  const MvpnVrfIntfId absent = i->vrfIntfIdDel(VrfId(9));
+  EXPECT_EQ(absent.key(), VrfId(16777215));
+  EXPECT_TRUE(absent.pmsiIntfId().empty());
+  EXPECT_TRUE(seen.empty());
+  i->vrfIntfIdDel(VrfId(1));
+  EXPECT_TRUE(i->isPmsiIntfId(Nevo::IntfId::vlan(7)));
+  i->vrfIntfIdDel(VrfId(2));
+  EXPECT_FALSE(i->isPmsiIntfId(Nevo::IntfId::vlan(7)));
+  EXPECT_EQ(seen, (std::vector<VrfId>{1, 2}));
+  EXPECT_EQ(i->delCounter().name(), "vrfIntfIdDel");
+  EXPECT_EQ(i->delCounter().value(), 3u);
+}
+
+TEST_F(VrfStatusTest, ReaderInAnotherProcessPublishesTheWritersKeys) {
+  const std::string path = MvpnVrfStatus::mountPath(Nevo::ipv4, MvpnClient::evpn_);
+  shmtest::Pipe ready, go;
+  const pid_t child = shmtest::forkChild([&] {
+    auto w = mvpnVrfStatusFactory("evpn");
+    w->mvpnVrfIs(MvpnVrf(VrfId(1), MvpnClient::evpn_));  // before mounting
+    w->mount(ShmAttach{path, ShmRole::writer});
+    ready.send();
+    if (!go.receive()) return 3;
+    for (uint32_t k = 2; k < 200; ++k) w->mvpnVrfIs(MvpnVrf(VrfId(k), MvpnClient::evpn_));
+    for (uint32_t k = 2; k < 200; k += 2) w->mvpnVrfDel(VrfId(k));
+    w->mvpnVrfIs(MvpnVrf(VrfId(1000), MvpnClient::evpn_));
+    return 0;
+  });
+  ASSERT_TRUE(ready.receive());
+  Oro::TaskScheduler sched;
+  auto r = mvpnVrfStatusFactory("evpn");
+  std::set<VrfId> seen;
+  Oro::KeyReactor<VrfId> reactor(MvpnVrfStatus::mvpnVrfAttr, [&](const VrfId& k) {
+    seen.insert(k);
+    if (k == VrfId(1000)) sched.stop();
+  });
+  reactor.notifierIs(r.get());
+  r->mount(ShmAttach{path, ShmRole::reader, &sched});
+  go.send();
+  sched.runUntil(Oro::TaskScheduler::Clock::now() + 20s);
+  EXPECT_EQ(shmtest::waitChild(child), 0);
+  ASSERT_TRUE(seen.count(VrfId(1000)));
+  for (uint32_t k = 1; k < 200; ++k) {
+    EXPECT_TRUE(seen.count(VrfId(k))) << k;
+    const bool present = k == 1 || k % 2 == 1;
+    EXPECT_EQ(
+        r->mvpnVrf(VrfId(k)),
+        present ? std::optional<MvpnVrf>(MvpnVrf(VrfId(k), MvpnClient::evpn_)) : std::nullopt);
+  }
+  EXPECT_GE(r->notifyCounter().value(), seen.size());
+  reactor.notifierIs(nullptr);
+}
+
+}  // namespace
+}  // namespace Routing::Multicast
