@@ -1,0 +1,154 @@
+// MergedMvpnVrfStatusSm: time from construction to ready over 1M VRFs spread over the four
+// inputs (next to a same-run baseline that only copies every input record into the merged
+// status once), the per-key merge cost after ready (next to the writer's own mvpnVrfIs with
+// nobody listening), and the longest single task run during the scans against the slice.
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <chrono>
+#include <string>
+
+#include "merge/MvpnVrfStatusMergeSm.h"
+#include "platform/TaskScheduler.h"
+#include "status/MvpnVrfStatus.h"
+
+namespace {
+
+using Routing::Multicast::MergedMvpnVrfStatusSm;
+using Routing::Multicast::MvpnClient;
+using Routing::Multicast::MvpnVrf;
+using Routing::Multicast::MvpnVrfStatus;
+using Vrf::VrfIdMap::VrfId;
+using Clock = std::chrono::steady_clock;
+
+constexpr uint32_t kVrfs = 1'000'000;
+constexpr MvpnClient kWriters[4] = {MvpnClient::bgp_, MvpnClient::staticMvpn_, MvpnClient::evpn_,
+                                    MvpnClient::staticEvpn_};
+
+// Four inputs: VRF v is written by writer v % 4, and every 8th VRF also by the next writer,
+// so that the merge resolves real conflicts.
+struct Inputs {
+  Oro::Ptr<MvpnVrfStatus> in[4];
+  Inputs() {
+    for (int n = 0; n < 4; ++n) {
+      in[n] = Routing::Multicast::mvpnVrfStatusFactory("bench-in" + std::to_string(n));
+    }
+    for (uint32_t v = 0; v < kVrfs; ++v) {
+      in[v % 4]->mvpnVrfIs(MvpnVrf(VrfId(v), kWriters[v % 4]));
+      if (v % 8 == 0) in[(v + 1) % 4]->mvpnVrfIs(MvpnVrf(VrfId(v), kWriters[(v + 1) % 4]));
+    }
+  }
+  static Inputs& get() {
+    static Inputs inputs;
+    return inputs;
+  }
+};
+
+Oro::Ptr<MergedMvpnVrfStatusSm> makeSm(Inputs& inputs, const Oro::Ptr<MvpnVrfStatus>& merged,
+                                       Oro::TaskScheduler& scheduler) {
+  return Routing::Multicast::mergedMvpnVrfStatusSmFactory(
+      inputs.in[0], inputs.in[1], inputs.in[2], inputs.in[3], merged,
+      Dyx::SmControl{&scheduler, Oro::TaskPriority::normal, false});
+}
+
+void BM_MergeConstructionToReady(benchmark::State& state) {
+  Inputs& inputs = Inputs::get();
+  auto merged = Routing::Multicast::mvpnVrfStatusFactory("bench-merged-ready");
+  Oro::TaskScheduler scheduler;
+  for (auto _ : state) {
+    state.PauseTiming();
+    merged->mvpnVrfDelAll();
+    state.ResumeTiming();
+    auto sm = makeSm(inputs, merged, scheduler);
+    sm->initializedIs(true);
+    scheduler.runUntilIdle();
+    if (!sm->ready()) state.SkipWithError("machine not ready");
+    state.PauseTiming();
+    sm = nullptr;
+    state.ResumeTiming();
+  }
+  state.counters["mergedVrfs"] = static_cast<double>(merged->mvpnVrfSize());
+}
+BENCHMARK(BM_MergeConstructionToReady)->Unit(benchmark::kMillisecond)->Iterations(3);
+
+// Baseline: one pass over every input writing each record into the merged status.
+void BM_MergeBaselineCopyInputs(benchmark::State& state) {
+  Inputs& inputs = Inputs::get();
+  auto merged = Routing::Multicast::mvpnVrfStatusFactory("bench-merged-copy");
+  for (auto _ : state) {
+    state.PauseTiming();
+    merged->mvpnVrfDelAll();
+    state.ResumeTiming();
+    for (auto& in : inputs.in) {
+      for (auto it = in->mvpnVrfIter(); it.valid(); it.next()) merged->mvpnVrfIs(it.value());
+    }
+  }
+}
+BENCHMARK(BM_MergeBaselineCopyInputs)->Unit(benchmark::kMillisecond)->Iterations(3);
+
+// From the writer's mvpnVrfIs to the merged status's write, after ready.
+void BM_MergePerKey(benchmark::State& state) {
+  Inputs& inputs = Inputs::get();
+  auto merged = Routing::Multicast::mvpnVrfStatusFactory("bench-merged-perkey");
+  Oro::TaskScheduler scheduler;
+  auto sm = makeSm(inputs, merged, scheduler);
+  sm->initializedIs(true);
+  scheduler.runUntilIdle();
+  uint32_t v = 0;
+  for (auto _ : state) {
+    v = (v + 7919) % kVrfs;
+    inputs.in[2]->mvpnVrfIs(MvpnVrf(VrfId(v), MvpnClient::evpn_));
+  }
+  benchmark::DoNotOptimize(merged->mvpnVrfSize());
+}
+BENCHMARK(BM_MergePerKey);
+
+// Baseline: the same writes with no machine listening.
+void BM_MergeBaselineWriterOnly(benchmark::State& state) {
+  auto status = Routing::Multicast::mvpnVrfStatusFactory("bench-writer-only");
+  for (uint32_t v = 0; v < kVrfs; ++v) status->mvpnVrfIs(MvpnVrf(VrfId(v), MvpnClient::evpn_));
+  uint32_t v = 0;
+  for (auto _ : state) {
+    v = (v + 7919) % kVrfs;
+    status->mvpnVrfIs(MvpnVrf(VrfId(v), MvpnClient::evpn_));
+  }
+}
+BENCHMARK(BM_MergeBaselineWriterOnly);
+
+// The longest task run while the machine scans and merges 1M VRFs, as a multiple of the
+// configured slice (arg: slice in microseconds).
+void BM_MergeLongestTaskRun(benchmark::State& state) {
+  Inputs& inputs = Inputs::get();
+  auto merged = Routing::Multicast::mvpnVrfStatusFactory("bench-merged-slice");
+  const auto slice = std::chrono::microseconds(state.range(0));
+  double worst = 0;
+  uint64_t runs = 0;
+  for (auto _ : state) {
+    state.PauseTiming();
+    merged->mvpnVrfDelAll();
+    state.ResumeTiming();
+    Oro::TaskScheduler scheduler(slice);
+    auto sm = makeSm(inputs, merged, scheduler);
+    sm->initializedIs(true);
+    for (;;) {
+      const auto start = Clock::now();
+      if (!scheduler.runOnce()) break;
+      worst = std::max(worst, std::chrono::duration<double>(Clock::now() - start) /
+                                  std::chrono::duration<double>(slice));
+      ++runs;
+    }
+    if (!sm->ready()) state.SkipWithError("machine not ready");
+    state.PauseTiming();
+    sm = nullptr;
+    state.ResumeTiming();
+  }
+  state.counters["maxRunOverSlice"] = worst;
+  state.counters["taskRuns"] = static_cast<double>(runs);
+}
+BENCHMARK(BM_MergeLongestTaskRun)
+    ->Arg(200)
+    ->Arg(1000)
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(2);
+
+}  // namespace

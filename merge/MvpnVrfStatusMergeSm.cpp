@@ -1,0 +1,247 @@
+#include "merge/MvpnVrfStatusMergeSm.h"
+
+#include <array>
+#include <string_view>
+
+#include "merge/IntoClause.h"
+#include "merge/MergeTraceLevels.h"
+#include "platform/Assert.h"
+#include "platform/Optional.h"
+
+namespace Routing::Multicast::DynaCode::MergedMvpnVrfStatusSm {
+
+MvpnVrfIterator MvpnVrfSource::iterAt(const Root& root, const Bookmark& b) {
+  // A walk resumes at the remembered slot. When the bookmarked key left and came back in
+  // another slot meanwhile, resuming at the key would jump over the slots in between, whose
+  // untouched entries would then never be visited; so the table is asked for a key it does
+  // not hold, which makes it continue from the remembered slot.
+  MvpnVrfIterator it = root.mvpnVrfIterAt(b);
+  if (!it.valid() || it.slot() == b.slot) return it;
+  Bookmark bySlot{VrfId(UINT32_MAX), b.slot};
+  while (root.mvpnVrf(bySlot.key)) bySlot.key = VrfId(bySlot.key.value() - 1);
+  return root.mvpnVrfIterAt(bySlot);
+}
+
+void MvpnVrfSource::handleCorruption(const Root& root, const Oro::ShmCorruptionException& e) {
+  root.mvpnVrfHandleCorruption(e.what());
+}
+
+void MergedVrfStatusMvpnVrfOutputColl::del(const VrfId& key) const {
+  status->mvpnVrfDel(key);
+}
+
+}  // namespace Routing::Multicast::DynaCode::MergedMvpnVrfStatusSm
+
+namespace Routing::Multicast {
+
+namespace {
+
+using DynaCode::kTraceMerge;
+using DynaCode::MergedMvpnVrfStatusSm::MergedVrfStatusMvpnVrfOutputColl;
+using DynaCode::MergedMvpnVrfStatusSm::VrfInputSm;
+
+constexpr std::string_view kTypeName = "Routing::Multicast::MergedMvpnVrfStatusSm";
+constexpr std::string_view kShortName = "MergedMvpnVrfStatusSm";
+constexpr std::string_view kInputTypePrefix =
+    "Routing::Multicast::DynaCode::MergedMvpnVrfStatusSm::";
+
+// Per stream: the input machine's name and its from clause in trace form.
+struct StreamNames {
+  std::string_view sm;
+  std::string_view from;
+};
+constexpr std::array<StreamNames, MergedMvpnVrfStatusSm::kInputs> kStreams = {{
+    {"MvpnVrfStatusSm0", "Line 15: from( mvpnVrfStatus.mvpnVrf[] ): vrfId={}"},
+    {"StaticMvpnVrfStatusSm1", "Line 15: from( staticMvpnVrfStatus.mvpnVrf[] ): vrfId={}"},
+    {"EvpnVrfStatusSm2", "Line 15: from( evpnVrfStatus.mvpnVrf[] ): vrfId={}"},
+    {"StaticEvpnVrfStatusSm3", "Line 15: from( staticEvpnVrfStatus.mvpnVrf[] ): vrfId={}"},
+}};
+
+template <class Sm>
+Oro::Ptr<Sm> makeInputSm(MergedMvpnVrfStatusSm* parent, const MvpnVrfStatus* input, size_t n,
+                         VrfInputSm::EventFn event) {
+  return Oro::makePtr<Sm>(parent, Oro::Ptr<const MvpnVrfStatus>(input), n,
+                          std::string(kInputTypePrefix) + std::string(kStreams[n].sm),
+                          std::string(kStreams[n].sm), "mvpnVrf", std::move(event));
+}
+
+}  // namespace
+
+Oro::TraceHandle& MergedMvpnVrfStatusSm::traceHandle() {
+  static Oro::TraceHandle handle(std::string{kShortName});
+  return handle;
+}
+
+MergedMvpnVrfStatusSm::MergedMvpnVrfStatusSm(Oro::Ptr<const MvpnVrfStatus> mvpnVrfStatus,
+                                             Oro::Ptr<const MvpnVrfStatus> staticMvpnVrfStatus,
+                                             Oro::Ptr<const MvpnVrfStatus> evpnVrfStatus,
+                                             Oro::Ptr<const MvpnVrfStatus> staticEvpnVrfStatus,
+                                             Oro::Ptr<MvpnVrfStatus> mergedVrfStatus,
+                                             const Dyx::SmControl& dynaControl)
+    : MergeSm(std::string{kTypeName}, std::string{kShortName}, traceHandle(), dynaControl, kInputs,
+              1),
+      mvpnVrfStatus_(std::move(mvpnVrfStatus)),
+      staticMvpnVrfStatus_(std::move(staticMvpnVrfStatus)),
+      evpnVrfStatus_(std::move(evpnVrfStatus)),
+      staticEvpnVrfStatus_(std::move(staticEvpnVrfStatus)),
+      mergedVrfStatus_(std::move(mergedVrfStatus)),
+      output_(this, 0, "mergedVrfStatusMvpnVrfOutput", {0, 1, 2, 3},
+              MergedVrfStatusMvpnVrfOutputColl{mergedVrfStatus_.get()}) {
+  outputIs(&output_);
+}
+
+MergedMvpnVrfStatusSm::~MergedMvpnVrfStatusSm() = default;
+
+Oro::Ptr<MergedMvpnVrfStatusSm> MergedMvpnVrfStatusSm::MergedMvpnVrfStatusSmIs(
+    Oro::Ptr<const MvpnVrfStatus> mvpnVrfStatus, Oro::Ptr<const MvpnVrfStatus> staticMvpnVrfStatus,
+    Oro::Ptr<const MvpnVrfStatus> evpnVrfStatus, Oro::Ptr<const MvpnVrfStatus> staticEvpnVrfStatus,
+    Oro::Ptr<MvpnVrfStatus> mergedVrfStatus, const Dyx::SmControl& dynaControl) {
+  return Oro::makePtr<MergedMvpnVrfStatusSm>(
+      std::move(mvpnVrfStatus), std::move(staticMvpnVrfStatus), std::move(evpnVrfStatus),
+      std::move(staticEvpnVrfStatus), std::move(mergedVrfStatus), dynaControl);
+}
+
+Oro::Ptr<MergedMvpnVrfStatusSm> mergedMvpnVrfStatusSmFactory(
+    Oro::Ptr<const MvpnVrfStatus> mvpnVrfStatus, Oro::Ptr<const MvpnVrfStatus> staticMvpnVrfStatus,
+    Oro::Ptr<const MvpnVrfStatus> evpnVrfStatus, Oro::Ptr<const MvpnVrfStatus> staticEvpnVrfStatus,
+    Oro::Ptr<MvpnVrfStatus> mergedVrfStatus, const Dyx::SmControl& dynaControl) {
+  return MergedMvpnVrfStatusSm::MergedMvpnVrfStatusSmIs(
+      std::move(mvpnVrfStatus), std::move(staticMvpnVrfStatus), std::move(evpnVrfStatus),
+      std::move(staticEvpnVrfStatus), std::move(mergedVrfStatus), dynaControl);
+}
+
+void MergedMvpnVrfStatusSm::checkPointers() const {
+  MVPN_ASSERT_MSG(mergedVrfStatus(),
+                  "Pointer SM args cannot be null unless they are marked Optional");
+  MVPN_ASSERT_MSG(staticEvpnVrfStatus(),
+                  "Pointer SM args cannot be null unless they are marked Optional");
+  MVPN_ASSERT_MSG(evpnVrfStatus(),
+                  "Pointer SM args cannot be null unless they are marked Optional");
+  MVPN_ASSERT_MSG(staticMvpnVrfStatus(),
+                  "Pointer SM args cannot be null unless they are marked Optional");
+  MVPN_ASSERT_MSG(mvpnVrfStatus(),
+                  "Pointer SM args cannot be null unless they are marked Optional");
+}
+
+void MergedMvpnVrfStatusSm::createInputSms() {
+  mvpnVrfStatusSm0_ = makeInputSm<MvpnVrfStatusSm0>(
+      this, mvpnVrfStatus(), 0,
+      [this](const VrfId& k, const std::optional<MvpnVrf>& v) { eventToDyx_stream0(k, v); });
+  staticMvpnVrfStatusSm1_ = makeInputSm<StaticMvpnVrfStatusSm1>(
+      this, staticMvpnVrfStatus(), 1,
+      [this](const VrfId& k, const std::optional<MvpnVrf>& v) { eventToDyx_stream1(k, v); });
+  evpnVrfStatusSm2_ = makeInputSm<EvpnVrfStatusSm2>(
+      this, evpnVrfStatus(), 2,
+      [this](const VrfId& k, const std::optional<MvpnVrf>& v) { eventToDyx_stream2(k, v); });
+  staticEvpnVrfStatusSm3_ = makeInputSm<StaticEvpnVrfStatusSm3>(
+      this, staticEvpnVrfStatus(), 3,
+      [this](const VrfId& k, const std::optional<MvpnVrf>& v) { eventToDyx_stream3(k, v); });
+  inputSmIs(mvpnVrfStatusSm0_.get());
+  inputSmIs(staticMvpnVrfStatusSm1_.get());
+  inputSmIs(evpnVrfStatusSm2_.get());
+  inputSmIs(staticEvpnVrfStatusSm3_.get());
+}
+
+VrfInputSm* MergedMvpnVrfStatusSm::inputSm(size_t n) const {
+  switch (n) {
+    case 0:
+      return mvpnVrfStatusSm0_.get();
+    case 1:
+      return staticMvpnVrfStatusSm1_.get();
+    case 2:
+      return evpnVrfStatusSm2_.get();
+    case 3:
+      return staticEvpnVrfStatusSm3_.get();
+    default:
+      return nullptr;
+  }
+}
+
+void MergedMvpnVrfStatusSm::inputRootDel(size_t n) {
+  if (VrfInputSm* sm = inputSm(n)) sm->inputRootDel();
+}
+
+void MergedMvpnVrfStatusSm::streamEvent(size_t stream, const VrfId& vrfId) {
+  if (!initialScanDone()) return;
+  ORO_TRACE(qtHandle(), kTraceMerge, fmt::runtime(kStreams[stream].from), vrfId);
+  eventToDyx_pipeline0(vrfId);
+}
+
+void MergedMvpnVrfStatusSm::eventToDyx_stream0(const VrfId& vrfId,
+                                               const std::optional<MvpnVrf>& /*value*/) {
+  streamEvent(0, vrfId);
+}
+void MergedMvpnVrfStatusSm::eventToDyx_stream1(const VrfId& vrfId,
+                                               const std::optional<MvpnVrf>& /*value*/) {
+  streamEvent(1, vrfId);
+}
+void MergedMvpnVrfStatusSm::eventToDyx_stream2(const VrfId& vrfId,
+                                               const std::optional<MvpnVrf>& /*value*/) {
+  streamEvent(2, vrfId);
+}
+void MergedMvpnVrfStatusSm::eventToDyx_stream3(const VrfId& vrfId,
+                                               const std::optional<MvpnVrf>& /*value*/) {
+  streamEvent(3, vrfId);
+}
+
+void MergedMvpnVrfStatusSm::eventToDyx_pipeline0(const VrfId& vrfId) {
+  if (!initialScanDone()) return;
+  const Oro::TraceHandle& trace = qtHandle();
+  ORO_TRACE(trace, kTraceMerge,
+            "Line 15: merge( dyx_stream0, dyx_stream1, dyx_stream2, dyx_stream3 ): vrfId={}",
+            vrfId);
+  const std::optional<MvpnVrf> mvpnVrf = mvpnVrfStatusSm0_->lookup(vrfId);
+  const std::optional<MvpnVrf> staticMvpnVrf = staticMvpnVrfStatusSm1_->lookup(vrfId);
+  const std::optional<MvpnVrf> evpnVrf = evpnVrfStatusSm2_->lookup(vrfId);
+  const std::optional<MvpnVrf> staticEvpnVrf = staticEvpnVrfStatusSm3_->lookup(vrfId);
+
+  // Precedence: BGP, EVPN, static MVPN, static EVPN. Only presence counts; the winner's own
+  // client field is not copied. With no input the rank-4 line is traced as well.
+  MvpnClient client = MvpnClient::staticEvpn_;
+  int line = 28;
+  if (mvpnVrf) {
+    client = MvpnClient::bgp_;
+    line = 22;
+  } else if (evpnVrf) {
+    client = MvpnClient::evpn_;
+    line = 24;
+  } else if (staticMvpnVrf) {
+    client = MvpnClient::staticMvpn_;
+    line = 26;
+  }
+  const MvpnVrf myVrf(vrfId, client);
+  ORO_TRACE(trace, kTraceMerge,
+            "Line {}: merge( dyx_pipeline0 ): vrfId={} myVrf={} mvpnVrf={} staticMvpnVrf={} "
+            "evpnVrf={} staticEvpnVrf={}",
+            line, vrfId, myVrf.toStrep(), Oro::optionalStrep(mvpnVrf),
+            Oro::optionalStrep(staticMvpnVrf), Oro::optionalStrep(evpnVrf),
+            Oro::optionalStrep(staticEvpnVrf));
+  std::optional<MvpnVrf> valMyVrf;
+  if (mvpnVrf || staticMvpnVrf || evpnVrf || staticEvpnVrf) valMyVrf = myVrf;
+  ORO_TRACE(trace, kTraceMerge,
+            "Line 22: merge( dyx_pipeline1, dyx_pipeline2, dyx_pipeline3, dyx_pipeline4, "
+            "dyx_pipeline5 ): valMyVrf={} vrfId={} mvpnVrf={} staticMvpnVrf={} evpnVrf={} "
+            "staticEvpnVrf={}",
+            Oro::optionalStrep(valMyVrf), vrfId, Oro::optionalStrep(mvpnVrf),
+            Oro::optionalStrep(staticMvpnVrf), Oro::optionalStrep(evpnVrf),
+            Oro::optionalStrep(staticEvpnVrf));
+  output_.keyMerged(vrfId);
+  intoMergedVrfStatusMvpnVrf(vrfId, valMyVrf);
+}
+
+void MergedMvpnVrfStatusSm::intoMergedVrfStatusMvpnVrf(const VrfId& vrfId,
+                                                       const std::optional<MvpnVrf>& value) {
+  if (!value) {
+    ORO_TRACE(qtHandle(), kTraceMerge, "into( mergedVrfStatus.mvpnVrf[ vrfId ] ): deleting k1={}",
+              vrfId);
+    mergedVrfStatus_->mvpnVrfDel(vrfId);
+    return;
+  }
+  DynaCode::intoKeyCheck("into( mergedVrfStatus.mvpnVrf[ vrfId ] )", value->key(), vrfId);
+  ORO_TRACE(qtHandle(), kTraceMerge,
+            "into( mergedVrfStatus.mvpnVrf[ vrfId ] ): inserting k1={}, value={}", vrfId,
+            value->toStrep());
+  mergedVrfStatus_->mvpnVrfIs(*value);
+}
+
+}  // namespace Routing::Multicast

@@ -1,0 +1,86 @@
+// A merge machine over four in-process writer statuses and one merged status, driven by a
+// real scheduler. Shared by the merge tests.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <string>
+
+#include "merge/MvpnVrfStatusMergeSm.h"
+#include "platform/TaskScheduler.h"
+#include "status/MvpnVrfStatus.h"
+
+namespace MergeTest {
+
+using Routing::Multicast::MergedMvpnVrfStatusSm;
+using Routing::Multicast::MvpnClient;
+using Routing::Multicast::MvpnVrf;
+using Routing::Multicast::MvpnVrfStatus;
+using Vrf::VrfIdMap::VrfId;
+
+// The writer of each input, in argument order.
+inline constexpr MvpnClient kWriters[4] = {MvpnClient::bgp_, MvpnClient::staticMvpn_,
+                                           MvpnClient::evpn_, MvpnClient::staticEvpn_};
+
+// The merged client of a VRF held by the inputs flagged in `present` (bit n = input n):
+// BGP, then EVPN, then static MVPN, then static EVPN.
+inline std::optional<MvpnClient> precedence(unsigned present) {
+  if (present & 1u) return MvpnClient::bgp_;
+  if (present & 4u) return MvpnClient::evpn_;
+  if (present & 2u) return MvpnClient::staticMvpn_;
+  if (present & 8u) return MvpnClient::staticEvpn_;
+  return std::nullopt;
+}
+
+inline std::map<uint32_t, MvpnClient> contents(const MvpnVrfStatus& status) {
+  std::map<uint32_t, MvpnClient> out;
+  for (auto it = status.mvpnVrfIter(); it.valid(); it.next()) {
+    out[it.key().value()] = it.value().client();
+  }
+  return out;
+}
+
+struct Rig {
+  explicit Rig(std::chrono::nanoseconds slice = std::chrono::milliseconds(1)) : scheduler(slice) {
+    static int instance = 0;
+    const std::string tag = std::to_string(++instance);
+    for (int n = 0; n < 4; ++n) {
+      in[n] = Routing::Multicast::mvpnVrfStatusFactory("in" + std::to_string(n) + "-" + tag);
+    }
+    merged = Routing::Multicast::mvpnVrfStatusFactory("merged-" + tag);
+  }
+
+  Oro::Ptr<MergedMvpnVrfStatusSm> make(bool synchronous) {
+    Dyx::SmControl control{&scheduler, Oro::TaskPriority::normal, synchronous};
+    return Routing::Multicast::mergedMvpnVrfStatusSmFactory(in[0], in[1], in[2], in[3], merged,
+                                                            control);
+  }
+  void start(bool synchronous = false) {
+    sm = make(synchronous);
+    sm->initializedIs(true);
+  }
+  void put(int n, uint32_t vrf) { in[n]->mvpnVrfIs(MvpnVrf(VrfId(vrf), kWriters[n])); }
+  void del(int n, uint32_t vrf) { in[n]->mvpnVrfDel(VrfId(vrf)); }
+  void settle() { scheduler.runUntilIdle(); }
+  std::map<uint32_t, MvpnClient> mergedMap() const { return contents(*merged); }
+  // What the merged status must hold for the inputs' present contents.
+  std::map<uint32_t, MvpnClient> expected() const {
+    std::map<uint32_t, unsigned> present;
+    for (int n = 0; n < 4; ++n) {
+      for (auto it = in[n]->mvpnVrfIter(); it.valid(); it.next()) {
+        present[it.key().value()] |= 1u << n;
+      }
+    }
+    std::map<uint32_t, MvpnClient> out;
+    for (auto [vrf, bits] : present) out[vrf] = *precedence(bits);
+    return out;
+  }
+
+  Oro::TaskScheduler scheduler;
+  Oro::Ptr<MvpnVrfStatus> in[4];
+  Oro::Ptr<MvpnVrfStatus> merged;
+  Oro::Ptr<MergedMvpnVrfStatusSm> sm;
+};
+
+}  // namespace MergeTest

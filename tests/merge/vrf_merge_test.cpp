@@ -1,0 +1,405 @@
+// MergedMvpnVrfStatusSm over in-process writer statuses: precedence, lifecycle, scans with
+// yields, reconciliation after a restart, input departure, trace lines and fatal checks.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include "merge/MergeTestRig.h"
+#include "merge/MvpnVrfStatusMergeSm.h"
+#include "platform/Entity.h"
+#include "platform/Trace.h"
+
+namespace {
+
+using namespace MergeTest;
+using namespace std::chrono_literals;
+using Routing::Multicast::DynaCode::kScanComplete;
+using Routing::Multicast::DynaCode::kScanInterrupted;
+
+// Escapes a literal message for a death-test regular expression.
+std::string literal(std::string_view text) {
+  std::string out;
+  for (char c : text) {
+    if (std::string_view("\\^$.|?*+()[]{}").find(c) != std::string_view::npos) out += '\\';
+    out += c;
+  }
+  return out;
+}
+
+std::vector<uint32_t> keysInOrder(const MvpnVrfStatus& status) {
+  std::vector<uint32_t> keys;
+  for (auto it = status.mvpnVrfIter(); it.valid(); it.next()) keys.push_back(it.key().value());
+  return keys;
+}
+
+// Collects the machine's trace lines at every level while alive.
+struct TraceCapture {
+  TraceCapture() {
+    for (int level = 0; level <= Oro::kTraceMaxLevel; ++level) {
+      Oro::traceEnable("MergedMvpnVrfStatusSm", level, true);
+    }
+    sink.install();
+  }
+  ~TraceCapture() {
+    sink.uninstall();
+    for (int level = 0; level <= Oro::kTraceMaxLevel; ++level) {
+      Oro::traceEnable("MergedMvpnVrfStatusSm", level, false);
+    }
+  }
+  std::vector<std::string> matching(std::string_view needle) const {
+    std::vector<std::string> out;
+    for (const std::string& m : sink.messages()) {
+      if (m.find(needle) != std::string::npos) out.push_back(m);
+    }
+    return out;
+  }
+  Oro::TraceMemorySink sink;
+};
+
+TEST(VrfMerge, PrecedenceFollowsEveryChange) {
+  for (bool synchronous : {false, true}) {
+    SCOPED_TRACE(synchronous ? "synchronous" : "asynchronous");
+    Rig rig;
+    rig.put(1, 7);  // static MVPN and EVPN: EVPN wins
+    rig.put(2, 7);
+    for (int n = 0; n < 4; ++n) rig.put(n, 9);  // everyone: BGP wins
+    rig.start(synchronous);
+    rig.settle();
+    ASSERT_TRUE(rig.sm->ready());
+    EXPECT_EQ(rig.mergedMap(),
+              (std::map<uint32_t, MvpnClient>{{7, MvpnClient::evpn_}, {9, MvpnClient::bgp_}}));
+
+    rig.put(3, 11);
+    EXPECT_EQ(rig.mergedMap().at(11), MvpnClient::staticEvpn_);
+    rig.put(0, 11);
+    EXPECT_EQ(rig.mergedMap().at(11), MvpnClient::bgp_);
+    rig.del(0, 11);
+    EXPECT_EQ(rig.mergedMap().at(11), MvpnClient::staticEvpn_);
+    rig.del(3, 11);
+    EXPECT_FALSE(rig.merged->mvpnVrf(VrfId(11)).has_value());
+
+    rig.del(2, 7);  // EVPN leaves: static MVPN remains
+    EXPECT_EQ(rig.mergedMap().at(7), MvpnClient::staticMvpn_);
+    rig.del(0, 9);  // BGP leaves: EVPN ranks above static MVPN
+    EXPECT_EQ(rig.mergedMap().at(9), MvpnClient::evpn_);
+    EXPECT_EQ(rig.mergedMap(), rig.expected());
+  }
+}
+
+TEST(VrfMerge, EveryRemergedKeyIsWrittenAgain) {
+  Rig rig;
+  rig.put(0, 5);
+  rig.start();
+  rig.settle();
+  int changes = 0;
+  Oro::KeyReactor<VrfId> watcher(MvpnVrfStatus::mvpnVrfAttr, [&](const VrfId& k) {
+    if (k == VrfId(5)) ++changes;
+  });
+  watcher.notifierIs(rig.merged.get());
+  rig.put(0, 5);  // same record again
+  rig.put(2, 5);  // a lower-ranked writer: the merged value stays bgp_
+  EXPECT_EQ(changes, 2);
+  EXPECT_EQ(rig.mergedMap().at(5), MvpnClient::bgp_);
+}
+
+TEST(VrfMergeLifecycle, ConstructionAloneDoesNothing) {
+  Rig rig;
+  rig.put(0, 1);
+  rig.sm = rig.make(false);
+  EXPECT_FALSE(rig.sm->initialized());
+  EXPECT_EQ(rig.scheduler.runUntilIdle(), 0u);
+  EXPECT_EQ(rig.sm->inputSmScanState(), nullptr);
+  EXPECT_EQ(rig.sm->mvpnVrfStatusSm0(), nullptr);
+  EXPECT_FALSE(rig.sm->ready());
+  EXPECT_FALSE(rig.sm->idle());
+  EXPECT_TRUE(rig.mergedMap().empty());
+  rig.sm->initializedIs(true);
+  rig.settle();
+  EXPECT_TRUE(rig.sm->ready());
+  EXPECT_TRUE(rig.sm->idle());
+  EXPECT_EQ(rig.mergedMap(), rig.expected());
+}
+
+TEST(VrfMergeLifecycle, ScansYieldByTheSliceAndTheFirstScanWritesNothing) {
+  Rig rig(0ns);  // every slice is used up after one key
+  for (uint32_t v = 1; v <= 3; ++v) rig.put(0, v);
+  rig.put(2, 3);
+  int writes = 0;
+  Oro::KeyReactor<VrfId> watcher(MvpnVrfStatus::mvpnVrfAttr, [&](const VrfId&) { ++writes; });
+  watcher.notifierIs(rig.merged.get());
+  rig.start();
+  auto* sm0 = rig.sm->mvpnVrfStatusSm0();
+  ASSERT_NE(sm0->task0(), nullptr);
+  EXPECT_EQ(sm0->task0()->name(),
+            "Routing::Multicast::MergedMvpnVrfStatusSm-MvpnVrfStatusSm0InputScanTask0");
+  EXPECT_EQ(rig.sm->evpnVrfStatusSm2()->task2()->name(),
+            "Routing::Multicast::MergedMvpnVrfStatusSm-EvpnVrfStatusSm2InputScanTask2");
+  EXPECT_EQ(rig.sm->mergedVrfStatusMvpnVrfOutputReconciliationTask()->name(),
+            "MergedMvpnVrfStatusSm-mergedVrfStatusMvpnVrfOutputTask");
+
+  ASSERT_TRUE(rig.scheduler.runOnce());  // task0: one key, then the slice is over
+  EXPECT_EQ(sm0->inputScanState0(), kScanInterrupted);
+  EXPECT_TRUE(sm0->inputScanBookmark0().has_value());
+  EXPECT_EQ(sm0->task0()->workCount(), 1u);
+  EXPECT_EQ(sm0->task0()->pendingWork(), 3u);
+  EXPECT_TRUE(sm0->task0()->scheduled());
+  EXPECT_FALSE(sm0->inputScanComplete0());
+
+  while (!rig.sm->initialScanDone()) ASSERT_TRUE(rig.scheduler.runOnce());
+  EXPECT_EQ(writes, 0);
+  EXPECT_TRUE(rig.mergedMap().empty());
+  EXPECT_FALSE(rig.sm->ready());
+  for (size_t n = 0; n < 4; ++n) EXPECT_FALSE(rig.sm->inputSmScanState()->streamScan(n));
+
+  rig.settle();
+  EXPECT_TRUE(rig.sm->ready());
+  EXPECT_TRUE(rig.sm->idle());
+  EXPECT_EQ(rig.mergedMap(), rig.expected());
+  EXPECT_EQ(writes, 4);  // VRF 3 is merged by both inputs' scans
+  for (size_t n = 0; n < 4; ++n) {
+    EXPECT_EQ(rig.sm->inputSm(n)->inputScanState(), kScanComplete);
+    EXPECT_EQ(rig.sm->inputSm(n)->task(), nullptr);  // deleted once complete
+    EXPECT_TRUE(rig.sm->inputSm(n)->inputScanComplete());
+  }
+}
+
+TEST(VrfMergeLifecycle, SynchronousMachineNeverYields) {
+  Rig rig(0ns);
+  for (uint32_t v = 0; v < 50; ++v) rig.put(v % 4, v);
+  rig.start(true);
+  // Everything ran inside initializedIs, however short the slice.
+  EXPECT_TRUE(rig.sm->ready());
+  EXPECT_TRUE(rig.sm->idle());
+  EXPECT_EQ(rig.mergedMap(), rig.expected());
+  EXPECT_EQ(rig.scheduler.runUntilIdle(), 0u);
+}
+
+TEST(VrfMergeReconcile, RestartDeletesExactlyTheUnsupportedEntries) {
+  for (auto mode : {0, 1, 2}) {  // yielding, large slice, synchronous
+    SCOPED_TRACE(mode);
+    Rig rig(mode == 0 ? 0ns : std::chrono::nanoseconds(1s));
+    rig.merged->mvpnVrfIs(MvpnVrf(VrfId(100), MvpnClient::bgp_));
+    rig.merged->mvpnVrfIs(MvpnVrf(VrfId(101), MvpnClient::evpn_));
+    rig.merged->mvpnVrfIs(MvpnVrf(VrfId(5), MvpnClient::staticEvpn_));
+    rig.put(0, 5);
+    rig.put(3, 6);
+    rig.start(mode == 2);
+    EXPECT_EQ(rig.sm->mergedVrfStatusMvpnVrfOutputReconciling(), mode != 2);
+    rig.settle();
+    ASSERT_TRUE(rig.sm->ready());
+    EXPECT_EQ(rig.mergedMap(), (std::map<uint32_t, MvpnClient>{{5, MvpnClient::bgp_},
+                                                               {6, MvpnClient::staticEvpn_}}));
+    const auto& output = rig.sm->mergedVrfStatusMvpnVrfOutput();
+    EXPECT_EQ(output.deletedTotal(), 2u);
+    EXPECT_EQ(output.processedTotal(), 4u);
+    EXPECT_FALSE(rig.sm->mergedVrfStatusMvpnVrfOutputReconciling());
+    EXPECT_FALSE(rig.sm->mergedVrfStatusMvpnVrfOutputUseBookmark());
+    EXPECT_TRUE(rig.sm->mergedVrfStatusMvpnVrfOutputSeen().empty());
+  }
+}
+
+TEST(VrfMergeReconcile, EmptyOutputIsNotReconciled) {
+  Rig rig;
+  rig.put(1, 3);
+  rig.start();
+  EXPECT_FALSE(rig.sm->mergedVrfStatusMvpnVrfOutputReconciling());
+  rig.settle();
+  EXPECT_EQ(rig.sm->mergedVrfStatusMvpnVrfOutput().processedTotal(), 0u);
+  EXPECT_TRUE(rig.sm->mergedVrfStatusMvpnVrfOutputSeen().empty());
+  EXPECT_EQ(rig.mergedMap(), rig.expected());
+}
+
+TEST(VrfMergeDeparture, DepartedInputFallsBackToTheOthers) {
+  Rig rig;
+  rig.put(0, 5);
+  rig.put(0, 6);
+  rig.put(3, 5);
+  rig.start();
+  rig.settle();
+  rig.sm->doDeleteAll();  // every input still there: nothing changes
+  EXPECT_EQ(rig.mergedMap(), rig.expected());
+
+  rig.sm->inputRootDel(0);
+  EXPECT_EQ(rig.mergedMap(), (std::map<uint32_t, MvpnClient>{{5, MvpnClient::staticEvpn_}}));
+  rig.put(0, 7);  // no longer watched
+  EXPECT_FALSE(rig.merged->mvpnVrf(VrfId(7)).has_value());
+  rig.put(2, 5);
+  EXPECT_EQ(rig.mergedMap().at(5), MvpnClient::evpn_);
+}
+
+TEST(VrfMergeDeparture, InputDepartingBeforeTheInitialScanCountsAsEmpty) {
+  Rig rig(0ns);
+  rig.put(2, 4);
+  rig.put(2, 8);
+  rig.put(1, 8);
+  rig.start();
+  rig.scheduler.runOnce();
+  rig.sm->inputRootDel(2);
+  rig.settle();
+  EXPECT_TRUE(rig.sm->ready());
+  EXPECT_EQ(rig.mergedMap(), (std::map<uint32_t, MvpnClient>{{8, MvpnClient::staticMvpn_}}));
+}
+
+TEST(VrfMergeTrace, FullLifecycleLines) {
+  Rig rig(0ns);
+  rig.put(0, 1);
+  rig.put(0, 2);
+  const std::vector<uint32_t> order = keysInOrder(*rig.in[0]);
+  const std::string a = std::to_string(order[0]), b = std::to_string(order[1]);
+  TraceCapture trace;
+  rig.start();
+  rig.settle();
+  rig.put(0, 5);
+  auto mergeLines = [](const std::string& k) {
+    return std::vector<std::string>{
+        "Line 15: from( mvpnVrfStatus.mvpnVrf[] ): vrfId=" + k,
+        "Line 15: merge( dyx_stream0, dyx_stream1, dyx_stream2, dyx_stream3 ): vrfId=" + k,
+        "Line 22: merge( dyx_pipeline0 ): vrfId=" + k + " myVrf=" + k + " mvpnVrf=Optional(" + k +
+            ") staticMvpnVrf=None evpnVrf=None staticEvpnVrf=None",
+        "Line 22: merge( dyx_pipeline1, dyx_pipeline2, dyx_pipeline3, dyx_pipeline4, "
+        "dyx_pipeline5 ): valMyVrf=Optional(" +
+            k + ") vrfId=" + k + " mvpnVrf=Optional(" + k +
+            ") staticMvpnVrf=None evpnVrf=None staticEvpnVrf=None",
+        "into( mergedVrfStatus.mvpnVrf[ vrfId ] ): inserting k1=" + k + ", value=" + k,
+    };
+  };
+  std::vector<std::string> expected = {
+      "create local SMs",
+      "create non-public arg SMs",
+      // First scans: input 0 yields after one key, the empty inputs complete at once.
+      " scan complete: false resumed: false scan: 0",
+      "k: " + a,
+      "MergedMvpnVrfStatusSm MvpnVrfStatusSm0 yielding after 1 iterations (2 total items)",
+  };
+  for (const char* sm : {"StaticMvpnVrfStatusSm1", "EvpnVrfStatusSm2", "StaticEvpnVrfStatusSm3"}) {
+    const bool last = std::string_view(sm) == "StaticEvpnVrfStatusSm3";
+    expected.push_back(" scan complete: false resumed: false scan: 0");
+    expected.push_back(last ? " dyx_stream0 scan is false" : " dyx_stream3 scan is false");
+    expected.push_back("Initial scan yielding for child SM MergedMvpnVrfStatusSm.");
+    expected.push_back(std::string(sm) + " initial scan, and parent scan, complete.");
+  }
+  expected.insert(expected.end(), {
+                                      " scan complete: false resumed: true scan: 1",
+                                      "k: " + b,
+                                      "Initial scan done for child SMs. Now scanning with events "
+                                      "triggered.",
+                                      "MvpnVrfStatusSm0 initial scan, and parent scan, complete.",
+                                      // Merging scans.
+                                      " scan complete: false resumed: false scan: 3",
+                                      "k: " + a,
+                                  });
+  for (auto& l : mergeLines(a)) expected.push_back(l);
+  expected.push_back(
+      "MergedMvpnVrfStatusSm MvpnVrfStatusSm0 yielding after 1 iterations (2 total items)");
+  for (const char* sm : {"StaticMvpnVrfStatusSm1", "EvpnVrfStatusSm2", "StaticEvpnVrfStatusSm3"}) {
+    expected.push_back(" scan complete: false resumed: false scan: 3");
+    expected.push_back(std::string(sm) + " scan, and parent scan, complete.");
+  }
+  expected.push_back(" scan complete: false resumed: true scan: 1");
+  expected.push_back("k: " + b);
+  for (auto& l : mergeLines(b)) expected.push_back(l);
+  expected.insert(expected.end(), {
+                                      "Input scans for mergedVrfStatusMvpnVrfOutput complete",
+                                      "Deletion scan for reconciliation is done, last task run "
+                                      "processed 0 items, deleting 0 items.",
+                                      "MvpnVrfStatusSm0 scan, and parent scan, complete.",
+                                      // A per-key merge once ready.
+                                      "k: 5",
+                                  });
+  for (auto& l : mergeLines("5")) expected.push_back(l);
+  EXPECT_EQ(trace.sink.messages(), expected);
+  for (const auto& line : trace.sink.lines()) EXPECT_EQ(line.component, "MergedMvpnVrfStatusSm");
+}
+
+TEST(VrfMergeTrace, ReconciliationLinesWithAndWithoutYields) {
+  const std::vector<std::string> yielding = {
+      "Input scans for mergedVrfStatusMvpnVrfOutput complete",
+      "Yielding in reconciliation processing after processing 1 items, including 1 deletions .",
+      "Input scans for mergedVrfStatusMvpnVrfOutput complete",
+      "Deletion scan for reconciliation is done, last task run processed 1 items, deleting 1 "
+      "items.",
+  };
+  const std::vector<std::string> straight = {
+      "Input scans for mergedVrfStatusMvpnVrfOutput complete",
+      "Deletion scan for reconciliation is done, last task run processed 2 items, deleting 2 "
+      "items.",
+      "already ready, not reconciling.",
+  };
+  for (bool synchronous : {false, true}) {
+    Rig rig(0ns);
+    rig.merged->mvpnVrfIs(MvpnVrf(VrfId(8), MvpnClient::bgp_));
+    rig.merged->mvpnVrfIs(MvpnVrf(VrfId(9), MvpnClient::bgp_));
+    TraceCapture trace;
+    rig.start(synchronous);
+    if (!synchronous) {
+      // Stop while the reconciliation waits for its own task.
+      while (!rig.sm->mergedVrfStatusMvpnVrfOutputUseBookmark())
+        ASSERT_TRUE(rig.scheduler.runOnce());
+      EXPECT_TRUE(rig.sm->mergedVrfStatusMvpnVrfOutputReconciliationTask()->scheduled());
+      EXPECT_EQ(rig.merged->mvpnVrfSize(), 1u);
+      EXPECT_FALSE(rig.sm->ready());
+    }
+    rig.settle();
+    ASSERT_TRUE(rig.sm->ready());
+    rig.sm->handleMergedVrfStatusMvpnVrfOutputInputReady();
+    std::vector<std::string> lines;
+    for (const auto& m : trace.sink.messages()) {
+      if (m.starts_with("Input scans") || m.find("reconcil") != std::string::npos) {
+        lines.push_back(m);
+      }
+    }
+    std::vector<std::string> want = synchronous ? straight : yielding;
+    if (!synchronous) want.push_back("already ready, not reconciling.");
+    EXPECT_EQ(lines, want);
+    EXPECT_TRUE(rig.mergedMap().empty());
+  }
+}
+
+TEST(VrfMergeDeathTest, NullPointerArgumentsAreFatal) {
+  const char* names[5] = {"mvpnVrfStatus", "staticMvpnVrfStatus", "evpnVrfStatus",
+                          "staticEvpnVrfStatus", "mergedVrfStatus"};
+  for (int missing = 0; missing < 5; ++missing) {
+    Rig rig;
+    Oro::Ptr<const MvpnVrfStatus> in[4] = {rig.in[0], rig.in[1], rig.in[2], rig.in[3]};
+    Oro::Ptr<MvpnVrfStatus> merged = rig.merged;
+    if (missing < 4) in[missing] = nullptr;
+    if (missing == 4) merged = nullptr;
+    auto sm = Routing::Multicast::mergedMvpnVrfStatusSmFactory(in[0], in[1], in[2], in[3], merged,
+                                                               Dyx::SmControl{&rig.scheduler});
+    EXPECT_DEATH(
+        sm->initializedIs(true),
+        literal(std::string(names[missing]) +
+                "() && \"Pointer SM args cannot be null unless they are marked Optional\""));
+  }
+  // Checked from the output back to the first input.
+  Oro::TaskScheduler scheduler;
+  auto sm = Routing::Multicast::mergedMvpnVrfStatusSmFactory(nullptr, nullptr, nullptr, nullptr,
+                                                             nullptr, Dyx::SmControl{&scheduler});
+  EXPECT_DEATH(sm->initializedIs(true), literal("mergedVrfStatus() && \"Pointer SM args"));
+}
+
+TEST(VrfMergeDeathTest, IntoKeyMismatchIsFatalAndWritesNothing) {
+  Rig rig;
+  rig.start(true);
+  EXPECT_DEATH(rig.sm->intoMergedVrfStatusMvpnVrf(VrfId(5), MvpnVrf(VrfId(6), MvpnClient::bgp_)),
+               literal("In \"into( mergedVrfStatus.mvpnVrf[ vrfId ] )\" the value inserted in the "
+                       "into statement has internal key: 6, but the key specified in the into "
+                       "is: 5"));
+  EXPECT_TRUE(rig.mergedMap().empty());
+}
+
+TEST(VrfMergeDeathTest, InputLeavingDuringItsOwnNotificationIsFatal) {
+  Rig rig;
+  rig.start(true);
+  // A reader of the merged status that tears the inputs down while input 0 is still
+  // handling the notification that caused the merged write.
+  Oro::KeyReactor<VrfId> teardown(MvpnVrfStatus::mvpnVrfAttr,
+                                  [&](const VrfId&) { rig.sm->doDeleteAll(); });
+  teardown.notifierIs(rig.merged.get());
+  EXPECT_DEATH(rig.put(0, 3), literal("We missed notifications that happened to mvpnVrf before "
+                                      "the enclosing entity got deleted"));
+}
+
+}  // namespace
