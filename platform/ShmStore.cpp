@@ -39,7 +39,7 @@ uint32_t entryOf(uint32_t slot, uint64_t hash) {
   return (slot + 1) | tagOf(hash);
 }
 
-bool ownerAlive(uint64_t owner) {
+bool processAlive(uint64_t owner) {
   if (owner == 0) return false;
   const uint32_t pid = ownerPid(owner);
   if (::kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH) return false;
@@ -61,6 +61,10 @@ std::string nameOf(const char* field, size_t cap) {
 }
 
 }  // namespace
+
+bool ShmStore::ownerAlive(uint64_t owner) {
+  return processAlive(owner);
+}
 
 void ShmStore::corrupt(const std::string& what) const {
   throw ShmCorruptionException(fmt::format("shared memory table {}/{} is corrupt: {}",
@@ -265,7 +269,7 @@ void ShmStore::takeOver(const Shape& shape) {
   const uint64_t me = myOwnerWord();
   for (;;) {
     if (owner == me) break;
-    if (ownerAlive(owner)) {
+    if (processAlive(owner)) {
       throw ShmException(fmt::format("shared memory table {}/{} already has a live writer (pid {})",
                                      shape.mountPath, shape.collection, ownerPid(owner)));
     }

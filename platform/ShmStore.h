@@ -86,6 +86,9 @@ class ShmStore {
   // Copies entry `pos` into keyWords; the caller validates it against a later ringHead().
   void readRingEntry(uint64_t pos, uint32_t* keyWords) const;
 
+  // Whether the process named by an owner word (pid and start time) still runs.
+  static bool ownerAlive(uint64_t owner);
+
   // Hash of a key's word image.
   uint64_t hashKey(const uint32_t* keyWords) const { return ShmLayout::hashWords(keyWords, kw_); }
   // Memory committed to this table's segments (header, chunks, index, reader control).

@@ -11,6 +11,7 @@
 
 #include "platform/Error.h"
 #include "platform/ShmTable.h"
+#include "platform/ShmTableInfo.h"
 #include "shm_test_util.h"
 
 namespace {
@@ -273,6 +274,46 @@ TEST_F(ShmTableDeathTest, WritingThroughAReaderIsFatalDeathTest) {
   r.attach(ShmAttach{"t/six", ShmRole::reader});
   EXPECT_DEATH(r.insert(1, Rec::of(1)),
                "role_ != ShmRole::reader && \"a reader cannot write a shared memory table\"");
+}
+
+}  // namespace
+
+namespace {
+
+TEST_F(ShmTableTest, ToolsListTablesAndWalkRawRecords) {
+  Table w("test::Rec", "recs", {});
+  w.attach(ShmAttach{"tools/a", ShmRole::writer});
+  w.insert(3, Rec::of(3));
+  w.counterSlot(1, "recsDel")->store(5);
+  Oro::ShmTable<uint32_t, uint64_t> other("test::Other", "vals", {});
+  other.attach(ShmAttach{"tools/b", ShmRole::writer});
+
+  const std::vector<Oro::ShmTableInfo> tables = Oro::listShmTables();
+  ASSERT_EQ(tables.size(), 2u);
+  const Oro::ShmTableInfo& a = tables[0];
+  EXPECT_EQ(a.mountPath, "tools/a");
+  EXPECT_EQ(a.collection, "recs");
+  EXPECT_EQ(a.typeName, "test::Rec");
+  EXPECT_EQ(a.records, 1u);
+  EXPECT_EQ(a.writerPid, static_cast<uint32_t>(::getpid()));
+  EXPECT_TRUE(a.writerAlive);
+  EXPECT_EQ(a.mountStatus, TylKetab::MountStatus::mounted);
+  ASSERT_EQ(a.counters.size(), 1u);
+  EXPECT_EQ(a.counters[0].name, "recsDel");
+  EXPECT_EQ(a.counters[0].value, 5u);
+  EXPECT_EQ(tables[1].typeName, "test::Other");
+
+  Oro::ShmTableView view("tools/a", "recs");
+  std::vector<uint8_t> key, value;
+  const uint32_t slot = view.seek(0, key, value);
+  ASSERT_NE(slot, Oro::ShmStore::kNoSlot);
+  ASSERT_EQ(value.size(), sizeof(Rec));
+  Rec r;
+  std::memcpy(&r, value.data(), sizeof r);
+  EXPECT_EQ(r, Rec::of(3));
+  EXPECT_EQ(view.seek(slot + 1, key, value), Oro::ShmStore::kNoSlot);
+  w.detach();
+  EXPECT_FALSE(Oro::ShmTableView("tools/a", "recs").info().writerAlive);
 }
 
 }  // namespace
