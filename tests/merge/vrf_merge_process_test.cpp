@@ -1,0 +1,257 @@
+// End to end across processes: four writer processes publish their VRF statuses in shared
+// memory; this process merges them as a reader, writing the merged status as its writer. A
+// reader that died earlier left a stale merged table behind, which the new machine takes
+// over and reconciles.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <functional>
+#include <map>
+#include <random>
+#include <set>
+#include <string>
+
+#include <fmt/format.h>
+
+#include "merge/MergeTestRig.h"
+#include "merge/MvpnVrfStatusMergeSm.h"
+#include "platform/IpAddr.h"
+#include "platform/ShmSegment.h"
+#include "platform/ShmTable.h"
+#include "platform/Trace.h"
+
+namespace {
+
+using namespace MergeTest;
+using namespace std::chrono_literals;
+using Oro::ShmAttach;
+using Oro::ShmRole;
+using Routing::Multicast::mvpnVrfStatusFactory;
+
+constexpr const char* kMergedPath = "test/multicast/vpn/vrfStatus/merged";
+constexpr int kPhases = 7;
+
+// What writer `w` does in `phase`; run by the writer processes on their statuses and by the
+// test on its model of them.
+struct Ops {
+  std::function<void(uint32_t)> put;
+  std::function<void(uint32_t)> del;
+  std::function<void()> delAll;
+};
+void script(int w, int phase, const Ops& ops) {
+  switch (phase) {
+    case 0: {  // contents before the merging reader starts
+      const std::map<int, std::set<uint32_t>> initial = {
+          {0, {1, 2, 3}}, {1, {7, 10}}, {2, {7, 3}}, {3, {20}}};
+      for (uint32_t k : initial.at(w)) ops.put(k);
+      break;
+    }
+    case 1:  // static EVPN lists 30, then BGP; then both withdraw
+      if (w == 3) ops.put(30);
+      break;
+    case 2:
+      if (w == 0) ops.put(30);
+      break;
+    case 3:
+      if (w == 0) ops.del(30);
+      break;
+    case 4:
+      if (w == 3) ops.del(30);
+      break;
+    case 5: {  // everyone at once, on overlapping keys
+      std::mt19937 rng(static_cast<uint32_t>(100 + w));
+      for (int i = 0; i < 3000; ++i) {
+        const uint32_t k = 1000 + rng() % 300;
+        if (rng() % 3 == 0) {
+          ops.del(k);
+        } else {
+          ops.put(k);
+        }
+      }
+      break;
+    }
+    case 6:  // static MVPN withdraws everything
+      if (w == 1) ops.delAll();
+      break;
+  }
+}
+
+struct Child {
+  pid_t pid = -1;
+  int command = -1;  // parent writes phase numbers, 0xff to stop
+  int ack = -1;      // child answers one byte per phase
+};
+
+Child forkWriter(int w) {
+  int down[2], up[2];
+  EXPECT_EQ(::pipe(down), 0);
+  EXPECT_EQ(::pipe(up), 0);
+  const pid_t pid = ::fork();
+  if (pid == 0) {
+    ::close(down[1]);
+    ::close(up[0]);
+    int rc = 0;
+    try {
+      auto status = mvpnVrfStatusFactory(fmt::format("writer{}", w));
+      status->mount(ShmAttach{MvpnVrfStatus::mountPath(Nevo::ipv4, kWriters[w]), ShmRole::writer});
+      const Ops ops{[&](uint32_t k) { status->mvpnVrfIs(MvpnVrf(VrfId(k), kWriters[w])); },
+                    [&](uint32_t k) { status->mvpnVrfDel(VrfId(k)); },
+                    [&] { status->mvpnVrfDelAll(); }};
+      for (unsigned char phase; ::read(down[0], &phase, 1) == 1 && phase != 0xff;) {
+        script(w, phase, ops);
+        if (::write(up[1], &phase, 1) != 1) break;
+      }
+    } catch (const std::exception& e) {
+      fmt::print(stderr, "writer {} failed: {}\n", w, e.what());
+      rc = 2;
+    }
+    ::_exit(rc);
+  }
+  ::close(down[0]);
+  ::close(up[1]);
+  return Child{pid, down[1], up[0]};
+}
+
+int waitExit(pid_t pid) {
+  int status = 0;
+  ::waitpid(pid, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+class VrfMergeProcessTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    Oro::shmNamespaceIs(fmt::format("h6merge{}", ::getpid()));
+    Oro::shmUnlinkNamespace();
+  }
+  void TearDown() override { Oro::shmUnlinkNamespace(); }
+};
+
+TEST_F(VrfMergeProcessTest, MergedTableFollowsFourWriterProcesses) {
+  // An earlier reader wrote a merged table and died without cleaning up.
+  const pid_t previous = ::fork();
+  if (previous == 0) {
+    auto merged = mvpnVrfStatusFactory("merged");
+    merged->mount(ShmAttach{kMergedPath, ShmRole::writer});
+    merged->mvpnVrfIs(MvpnVrf(VrfId(500), MvpnClient::bgp_));
+    merged->mvpnVrfIs(MvpnVrf(VrfId(501), MvpnClient::evpn_));
+    merged->mvpnVrfIs(MvpnVrf(VrfId(2), MvpnClient::staticEvpn_));
+    merged->mvpnVrfIs(MvpnVrf(VrfId(7), MvpnClient::bgp_));
+    ::_exit(0);
+  }
+  ASSERT_EQ(waitExit(previous), 0);
+
+  Child writers[4];
+  std::set<uint32_t> model[4];
+  auto runPhase = [&](int phase) {
+    for (int w = 0; w < 4; ++w) {
+      const unsigned char p = static_cast<unsigned char>(phase);
+      ASSERT_EQ(::write(writers[w].command, &p, 1), 1);
+    }
+    for (int w = 0; w < 4; ++w) {
+      unsigned char p = 0;
+      ASSERT_EQ(::read(writers[w].ack, &p, 1), 1);
+      script(w, phase,
+             Ops{[&](uint32_t k) { model[w].insert(k); }, [&](uint32_t k) { model[w].erase(k); },
+                 [&] { model[w].clear(); }});
+    }
+  };
+  for (int w = 0; w < 4; ++w) writers[w] = forkWriter(w);
+  runPhase(0);
+
+  // The merging reader.
+  Oro::TaskScheduler scheduler;
+  Oro::Ptr<MvpnVrfStatus> in[4];
+  for (int w = 0; w < 4; ++w) {
+    in[w] = mvpnVrfStatusFactory(fmt::format("reader{}", w));
+    in[w]->mount(
+        ShmAttach{MvpnVrfStatus::mountPath(Nevo::ipv4, kWriters[w]), ShmRole::reader, &scheduler});
+  }
+  auto merged = mvpnVrfStatusFactory("merged");
+  merged->mount(ShmAttach{kMergedPath, ShmRole::writer});
+  ASSERT_EQ(merged->mvpnVrfSize(), 4u);  // taken over from the dead reader
+
+  Oro::traceEnable("MergedMvpnVrfStatusSm", Routing::Multicast::DynaCode::kTraceLifecycle, true);
+  Oro::traceEnable("MergedMvpnVrfStatusSm", Routing::Multicast::DynaCode::kTraceScan, true);
+  Oro::TraceMemorySink trace;
+  trace.install();
+  auto sm = Routing::Multicast::mergedMvpnVrfStatusSmFactory(in[0], in[1], in[2], in[3], merged,
+                                                             Dyx::SmControl{&scheduler});
+  sm->initializedIs(true);
+
+  auto expected = [&] {
+    std::map<uint32_t, unsigned> present;
+    for (int w = 0; w < 4; ++w) {
+      for (uint32_t k : model[w]) present[k] |= 1u << w;
+    }
+    std::map<uint32_t, MvpnClient> out;
+    for (auto [k, bits] : present) out[k] = *precedence(bits);
+    return out;
+  };
+  auto settle = [&] {
+    const auto deadline = Oro::TaskScheduler::Clock::now() + 20s;
+    while (!(sm->ready() && contents(*merged) == expected()) &&
+           Oro::TaskScheduler::Clock::now() < deadline) {
+      scheduler.runUntil(Oro::TaskScheduler::Clock::now() + 2ms);
+    }
+    return sm->ready() && contents(*merged) == expected();
+  };
+
+  ASSERT_TRUE(settle());
+  EXPECT_EQ(contents(*merged).at(7), MvpnClient::evpn_);  // static MVPN and EVPN: EVPN
+  EXPECT_EQ(contents(*merged).at(2), MvpnClient::bgp_);
+  EXPECT_FALSE(merged->mvpnVrf(VrfId(500)).has_value());
+  EXPECT_FALSE(merged->mvpnVrf(VrfId(501)).has_value());
+  // The reconciliation reports its deletions per task run; together they are the two stale
+  // entries that no writer supports.
+  uint64_t reported = 0, runs = 0;
+  for (const std::string& m : trace.messages()) {
+    unsigned long processed = 0, deleted = 0;
+    if (std::sscanf(m.c_str(),
+                    "Yielding in reconciliation processing after processing %lu items, including "
+                    "%lu deletions .",
+                    &processed, &deleted) == 2 ||
+        std::sscanf(m.c_str(),
+                    "Deletion scan for reconciliation is done, last task run processed %lu items, "
+                    "deleting %lu items.",
+                    &processed, &deleted) == 2) {
+      reported += deleted;
+      ++runs;
+    }
+  }
+  EXPECT_GE(runs, 1u);
+  EXPECT_EQ(reported, 2u);
+  EXPECT_EQ(sm->mergedVrfStatusMvpnVrfOutput().deletedTotal(), 2u);
+  trace.uninstall();
+  Oro::traceEnable("MergedMvpnVrfStatusSm", Routing::Multicast::DynaCode::kTraceLifecycle, false);
+  Oro::traceEnable("MergedMvpnVrfStatusSm", Routing::Multicast::DynaCode::kTraceScan, false);
+
+  const MvpnClient after30[] = {MvpnClient::staticEvpn_, MvpnClient::bgp_, MvpnClient::staticEvpn_};
+  for (int phase = 1; phase < kPhases; ++phase) {
+    SCOPED_TRACE(phase);
+    runPhase(phase);
+    ASSERT_TRUE(settle());
+    if (phase <= 3) {
+      EXPECT_EQ(contents(*merged).at(30), after30[phase - 1]);
+    } else {
+      EXPECT_FALSE(merged->mvpnVrf(VrfId(30)).has_value());
+    }
+  }
+  EXPECT_EQ(contents(*merged).at(7), MvpnClient::evpn_);
+  EXPECT_EQ(contents(*merged).count(10), 0u);
+
+  for (auto& w : writers) {
+    const unsigned char stop = 0xff;
+    EXPECT_EQ(::write(w.command, &stop, 1), 1);
+    EXPECT_EQ(waitExit(w.pid), 0);
+    ::close(w.command);
+    ::close(w.ack);
+  }
+  sm = nullptr;
+}
+
+}  // namespace
