@@ -1,0 +1,109 @@
+// A writer agent for demos: publishes one MVPN writer's VRF status (and, optionally, PMSI
+// interfaces in the interface status table) in shared memory, step by step.
+//
+//   mvpn_writer CLIENT STEP...
+//
+// CLIENT is bgp, staticMvpn, evpn or staticEvpn (IPv4 family). Steps run in order:
+//   +N          declare VRF N                  -N          withdraw VRF N
+//   intf:N=IF   PMSI interface IF of VRF N     nointf:N    remove VRF N's PMSI interface
+//   sleep:MS    wait MS milliseconds           hold        stay up until SIGINT/SIGTERM
+// The interface status table is opened (as its writer) at the first intf step.
+#include <poll.h>
+#include <sys/signalfd.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <string>
+#include <thread>
+
+#include "platform/CharRange.h"
+#include "platform/Error.h"
+#include "platform/IntfId.h"
+#include "status/MvpnIntfStatus.h"
+#include "status/MvpnVrfStatus.h"
+
+using namespace Routing::Multicast;
+
+namespace {
+
+uint32_t number(const std::string& text) {
+  size_t used = 0;
+  const unsigned long v = std::stoul(text, &used);
+  if (used != text.size()) throw Oro::ParseException("not a number: " + text);
+  return static_cast<uint32_t>(v);
+}
+
+// Blocks until SIGINT or SIGTERM (delivered through a signalfd, so nothing polls).
+void hold() {
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, SIGINT);
+  sigaddset(&set, SIGTERM);
+  int fd = signalfd(-1, &set, SFD_CLOEXEC);
+  signalfd_siginfo info;
+  while (read(fd, &info, sizeof info) < 0 && errno == EINTR) {
+  }
+  close(fd);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc < 2) {
+    std::fprintf(stderr, "usage: mvpn_writer CLIENT STEP...\n");
+    return 2;
+  }
+  // Block the signals hold() waits for before anything else, so none is lost.
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, SIGINT);
+  sigaddset(&set, SIGTERM);
+  sigprocmask(SIG_BLOCK, &set, nullptr);
+  try {
+    MvpnClient client;
+    std::string clientText = argv[1];
+    Oro::CharRange in(clientText);
+    sequenceToValue(in, &client);
+    if (!isMvpnWriter(client)) throw Oro::RangeException("not an MVPN writer: " + clientText);
+    const std::string path = MvpnVrfStatus::mountPath(Nevo::ipv4, client);
+    auto vrfs = mvpnVrfStatusFactory(path);
+    vrfs->mount(Oro::ShmAttach{path, Oro::ShmRole::writer});
+    Oro::Ptr<MvpnIntfStatus> intfs;
+    for (int i = 2; i < argc; ++i) {
+      const std::string step = argv[i];
+      if (step == "hold") {
+        hold();
+      } else if (step.rfind("sleep:", 0) == 0) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(number(step.substr(6))));
+      } else if (step[0] == '+') {
+        vrfs->mvpnVrfIs(MvpnVrf(number(step.substr(1)), client));
+      } else if (step[0] == '-') {
+        vrfs->mvpnVrfDel(number(step.substr(1)));
+      } else if (step.rfind("intf:", 0) == 0 || step.rfind("nointf:", 0) == 0) {
+        if (!intfs) {
+          intfs = mvpnIntfStatusFactory(MvpnIntfStatus::mountPath());
+          intfs->mount(Oro::ShmAttach{MvpnIntfStatus::mountPath(), Oro::ShmRole::writer});
+        }
+        if (step[0] == 'n') {
+          intfs->vrfIntfIdDel(number(step.substr(7)));
+        } else {
+          const size_t eq = step.find('=');
+          if (eq == std::string::npos) throw Oro::ParseException("intf:N=IF expected: " + step);
+          std::string intfText = step.substr(eq + 1);
+          Oro::CharRange intfIn(intfText);
+          intfs->vrfIntfIdIs(MvpnVrfIntfId(number(step.substr(5, eq - 5)), Nevo::IntfId(intfIn)));
+        }
+      } else {
+        throw Oro::ParseException("unknown step: " + step);
+      }
+    }
+  } catch (const Oro::Exception& e) {
+    std::fprintf(stderr, "mvpn_writer: %s\n", e.what());
+    return 1;
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "mvpn_writer: %s\n", e.what());
+    return 1;
+  }
+  return 0;
+}

@@ -1,0 +1,35 @@
+// The status-root types mvpnstat knows, and what it can do with each: show (dump or JSON) and
+// watch a table at a mount path. Every operation goes through a real reader instance of the
+// status root (attached read-only to the writer's table), so the output is the root's own
+// dump and the changes are the root's own per-key notifications.
+#pragma once
+
+#include <cstdio>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace Mvpnstat {
+
+struct StatusType {
+  const char* rootType;    // e.g. "Routing::Multicast::MvpnVrfStatus"
+  const char* recordType;  // the table's record type name
+  const char* collection;  // the table's collection name under the mount path
+  // Mount paths at which this type is published contain this text.
+  const char* pathMarker;
+  // Prints the root at `path` to `out`: its dump, or one JSON document.
+  std::function<void(const std::string& path, bool json, FILE* out)> show;
+  // Prints every change at `path` as it arrives, until `stop` says so or `maxChanges`
+  // changes were printed (0: no limit). Returns the number of changes printed.
+  std::function<uint64_t(const std::string& path, bool json, FILE* out, uint64_t maxChanges)> watch;
+};
+
+const std::vector<StatusType>& statusTypes();
+
+// Stops a running watch (async-signal-safe).
+void watchStop();
+
+// Text of a JSON string literal.
+std::string jsonQuote(const std::string& s);
+
+}  // namespace Mvpnstat

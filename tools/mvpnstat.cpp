@@ -1,0 +1,199 @@
+// mvpnstat: the operator's view of the MVPN status tables in shared memory.
+//
+//   mvpnstat [--namespace NS] list [--json]
+//   mvpnstat [--namespace NS] show PATH [--json]
+//   mvpnstat [--namespace NS] watch PATH [--json] [--count N]
+//
+// Exit status: 0 success, 1 the table is absent, damaged or of another type, 2 bad usage.
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <fmt/format.h>
+
+#include "platform/Error.h"
+#include "platform/ShmSegment.h"
+#include "platform/ShmTableInfo.h"
+#include "tools/StatusTypes.h"
+
+namespace {
+
+using Mvpnstat::jsonQuote;
+using Mvpnstat::StatusType;
+
+constexpr const char* kUsage =
+    "usage: mvpnstat [--namespace NS] list [--json]\n"
+    "       mvpnstat [--namespace NS] show PATH [--json]\n"
+    "       mvpnstat [--namespace NS] watch PATH [--json] [--count N]\n"
+    "\n"
+    "  list   the status tables present, with record counts, counters and writers\n"
+    "  show   the status root at mount path PATH in its dump format\n"
+    "  watch  each change at PATH as it arrives (key, new record or \"deleted\"),\n"
+    "         until interrupted or N changes were printed\n";
+
+struct Failure {
+  int code;
+  std::string message;
+};
+
+struct Args {
+  std::string command;
+  std::string path;
+  bool json = false;
+  uint64_t count = 0;
+};
+
+Args parseArgs(int argc, char** argv) {
+  Args a;
+  std::vector<std::string> positional;
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    auto value = [&]() -> std::string {
+      if (i + 1 >= argc) throw Failure{2, fmt::format("{} needs a value", arg)};
+      return argv[++i];
+    };
+    if (arg == "--json") {
+      a.json = true;
+    } else if (arg == "--namespace") {
+      Oro::shmNamespaceIs(value());
+    } else if (arg == "--count") {
+      const std::string v = value();
+      char* end = nullptr;
+      a.count = std::strtoull(v.c_str(), &end, 10);
+      if (v.empty() || *end != '\0') throw Failure{2, fmt::format("bad --count '{}'", v)};
+    } else if (arg == "-h" || arg == "--help") {
+      throw Failure{0, ""};
+    } else if (!arg.empty() && arg[0] == '-') {
+      throw Failure{2, fmt::format("unknown option {}", arg)};
+    } else {
+      positional.push_back(arg);
+    }
+  }
+  if (positional.empty()) throw Failure{2, "no command given"};
+  a.command = positional[0];
+  const size_t wantPositional = a.command == "list" ? 1 : 2;
+  if (a.command != "list" && a.command != "show" && a.command != "watch") {
+    throw Failure{2, fmt::format("unknown command '{}'", a.command)};
+  }
+  if (positional.size() != wantPositional) {
+    throw Failure{2, a.command == "list" ? "list takes no path"
+                                         : fmt::format("{} needs exactly one PATH", a.command)};
+  }
+  if (wantPositional == 2) a.path = positional[1];
+  return a;
+}
+
+// The status type of the table at `path`: the one whose collection exists there. A damaged
+// table, or one whose records are not of the type its collection name implies, is an error.
+const StatusType& resolve(const std::string& path) {
+  try {
+    Oro::shmValidateName(path, "x");
+  } catch (const Oro::ShmException& e) {
+    throw Failure{1, e.what()};
+  }
+  for (const StatusType& t : Mvpnstat::statusTypes()) {
+    std::optional<Oro::ShmTableInfo> info;
+    try {
+      info = Oro::ShmTableView(path, t.collection).info();
+    } catch (const Oro::ShmCorruptionException& e) {
+      throw Failure{1, fmt::format("the table at {} is damaged: {}", path, e.what())};
+    } catch (const Oro::ShmException&) {
+      continue;  // no such collection at this path
+    }
+    if (info->typeName != t.recordType) {
+      throw Failure{1, fmt::format("the table {}/{} holds {} records, not {}: not a {}", path,
+                                   t.collection, info->typeName, t.recordType, t.rootType)};
+    }
+    return t;
+  }
+  throw Failure{1, fmt::format("no status table at {} (shared-memory namespace '{}')", path,
+                               Oro::shmNamespace())};
+}
+
+void list(bool json) {
+  const auto tables = Oro::listShmTables();
+  if (json) {
+    fmt::print("[");
+    const char* sep = "";
+    for (const auto& t : tables) {
+      std::string counters;
+      for (const auto& c : t.counters) {
+        counters +=
+            fmt::format("{}{}: {}", counters.empty() ? "" : ", ", jsonQuote(c.name), c.value);
+      }
+      fmt::print(
+          "{}\n  {{\"path\": {}, \"collection\": {}, \"type\": {}, \"records\": {}, "
+          "\"writerPid\": {}, \"writerAlive\": {}, \"mountStatus\": {}, \"counters\": {{{}}}}}",
+          sep, jsonQuote(t.mountPath), jsonQuote(t.collection), jsonQuote(t.typeName), t.records,
+          t.writerPid, t.writerAlive ? "true" : "false",
+          jsonQuote(TylKetab::mountStatusName(t.mountStatus)), counters);
+      sep = ",";
+    }
+    fmt::print("{}]\n", tables.empty() ? "" : "\n");
+    return;
+  }
+  if (tables.empty()) {
+    fmt::print("no status tables in shared-memory namespace '{}'\n", Oro::shmNamespace());
+    return;
+  }
+  for (const auto& t : tables) {
+    std::string writer = t.writerPid == 0 ? "no writer"
+                                          : fmt::format("writer pid {}{}", t.writerPid,
+                                                        t.writerAlive ? "" : " (dead)");
+    fmt::print("{}/{}  {}  {} records  {}  {}\n", t.mountPath, t.collection, t.typeName, t.records,
+               writer, TylKetab::mountStatusName(t.mountStatus));
+    for (const auto& c : t.counters) fmt::print("    {} {}\n", c.name, c.value);
+  }
+}
+
+extern "C" void onSignal(int) {
+  Mvpnstat::watchStop();
+}
+
+int run(int argc, char** argv) {
+  const Args a = parseArgs(argc, argv);
+  if (a.command == "list") {
+    list(a.json);
+    return 0;
+  }
+  const StatusType& type = resolve(a.path);
+  try {
+    if (a.command == "show") {
+      type.show(a.path, a.json, stdout);
+    } else {
+      struct sigaction sa {};
+      sa.sa_handler = onSignal;
+      sigaction(SIGINT, &sa, nullptr);
+      sigaction(SIGTERM, &sa, nullptr);
+      type.watch(a.path, a.json, stdout, a.count);
+    }
+  } catch (const Oro::ShmCorruptionException& e) {
+    throw Failure{1, fmt::format("the table at {} is damaged: {}", a.path, e.what())};
+  } catch (const Oro::Exception& e) {
+    throw Failure{1, e.what()};
+  }
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    return run(argc, argv);
+  } catch (const Failure& f) {
+    if (f.code == 0) {
+      std::fputs(kUsage, stdout);
+      return 0;
+    }
+    std::fprintf(stderr, "mvpnstat: %s\n", f.message.c_str());
+    if (f.code == 2) std::fputs(kUsage, stderr);
+    return f.code;
+  } catch (const Oro::Exception& e) {
+    std::fprintf(stderr, "mvpnstat: %s\n", e.what());
+    return 1;
+  }
+}
