@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstring>
 
+#include "platform/Error.h"
 #include "platform/ShmTable.h"
 #include "platform/TaskScheduler.h"
 
@@ -102,6 +103,7 @@ ShmReader::~ShmReader() {
 }
 
 bool ShmReader::hasPending() const {
+  if (failed_) return false;
   const Header* h = store_.header();
   return keysPending() || store_.ringHead() != tail_ ||
          h->epoch.load(std::memory_order_acquire) != epoch_ ||
@@ -172,6 +174,18 @@ void ShmReader::drainLog() {
 }
 
 void ShmReader::dispatch() {
+  if (failed_) return;
+  try {
+    deliver();
+  } catch (const ShmCorruptionException& e) {
+    // A damaged table stops this reader's notifications (it would fail again on every
+    // dispatch); the owner hears of it through the corruption handler.
+    failed_ = true;
+    table_.handleCorruption(e.what());
+  }
+}
+
+void ShmReader::deliver() {
   const std::shared_ptr<bool> alive = table_.aliveToken();
   const Header* h = store_.header();
   const uint32_t mount = h->mountStatus.load(std::memory_order_acquire);

@@ -71,10 +71,12 @@ class ShmReader : public WaitSource {
   uint32_t batch() const { return batch_; }
   uint64_t resyncs() const { return resyncs_; }
   uint64_t keysDelivered() const { return delivered_; }
+  bool failed() const { return failed_; }
   const ShmKeySet& knownKeys() const { return known_; }
 
  private:
   bool keysPending() const { return resyncPos_ < resyncKeys_.size() || logPos_ < logKeys_.size(); }
+  void deliver();
   void resync();
   void drainLog();
 
@@ -88,6 +90,7 @@ class ShmReader : public WaitSource {
   uint32_t seenMount_ = 0;
   uint32_t seenQuiesced_ = 0;
   bool sleeping_ = false;
+  bool failed_ = false;  // met a corrupt table: delivers nothing more
   ShmKeySet known_;
   std::vector<uint32_t> resyncKeys_;  // reported without a presence check (known_ is current)
   size_t resyncPos_ = 0;

@@ -317,3 +317,24 @@ TEST_F(ShmTableTest, ToolsListTablesAndWalkRawRecords) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST_F(ShmTableTest, ReaderThatMeetsCorruptionReportsItAndStops) {
+  Table w("test::Rec", "recs", {});
+  w.attach(ShmAttach{"t/seven", ShmRole::writer});
+  w.insert(1, Rec::of(1));
+  std::vector<std::string> reports;
+  Table r("test::Rec", "recs", {});
+  r.corruptionHandlerIs([&](const std::string& m) { reports.push_back(m); });
+  r.attach(ShmAttach{"t/seven", ShmRole::reader});
+  const uint32_t huge = 0x7fffffff;
+  scribble(Oro::shmSegmentName("t/seven", "recs"), offsetof(Oro::ShmLayout::Header, slotHighWater),
+           {reinterpret_cast<const uint8_t*>(&huge), reinterpret_cast<const uint8_t*>(&huge) + 4});
+  r.core().reader()->dispatch();
+  EXPECT_EQ(reports.size(), 1u);
+  EXPECT_TRUE(r.core().reader()->failed());
+  EXPECT_FALSE(r.core().reader()->hasPending());
+}
+
+}  // namespace
