@@ -82,9 +82,8 @@ uint64_t watch(const std::string& path, bool json, FILE* out, uint64_t maxChange
 }
 
 template <class Root>
-StatusType makeType(const char* rootType, const char* recordType, const char* collection,
-                    const char* pathMarker) {
-  return StatusType{rootType, recordType, collection, pathMarker, &show<Root>, &watch<Root>};
+StatusType makeType(const char* rootType, const char* recordType, const char* collection) {
+  return StatusType{rootType, recordType, collection, &show<Root>, &watch<Root>};
 }
 
 }  // namespace
@@ -92,9 +91,9 @@ StatusType makeType(const char* rootType, const char* recordType, const char* co
 const std::vector<StatusType>& statusTypes() {
   static const std::vector<StatusType> types = {
       makeType<MvpnVrfStatus>(MvpnVrfStatusTraits::typeName, MvpnVrfStatusTraits::recordTypeName,
-                              MvpnVrfStatusTraits::collection, "multicast/vpn/vrfStatus/"),
+                              MvpnVrfStatusTraits::collection),
       makeType<MvpnIntfStatus>(MvpnIntfStatusTraits::typeName, MvpnIntfStatusTraits::recordTypeName,
-                               MvpnIntfStatusTraits::collection, "multicast/vpn/intfStatus"),
+                               MvpnIntfStatusTraits::collection),
   };
   return types;
 }

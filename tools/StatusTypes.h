@@ -15,8 +15,6 @@ struct StatusType {
   const char* rootType;    // e.g. "Routing::Multicast::MvpnVrfStatus"
   const char* recordType;  // the table's record type name
   const char* collection;  // the table's collection name under the mount path
-  // Mount paths at which this type is published contain this text.
-  const char* pathMarker;
   // Prints the root at `path` to `out`: its dump, or one JSON document.
   std::function<void(const std::string& path, bool json, FILE* out)> show;
   // Prints every change at `path` as it arrives, until `stop` says so or `maxChanges`

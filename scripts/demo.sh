@@ -1,0 +1,61 @@
+#!/usr/bin/env bash
+# Demo: four writer agents publish their VRF status (one also the PMSI interfaces) in shared
+# memory, a merging reader folds them into the merged VRF status, and mvpnstat shows it all.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+bash scripts/deps.sh
+cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DMVPN_BUILD_TOOLS=ON >/dev/null
+cmake --build build -j2 --target mvpnstat mvpn_writer mvpn_merger
+
+B=build
+export MVPN_SHM_NAMESPACE="mvpndemo$$"
+pids=()
+cleanup() {
+  for p in "${pids[@]}"; do kill "$p" 2>/dev/null || true; done
+  wait 2>/dev/null || true
+  rm -f /dev/shm/"$MVPN_SHM_NAMESPACE".*
+}
+trap cleanup EXIT
+say() { printf '\n\033[1m== %s\033[0m\n' "$*"; }
+vrf=routing/multicast/vpn/vrfStatus
+# Waits (a bounded number of short naps) until `mvpnstat show $1 --json` mentions $2.
+await() {
+  for _ in $(seq 100); do
+    $B/mvpnstat show "$1" --json 2>/dev/null | grep -q "$2" && return 0
+    sleep 0.05
+  done
+  echo "timed out waiting for $2 at $1" >&2; return 1
+}
+
+say "Writers publish: bgp {5,6}, staticMvpn {7,8}, evpn {7,9} + PMSI interfaces, staticEvpn {10,5}"
+$B/mvpn_writer bgp +5 +6 hold & pids+=($!)
+$B/mvpn_writer staticMvpn +7 +8 hold & pids+=($!)
+$B/mvpn_writer evpn +7 +9 intf:5=Vlan105 intf:7=Vlan107 hold & pids+=($!)
+$B/mvpn_writer staticEvpn +10 +5 hold & pids+=($!)
+await $vrf/bgp '"key": 6'; await $vrf/staticMvpn '"key": 8'
+await $vrf/evpn '"key": 9'; await $vrf/staticEvpn '"key": 5'
+await routing/multicast/vpn/intfStatus Vlan107
+
+say "mvpnstat list"
+$B/mvpnstat list
+say "mvpnstat show $vrf/evpn"
+$B/mvpnstat show $vrf/evpn
+say "mvpnstat show routing/multicast/vpn/intfStatus --json"
+$B/mvpnstat show routing/multicast/vpn/intfStatus --json
+
+say "A merging reader starts (trace of its lifecycle on stderr)"
+MVPN_TRACE=MergedMvpnVrfStatusSm/1 $B/mvpn_merger $vrf/merged & pids+=($!)
+await $vrf/merged '"key": 10'
+say "mvpnstat show $vrf/merged --json   (precedence: bgp, evpn, staticMvpn, staticEvpn)"
+$B/mvpnstat show $vrf/merged --json
+
+say "BGP withdraws VRF 5 (its agent restarts and takes its table over); watching the merged status"
+$B/mvpnstat watch $vrf/merged --count 8 > /tmp/"$MVPN_SHM_NAMESPACE".watch & watcher=$!
+sleep 0.2
+kill "${pids[0]}"; wait "${pids[0]}" 2>/dev/null || true
+$B/mvpn_writer bgp -5
+await $vrf/merged '"key": 5, "client": "staticEvpn"'
+sleep 0.2; kill $watcher 2>/dev/null || true; wait $watcher 2>/dev/null || true
+cat /tmp/"$MVPN_SHM_NAMESPACE".watch; rm -f /tmp/"$MVPN_SHM_NAMESPACE".watch
+say "mvpnstat show $vrf/merged --json"
+$B/mvpnstat show $vrf/merged --json
