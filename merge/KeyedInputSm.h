@@ -133,6 +133,9 @@ class KeyedInputSm : public InputSmBase {
   void handle(const Key& key) {
     if (!initialized_) return;
     ORO_TRACE(parent_->qtHandle(), kTraceKey, "k: {}", key);
+    // Until the parent's initial scan is done the merge ignores every event, so the first
+    // scan only walks the keys and does not pay for a lookup per key.
+    if (!parent_->initialScanDone()) return;
     event_(key, lookup(key));
   }
   // handle<Coll><n>Reactor: the notification entry.

@@ -125,17 +125,21 @@ void MergedMvpnVrfStatusSm::checkPointers() const {
 
 void MergedMvpnVrfStatusSm::createInputSms() {
   mvpnVrfStatusSm0_ = makeInputSm<MvpnVrfStatusSm0>(
-      this, mvpnVrfStatus(), 0,
-      [this](const VrfId& k, const std::optional<MvpnVrf>& v) { eventToDyx_stream0(k, v); });
+      this, mvpnVrfStatus(), 0, [this](const VrfId& k, const std::optional<MvpnVrf>& v) {
+        streamEvent(0, k, v ? 0 : kInputs);
+      });
   staticMvpnVrfStatusSm1_ = makeInputSm<StaticMvpnVrfStatusSm1>(
-      this, staticMvpnVrfStatus(), 1,
-      [this](const VrfId& k, const std::optional<MvpnVrf>& v) { eventToDyx_stream1(k, v); });
+      this, staticMvpnVrfStatus(), 1, [this](const VrfId& k, const std::optional<MvpnVrf>& v) {
+        streamEvent(1, k, v ? 1 : kInputs);
+      });
   evpnVrfStatusSm2_ = makeInputSm<EvpnVrfStatusSm2>(
-      this, evpnVrfStatus(), 2,
-      [this](const VrfId& k, const std::optional<MvpnVrf>& v) { eventToDyx_stream2(k, v); });
+      this, evpnVrfStatus(), 2, [this](const VrfId& k, const std::optional<MvpnVrf>& v) {
+        streamEvent(2, k, v ? 2 : kInputs);
+      });
   staticEvpnVrfStatusSm3_ = makeInputSm<StaticEvpnVrfStatusSm3>(
-      this, staticEvpnVrfStatus(), 3,
-      [this](const VrfId& k, const std::optional<MvpnVrf>& v) { eventToDyx_stream3(k, v); });
+      this, staticEvpnVrfStatus(), 3, [this](const VrfId& k, const std::optional<MvpnVrf>& v) {
+        streamEvent(3, k, v ? 3 : kInputs);
+      });
   inputSmIs(mvpnVrfStatusSm0_.get());
   inputSmIs(staticMvpnVrfStatusSm1_.get());
   inputSmIs(evpnVrfStatusSm2_.get());
@@ -161,35 +165,58 @@ void MergedMvpnVrfStatusSm::inputRootDel(size_t n) {
   if (VrfInputSm* sm = inputSm(n)) sm->inputRootDel();
 }
 
-void MergedMvpnVrfStatusSm::streamEvent(size_t stream, const VrfId& vrfId) {
+void MergedMvpnVrfStatusSm::streamEvent(size_t stream, const VrfId& vrfId, size_t heldBy) {
   if (!initialScanDone()) return;
   ORO_TRACE(qtHandle(), kTraceMerge, fmt::runtime(kStreams[stream].from), vrfId);
-  eventToDyx_pipeline0(vrfId);
+  merge(vrfId, heldBy);
 }
 
 void MergedMvpnVrfStatusSm::eventToDyx_stream0(const VrfId& vrfId,
                                                const std::optional<MvpnVrf>& /*value*/) {
-  streamEvent(0, vrfId);
+  streamEvent(0, vrfId, kInputs);
 }
 void MergedMvpnVrfStatusSm::eventToDyx_stream1(const VrfId& vrfId,
                                                const std::optional<MvpnVrf>& /*value*/) {
-  streamEvent(1, vrfId);
+  streamEvent(1, vrfId, kInputs);
 }
 void MergedMvpnVrfStatusSm::eventToDyx_stream2(const VrfId& vrfId,
                                                const std::optional<MvpnVrf>& /*value*/) {
-  streamEvent(2, vrfId);
+  streamEvent(2, vrfId, kInputs);
 }
 void MergedMvpnVrfStatusSm::eventToDyx_stream3(const VrfId& vrfId,
                                                const std::optional<MvpnVrf>& /*value*/) {
-  streamEvent(3, vrfId);
+  streamEvent(3, vrfId, kInputs);
 }
 
 void MergedMvpnVrfStatusSm::eventToDyx_pipeline0(const VrfId& vrfId) {
+  merge(vrfId, kInputs);
+}
+
+void MergedMvpnVrfStatusSm::merge(const VrfId& vrfId, size_t heldBy) {
   if (!initialScanDone()) return;
   const Oro::TraceHandle& trace = qtHandle();
   ORO_TRACE(trace, kTraceMerge,
             "Line 15: merge( dyx_stream0, dyx_stream1, dyx_stream2, dyx_stream3 ): vrfId={}",
             vrfId);
+  if (!trace.enabled(DynaCode::kTraceMerge)) {
+    // Without the trace lines that print every input, only the inputs up to the winner are
+    // looked up (in precedence order), and an input that was found holding the key just
+    // before is not asked again: the decision is the same.
+    auto holds = [&](size_t n) { return n == heldBy || inputSm(n)->lookup(vrfId).has_value(); };
+    std::optional<MvpnVrf> result;
+    if (holds(0)) {
+      result = MvpnVrf(vrfId, MvpnClient::bgp_);
+    } else if (holds(2)) {
+      result = MvpnVrf(vrfId, MvpnClient::evpn_);
+    } else if (holds(1)) {
+      result = MvpnVrf(vrfId, MvpnClient::staticMvpn_);
+    } else if (holds(3)) {
+      result = MvpnVrf(vrfId, MvpnClient::staticEvpn_);
+    }
+    output_.keyMerged(vrfId);
+    intoMergedVrfStatusMvpnVrf(vrfId, result);
+    return;
+  }
   const std::optional<MvpnVrf> mvpnVrf = mvpnVrfStatusSm0_->lookup(vrfId);
   const std::optional<MvpnVrf> staticMvpnVrf = staticMvpnVrfStatusSm1_->lookup(vrfId);
   const std::optional<MvpnVrf> evpnVrf = evpnVrfStatusSm2_->lookup(vrfId);

@@ -223,7 +223,10 @@ class MergedMvpnVrfStatusSm : public DynaCode::MergeSm {
   void createInputSms() override;
 
  private:
-  void streamEvent(size_t stream, const VrfId& vrfId);
+  // An event of input `stream`. heldBy names an input that a lookup has just found holding
+  // the key (the notifying input itself), or is kInputs.
+  void streamEvent(size_t stream, const VrfId& vrfId, size_t heldBy);
+  void merge(const VrfId& vrfId, size_t heldBy);
 
   Oro::Ptr<const MvpnVrfStatus> mvpnVrfStatus_;
   Oro::Ptr<const MvpnVrfStatus> staticMvpnVrfStatus_;

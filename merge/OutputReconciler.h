@@ -16,13 +16,13 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <unordered_set>
 #include <utility>
 #include <vector>
 
 #include "merge/MergeSm.h"
 #include "merge/MergeSmParts.h"
 #include "merge/MergeTraceLevels.h"
+#include "merge/SeenSet.h"
 #include "platform/Error.h"
 #include "platform/TaskScheduler.h"
 #include "platform/Trace.h"
@@ -48,7 +48,7 @@ class OutputReconciler : public OutputBase {
   const std::string& name() const { return name_; }
   const OutColl& coll() const { return coll_; }
   // <out>Seen, <out>Bookmark, <out>UseBookmark, <out>Reconciling, <out>ReconciliationTask.
-  const std::unordered_set<KeyType, Hash>& seen() const { return seen_; }
+  const SeenSet<KeyType, Hash>& seen() const { return seen_; }
   const std::optional<Bookmark>& bookmark() const { return bookmark_; }
   bool useBookmark() const { return useBookmark_; }
   bool reconciling() const { return reconciling_; }
@@ -63,7 +63,10 @@ class OutputReconciler : public OutputBase {
   }
 
   void initialize() override {
-    reconciling_ = coll_.size() != 0;
+    const size_t present = coll_.size();
+    reconciling_ = present != 0;
+    // The merging scans record about as many keys as the output holds now.
+    if (reconciling_) seen_.reserve(present);
     if (Oro::TaskScheduler* scheduler = parent_->dynaControl().taskScheduler) {
       task_ = std::make_unique<Oro::Task>(scheduler, parent_->dynaControl().taskPriority,
                                           parent_->shortName() + "-" + name_ + "Task",
@@ -95,7 +98,7 @@ class OutputReconciler : public OutputBase {
     bookmark_.reset();
     useBookmark_ = false;
     reconciling_ = false;
-    seen_ = {};
+    seen_.clear();
     parent_->outputState()->outputReadyIs(index_, true);
   }
 
@@ -144,7 +147,7 @@ class OutputReconciler : public OutputBase {
   std::string name_;
   std::vector<size_t> streams_;
   OutColl coll_;
-  std::unordered_set<KeyType, Hash> seen_;
+  SeenSet<KeyType, Hash> seen_;
   std::optional<Bookmark> bookmark_;
   bool useBookmark_ = false;
   bool reconciling_ = false;
