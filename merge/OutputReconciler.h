@@ -37,13 +37,15 @@ class OutputReconciler : public OutputBase {
 
   // `name` is the output's name, e.g. "mergedVrfStatusMvpnVrfOutput"; `index` its flag in the
   // output companion; `streams` the scan flags that must all be set before reconciling.
+  // With traceReconciling, each reconciliation step also traces "Reconciling <name>: <flag>".
   OutputReconciler(MergeSm* parent, size_t index, std::string name, std::vector<size_t> streams,
-                   OutColl coll)
+                   OutColl coll, bool traceReconciling = false)
       : parent_(parent),
         index_(index),
         name_(std::move(name)),
         streams_(std::move(streams)),
-        coll_(std::move(coll)) {}
+        coll_(std::move(coll)),
+        traceReconciling_(traceReconciling) {}
 
   const std::string& name() const { return name_; }
   const OutColl& coll() const { return coll_; }
@@ -88,6 +90,8 @@ class OutputReconciler : public OutputBase {
       return;
     }
     ORO_TRACE(trace, kTraceLifecycle, "Input scans for {} complete", name_);
+    if (traceReconciling_)
+      ORO_TRACE(trace, kTraceLifecycle, "Reconciling {}: {}", name_, reconciling_);
     uint64_t processed = 0;
     uint64_t deleted = 0;
     if (reconciling_ && walk(processed, deleted)) return;  // yielded
@@ -147,6 +151,7 @@ class OutputReconciler : public OutputBase {
   std::string name_;
   std::vector<size_t> streams_;
   OutColl coll_;
+  bool traceReconciling_;
   SeenSet<KeyType, Hash> seen_;
   std::optional<Bookmark> bookmark_;
   bool useBookmark_ = false;
