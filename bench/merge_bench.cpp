@@ -123,6 +123,23 @@ double threadCpuSeconds() {
   return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
 }
 
+// Baseline: the table operations of one merge done by hand, without the machine: the
+// writer's write, the lookups the merge makes (the notifying input, BGP) and the merged write.
+void BM_MergeBaselineSameTableOps(benchmark::State& state) {
+  Inputs& inputs = Inputs::get();
+  auto merged = Routing::Multicast::mvpnVrfStatusFactory("bench-merged-byhand");
+  for (uint32_t v = 0; v < kVrfs; ++v) merged->mvpnVrfIs(MvpnVrf(VrfId(v), MvpnClient::evpn_));
+  uint32_t v = 0;
+  for (auto _ : state) {
+    v = (v + 7919) % kVrfs;
+    inputs.in[2]->mvpnVrfIs(MvpnVrf(VrfId(v), MvpnClient::evpn_));
+    benchmark::DoNotOptimize(inputs.in[2]->mvpnVrf(VrfId(v)));
+    const bool bgp = inputs.in[0]->mvpnVrf(VrfId(v)).has_value();
+    merged->mvpnVrfIs(MvpnVrf(VrfId(v), bgp ? MvpnClient::bgp_ : MvpnClient::evpn_));
+  }
+}
+BENCHMARK(BM_MergeBaselineSameTableOps);
+
 // The longest task run while the machine scans and merges 1M VRFs, as a multiple of the
 // configured slice (arg: slice in microseconds), by wall clock and by thread CPU time, and how
 // many runs took more than twice the slice.
