@@ -234,3 +234,21 @@ class KeyedInputSm : public InputSmBase {
 };
 
 }  // namespace Routing::Multicast::DynaCode
+
+// Declares `Name`, the keyed input machine of stream `n` under the numbered names of the
+// dataflow conventions (handle<Coll><n>, handle<Coll><n>Reactor, doInputScan<n>, task<n>,
+// inputScanState<n>, ...), all forwarding to the generic machine `Base`.
+#define DYX_KEYED_INPUT_SM(Name, Base, Coll, n)                              \
+  class Name : public Base {                                                 \
+   public:                                                                   \
+    using Base::Base;                                                        \
+    void handle##Coll##n(const Key& k) { handle(k); }                        \
+    void handle##Coll##n##Reactor(const Key& k) { handleReactor(k); }        \
+    void doInputScan##n() { doInputScan(); }                                 \
+    Oro::Task* task##n() const { return task(); }                            \
+    uint8_t inputScanState##n() const { return inputScanState(); }           \
+    const auto& inputScanBookmark##n() const { return inputScanBookmark(); } \
+    bool inTask##n() const { return inTask(); }                              \
+    bool shouldYield##n() const { return shouldYield(); }                    \
+    bool inputScanComplete##n() const { return inputScanComplete(); }        \
+  }

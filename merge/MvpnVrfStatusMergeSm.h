@@ -92,58 +92,10 @@ using MergedVrfStatusMvpnVrfOutput =
 using VrfInputSm = KeyedInputSm<MvpnVrfSource>;
 
 // The four input machines: the generic keyed input machine under its numbered names.
-class MvpnVrfStatusSm0 : public VrfInputSm {
- public:
-  using VrfInputSm::VrfInputSm;
-  void handleMvpnVrf0(const VrfId& k) { handle(k); }
-  void handleMvpnVrf0Reactor(const VrfId& k) { handleReactor(k); }
-  void doInputScan0() { doInputScan(); }
-  Oro::Task* task0() const { return task(); }
-  uint8_t inputScanState0() const { return inputScanState(); }
-  const std::optional<MvpnVrfBookmark>& inputScanBookmark0() const { return inputScanBookmark(); }
-  bool inTask0() const { return inTask(); }
-  bool shouldYield0() const { return shouldYield(); }
-  bool inputScanComplete0() const { return inputScanComplete(); }
-};
-class StaticMvpnVrfStatusSm1 : public VrfInputSm {
- public:
-  using VrfInputSm::VrfInputSm;
-  void handleMvpnVrf1(const VrfId& k) { handle(k); }
-  void handleMvpnVrf1Reactor(const VrfId& k) { handleReactor(k); }
-  void doInputScan1() { doInputScan(); }
-  Oro::Task* task1() const { return task(); }
-  uint8_t inputScanState1() const { return inputScanState(); }
-  const std::optional<MvpnVrfBookmark>& inputScanBookmark1() const { return inputScanBookmark(); }
-  bool inTask1() const { return inTask(); }
-  bool shouldYield1() const { return shouldYield(); }
-  bool inputScanComplete1() const { return inputScanComplete(); }
-};
-class EvpnVrfStatusSm2 : public VrfInputSm {
- public:
-  using VrfInputSm::VrfInputSm;
-  void handleMvpnVrf2(const VrfId& k) { handle(k); }
-  void handleMvpnVrf2Reactor(const VrfId& k) { handleReactor(k); }
-  void doInputScan2() { doInputScan(); }
-  Oro::Task* task2() const { return task(); }
-  uint8_t inputScanState2() const { return inputScanState(); }
-  const std::optional<MvpnVrfBookmark>& inputScanBookmark2() const { return inputScanBookmark(); }
-  bool inTask2() const { return inTask(); }
-  bool shouldYield2() const { return shouldYield(); }
-  bool inputScanComplete2() const { return inputScanComplete(); }
-};
-class StaticEvpnVrfStatusSm3 : public VrfInputSm {
- public:
-  using VrfInputSm::VrfInputSm;
-  void handleMvpnVrf3(const VrfId& k) { handle(k); }
-  void handleMvpnVrf3Reactor(const VrfId& k) { handleReactor(k); }
-  void doInputScan3() { doInputScan(); }
-  Oro::Task* task3() const { return task(); }
-  uint8_t inputScanState3() const { return inputScanState(); }
-  const std::optional<MvpnVrfBookmark>& inputScanBookmark3() const { return inputScanBookmark(); }
-  bool inTask3() const { return inTask(); }
-  bool shouldYield3() const { return shouldYield(); }
-  bool inputScanComplete3() const { return inputScanComplete(); }
-};
+DYX_KEYED_INPUT_SM(MvpnVrfStatusSm0, VrfInputSm, MvpnVrf, 0);
+DYX_KEYED_INPUT_SM(StaticMvpnVrfStatusSm1, VrfInputSm, MvpnVrf, 1);
+DYX_KEYED_INPUT_SM(EvpnVrfStatusSm2, VrfInputSm, MvpnVrf, 2);
+DYX_KEYED_INPUT_SM(StaticEvpnVrfStatusSm3, VrfInputSm, MvpnVrf, 3);
 
 }  // namespace Routing::Multicast::DynaCode::MergedMvpnVrfStatusSm
 
