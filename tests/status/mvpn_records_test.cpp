@@ -1,5 +1,6 @@
 // MvpnVrf and MvpnVrfIntfId: equality, order, text and value forms, wire forms and their
 // error cases.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "platform/Error.h"
@@ -9,24 +10,66 @@
 namespace Routing::Multicast {
 namespace {
 
+using Bytes = std::vector<uint8_t>;
+using ::testing::Property;
+using ::testing::StrEq;
+using ::testing::Throws;
+using ::testing::ThrowsMessage;
 using Vrf::VrfIdMap::VrfId;
 
-std::vector<uint8_t> bytesOf(const Oro::PbWriteBuffer& b) {
-  return std::vector<uint8_t>(b.data(), b.data() + b.size());
+Bytes bytesOf(const Oro::PbWriteBuffer& b) {
+  return Bytes(b.data(), b.data() + b.size());
 }
 
-TEST(MvpnVrfTest, EqualityOrderAndTextForm) {
+// Parses a value form as a record of type R; a range error must name `attribute`.
+template <class R>
+void expectBadAttribute(const char* text, const char* attribute) {
+  using E = Oro::DeserializationException;
+  EXPECT_THAT(
+      [text] {
+        Oro::CharRange in(text);
+        R{in};
+      },
+      Throws<E>(Property(&E::attribute, attribute)))
+      << text;
+}
+
+template <class R>
+void expectWireError(const Bytes& bytes) {
+  EXPECT_THAT(
+      [&] {
+        Oro::PbReadBuffer in(bytes);
+        R got;
+        constructFromPbMessage(&got, in);
+      },
+      ThrowsMessage<Oro::ProtobufReadException>(
+          StrEq("Unexpected error when reading Protobuf bytes")));
+}
+
+// One embedded message holding a single field `number` of wire type `wireType`.
+Bytes messageWithField(uint32_t number, uint8_t wireType) {
+  Oro::PbWriteBuffer out;
+  auto s = out.openSection();
+  out.writeTag(number, wireType);
+  if (wireType == Oro::kPbVarint) {
+    out.writeVarint(5);
+  } else {
+    out.writeLengthDelimited(std::string_view("a"));
+  }
+  out.closeSection(s);
+  return bytesOf(out);
+}
+
+TEST(MvpnVrfTest, EqualityOrderTextAndDump) {
   const MvpnVrf def;
   EXPECT_EQ(def.key(), VrfId(16777215));
   EXPECT_EQ(def.client(), MvpnClient::bgp_);
   const MvpnVrf a(VrfId(12), MvpnClient::evpn_), b(VrfId(12), MvpnClient::staticMvpn_);
-  EXPECT_TRUE(a.isEq(a));
   EXPECT_FALSE(a.isEq(b));
   EXPECT_LT(b, a);  // same key: client decides
   EXPECT_LT(MvpnVrf(VrfId(3), MvpnClient::staticEvpn_), b);
   EXPECT_EQ(a.toStrep(), "12");
   EXPECT_EQ(a.toStrep(), b.toStrep());  // the client is not part of the text
-
   Oro::DumpContext dc;
   a.dumpState(dc, 0);
   a.dumpState(dc, 4);
@@ -39,33 +82,22 @@ TEST(MvpnVrfTest, ValueFormParsesAndRejects) {
   EXPECT_EQ(text, "Value('Routing::Multicast::MvpnVrf', ** {'key': 12, 'client': staticEvpn})");
   Oro::CharRange in(text);
   EXPECT_EQ(MvpnVrf(in), a);
-
-  const std::string withTrailing = text + " ";
-  Oro::CharRange trailing(withTrailing);
-  EXPECT_THROW(MvpnVrf{trailing}, Oro::ParseException);
-  Oro::CharRange big(
-      "Value('Routing::Multicast::MvpnVrf', ** {'key': 99999999999, 'client': bgp})");
-  try {
-    MvpnVrf v(big);
-    ADD_FAILURE();
-  } catch (const Oro::DeserializationException& e) {
-    EXPECT_EQ(e.attribute(), "key");
+  for (const std::string& bad :
+       {text + " ",
+        std::string("Value('Routing::Multicast::Other', ** {'key': 1, 'client': bgp})")}) {
+    Oro::CharRange r(bad);
+    EXPECT_THROW(MvpnVrf{r}, Oro::ParseException) << bad;
   }
-  Oro::CharRange badClient("Value('Routing::Multicast::MvpnVrf', ** {'key': 1, 'client': nope})");
-  try {
-    MvpnVrf v(badClient);
-    ADD_FAILURE();
-  } catch (const Oro::DeserializationException& e) {
-    EXPECT_EQ(e.attribute(), "client");
-  }
-  Oro::CharRange otherType("Value('Routing::Multicast::Other', ** {'key': 1, 'client': bgp})");
-  EXPECT_THROW(MvpnVrf{otherType}, Oro::ParseException);
+  expectBadAttribute<MvpnVrf>(
+      "Value('Routing::Multicast::MvpnVrf', ** {'key': 99999999999, 'client': bgp})", "key");
+  expectBadAttribute<MvpnVrf>("Value('Routing::Multicast::MvpnVrf', ** {'key': 1, 'client': nope})",
+                              "client");
 }
 
 TEST(MvpnVrfTest, WireFormBytesAndReading) {
   Oro::PbWriteBuffer out;
   writeMessage(out, MvpnVrf(VrfId(7), MvpnClient::bgp_));
-  EXPECT_EQ(bytesOf(out), (std::vector<uint8_t>{0xB0, 0xD5, 0x07, 0x07, 0xC0, 0xE6, 0x0F, 0x00}));
+  EXPECT_EQ(bytesOf(out), (Bytes{0xB0, 0xD5, 0x07, 0x07, 0xC0, 0xE6, 0x0F, 0x00}));
 
   Oro::PbWriteBuffer framed;
   const MvpnVrf v(VrfId(300), MvpnClient::staticEvpn_);
@@ -87,11 +119,10 @@ TEST(MvpnVrfTest, WireFormBytesAndReading) {
   partial.closeSection(s);
   Oro::PbReadBuffer pin(partial.bytes());
   constructFromPbMessage(&got, pin);
-  EXPECT_EQ(got.key(), VrfId(16777215));
-  EXPECT_EQ(got.client(), MvpnClient::evpn_);
+  EXPECT_EQ(got, MvpnVrf(VrfId(16777215), MvpnClient::evpn_));
 
   // A zero length reads nothing.
-  const std::vector<uint8_t> empty{0x00};
+  const Bytes empty{0x00};
   Oro::PbReadBuffer ein(empty);
   MvpnVrf keep(VrfId(5), MvpnClient::evpn_);
   readMessage(ein, keep);
@@ -100,25 +131,14 @@ TEST(MvpnVrfTest, WireFormBytesAndReading) {
 }
 
 TEST(MvpnVrfTest, BadWireBytesRaise) {
-  // Field 15702 with wire type 2.
-  Oro::PbWriteBuffer wrong;
-  auto s = wrong.openSection();
-  wrong.writeTag(MvpnVrf::kKeyField, Oro::kPbLengthDelimited);
-  wrong.writeLengthDelimited(std::string_view("a"));
-  wrong.closeSection(s);
-  Oro::PbReadBuffer win(wrong.bytes());
+  const Bytes keyAsBytes = messageWithField(MvpnVrf::kKeyField, Oro::kPbLengthDelimited);
+  expectWireError<MvpnVrf>(keyAsBytes);
   MvpnVrf v;
-  try {
-    readMessage(win, v);
-    ADD_FAILURE();
-  } catch (const Oro::ProtobufReadException& e) {
-    EXPECT_STREQ(e.what(), "Unexpected error when reading Protobuf bytes");
-  }
-  Oro::PbReadBuffer cin(wrong.bytes());
+  Oro::PbReadBuffer cin(keyAsBytes);
   EXPECT_THROW(readMessageField(cin, MvpnVrf::kClientField, Oro::kPbFixed32, v),
                Oro::ProtobufReadException);
-  // A length that runs past the buffer.
-  const std::vector<uint8_t> truncated{0x08, 0xB0, 0xD5, 0x07, 0x07};
+  // A length that runs past the buffer; the record is left as it was.
+  const Bytes truncated{0x08, 0xB0, 0xD5, 0x07, 0x07};
   Oro::PbReadBuffer tin(truncated);
   MvpnVrf t(VrfId(1), MvpnClient::evpn_);
   EXPECT_THROW(readMessage(tin, t), Oro::ProtobufReadException);
@@ -137,41 +157,22 @@ TEST(MvpnVrfIntfIdTest, ValuesTextAndWireForms) {
   const std::string text = a.toValueForm();
   Oro::CharRange in(text);
   EXPECT_EQ(MvpnVrfIntfId(in), a);
-  Oro::CharRange bad(
-      "Value('Routing::Multicast::MvpnVrfIntfId', ** {'key': 4444444444, "
-      "'pmsiIntfId': Vlan10})");
-  try {
-    MvpnVrfIntfId v(bad);
-    ADD_FAILURE();
-  } catch (const Oro::DeserializationException& e) {
-    EXPECT_EQ(e.attribute(), "key");
-  }
+  expectBadAttribute<MvpnVrfIntfId>(
+      "Value('Routing::Multicast::MvpnVrfIntfId', ** {'key': 4444444444, 'pmsiIntfId': Vlan10})",
+      "key");
 
   Oro::PbWriteBuffer out;
   writeMessage(out, MvpnVrfIntfId(VrfId(7), Nevo::IntfId(5)));
   // key tag + 7, pmsiIntfId tag, length 3, inner tag 54152 as varint, value 5.
-  EXPECT_EQ(bytesOf(out), (std::vector<uint8_t>{0xB0, 0xD5, 0x07, 0x07, 0xB2, 0x88, 0x0B, 0x04,
-                                                0x88, 0xA7, 0x03, 0x05}));
+  EXPECT_EQ(bytesOf(out),
+            (Bytes{0xB0, 0xD5, 0x07, 0x07, 0xB2, 0x88, 0x0B, 0x04, 0x88, 0xA7, 0x03, 0x05}));
   Oro::PbWriteBuffer framed;
   writePbMessage(framed, a);
   Oro::PbReadBuffer fin(framed.bytes());
   MvpnVrfIntfId got;
   constructFromPbMessage(&got, fin);
   EXPECT_EQ(got, a);
-
-  // Field 22662 with wire type 0.
-  Oro::PbWriteBuffer wrong;
-  auto s = wrong.openSection();
-  wrong.writeTag(MvpnVrfIntfId::kPmsiIntfIdField, Oro::kPbVarint);
-  wrong.writeVarint(5);
-  wrong.closeSection(s);
-  Oro::PbReadBuffer win(wrong.bytes());
-  try {
-    constructFromPbMessage(&got, win);
-    ADD_FAILURE();
-  } catch (const Oro::ProtobufReadException& e) {
-    EXPECT_STREQ(e.what(), "Unexpected error when reading Protobuf bytes");
-  }
+  expectWireError<MvpnVrfIntfId>(messageWithField(MvpnVrfIntfId::kPmsiIntfIdField, Oro::kPbVarint));
 }
 
 }  // namespace
