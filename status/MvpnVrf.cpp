@@ -54,21 +54,6 @@ void writeMessage(Oro::PbWriteBuffer& out, const MvpnVrf& v) {
   out.writeVarint(static_cast<uint64_t>(static_cast<uint8_t>(v.client())));
 }
 
-void writePbMessage(Oro::PbWriteBuffer& out, const MvpnVrf& v) {
-  Oro::PbWriteBuffer::Section s = out.openSection();
-  writeMessage(out, v);
-  out.closeSection(s);
-}
-
-void readMessage(Oro::PbReadBuffer& in, MvpnVrf& v) {
-  const uint64_t length = in.readVarint();
-  Oro::PbReadBuffer fields = in.readSection(length);
-  while (!fields.atEnd()) {
-    const Oro::PbReadBuffer::Tag tag = fields.readTag();
-    readMessageField(fields, tag.field, tag.wireType, v);
-  }
-}
-
 void readMessageField(Oro::PbReadBuffer& in, uint32_t number, uint8_t wireType, MvpnVrf& v) {
   switch (number) {
     case MvpnVrf::kKeyField:

@@ -16,6 +16,7 @@
 #include "platform/DumpContext.h"
 #include "platform/VrfId.h"
 #include "platform/WireBuffer.h"
+#include "status/PbRecord.h"
 #include "types/MvpnClient.h"
 
 namespace Routing::Multicast {
@@ -58,10 +59,10 @@ class MvpnVrf {
   MvpnClient client_ = MvpnClient::bgp_;
 };
 
+// Wire form: writeMessage writes both fields, always, in field order; readMessageField sets
+// one field (a known number with another wire type is a ProtobufReadException) or skips an
+// unknown one. writePbMessage and readMessage (status/PbRecord.h) add the framing.
 void writeMessage(Oro::PbWriteBuffer& out, const MvpnVrf& v);
-void writePbMessage(Oro::PbWriteBuffer& out, const MvpnVrf& v);
-// Reads a varint length, then the fields within that many bytes.
-void readMessage(Oro::PbReadBuffer& in, MvpnVrf& v);
 void readMessageField(Oro::PbReadBuffer& in, uint32_t number, uint8_t wireType, MvpnVrf& v);
 // Defaults (key 16777215, client 0), then readMessage.
 void constructFromPbMessage(MvpnVrf* place, Oro::PbReadBuffer& in);

@@ -41,21 +41,6 @@ void writeMessage(Oro::PbWriteBuffer& out, const MvpnVrfIntfId& v) {
   Oro::writeIntfIdField(out, MvpnVrfIntfId::kPmsiIntfIdField, v.pmsiIntfId());
 }
 
-void writePbMessage(Oro::PbWriteBuffer& out, const MvpnVrfIntfId& v) {
-  Oro::PbWriteBuffer::Section s = out.openSection();
-  writeMessage(out, v);
-  out.closeSection(s);
-}
-
-void readMessage(Oro::PbReadBuffer& in, MvpnVrfIntfId& v) {
-  const uint64_t length = in.readVarint();
-  Oro::PbReadBuffer fields = in.readSection(length);
-  while (!fields.atEnd()) {
-    const Oro::PbReadBuffer::Tag tag = fields.readTag();
-    readMessageField(fields, tag.field, tag.wireType, v);
-  }
-}
-
 void readMessageField(Oro::PbReadBuffer& in, uint32_t number, uint8_t wireType, MvpnVrfIntfId& v) {
   switch (number) {
     case MvpnVrfIntfId::kKeyField:

@@ -15,6 +15,7 @@
 #include "platform/IntfId.h"
 #include "platform/VrfId.h"
 #include "platform/WireBuffer.h"
+#include "status/PbRecord.h"
 
 namespace Routing::Multicast {
 
@@ -51,9 +52,10 @@ class MvpnVrfIntfId {
   Nevo::IntfId pmsiIntfId_;
 };
 
+// Wire form: writeMessage writes both fields, always, in field order; readMessageField sets
+// one field (a known number with another wire type is a ProtobufReadException) or skips an
+// unknown one. writePbMessage and readMessage (status/PbRecord.h) add the framing.
 void writeMessage(Oro::PbWriteBuffer& out, const MvpnVrfIntfId& v);
-void writePbMessage(Oro::PbWriteBuffer& out, const MvpnVrfIntfId& v);
-void readMessage(Oro::PbReadBuffer& in, MvpnVrfIntfId& v);
 void readMessageField(Oro::PbReadBuffer& in, uint32_t number, uint8_t wireType, MvpnVrfIntfId& v);
 // Defaults (key 16777215, the empty interface id), then readMessage.
 void constructFromPbMessage(MvpnVrfIntfId* place, Oro::PbReadBuffer& in);
