@@ -43,9 +43,9 @@ TEST(RefCount, CountsAndDeletesAtZero) {
     Oro::Ptr<Counted> b = a;
     EXPECT_EQ(a->refs(), 2u);
     b = nullptr;
-    EXPECT_EQ(a->refs(), 1u);
     Oro::Ptr<Counted> c(std::move(a));
     EXPECT_FALSE(a);
+    EXPECT_EQ(c->refs(), 1u);
     EXPECT_EQ(deaths, 0);
   }
   EXPECT_EQ(deaths, 1);
@@ -70,9 +70,7 @@ TEST(Entity, PublishesKeysAndSurvivesUnsubscribeDuringPublication) {
   std::vector<int> seenA, seenB;
   Oro::KeyReactor<int> a(1, [&](const int& k) { seenA.push_back(k); });
   std::unique_ptr<Oro::KeyReactor<int>> b;
-  b = std::make_unique<Oro::KeyReactor<int>>(1, [&](const int& k) {
-    seenB.push_back(k);
-  });
+  b = std::make_unique<Oro::KeyReactor<int>>(1, [&](const int& k) { seenB.push_back(k); });
   // `a` removes `b` while the first change is being published: b is not called after.
   Oro::KeyReactor<int> killer(1, [&](const int&) { b->notifierIs(nullptr); });
   killer.notifierIs(c.get());
@@ -111,13 +109,9 @@ TEST(AssertDeathTest, PrintsConditionAndExplanation) {
                "Assertion failed: key 1 but 2");
 }
 
-TEST(Errors, CarryTheirDetails) {
+TEST(Errors, MessageNamesTheFlagType) {
   Oro::DenseEnumBoolSetRangeException e("Routing::Multicast::MvpnRoute::RouteFlags", 8);
-  EXPECT_EQ(e.value(), 8u);
   EXPECT_NE(std::string(e.what()).find("RouteFlags"), std::string::npos);
-  Oro::DeserializationException d("key", "bad");
-  EXPECT_EQ(d.attribute(), "key");
-  EXPECT_THROW(throw Oro::ParseException("x"), Oro::Exception);
 }
 
 }  // namespace

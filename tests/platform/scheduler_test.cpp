@@ -43,8 +43,6 @@ TEST(Scheduler, PriorityThenFifoOrder) {
   auto e = make(TaskPriority::low, 'e');
   for (Task* t : {a.get(), b.get(), c.get(), d.get(), e.get()}) t->schedule();
   b->schedule();  // already queued: keeps its place, runs once
-  EXPECT_TRUE(b->scheduled());
-  EXPECT_FALSE(s.idle());
   EXPECT_EQ(s.runUntilIdle(), 5u);
   EXPECT_EQ(order, "cbdae");
   EXPECT_TRUE(s.idle());
@@ -57,7 +55,6 @@ TEST(Scheduler, PriorityThenFifoOrder) {
   EXPECT_FALSE(a->scheduled());
   s.runUntilIdle();
   EXPECT_EQ(order, "b");
-  EXPECT_EQ(b->runs(), 2u);
   EXPECT_EQ(s.tasksRun(), 6u);
 }
 
@@ -95,8 +92,7 @@ TEST(Scheduler, SelfReschedulingTaskYieldsByTimeSlice) {
     scan->pendingWorkIs(0);
   });
   scan->schedule();
-  EXPECT_FALSE(s.taskShouldYield());
-  EXPECT_EQ(s.taskCurrentlyRunning(), nullptr);
+  EXPECT_FALSE(s.taskShouldYield());  // no task running
   s.runUntilIdle();
   EXPECT_TRUE(sawSelfRunning);
   EXPECT_EQ(next, kItems);
@@ -107,7 +103,6 @@ TEST(Scheduler, SelfReschedulingTaskYieldsByTimeSlice) {
   EXPECT_EQ(urgentRuns, 1u);
   EXPECT_EQ(runsAtUrgent, 1u);  // ahead of the scan's second run
   EXPECT_EQ(s.taskCurrentlyRunning(), nullptr);
-  EXPECT_FALSE(scan->shouldYield());
 }
 
 TEST(Scheduler, TimersFireInDeadlineOrderAndCanBeCancelled) {
@@ -231,28 +226,24 @@ struct SharedWords {
   std::atomic<uint32_t> sleepers{0};
 };
 
-class SharedWordSource : public Oro::WaitSource {
- public:
-  SharedWordSource(SharedWords* words, TaskScheduler* s) : words_(words), s_(s) {}
-  bool hasPending() const override { return words_->data.load() != seen_; }
+struct SharedWordSource : Oro::WaitSource {
+  SharedWordSource(SharedWords* w, TaskScheduler* sched) : words(w), s(sched) {}
+  bool hasPending() const override { return words->data.load() != seen; }
   void dispatch() override {
-    seen_ = words_->data.load();
-    ++dispatches_;
-    s_->stop();
+    seen = words->data.load();
+    ++dispatches;
+    s->stop();
   }
-  void sleepBegin(std::vector<Oro::FutexWait>& words) override {
-    words_->sleepers.fetch_add(1);
-    Oro::futexWake(&words_->sleepers, INT32_MAX, true);
-    words.push_back({&words_->data, seen_, true});
+  void sleepBegin(std::vector<Oro::FutexWait>& out) override {
+    words->sleepers.fetch_add(1);
+    Oro::futexWake(&words->sleepers, INT32_MAX, true);
+    out.push_back({&words->data, seen, true});
   }
-  void sleepEnd() override { words_->sleepers.fetch_sub(1); }
-  int dispatches() const { return dispatches_; }
-
- private:
-  SharedWords* words_;
-  TaskScheduler* s_;
-  uint32_t seen_ = 0;
-  int dispatches_ = 0;
+  void sleepEnd() override { words->sleepers.fetch_sub(1); }
+  SharedWords* words;
+  TaskScheduler* s;
+  uint32_t seen = 0;
+  int dispatches = 0;
 };
 
 TEST(SchedulerLoop, RunWokenByWriteFromAnotherProcess) {
@@ -284,7 +275,7 @@ TEST(SchedulerLoop, RunWokenByWriteFromAnotherProcess) {
   waitpid(child, &status, 0);
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
   EXPECT_FALSE(hung);
-  EXPECT_EQ(source.dispatches(), 1);
+  EXPECT_EQ(source.dispatches, 1);
   EXPECT_LT(elapsed, 1s);
   EXPECT_GE(s.sleeps(), 1u);
   EXPECT_EQ(words->sleepers.load(), 0u);  // every sleepBegin was matched by sleepEnd
