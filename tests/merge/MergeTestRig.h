@@ -33,6 +33,13 @@ inline std::optional<MvpnClient> precedence(unsigned present) {
   return std::nullopt;
 }
 
+// The merged contents for the inputs holding each VRF (bit n = input n).
+inline std::map<uint32_t, MvpnClient> mergeOf(const std::map<uint32_t, unsigned>& present) {
+  std::map<uint32_t, MvpnClient> out;
+  for (auto [vrf, bits] : present) out[vrf] = *precedence(bits);
+  return out;
+}
+
 inline std::map<uint32_t, MvpnClient> contents(const MvpnVrfStatus& status) {
   std::map<uint32_t, MvpnClient> out;
   for (auto it = status.mvpnVrfIter(); it.valid(); it.next()) {
@@ -64,17 +71,17 @@ struct Rig {
   void del(int n, uint32_t vrf) { in[n]->mvpnVrfDel(VrfId(vrf)); }
   void settle() { scheduler.runUntilIdle(); }
   std::map<uint32_t, MvpnClient> mergedMap() const { return contents(*merged); }
-  // What the merged status must hold for the inputs' present contents.
-  std::map<uint32_t, MvpnClient> expected() const {
+  // What the merged status must hold for the inputs' present contents, leaving out the
+  // inputs flagged in `departed` (bit n = input n).
+  std::map<uint32_t, MvpnClient> expected(unsigned departed = 0) const {
     std::map<uint32_t, unsigned> present;
     for (int n = 0; n < 4; ++n) {
+      if (departed & (1u << n)) continue;
       for (auto it = in[n]->mvpnVrfIter(); it.valid(); it.next()) {
         present[it.key().value()] |= 1u << n;
       }
     }
-    std::map<uint32_t, MvpnClient> out;
-    for (auto [vrf, bits] : present) out[vrf] = *precedence(bits);
-    return out;
+    return mergeOf(present);
   }
 
   Oro::TaskScheduler scheduler;
