@@ -8,13 +8,17 @@
 //  - slot chunks "chunk<c>": chunk c holds kBaseChunkSlots << c slots, so chunks never move and
 //    a slot index is stable for the table's life;
 //  - index generations "index<g>": open-addressing array of uint32 (0 empty, kTombstone, else
-//    slot + 1); the writer builds a new generation when load or tombstones grow;
+//    slot + 1 in the low `slotBits` bits and the key hash's low bits above them as a tag); the
+//    writer builds a new generation when load or tombstones grow, or when the slots outgrow
+//    the generation's slot field;
 //  - reader control "rctl": the one read-write segment of readers (count of sleeping readers).
 //
 // A slot is one uint32 sequence word followed by the key's and the value's 32-bit words. The
-// sequence word: bit 0 set while the writer writes the slot, bit 1 set when the slot holds a
-// record, bits 2.. a counter advanced by every write. All words that change are accessed
-// atomically (std::atomic or std::atomic_ref), never with plain racy loads.
+// sequence word: bit 0 set while the writer rewrites a slot that holds a record, bit 1 set when
+// the slot holds a record, bits 2.. a counter advanced by every write. A free slot is filled
+// while bit 1 is still clear (readers ignore its words) and then marked in one store; emptying
+// a slot is one store too. Only rewrites need bit 0 and the header's journal. All words that change
+// are accessed atomically (std::atomic or std::atomic_ref), never with plain racy loads.
 #pragma once
 
 #include <atomic>
@@ -28,7 +32,7 @@ namespace Oro::ShmLayout {
 inline constexpr uint64_t kMagic = 0x314c42544e50564dull;  // "MVPNTBL1"
 inline constexpr uint64_t kIndexMagic = 0x31584449534e504dull;
 inline constexpr uint64_t kControlMagic = 0x314c5443524e504dull;
-inline constexpr uint32_t kLayoutVersion = 1;
+inline constexpr uint32_t kLayoutVersion = 2;
 inline constexpr uint32_t kTypeNameBytes = 96;
 inline constexpr uint32_t kPathBytes = 208;
 inline constexpr uint32_t kCollectionBytes = 64;
@@ -39,6 +43,8 @@ inline constexpr uint32_t kMaxChunks = 22;  // up to ~1.07e9 slots
 inline constexpr uint32_t kMaxRecordBytes = 4096;
 inline constexpr uint32_t kMaxRingCapacity = 1u << 24;
 inline constexpr uint32_t kTombstone = 0xFFFFFFFFu;
+// Widest slot field of an index entry (the rest of the entry is tag).
+inline constexpr uint32_t kMaxSlotBits = 27;
 
 inline constexpr uint32_t kSeqWriting = 1;
 inline constexpr uint32_t kSeqOccupied = 2;
@@ -103,6 +109,8 @@ struct IndexHeader {
   std::atomic<uint64_t> magic;
   uint32_t generation;
   uint32_t capacity;
+  uint32_t slotBits;  // width of the slot field of this generation's entries
+  uint32_t reserved;
   // uint32 entries[capacity] follow
 };
 

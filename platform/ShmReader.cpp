@@ -94,6 +94,11 @@ ShmReader::ShmReader(ShmTableCore& table, const ShmStore& store, TaskScheduler* 
       scheduler_(scheduler),
       kw_(store.keyWords()),
       known_(std::move(knownKeys)) {
+  // Changes from now on reach the first dispatch through the change log, even when it runs
+  // after they were made (a key added and removed again in between is still reported).
+  attachEpoch_ = store_.header()->epoch.load(std::memory_order_acquire);
+  tail_ = store_.ringHead();
+  key_.resize(kw_);
   if (scheduler_) scheduler_->waitSourceIs(this);
 }
 
@@ -129,8 +134,29 @@ void ShmReader::sleepEnd() {
 
 void ShmReader::resync() {
   const Header* h = store_.header();
-  epoch_ = h->epoch.load(std::memory_order_acquire);
-  tail_ = store_.ringHead();
+  const uint64_t epoch = h->epoch.load(std::memory_order_acquire);
+  const uint64_t head = store_.ringHead();
+  // The first synchronisation keeps the log position taken at construction when the writer is
+  // still the same and the log has not wrapped since; the keys logged since then are left to
+  // the log, which reports them in the order they changed. Otherwise the log starts anew here
+  // and the scan below covers everything before.
+  ShmKeySet logged(kw_);
+  bool fromAttach =
+      epoch_ == 0 && epoch == attachEpoch_ && head >= tail_ && head - tail_ < store_.ringCapacity();
+  if (fromAttach) {
+    std::vector<uint32_t> key(kw_);
+    for (uint64_t pos = tail_; pos < head; ++pos) {
+      store_.readRingEntry(pos, key.data());
+      logged.insert(key.data());
+    }
+    std::atomic_thread_fence(std::memory_order_acquire);
+    fromAttach = store_.ringHead() - tail_ < store_.ringCapacity();
+  }
+  if (!fromAttach) {
+    tail_ = head;
+    logged.clear();
+  }
+  epoch_ = epoch;
   ++resyncs_;
   resyncKeys_.clear();
   resyncPos_ = 0;
@@ -140,12 +166,14 @@ void ShmReader::resync() {
   std::vector<uint32_t> words(store_.recordWords());
   for (uint32_t slot = store_.seek(0, words.data()); slot != ShmStore::kNoSlot;
        slot = store_.seek(slot + 1, words.data())) {
-    if (present.insert(words.data())) {
+    if (present.insert(words.data()) && !logged.contains(words.data())) {
       resyncKeys_.insert(resyncKeys_.end(), words.begin(), words.begin() + kw_);
     }
   }
   known_.forEach([&](const uint32_t* key) {
-    if (!present.contains(key)) resyncKeys_.insert(resyncKeys_.end(), key, key + kw_);
+    if (!present.contains(key) && !logged.contains(key)) {
+      resyncKeys_.insert(resyncKeys_.end(), key, key + kw_);
+    }
   });
   known_ = std::move(present);
 }
@@ -207,22 +235,22 @@ void ShmReader::deliver() {
       drainLog();
     }
   }
-  std::vector<uint32_t> key(kw_);
+  uint32_t* key = key_.data();
   for (uint32_t n = 0; n < batch_ && keysPending(); ++n) {
     if (resyncPos_ < resyncKeys_.size()) {
-      std::copy_n(&resyncKeys_[resyncPos_], kw_, key.data());
+      std::copy_n(&resyncKeys_[resyncPos_], kw_, key);
       resyncPos_ += kw_;
     } else {
-      std::copy_n(&logKeys_[logPos_], kw_, key.data());
+      std::copy_n(&logKeys_[logPos_], kw_, key);
       logPos_ += kw_;
-      if (store_.find(key.data(), nullptr) != ShmStore::kNoSlot) {
-        known_.insert(key.data());
+      if (store_.find(key, nullptr) != ShmStore::kNoSlot) {
+        known_.insert(key);
       } else {
-        known_.erase(key.data());
+        known_.erase(key);
       }
     }
     ++delivered_;
-    table_.deliverKey(key.data());
+    table_.deliverKey(key);
     if (!*alive) return;
   }
 }

@@ -5,7 +5,9 @@
 // Nothing is missed: a reader that fell more than the log's capacity behind (overrun), or that
 // sees a new epoch (a writer took the table over), resynchronises. It then reports every key
 // present now plus every key it knew before, which it keeps in a reader-side key set. Keys may
-// be reported more often than they changed, never less.
+// be reported more often than they changed, never less. The first dispatch reports every key
+// present then and every key known before, and the change log is read from where it stood at
+// construction, so that no change made after the reader was created is lost.
 //
 // Sleeping: sleepBegin counts the reader in the table's reader-control segment, so that the
 // writer (which checks the count after every publication) wakes the futex word in the header.
@@ -87,6 +89,7 @@ class ShmReader : public WaitSource {
   uint32_t batch_ = kDefaultBatch;
   uint64_t tail_ = 0;
   uint64_t epoch_ = 0;  // 0: never synchronised
+  uint64_t attachEpoch_ = 0;
   uint32_t seenMount_ = 0;
   uint32_t seenQuiesced_ = 0;
   bool sleeping_ = false;
@@ -96,6 +99,7 @@ class ShmReader : public WaitSource {
   size_t resyncPos_ = 0;
   std::vector<uint32_t> logKeys_;  // from the change log: presence updates known_
   size_t logPos_ = 0;
+  std::vector<uint32_t> key_;  // the key being delivered
   uint64_t resyncs_ = 0;
   uint64_t delivered_ = 0;
 };

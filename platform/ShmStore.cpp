@@ -21,22 +21,29 @@ using namespace ShmLayout;
 
 namespace {
 
-constexpr uint32_t kSlotBits = 27;
-constexpr uint32_t kSlotMask = (1u << kSlotBits) - 1;
-constexpr uint32_t kMaxSlots = kSlotMask - 1;  // slot + 1 must stay below the tombstone's bits
+// slot + 1 must stay below the all-ones slot field (a tombstone is all ones).
+constexpr uint32_t kMaxSlots = (1u << kMaxSlotBits) - 2;
 constexpr uint32_t kMinIndexCapacity = 64;
 // The index is rebuilt when live entries plus tombstones pass 4/5 of its capacity; the new
-// generation holds the live entries at load 1/2 (2/3 when the table is large, to keep memory
-// per record low).
+// generation holds the live entries at load 1/2, or 4/7 once the table is large, which keeps
+// the index below 7 bytes per record while every rebuild still grows it by 1.4x.
 constexpr uint64_t kMaxLoadNum = 4, kMaxLoadDen = 5;
 constexpr uint32_t kLargeTable = 1u << 18;
 constexpr uint32_t kSpinLimit = 1u << 22;
+// Occupied slots whose index homes are computed (and prefetched) before any is placed.
+constexpr uint32_t kBuildBatch = 16;
 
-uint32_t tagOf(uint64_t hash) {
-  return static_cast<uint32_t>(hash & 31) << kSlotBits;
+uint32_t indexCapacityFor(uint64_t live) {
+  const uint64_t cap = live >= kLargeTable ? live * 7 / 4 : live * 2;
+  return static_cast<uint32_t>(std::clamp<uint64_t>(cap, kMinIndexCapacity, UINT32_MAX - 1));
 }
-uint32_t entryOf(uint32_t slot, uint64_t hash) {
-  return (slot + 1) | tagOf(hash);
+
+// Width of the slot field for a generation built while `chunks` chunks exist: room for the
+// next chunk too, so that growing by one chunk does not force a rebuild. The bits above the
+// field tag the entry with the key's hash, so that a probe rarely reads a slot in vain.
+uint32_t slotBitsFor(uint32_t chunks) {
+  const uint64_t slots = slotCapacity(std::min(chunks + 1, kMaxChunks));
+  return std::min<uint32_t>(static_cast<uint32_t>(std::bit_width(slots + 1)), kMaxSlotBits);
 }
 
 bool processAlive(uint64_t owner) {
@@ -321,7 +328,7 @@ void ShmStore::recover() {
   std::reverse(freeSlots_.begin(), freeSlots_.end());  // reuse low slots first
   hdr_->recordCount.store(records, std::memory_order_relaxed);
   head_ = hdr_->ringHead.load(std::memory_order_relaxed);
-  buildIndex(std::max<uint32_t>(kMinIndexCapacity, records * 2));
+  buildIndex(indexCapacityFor(records));
   hdr_->epoch.fetch_add(1, std::memory_order_release);
   publishControl();
 }
@@ -356,7 +363,7 @@ void ShmStore::mapChunks() const {
   }
 }
 
-uint32_t* ShmStore::slotPtr(uint32_t slot) const {
+uint32_t* ShmStore::slotPtrSlow(uint32_t slot) const {
   const uint32_t c = chunkOf(slot);
   if (c >= chunks_.size()) {
     if (shared()) mapChunks();
@@ -428,10 +435,12 @@ void ShmStore::mapIndex(uint32_t generation) const {
                                     ShmSegment::Access::readOnly, sizeof(IndexHeader));
   const auto* ih = reinterpret_cast<const IndexHeader*>(seg.data());
   if (ih->magic.load(std::memory_order_acquire) != kIndexMagic || ih->generation != generation ||
-      ih->capacity < 1 || sizeof(IndexHeader) + 4ull * ih->capacity > seg.size()) {
+      ih->capacity < 1 || sizeof(IndexHeader) + 4ull * ih->capacity > seg.size() ||
+      ih->slotBits < 1 || ih->slotBits > kMaxSlotBits) {
     corrupt(fmt::format("bad index generation {}", generation));
   }
   indexCap_ = ih->capacity;
+  indexSlotBits_ = ih->slotBits;
   index_ = reinterpret_cast<const uint32_t*>(seg.data() + sizeof(IndexHeader));
   indexGen_ = generation;
   indexSeg_ = std::move(seg);
@@ -451,36 +460,66 @@ void ShmStore::refreshIndex() const {
   }
 }
 
-// Writes a new index generation holding every record of the slots, then publishes it.
+// Writes a new index generation holding every record of the slots, then publishes it. The
+// slots are read in order; their index positions are computed a batch ahead and prefetched,
+// so that the random writes into the new generation overlap their cache misses.
 void ShmStore::buildIndex(uint32_t capacity) {
   const uint32_t gen = hdr_->indexGeneration.load(std::memory_order_relaxed) + 1;
   const size_t bytes = sizeof(IndexHeader) + 4ull * capacity;
   ShmSegment seg = makeSegment(fmt::format("index{}", gen), bytes);
   auto* ih = new (seg.data()) IndexHeader();
+  const uint32_t bits = slotBitsFor(static_cast<uint32_t>(chunks_.size()));
   ih->generation = gen;
   ih->capacity = capacity;
+  ih->slotBits = bits;
   uint32_t* entries = reinterpret_cast<uint32_t*>(seg.data() + sizeof(IndexHeader));
+  // The entry helpers read the generation's slot width: switch to the new one while placing,
+  // back on failure.
+  const uint32_t oldBits = indexSlotBits_;
+  indexSlotBits_ = bits;
   uint32_t live = 0;
-  const uint32_t hw = hdr_->slotHighWater.load(std::memory_order_relaxed);
-  std::vector<uint32_t> key(kw_);
-  for (uint32_t slot = 0; slot < hw; ++slot) {
-    const uint32_t* s = slotPtr(slot);
-    if (!(loadWord(s) & kSeqOccupied)) continue;
-    loadWords(s + 1, key.data(), kw_);
-    const uint64_t h = hashKey(key.data());
-    uint32_t pos = homeOf(h, capacity);
-    for (uint32_t probes = 0;; ++probes) {
-      if (probes == capacity) corrupt("index overflow while rebuilding");
-      const uint32_t e = entries[pos];
-      if (e == 0) break;
-      if ((e & kSlotMask) != 0 && (e & ~kSlotMask) == tagOf(h) &&
-          keyEquals((e & kSlotMask) - 1, key.data())) {
-        corrupt(fmt::format("slots {} and {} hold the same key", (e & kSlotMask) - 1, slot));
+  try {
+    const uint32_t hw = hdr_->slotHighWater.load(std::memory_order_relaxed);
+    uint32_t batchSlot[kBuildBatch];
+    uint64_t batchHash[kBuildBatch];
+    uint32_t pending = 0;
+    auto place = [&] {
+      for (uint32_t i = 0; i < pending; ++i) {
+        const uint64_t h = batchHash[i];
+        uint32_t pos = homeOf(h, capacity);
+        for (uint32_t probes = 0;; ++probes) {
+          if (probes == capacity) corrupt("index overflow while rebuilding");
+          const uint32_t e = entries[pos];
+          if (e == 0) break;
+          if (tagMatches(e, h) && keyEquals(slotOfEntry(e), slotPtr(batchSlot[i]) + 1)) {
+            corrupt(fmt::format("slots {} and {} hold the same key", slotOfEntry(e), batchSlot[i]));
+          }
+          if (++pos == capacity) pos = 0;
+        }
+        entries[pos] = entryOf(batchSlot[i], h);
       }
-      if (++pos == capacity) pos = 0;
+      live += pending;
+      pending = 0;
+    };
+    for (uint32_t c = 0; c < chunks_.size() && chunkFirstSlot(c) < hw; ++c) {
+      const uint32_t first = chunkFirstSlot(c);
+      const uint32_t n = std::min(chunkSlots(c), hw - first);
+      const uint32_t* s = chunks_[c].base;
+      for (uint32_t i = 0; i < n; ++i, s += slotWords_) {
+        if (!(loadWord(s) & kSeqOccupied)) continue;
+        uint32_t key[kMaxKeyBytes / 4];
+        loadWords(s + 1, key, kw_);
+        const uint64_t h = hashKey(key);
+        __builtin_prefetch(entries + homeOf(h, capacity), 1);
+        batchSlot[pending] = first + i;
+        batchHash[pending] = h;
+        if (++pending == kBuildBatch) place();
+      }
     }
-    entries[pos] = entryOf(slot, h);
-    ++live;
+    place();
+  } catch (...) {
+    indexSlotBits_ = oldBits;
+    throw;
   }
   ih->magic.store(kIndexMagic, std::memory_order_release);
   std::string oldName = (shared() && index_) ? indexSeg_.name() : std::string();
@@ -490,47 +529,84 @@ void ShmStore::buildIndex(uint32_t capacity) {
   indexGen_ = gen;
   indexLive_ = live;
   indexTombstones_ = 0;
+  indexSlotLimit_ = std::min((1u << bits) - 2, kMaxSlots);
   hdr_->indexGeneration.store(gen, std::memory_order_release);
   if (!oldName.empty()) ShmSegment::unlink(oldName);
 }
 
 uint32_t ShmStore::find(const uint32_t* keyWords, uint32_t* out) const {
   const uint64_t h = hashKey(keyWords);
-  const uint32_t tag = tagOf(h);
-  std::vector<uint32_t> scratch;
+  uint32_t scratch[kMaxKeyBytes / 4 + kMaxRecordBytes / 4];
+  if (writable_) {
+    uint32_t slot;
+    uint32_t insertAt;
+    if (probe(h, keyWords, &slot, &insertAt) == kNoSlot) return kNoSlot;
+    if (out) loadWords(slotPtr(slot) + 1, out, kw_ + vw_);
+    return slot;
+  }
   for (;;) {
-    if (!writable_) refreshIndex();
+    refreshIndex();
     const uint32_t gen = indexGen_;
     const uint32_t cap = indexCap_;
     uint32_t pos = homeOf(h, cap);
     uint32_t found = kNoSlot;
+    bool ended = false;  // met a free entry or the key
     for (uint32_t probes = 0; probes < cap; ++probes) {
       const uint32_t e = loadWord(index_ + pos);
-      if (e == 0) break;
-      if (e != kTombstone && (e & ~kSlotMask) == tag) {
-        const uint32_t slot = (e & kSlotMask) - 1;
+      if (e == 0) {
+        ended = true;
+        break;
+      }
+      if (e != kTombstone && tagMatches(e, h)) {
+        const uint32_t slot = slotOfEntry(e);
         if (slot >= kMaxSlots) corrupt(fmt::format("index entry names slot {}", slot));
-        if (writable_) {
-          if (keyEquals(slot, keyWords)) {
-            if (out) loadWords(slotPtr(slot) + 1, out, kw_ + vw_);
-            return slot;
-          }
-        } else {
-          if (scratch.empty()) scratch.resize(kw_ + vw_);
-          uint32_t* buf = out ? out : scratch.data();
-          if (readSlot(slot, buf) && std::equal(buf, buf + kw_, keyWords)) {
-            found = slot;
-            break;
-          }
+        uint32_t* buf = out ? out : scratch;
+        if (readSlot(slot, buf) && std::equal(buf, buf + kw_, keyWords)) {
+          found = slot;
+          ended = true;
+          break;
         }
       }
       if (++pos == cap) pos = 0;
     }
-    if (writable_ || hdr_->indexGeneration.load(std::memory_order_acquire) == gen) return found;
+    if (hdr_->indexGeneration.load(std::memory_order_acquire) != gen) continue;
+    // A sound index always has free entries (its load stays below 4/5).
+    if (!ended) noFreeEntry();
+    return found;
   }
 }
 
 // ---- writing --------------------------------------------------------------------------
+
+uint32_t ShmStore::probe(uint64_t h, const uint32_t* keyWords, uint32_t* slot,
+                         uint32_t* insertAt) const {
+  const uint32_t cap = indexCap_;
+  uint32_t pos = homeOf(h, cap);
+  *insertAt = kNoSlot;
+  for (uint32_t probes = 0; probes < cap; ++probes) {
+    const uint32_t e = index_[pos];
+    if (e == 0) {
+      if (*insertAt == kNoSlot) *insertAt = pos;
+      return kNoSlot;
+    }
+    if (e == kTombstone) {
+      if (*insertAt == kNoSlot) *insertAt = pos;
+    } else if (tagMatches(e, h)) {
+      const uint32_t s = slotOfEntry(e);
+      if (s >= kMaxSlots) corrupt(fmt::format("index entry names slot {}", s));
+      if (keyEquals(s, keyWords)) {
+        *slot = s;
+        return pos;
+      }
+    }
+    if (++pos == cap) pos = 0;
+  }
+  noFreeEntry();
+}
+
+void ShmStore::noFreeEntry() const {
+  corrupt(fmt::format("index generation {} has no free entry", indexGen_));
+}
 
 uint32_t ShmStore::allocSlot() {
   if (!freeSlots_.empty()) {
@@ -548,67 +624,69 @@ uint32_t ShmStore::allocSlot() {
   return hw;
 }
 
-void ShmStore::writeSlot(uint32_t slot, const uint32_t* words, bool occupied) {
+// A free slot holds no record, so readers ignore its words: they are written first and the
+// slot is then marked occupied in one release store. A writer killed in between leaves a free
+// slot; no journal is needed.
+void ShmStore::fillFreeSlot(uint32_t slot, const uint32_t* words) {
+  uint32_t* s = slotPtr(slot);
+  const uint32_t old = loadWord(s);
+  storeWords(s + 1, words, kw_ + vw_);
+  storeWord(s, ((old & ~3u) + kSeqStep) | kSeqOccupied, std::memory_order_release);
+}
+
+// Emptying a slot is one store: its words stay as they were and are ignored from then on.
+void ShmStore::freeSlot(uint32_t slot) {
+  uint32_t* s = slotPtr(slot);
+  storeWord(s, (loadWord(s) & ~3u) + kSeqStep, std::memory_order_release);
+}
+
+// Rewrites an occupied slot: its present content goes to the journal first (under the
+// journal's own sequence lock), then the slot is written under its sequence lock.
+void ShmStore::rewriteSlot(uint32_t slot, const uint32_t* words) {
   uint32_t* s = slotPtr(slot);
   const uint32_t old = loadWord(s);
   const uint32_t n = kw_ + vw_;
-  // Journal the slot's present content first, under the journal's own sequence lock.
   const uint32_t j = hdr_->journalSeq.load(std::memory_order_relaxed);
   hdr_->journalSeq.store(j + 1, std::memory_order_relaxed);
   std::atomic_thread_fence(std::memory_order_release);
   hdr_->journalSlot.store(slot, std::memory_order_relaxed);
   hdr_->journalSlotSeq.store(old, std::memory_order_relaxed);
-  if (old & kSeqOccupied) {
-    for (uint32_t i = 0; i < n; ++i) storeWord(journal_ + i, loadWord(s + 1 + i));
-  }
+  for (uint32_t i = 0; i < n; ++i) storeWord(journal_ + i, loadWord(s + 1 + i));
   hdr_->journalSeq.store(j + 2, std::memory_order_release);
-  // Then the slot itself, under its sequence lock.
   storeWord(s, old | kSeqWriting);
   std::atomic_thread_fence(std::memory_order_release);
-  if (words) storeWords(s + 1, words, n);
-  storeWord(s, ((old & ~3u) + kSeqStep) | (occupied ? kSeqOccupied : 0), std::memory_order_release);
+  storeWords(s + 1, words, n);
+  storeWord(s, ((old & ~3u) + kSeqStep) | kSeqOccupied, std::memory_order_release);
 }
 
 bool ShmStore::put(const uint32_t* words, uint32_t* oldWords) {
   const uint64_t h = hashKey(words);
-  const uint32_t tag = tagOf(h);
-  uint32_t pos = homeOf(h, indexCap_);
-  uint32_t insertAt = kNoSlot;
-  for (uint32_t probes = 0; probes < indexCap_; ++probes) {
-    const uint32_t e = index_[pos];
-    if (e == 0) {
-      if (insertAt == kNoSlot) insertAt = pos;
-      break;
-    }
-    if (e == kTombstone) {
-      if (insertAt == kNoSlot) insertAt = pos;
-    } else if ((e & ~kSlotMask) == tag && keyEquals((e & kSlotMask) - 1, words)) {
-      const uint32_t slot = (e & kSlotMask) - 1;
-      if (oldWords) loadWords(slotPtr(slot) + 1, oldWords, kw_ + vw_);
-      writeSlot(slot, words, true);
-      return false;
-    }
-    if (++pos == indexCap_) pos = 0;
+  uint32_t slot;
+  uint32_t insertAt;
+  if (probe(h, words, &slot, &insertAt) != kNoSlot) {
+    if (oldWords) loadWords(slotPtr(slot) + 1, oldWords, kw_ + vw_);
+    rewriteSlot(slot, words);
+    return false;
   }
   // A new key. Make room first, so that a failure (out of memory) changes nothing.
-  const bool reuseTombstone = insertAt != kNoSlot && index_[insertAt] == kTombstone;
-  if (insertAt == kNoSlot ||
+  bool reuseTombstone = insertAt != kNoSlot && index_[insertAt] == kTombstone;
+  const uint32_t nextSlot =
+      freeSlots_.empty() ? hdr_->slotHighWater.load(std::memory_order_relaxed) : freeSlots_.back();
+  if (insertAt == kNoSlot || nextSlot >= indexSlotLimit_ ||
       (uint64_t{indexLive_} + indexTombstones_ + (reuseTombstone ? 0 : 1)) * kMaxLoadDen >
           uint64_t{indexCap_} * kMaxLoadNum) {
-    const uint64_t live = uint64_t{indexLive_} + 1;
-    const uint64_t cap = live >= kLargeTable ? live * 3 / 2 + 1 : live * 2;
-    buildIndex(static_cast<uint32_t>(std::max<uint64_t>(kMinIndexCapacity, cap)));
-    return put(words, oldWords);
+    buildIndex(indexCapacityFor(uint64_t{indexLive_} + 1));
+    // The key is absent: its place is the first free position of its probe.
+    insertAt = homeOf(h, indexCap_);
+    while (index_[insertAt] != 0) {
+      if (++insertAt == indexCap_) insertAt = 0;
+    }
+    reuseTombstone = false;
   }
-  if (freeSlots_.empty() && hdr_->slotHighWater.load(std::memory_order_relaxed) >=
-                                slotCapacity(static_cast<uint32_t>(chunks_.size()))) {
-    addChunk();
-  }
-  const uint32_t slot = allocSlot();
-  writeSlot(slot, words, true);
-  uint32_t* entries = const_cast<uint32_t*>(index_);
+  slot = allocSlot();
+  fillFreeSlot(slot, words);
   if (reuseTombstone) --indexTombstones_;
-  storeWord(entries + insertAt, entryOf(slot, h), std::memory_order_release);
+  storeWord(const_cast<uint32_t*>(index_) + insertAt, entryOf(slot, h), std::memory_order_release);
   ++indexLive_;
   hdr_->recordCount.store(hdr_->recordCount.load(std::memory_order_relaxed) + 1,
                           std::memory_order_release);
@@ -617,26 +695,19 @@ bool ShmStore::put(const uint32_t* words, uint32_t* oldWords) {
 
 bool ShmStore::remove(const uint32_t* keyWords, uint32_t* oldWords) {
   const uint64_t h = hashKey(keyWords);
-  const uint32_t tag = tagOf(h);
-  uint32_t pos = homeOf(h, indexCap_);
-  for (uint32_t probes = 0; probes < indexCap_; ++probes) {
-    const uint32_t e = index_[pos];
-    if (e == 0) return false;
-    if (e != kTombstone && (e & ~kSlotMask) == tag && keyEquals((e & kSlotMask) - 1, keyWords)) {
-      const uint32_t slot = (e & kSlotMask) - 1;
-      if (oldWords) loadWords(slotPtr(slot) + 1, oldWords, kw_ + vw_);
-      writeSlot(slot, nullptr, false);
-      storeWord(const_cast<uint32_t*>(index_) + pos, kTombstone, std::memory_order_release);
-      --indexLive_;
-      ++indexTombstones_;
-      freeSlots_.push_back(slot);
-      hdr_->recordCount.store(hdr_->recordCount.load(std::memory_order_relaxed) - 1,
-                              std::memory_order_release);
-      return true;
-    }
-    if (++pos == indexCap_) pos = 0;
-  }
-  return false;
+  uint32_t slot;
+  uint32_t insertAt;
+  const uint32_t pos = probe(h, keyWords, &slot, &insertAt);
+  if (pos == kNoSlot) return false;
+  if (oldWords) loadWords(slotPtr(slot) + 1, oldWords, kw_ + vw_);
+  freeSlot(slot);
+  storeWord(const_cast<uint32_t*>(index_) + pos, kTombstone, std::memory_order_release);
+  --indexLive_;
+  ++indexTombstones_;
+  freeSlots_.push_back(slot);
+  hdr_->recordCount.store(hdr_->recordCount.load(std::memory_order_relaxed) - 1,
+                          std::memory_order_release);
+  return true;
 }
 
 // ---- change log and wake-up -----------------------------------------------------------
@@ -653,12 +724,12 @@ void ShmStore::publishKey(const uint32_t* keyWords) {
 }
 
 void ShmStore::publishControl() {
-  hdr_->wakeWord.store(hdr_->wakeWord.load(std::memory_order_relaxed) + 1,
-                       std::memory_order_release);
-  if (!rctl_) return;
-  // Pairs with the sleeper's increment-then-recheck: either it sees our head or we see it.
-  std::atomic_thread_fence(std::memory_order_seq_cst);
-  if (rctl_->sleepers.load(std::memory_order_relaxed) != 0) {
+  // Pairs with the sleeper's increment of `sleepers` followed by its load of the wake word:
+  // both sides use sequentially consistent operations, so either the sleeper reads the new
+  // wake word (and, through it, everything published before) or this load sees the sleeper.
+  // The read-modify-write doubles as the full barrier, cheaper than a separate fence.
+  hdr_->wakeWord.fetch_add(1, std::memory_order_seq_cst);
+  if (rctl_ && rctl_->sleepers.load(std::memory_order_seq_cst) != 0) {
     futexWake(&hdr_->wakeWord, INT_MAX, /*shared=*/true);
   }
 }

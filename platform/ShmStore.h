@@ -5,8 +5,9 @@
 // Invariants:
 //  - exactly one writer mutates a shared store (its owner word names it); readers map the data
 //    segments read-only and never lock;
-//  - each slot write is journaled in the header first, so a writer killed at any instant leaves
-//    every slot readable as a whole record (the odd slot's old content is in the journal);
+//  - a writer killed at any instant leaves every slot readable as a whole record: a free slot
+//    is filled before it is marked occupied, and the rewrite of an occupied slot is journaled
+//    in the header first (the half-written slot's old content is in the journal);
 //  - every number read from shared memory is bounds-checked before use; bad data raises
 //    ShmCorruptionException, never an out-of-bounds access.
 #pragma once
@@ -109,16 +110,36 @@ class ShmStore {
   std::string segName(const std::string& suffix) const;
   ShmSegment makeSegment(const std::string& suffix, size_t bytes) const;
 
-  uint32_t* slotPtr(uint32_t slot) const;
+  uint32_t* slotPtr(uint32_t slot) const {
+    const uint32_t c = ShmLayout::chunkOf(slot);
+    if (c < chunks_.size()) {
+      return chunks_[c].base + size_t{slot - ShmLayout::chunkFirstSlot(c)} * slotWords_;
+    }
+    return slotPtrSlow(slot);
+  }
+  uint32_t* slotPtrSlow(uint32_t slot) const;
   void mapChunks() const;
   void addChunk();
   void refreshIndex() const;
   void mapIndex(uint32_t generation) const;
   void buildIndex(uint32_t capacity);
+  // Writer: the index position holding the key (its slot in *slot), else kNoSlot with the
+  // first free or tombstoned position of the probe in *insertAt (kNoSlot when none).
+  uint32_t probe(uint64_t hash, const uint32_t* keyWords, uint32_t* slot, uint32_t* insertAt) const;
   uint32_t allocSlot();
-  void writeSlot(uint32_t slot, const uint32_t* words, bool occupied);
+  void fillFreeSlot(uint32_t slot, const uint32_t* words);
+  void rewriteSlot(uint32_t slot, const uint32_t* words);
+  void freeSlot(uint32_t slot);
   bool keyEquals(uint32_t slot, const uint32_t* keyWords) const;
+  uint32_t entryOf(uint32_t slot, uint64_t hash) const {
+    return (slot + 1) | static_cast<uint32_t>(hash) << indexSlotBits_;
+  }
+  bool tagMatches(uint32_t entry, uint64_t hash) const {
+    return ((entry ^ static_cast<uint32_t>(hash) << indexSlotBits_) >> indexSlotBits_) == 0;
+  }
+  uint32_t slotOfEntry(uint32_t entry) const { return (entry & ((1u << indexSlotBits_) - 1)) - 1; }
   [[noreturn]] void corrupt(const std::string& what) const;
+  [[noreturn]] void noFreeEntry() const;
 
   Shape shape_;
   uint32_t keySize_ = 0, valueSize_ = 0, kw_ = 0, vw_ = 0, slotWords_ = 0;
@@ -138,11 +159,13 @@ class ShmStore {
   mutable const uint32_t* index_ = nullptr;
   mutable uint32_t indexCap_ = 0;
   mutable uint32_t indexGen_ = 0;
+  mutable uint32_t indexSlotBits_ = ShmLayout::kMaxSlotBits;
 
   // Writer-only bookkeeping (rebuilt from the slots on take-over).
   std::vector<uint32_t> freeSlots_;
   uint32_t indexLive_ = 0;
   uint32_t indexTombstones_ = 0;
+  uint32_t indexSlotLimit_ = 0;  // slots below this fit the present generation's slot field
   uint64_t head_ = 0;
 };
 
