@@ -12,6 +12,11 @@ namespace Oro {
 
 using namespace ShmLayout;
 
+namespace {
+// Room for the words of any record (key and value), so that lookups need no allocation.
+constexpr uint32_t kRecordWordsMax = ShmStore::kMaxKeyBytes / 4 + kMaxRecordBytes / 4;
+}  // namespace
+
 ShmTableCore::ShmTableCore(std::string typeName, std::string collection, uint32_t keySize,
                            uint32_t valueSize, Callbacks callbacks)
     : typeName_(std::move(typeName)),
@@ -120,10 +125,9 @@ bool ShmTableCore::insert(const void* key, const void* value, void* oldValue) {
     w[kw + vw - 1] = 0;
     std::memcpy(w + kw, value, valueSize_);
   }
-  std::vector<uint32_t> old;
-  if (oldValue) old.resize(kw + vw);
-  const bool added = store_.put(w, oldValue ? old.data() : nullptr);
-  if (oldValue && !added) std::memcpy(oldValue, old.data() + kw, valueSize_);
+  uint32_t old[kRecordWordsMax];
+  const bool added = store_.put(w, oldValue ? old : nullptr);
+  if (oldValue && !added) std::memcpy(oldValue, old + kw, valueSize_);
   store_.publishKey(w);
   return added;
 }
@@ -131,11 +135,11 @@ bool ShmTableCore::insert(const void* key, const void* value, void* oldValue) {
 bool ShmTableCore::remove(const void* key, void* removedValue) {
   assertWritable();
   const uint32_t kw = store_.keyWords();
-  std::vector<uint32_t> old(store_.recordWords());
+  uint32_t old[kRecordWordsMax];
   uint32_t* k = scratch_.data();
   toKeyWords(key, k);
-  if (!store_.remove(k, old.data())) return false;
-  if (removedValue) std::memcpy(removedValue, old.data() + kw, valueSize_);
+  if (!store_.remove(k, old)) return false;
+  if (removedValue) std::memcpy(removedValue, old + kw, valueSize_);
   store_.publishKey(k);
   return true;
 }
@@ -164,28 +168,28 @@ void ShmTableCore::quiescedIs(bool quiesced) {
 
 bool ShmTableCore::find(const void* key, void* value) const {
   const uint32_t kw = store_.keyWords();
-  std::vector<uint32_t> k(kw);
-  std::vector<uint32_t> w(store_.recordWords());
-  toKeyWords(key, k.data());
-  if (store_.find(k.data(), w.data()) == ShmStore::kNoSlot) return false;
-  if (value) std::memcpy(value, w.data() + kw, valueSize_);
+  uint32_t k[ShmStore::kMaxKeyBytes / 4];
+  uint32_t w[kRecordWordsMax];
+  toKeyWords(key, k);
+  if (store_.find(k, w) == ShmStore::kNoSlot) return false;
+  if (value) std::memcpy(value, w + kw, valueSize_);
   return true;
 }
 
 uint32_t ShmTableCore::seek(uint32_t from, void* key, void* value) const {
-  std::vector<uint32_t> w(store_.recordWords());
-  const uint32_t slot = store_.seek(from, w.data());
+  uint32_t w[kRecordWordsMax];
+  const uint32_t slot = store_.seek(from, w);
   if (slot != ShmStore::kNoSlot) {
-    if (key) std::memcpy(key, w.data(), keySize_);
-    if (value) std::memcpy(value, w.data() + store_.keyWords(), valueSize_);
+    if (key) std::memcpy(key, w, keySize_);
+    if (value) std::memcpy(value, w + store_.keyWords(), valueSize_);
   }
   return slot;
 }
 
 uint32_t ShmTableCore::slotOf(const void* key) const {
-  std::vector<uint32_t> w(store_.recordWords());
-  toKeyWords(key, w.data());
-  return store_.find(w.data(), nullptr);
+  uint32_t k[ShmStore::kMaxKeyBytes / 4];
+  toKeyWords(key, k);
+  return store_.find(k, nullptr);
 }
 
 std::atomic<uint64_t>* ShmTableCore::counterSlot(uint32_t index, std::string_view name) {
