@@ -10,18 +10,6 @@
 
 namespace Routing::Multicast::DynaCode::MergedMvpnVrfStatusSm {
 
-MvpnVrfIterator MvpnVrfSource::iterAt(const Root& root, const Bookmark& b) {
-  // A walk resumes at the remembered slot. When the bookmarked key left and came back in
-  // another slot meanwhile, resuming at the key would jump over the slots in between, whose
-  // untouched entries would then never be visited; so the table is asked for a key it does
-  // not hold, which makes it continue from the remembered slot.
-  MvpnVrfIterator it = root.mvpnVrfIterAt(b);
-  if (!it.valid() || it.slot() == b.slot) return it;
-  Bookmark bySlot{VrfId(UINT32_MAX), b.slot};
-  while (root.mvpnVrf(bySlot.key)) bySlot.key = VrfId(bySlot.key.value() - 1);
-  return root.mvpnVrfIterAt(bySlot);
-}
-
 void MvpnVrfSource::handleCorruption(const Root& root, const Oro::ShmCorruptionException& e) {
   root.mvpnVrfHandleCorruption(e.what());
 }

@@ -43,7 +43,7 @@ struct MvpnVrfSource {
     return root.mvpnVrf(key);
   }
   static Iterator iter(const Root& root) { return root.mvpnVrfIter(); }
-  static Iterator iterAt(const Root& root, const Bookmark& b);
+  static Iterator iterAt(const Root& root, const Bookmark& b) { return root.mvpnVrfIterAt(b); }
   static size_t size(const Root& root) { return root.mvpnVrfSize(); }
   static void handleCorruption(const Root& root, const Oro::ShmCorruptionException& e);
 };

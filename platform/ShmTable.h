@@ -148,8 +148,7 @@ class ShmTable {
     std::function<void()> onMountStatus;
     std::function<void(bool)> onQuiesced;
   };
-  // Where a walk stopped: resuming finds the key's slot, or, when the key is gone, goes on
-  // from the remembered slot.
+  // Where a walk stopped: the next key to visit and the slot it was found in.
   struct Bookmark {
     K key{};
     uint32_t slot = 0;
@@ -223,10 +222,10 @@ class ShmTable {
   }
   size_t size() const { return core_.size(); }
   Cursor begin() const { return Cursor(&core_, 0); }
-  Cursor at(const Bookmark& b) const {
-    const uint32_t slot = core_.slotOf(&b.key);
-    return Cursor(&core_, slot != kNoSlot ? slot : b.slot);
-  }
+  // Slots never move, so the remembered slot is where the walk stopped whatever happened to
+  // its key since: every record still in a later slot is visited. (Resuming wherever the key
+  // lives now would skip the slots in between if it had been removed and re-inserted.)
+  Cursor at(const Bookmark& b) const { return Cursor(&core_, b.slot); }
   TylKetab::MountStatus mountStatus() const { return core_.mountStatus(); }
   bool quiesced() const { return core_.quiesced(); }
   std::atomic<uint64_t>* counterSlot(uint32_t index, std::string_view name) {

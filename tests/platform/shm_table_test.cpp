@@ -83,7 +83,9 @@ TEST_F(ShmTableTest, DetachedTableInsertsReplacesRemovesAndWalks) {
   }
   EXPECT_EQ(walked.size(), t.size());
 
-  // A bookmark resumes at its key's slot, or, once the key is gone, at the remembered slot.
+  // A bookmark resumes at the remembered slot: at its key while that is there, at the next
+  // record once the key is gone, and still there when the key came back in another slot
+  // (records between the two slots must not be skipped).
   auto it = t.begin();
   for (int i = 0; i < 10; ++i) it.next();
   const Table::Bookmark b = it.bookmark();
@@ -93,6 +95,11 @@ TEST_F(ShmTableTest, DetachedTableInsertsReplacesRemovesAndWalks) {
   const uint32_t nextKey = after.key();
   t.remove(b.key);
   EXPECT_EQ(t.at(b).key(), nextKey);
+  t.insert(100000, Rec::of(1));  // takes a free slot, possibly b's
+  t.insert(b.key, Rec::of(2));   // comes back elsewhere
+  std::set<uint32_t> resumed;
+  for (auto r = t.at(b); r.valid(); r.next()) resumed.insert(r.key());
+  EXPECT_TRUE(resumed.count(nextKey));
 }
 
 TEST_F(ShmTableTest, ReaderSeesWriterChangesAndControlFlags) {
