@@ -30,6 +30,7 @@ TEST(Toggle, ReadsTheEnvironmentOnceAndCachesIt) {
 
   for (const char* n : {"On", "One", "Off", "Junk", "Unset"}) {
     unsetenv((std::string("MVPN_TOGGLE_ToggleTest") + n).c_str());
+    Oro::toggleReset(std::string("ToggleTest") + n);  // leave no cached value behind
   }
 }
 
