@@ -1,5 +1,6 @@
 // Shared-memory table figures, each next to a baseline measured in the same run:
 //  - writer mvpnVrfIs throughput vs absl::flat_hash_map inserts of the same records;
+//  - the longest single mvpnVrfIs while the table grows to 1M records;
 //  - writer-to-reader notification latency across processes (half a round trip through two
 //    tables, reader schedulers asleep) vs a raw futex ping-pong between two processes;
 //  - shared memory committed per record at 1M records vs 2 x (record + key);
@@ -80,6 +81,26 @@ void BM_MvpnVrfIsReplace(benchmark::State& state) {
   s->unmount();
 }
 BENCHMARK(BM_MvpnVrfIsReplace);
+
+// The longest single mvpnVrfIs while a writer's table grows from empty to 1M records: index
+// growth and new chunks must not make any one write pay for the whole table.
+void BM_LongestMvpnVrfIsUpTo1M(benchmark::State& state) {
+  BenchNamespace ns;
+  for (auto _ : state) {
+    auto s = Routing::Multicast::mvpnVrfStatusFactory("bgp");
+    s->mount(Oro::ShmAttach{"bench/longest", Oro::ShmRole::writer});
+    uint64_t longest = 0;
+    for (uint32_t k = 0; k < kRecords; ++k) {
+      const uint64_t t0 = nowNs();
+      s->mvpnVrfIs(MvpnVrf(VrfId(k), MvpnClient::evpn_));
+      longest = std::max(longest, nowNs() - t0);
+    }
+    state.counters["longest_us"] = static_cast<double>(longest) / 1000.0;
+    s->unmount();
+    Oro::shmUnlinkNamespace();
+  }
+}
+BENCHMARK(BM_LongestMvpnVrfIsUpTo1M)->Unit(benchmark::kMillisecond)->Iterations(3);
 
 void BM_FlatHashMapInsert(benchmark::State& state) {
   for (auto _ : state) {

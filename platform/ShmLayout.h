@@ -8,9 +8,9 @@
 //  - slot chunks "chunk<c>": chunk c holds kBaseChunkSlots << c slots, so chunks never move and
 //    a slot index is stable for the table's life;
 //  - index generations "index<g>": open-addressing array of uint32 (0 empty, kTombstone, else
-//    slot + 1 in the low `slotBits` bits and the key hash's low bits above them as a tag); the
-//    writer builds a new generation when load or tombstones grow, or when the slots outgrow
-//    the generation's slot field;
+//    slot + 1 in the low `slotBits` bits and the key hash's low bits above them as a tag); when
+//    load or tombstones grow, or the slots near the generation's slot field, the writer fills
+//    the next generation a few slots per write and names it in the header once complete;
 //  - reader control "rctl": the one read-write segment of readers (count of sleeping readers).
 //
 // A slot is one uint32 sequence word followed by the key's and the value's 32-bit words. The

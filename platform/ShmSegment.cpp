@@ -173,6 +173,23 @@ void ShmSegment::release() {
 
 ShmSegment ShmSegment::create(const std::string& name, size_t bytes, mode_t mode, bool replace) {
   if (replace) ::shm_unlink(name.c_str());
+  ShmSegment s = make(name, bytes, mode);
+  try {
+    s.commit(0, bytes);
+  } catch (...) {
+    ::shm_unlink(name.c_str());
+    throw;
+  }
+  return s;
+}
+
+ShmSegment ShmSegment::createUncommitted(const std::string& name, size_t bytes, mode_t mode) {
+  ::shm_unlink(name.c_str());
+  return make(name, bytes, mode);
+}
+
+// A new, sized and mapped segment whose memory is not committed yet.
+ShmSegment ShmSegment::make(const std::string& name, size_t bytes, mode_t mode) {
   int fd = ::shm_open(name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, mode);
   if (fd < 0) {
     int err = errno;
@@ -188,9 +205,6 @@ ShmSegment ShmSegment::create(const std::string& name, size_t bytes, mode_t mode
                                     bytes, errnoText(err)));
   };
   if (::ftruncate(fd, static_cast<off_t>(bytes)) != 0) throw fail("size", errno);
-  if (int err = ::posix_fallocate(fd, 0, static_cast<off_t>(bytes)); err != 0) {
-    throw fail("commit memory of", err);
-  }
   void* p = ::mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
   if (p == MAP_FAILED) throw fail("map", errno);
   ShmSegment s;
@@ -199,6 +213,16 @@ ShmSegment ShmSegment::create(const std::string& name, size_t bytes, mode_t mode
   s.fd_ = fd;
   s.name_ = name;
   return s;
+}
+
+void ShmSegment::commit(size_t offset, size_t bytes) {
+  if (fd_ < 0 || bytes == 0) return;
+  if (int err = ::posix_fallocate(fd_, static_cast<off_t>(offset), static_cast<off_t>(bytes));
+      err != 0) {
+    throw ShmException(
+        fmt::format("cannot commit memory of shared memory segment {} ({} bytes): {}", name_, size_,
+                    errnoText(err)));
+  }
 }
 
 ShmSegment ShmSegment::open(const std::string& name, Access access, size_t minBytes) {

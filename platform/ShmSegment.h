@@ -51,6 +51,9 @@ class ShmSegment {
   // which unlinks a leftover first), commits its memory, maps it read-write, zero-filled.
   static ShmSegment create(const std::string& name, size_t bytes, mode_t mode,
                            bool replace = false);
+  // Like create(name, bytes, mode, true), but commits no memory: the creator commits the
+  // segment piece by piece with commit() and touches no byte before it is committed.
+  static ShmSegment createUncommitted(const std::string& name, size_t bytes, mode_t mode);
   // Opens and maps an existing segment whole; its size is taken from fstat and must be at
   // least minBytes (else ShmCorruptionException). Missing segment: ShmException.
   static ShmSegment open(const std::string& name, Access access, size_t minBytes = 0);
@@ -64,10 +67,14 @@ class ShmSegment {
   size_t size() const { return size_; }
   const std::string& name() const { return name_; }
   bool named() const { return !name_.empty(); }
+  // Commits [offset, offset + bytes) of a named segment (ShmException when shared memory runs
+  // out); nothing to do for anonymous memory.
+  void commit(size_t offset, size_t bytes);
   // Bytes of memory the segment holds (tmpfs blocks), for the resident-size figures.
   size_t committedBytes() const;
 
  private:
+  static ShmSegment make(const std::string& name, size_t bytes, mode_t mode);
   void release();
   std::byte* data_ = nullptr;
   size_t size_ = 0;

@@ -32,6 +32,13 @@ constexpr uint32_t kLargeTable = 1u << 18;
 constexpr uint32_t kSpinLimit = 1u << 22;
 // Occupied slots whose index homes are computed (and prefetched) before any is placed.
 constexpr uint32_t kBuildBatch = 16;
+// Growth of the index into its next generation starts when the present one is 13/20 full
+// (or its slot field 4/5 used), well before its 4/5 limit; from then on each write moves at
+// least kMinGrowthStep slots, and more when the room left would not last otherwise.
+constexpr uint64_t kGrowthStartNum = 13, kGrowthStartDen = 20;
+constexpr uint32_t kMinGrowthStep = 8;
+// Memory of the next generation committed per write before its slots are moved.
+constexpr size_t kGrowthCommitStep = 64 * 1024;
 
 uint32_t indexCapacityFor(uint64_t live) {
   const uint64_t cap = live >= kLargeTable ? live * 7 / 4 : live * 2;
@@ -460,78 +467,235 @@ void ShmStore::refreshIndex() const {
   }
 }
 
-// Writes a new index generation holding every record of the slots, then publishes it. The
-// slots are read in order; their index positions are computed a batch ahead and prefetched,
-// so that the random writes into the new generation overlap their cache misses.
+// Writes a new index generation holding every record of the slots, then publishes it.
 void ShmStore::buildIndex(uint32_t capacity) {
-  const uint32_t gen = hdr_->indexGeneration.load(std::memory_order_relaxed) + 1;
-  const size_t bytes = sizeof(IndexHeader) + 4ull * capacity;
-  ShmSegment seg = makeSegment(fmt::format("index{}", gen), bytes);
-  auto* ih = new (seg.data()) IndexHeader();
-  const uint32_t bits = slotBitsFor(static_cast<uint32_t>(chunks_.size()));
-  ih->generation = gen;
-  ih->capacity = capacity;
-  ih->slotBits = bits;
-  uint32_t* entries = reinterpret_cast<uint32_t*>(seg.data() + sizeof(IndexHeader));
-  // The entry helpers read the generation's slot width: switch to the new one while placing,
-  // back on failure.
-  const uint32_t oldBits = indexSlotBits_;
-  indexSlotBits_ = bits;
-  uint32_t live = 0;
+  dropGrowth();
   try {
-    const uint32_t hw = hdr_->slotHighWater.load(std::memory_order_relaxed);
-    uint32_t batchSlot[kBuildBatch];
-    uint64_t batchHash[kBuildBatch];
-    uint32_t pending = 0;
-    auto place = [&] {
-      for (uint32_t i = 0; i < pending; ++i) {
-        const uint64_t h = batchHash[i];
-        uint32_t pos = homeOf(h, capacity);
-        for (uint32_t probes = 0;; ++probes) {
-          if (probes == capacity) corrupt("index overflow while rebuilding");
-          const uint32_t e = entries[pos];
-          if (e == 0) break;
-          if (tagMatches(e, h) && keyEquals(slotOfEntry(e), slotPtr(batchSlot[i]) + 1)) {
-            corrupt(fmt::format("slots {} and {} hold the same key", slotOfEntry(e), batchSlot[i]));
-          }
-          if (++pos == capacity) pos = 0;
-        }
-        entries[pos] = entryOf(batchSlot[i], h);
-      }
-      live += pending;
-      pending = 0;
-    };
-    for (uint32_t c = 0; c < chunks_.size() && chunkFirstSlot(c) < hw; ++c) {
-      const uint32_t first = chunkFirstSlot(c);
-      const uint32_t n = std::min(chunkSlots(c), hw - first);
-      const uint32_t* s = chunks_[c].base;
-      for (uint32_t i = 0; i < n; ++i, s += slotWords_) {
-        if (!(loadWord(s) & kSeqOccupied)) continue;
-        uint32_t key[kMaxKeyBytes / 4];
-        loadWords(s + 1, key, kw_);
-        const uint64_t h = hashKey(key);
-        __builtin_prefetch(entries + homeOf(h, capacity), 1);
-        batchSlot[pending] = first + i;
-        batchHash[pending] = h;
-        if (++pending == kBuildBatch) place();
-      }
+    beginGrowth(capacity, /*commitNow=*/true);
+    if (!migrateSlots(hdr_->slotHighWater.load(std::memory_order_relaxed))) {
+      corrupt("index overflow while rebuilding");
     }
-    place();
   } catch (...) {
-    indexSlotBits_ = oldBits;
+    dropGrowth();
     throw;
   }
+  publishGrowth();
+}
+
+// Entries and slots the present generation can still take before it must be replaced.
+uint64_t ShmStore::growthRoom() const {
+  const uint64_t used = uint64_t{indexLive_} + indexTombstones_;
+  const uint64_t maxUsed = uint64_t{indexCap_} * kMaxLoadNum / kMaxLoadDen;
+  const uint32_t hw = hdr_->slotHighWater.load(std::memory_order_relaxed);
+  const uint64_t loadRoom = maxUsed > used ? maxUsed - used : 0;
+  const uint64_t slotRoom = indexSlotLimit_ > hw ? indexSlotLimit_ - hw : 0;
+  return std::min(loadRoom, slotRoom);
+}
+
+// The next generation is sized for the present records plus every key that can arrive before
+// it is published: no more than the present generation's room, nor than the writes the growth
+// takes (each moves at least kMinGrowthStep - 1 slots net, after the writes that commit).
+void ShmStore::beginGrowth(uint32_t capacity, bool commitNow) {
+  if (capacity == 0) {
+    const uint64_t room = growthRoom();
+    const uint64_t hw = hdr_->slotHighWater.load(std::memory_order_relaxed);
+    const uint64_t commitWrites =
+        (sizeof(IndexHeader) + 4ull * indexCapacityFor(uint64_t{indexLive_} + room + 1)) /
+            kGrowthCommitStep +
+        1;
+    const uint64_t newKeys = std::min(room, commitWrites + hw / (kMinGrowthStep - 1) + 1);
+    capacity = indexCapacityFor(uint64_t{indexLive_} + newKeys + 1);
+  }
+  const uint32_t gen = hdr_->indexGeneration.load(std::memory_order_relaxed) + 1;
+  const size_t bytes = sizeof(IndexHeader) + 4ull * capacity;
+  const std::string suffix = fmt::format("index{}", gen);
+  NextIndex n;
+  if (!shared()) {
+    n.seg = ShmSegment::anonymous(bytes);
+  } else if (commitNow) {
+    n.seg = makeSegment(suffix, bytes);
+  } else {
+    n.seg = ShmSegment::createUncommitted(segName(suffix), bytes, mode_);
+  }
+  n.committed = commitNow || !shared() ? bytes : 0;
+  n.entries = reinterpret_cast<uint32_t*>(n.seg.data() + sizeof(IndexHeader));
+  n.capacity = capacity;
+  n.slotBits = slotBitsFor(static_cast<uint32_t>(chunks_.size()));
+  next_ = std::move(n);
+}
+
+void ShmStore::maybeStartGrowth() {
+  if (uint64_t{indexLive_} + indexTombstones_ < growthStartUsed_ &&
+      hdr_->slotHighWater.load(std::memory_order_relaxed) < growthStartHighWater_) {
+    return;
+  }
+  try {
+    beginGrowth(0, /*commitNow=*/false);
+  } catch (const ShmException&) {
+    // Out of shared memory: the present generation still has room; a later write retries.
+    dropGrowth();
+  }
+}
+
+// One write's share of the growth: first the next generation's memory, then its slots. Each
+// step covers the work left divided by the room left (half the room for the memory), so the
+// growth ends before the present generation runs out of room however fast it fills.
+void ShmStore::advanceGrowth() {
+  const uint64_t room = std::max<uint64_t>(growthRoom(), 2);
+  const size_t size = next_.seg.size();
+  if (next_.committed < size) {
+    const size_t left = size - next_.committed;
+    size_t step = std::max<size_t>(kGrowthCommitStep, (left + room / 2 - 1) / (room / 2));
+    step = std::min(left, (step + 4095) & ~size_t{4095});
+    try {
+      next_.seg.commit(next_.committed, step);
+    } catch (const ShmException&) {
+      dropGrowth();
+      return;
+    }
+    next_.committed += step;
+    return;
+  }
+  const uint32_t hw = hdr_->slotHighWater.load(std::memory_order_relaxed);
+  const uint64_t left = hw - next_.cursor;
+  // + 1: the write itself may take a new slot above the cursor.
+  const uint64_t step = std::max<uint64_t>(kMinGrowthStep, (left + room - 1) / room + 1);
+  if (!migrateSlots(static_cast<uint32_t>(std::min<uint64_t>(hw, next_.cursor + step)))) {
+    dropGrowth();
+    return;
+  }
+  if (next_.cursor >= hw) publishGrowth();
+}
+
+// Completes a running growth within this write (when the present generation is out of room).
+void ShmStore::finishGrowth() {
+  const size_t size = next_.seg.size();
+  if (next_.committed < size) {
+    next_.seg.commit(next_.committed, size - next_.committed);
+    next_.committed = size;
+  }
+  if (!migrateSlots(hdr_->slotHighWater.load(std::memory_order_relaxed))) {
+    dropGrowth();
+    return;
+  }
+  publishGrowth();
+}
+
+void ShmStore::dropGrowth() {
+  if (next_.seg.named()) ShmSegment::unlink(next_.seg.name());
+  next_ = NextIndex{};
+}
+
+// Indexes the occupied slots in [cursor, end) into the next generation. Their homes are
+// computed a batch ahead and prefetched, so the random writes overlap their cache misses.
+// False when the next generation is full (it can then only be dropped).
+bool ShmStore::migrateSlots(uint32_t end) {
+  uint32_t batchSlot[kBuildBatch];
+  uint64_t batchHash[kBuildBatch];
+  uint32_t pending = 0;
+  bool fits = true;
+  auto place = [&] {
+    for (uint32_t i = 0; i < pending && fits; ++i) fits = nextInsert(batchSlot[i], batchHash[i]);
+    pending = 0;
+  };
+  const uint32_t begin = next_.cursor;
+  for (uint32_t slot = begin; slot < end && fits; ++slot) {
+    const uint32_t* s = slotPtr(slot);
+    if (!(loadWord(s) & kSeqOccupied)) continue;
+    uint32_t key[kMaxKeyBytes / 4];
+    loadWords(s + 1, key, kw_);
+    const uint64_t h = hashKey(key);
+    __builtin_prefetch(next_.entries + homeOf(h, next_.capacity), 1);
+    batchSlot[pending] = slot;
+    batchHash[pending] = h;
+    if (++pending == kBuildBatch) place();
+  }
+  place();
+  next_.cursor = end;
+  migratedThisWrite_ += end - begin;
+  return fits;
+}
+
+// Adds the record of `slot` to the next generation, in the first tombstone or free entry of
+// its probe (the probe runs to a free entry to catch a key held twice).
+bool ShmStore::nextInsert(uint32_t slot, uint64_t h) {
+  const uint32_t cap = next_.capacity;
+  const uint32_t bits = next_.slotBits;
+  uint32_t pos = homeOf(h, cap);
+  uint32_t at = kNoSlot;
+  for (uint32_t probes = 0;; ++probes) {
+    if (probes == cap) return false;
+    const uint32_t e = next_.entries[pos];
+    if (e == 0) break;
+    if (e == kTombstone) {
+      if (at == kNoSlot) at = pos;
+    } else if (tagMatches(e, h, bits) && keyEquals(slotOfEntry(e, bits), slotPtr(slot) + 1)) {
+      corrupt(fmt::format("slots {} and {} hold the same key", slotOfEntry(e, bits), slot));
+    }
+    if (++pos == cap) pos = 0;
+  }
+  if (at == kNoSlot) {
+    if (uint64_t{next_.used + 1} * kMaxLoadDen > uint64_t{cap} * kMaxLoadNum) return false;
+    at = pos;
+    ++next_.used;
+  }
+  next_.entries[at] = entryOf(slot, h, bits);
+  ++next_.live;
+  return true;
+}
+
+void ShmStore::nextRemove(uint32_t slot, uint64_t h) {
+  const uint32_t cap = next_.capacity;
+  const uint32_t want = entryOf(slot, h, next_.slotBits);
+  uint32_t pos = homeOf(h, cap);
+  for (uint32_t probes = 0; probes < cap; ++probes) {
+    const uint32_t e = next_.entries[pos];
+    if (e == want) {
+      next_.entries[pos] = kTombstone;
+      --next_.live;
+      return;
+    }
+    if (e == 0) break;
+    if (++pos == cap) pos = 0;
+  }
+  corrupt(fmt::format("slot {} is missing from the index generation being built", slot));
+}
+
+// The next generation is complete: its header goes in, readers are told its number, and the
+// old generation's name is removed (readers that still map it keep it until they re-map).
+void ShmStore::publishGrowth() {
+  NextIndex n = std::move(next_);
+  next_ = NextIndex{};
+  const uint32_t gen = hdr_->indexGeneration.load(std::memory_order_relaxed) + 1;
+  auto* ih = new (n.seg.data()) IndexHeader();
+  ih->generation = gen;
+  ih->capacity = n.capacity;
+  ih->slotBits = n.slotBits;
   ih->magic.store(kIndexMagic, std::memory_order_release);
   std::string oldName = (shared() && index_) ? indexSeg_.name() : std::string();
-  indexSeg_ = std::move(seg);
-  index_ = entries;
-  indexCap_ = capacity;
+  indexSeg_ = std::move(n.seg);
+  index_ = n.entries;
+  indexCap_ = n.capacity;
   indexGen_ = gen;
-  indexLive_ = live;
-  indexTombstones_ = 0;
-  indexSlotLimit_ = std::min((1u << bits) - 2, kMaxSlots);
+  indexSlotBits_ = n.slotBits;
+  indexLive_ = n.live;
+  indexTombstones_ = n.used - n.live;
+  indexSlotLimit_ = std::min((1u << n.slotBits) - 2, kMaxSlots);
+  growthStartUsed_ = uint64_t{n.capacity} * kGrowthStartNum / kGrowthStartDen;
+  growthStartHighWater_ = indexSlotLimit_ / 5 * 4;
+  ++generationsPublished_;
   hdr_->indexGeneration.store(gen, std::memory_order_release);
   if (!oldName.empty()) ShmSegment::unlink(oldName);
+}
+
+ShmStore::IndexGrowth ShmStore::indexGrowth() const {
+  IndexGrowth g;
+  g.migrating = next_.capacity != 0;
+  g.cursor = next_.cursor;
+  g.nextCapacity = next_.capacity;
+  g.maxSlotsPerWrite = maxMigratedPerWrite_;
+  g.generationsPublished = generationsPublished_;
+  return g;
 }
 
 uint32_t ShmStore::find(const uint32_t* keyWords, uint32_t* out) const {
@@ -660,50 +824,75 @@ void ShmStore::rewriteSlot(uint32_t slot, const uint32_t* words) {
 }
 
 bool ShmStore::put(const uint32_t* words, uint32_t* oldWords) {
+  migratedThisWrite_ = 0;
+  if (next_.capacity != 0) advanceGrowth();
   const uint64_t h = hashKey(words);
   uint32_t slot;
   uint32_t insertAt;
   if (probe(h, words, &slot, &insertAt) != kNoSlot) {
     if (oldWords) loadWords(slotPtr(slot) + 1, oldWords, kw_ + vw_);
     rewriteSlot(slot, words);
+    growthStepDone();
     return false;
   }
   // A new key. Make room first, so that a failure (out of memory) changes nothing.
-  bool reuseTombstone = insertAt != kNoSlot && index_[insertAt] == kTombstone;
-  const uint32_t nextSlot =
-      freeSlots_.empty() ? hdr_->slotHighWater.load(std::memory_order_relaxed) : freeSlots_.back();
-  if (insertAt == kNoSlot || nextSlot >= indexSlotLimit_ ||
-      (uint64_t{indexLive_} + indexTombstones_ + (reuseTombstone ? 0 : 1)) * kMaxLoadDen >
-          uint64_t{indexCap_} * kMaxLoadNum) {
-    buildIndex(indexCapacityFor(uint64_t{indexLive_} + 1));
-    // The key is absent: its place is the first free position of its probe.
-    insertAt = homeOf(h, indexCap_);
-    while (index_[insertAt] != 0) {
-      if (++insertAt == indexCap_) insertAt = 0;
+  if (next_.capacity == 0) maybeStartGrowth();
+  auto fits = [&] {
+    const bool reuse = insertAt != kNoSlot && index_[insertAt] == kTombstone;
+    const uint32_t nextSlot = freeSlots_.empty()
+                                  ? hdr_->slotHighWater.load(std::memory_order_relaxed)
+                                  : freeSlots_.back();
+    return insertAt != kNoSlot && nextSlot < indexSlotLimit_ &&
+           (uint64_t{indexLive_} + indexTombstones_ + (reuse ? 0 : 1)) * kMaxLoadDen <=
+               uint64_t{indexCap_} * kMaxLoadNum;
+  };
+  if (!fits()) {
+    // Growth did not keep up (or never started): complete it now, else rebuild at once.
+    if (next_.capacity != 0) {
+      finishGrowth();
+      probe(h, words, &slot, &insertAt);
     }
-    reuseTombstone = false;
+    if (!fits()) {
+      buildIndex(indexCapacityFor(uint64_t{indexLive_} + 1));
+      // The key is absent: its place is the first free position of its probe.
+      insertAt = homeOf(h, indexCap_);
+      while (index_[insertAt] != 0) {
+        if (++insertAt == indexCap_) insertAt = 0;
+      }
+    }
   }
+  const bool reuseTombstone = index_[insertAt] == kTombstone;
   slot = allocSlot();
   fillFreeSlot(slot, words);
   if (reuseTombstone) --indexTombstones_;
   storeWord(const_cast<uint32_t*>(index_) + insertAt, entryOf(slot, h), std::memory_order_release);
   ++indexLive_;
+  // A slot below the cursor was already passed by the growth: mirror the record into it.
+  if (next_.capacity != 0 && slot < next_.cursor && !nextInsert(slot, h)) dropGrowth();
+  growthStepDone();
   hdr_->recordCount.store(hdr_->recordCount.load(std::memory_order_relaxed) + 1,
                           std::memory_order_release);
   return true;
 }
 
 bool ShmStore::remove(const uint32_t* keyWords, uint32_t* oldWords) {
+  migratedThisWrite_ = 0;
+  if (next_.capacity != 0) advanceGrowth();
   const uint64_t h = hashKey(keyWords);
   uint32_t slot;
   uint32_t insertAt;
   const uint32_t pos = probe(h, keyWords, &slot, &insertAt);
-  if (pos == kNoSlot) return false;
+  if (pos == kNoSlot) {
+    growthStepDone();
+    return false;
+  }
   if (oldWords) loadWords(slotPtr(slot) + 1, oldWords, kw_ + vw_);
   freeSlot(slot);
   storeWord(const_cast<uint32_t*>(index_) + pos, kTombstone, std::memory_order_release);
   --indexLive_;
   ++indexTombstones_;
+  if (next_.capacity != 0 && slot < next_.cursor) nextRemove(slot, h);
+  growthStepDone();
   freeSlots_.push_back(slot);
   hdr_->recordCount.store(hdr_->recordCount.load(std::memory_order_relaxed) - 1,
                           std::memory_order_release);
@@ -743,8 +932,8 @@ void ShmStore::readRingEntry(uint64_t pos, uint32_t* keyWords) const {
 }
 
 size_t ShmStore::committedBytes() const {
-  size_t total =
-      headerSeg_.committedBytes() + controlSeg_.committedBytes() + indexSeg_.committedBytes();
+  size_t total = headerSeg_.committedBytes() + controlSeg_.committedBytes() +
+                 indexSeg_.committedBytes() + next_.seg.committedBytes();
   for (const Chunk& c : chunks_) total += c.seg.committedBytes();
   return total;
 }

@@ -9,7 +9,10 @@
 //    is filled before it is marked occupied, and the rewrite of an occupied slot is journaled
 //    in the header first (the half-written slot's old content is in the journal);
 //  - every number read from shared memory is bounds-checked before use; bad data raises
-//    ShmCorruptionException, never an out-of-bounds access.
+//    ShmCorruptionException, never an out-of-bounds access;
+//  - the index grows without stopping the writer: the next generation is filled a few slots
+//    per write (slots below its cursor are in it, and the writer mirrors their changes into
+//    it) and published only once complete, so readers and lookups always use a complete one.
 #pragma once
 
 #include <sys/types.h>
@@ -96,6 +99,17 @@ class ShmStore {
   size_t committedBytes() const;
   uint32_t indexCapacity() const { return indexCap_; }
 
+  // Writer: progress of index growth. maxSlotsPerWrite is the most slots any single write has
+  // indexed into a new generation (a whole-table rebuild counts every slot).
+  struct IndexGrowth {
+    bool migrating = false;
+    uint32_t cursor = 0;        // slots below it are in the next generation
+    uint32_t nextCapacity = 0;  // of the generation being filled
+    uint32_t maxSlotsPerWrite = 0;
+    uint32_t generationsPublished = 0;
+  };
+  IndexGrowth indexGrowth() const;
+
  private:
   struct Chunk {
     ShmSegment seg;
@@ -122,7 +136,26 @@ class ShmStore {
   void addChunk();
   void refreshIndex() const;
   void mapIndex(uint32_t generation) const;
+  // Publishes a complete new index generation of `capacity` entries at once (creation,
+  // take-over, and the fallback when growth could not keep up).
   void buildIndex(uint32_t capacity);
+  // Incremental growth: begin filling a next generation, advance it by a step sized to end
+  // before the present one runs out of room, finish it at once, or drop it.
+  // capacity 0: sized for the records the present generation can still take.
+  void beginGrowth(uint32_t capacity, bool commitNow);
+  void advanceGrowth();
+  void finishGrowth();
+  void dropGrowth();
+  void publishGrowth();
+  bool migrateSlots(uint32_t end);
+  bool nextInsert(uint32_t slot, uint64_t hash);
+  void nextRemove(uint32_t slot, uint64_t hash);
+  uint64_t growthRoom() const;
+  // Starts growth when the present generation nears its load or slot-field limit.
+  void maybeStartGrowth();
+  void growthStepDone() {
+    if (migratedThisWrite_ > maxMigratedPerWrite_) maxMigratedPerWrite_ = migratedThisWrite_;
+  }
   // Writer: the index position holding the key (its slot in *slot), else kNoSlot with the
   // first free or tombstoned position of the probe in *insertAt (kNoSlot when none).
   uint32_t probe(uint64_t hash, const uint32_t* keyWords, uint32_t* slot, uint32_t* insertAt) const;
@@ -131,13 +164,22 @@ class ShmStore {
   void rewriteSlot(uint32_t slot, const uint32_t* words);
   void freeSlot(uint32_t slot);
   bool keyEquals(uint32_t slot, const uint32_t* keyWords) const;
+  static uint32_t entryOf(uint32_t slot, uint64_t hash, uint32_t bits) {
+    return (slot + 1) | static_cast<uint32_t>(hash) << bits;
+  }
+  static bool tagMatches(uint32_t entry, uint64_t hash, uint32_t bits) {
+    return ((entry ^ static_cast<uint32_t>(hash) << bits) >> bits) == 0;
+  }
+  static uint32_t slotOfEntry(uint32_t entry, uint32_t bits) {
+    return (entry & ((1u << bits) - 1)) - 1;
+  }
   uint32_t entryOf(uint32_t slot, uint64_t hash) const {
-    return (slot + 1) | static_cast<uint32_t>(hash) << indexSlotBits_;
+    return entryOf(slot, hash, indexSlotBits_);
   }
   bool tagMatches(uint32_t entry, uint64_t hash) const {
-    return ((entry ^ static_cast<uint32_t>(hash) << indexSlotBits_) >> indexSlotBits_) == 0;
+    return tagMatches(entry, hash, indexSlotBits_);
   }
-  uint32_t slotOfEntry(uint32_t entry) const { return (entry & ((1u << indexSlotBits_) - 1)) - 1; }
+  uint32_t slotOfEntry(uint32_t entry) const { return slotOfEntry(entry, indexSlotBits_); }
   [[noreturn]] void corrupt(const std::string& what) const;
   [[noreturn]] void noFreeEntry() const;
 
@@ -167,6 +209,27 @@ class ShmStore {
   uint32_t indexTombstones_ = 0;
   uint32_t indexSlotLimit_ = 0;  // slots below this fit the present generation's slot field
   uint64_t head_ = 0;
+
+  // The next index generation while it is filled (capacity 0: none). Its entries hold every
+  // record of the slots below `cursor`; its header is written when it is published.
+  struct NextIndex {
+    ShmSegment seg;
+    uint32_t* entries = nullptr;
+    uint32_t capacity = 0;
+    uint32_t slotBits = 0;
+    uint32_t cursor = 0;
+    uint32_t live = 0;
+    uint32_t used = 0;  // live entries plus tombstones
+    size_t committed = 0;
+  };
+  NextIndex next_;
+  // Growth starts once the present generation's used entries or the slot high-water mark
+  // reach these.
+  uint64_t growthStartUsed_ = 0;
+  uint32_t growthStartHighWater_ = 0;
+  uint32_t migratedThisWrite_ = 0;
+  uint32_t maxMigratedPerWrite_ = 0;
+  uint32_t generationsPublished_ = 0;
 };
 
 }  // namespace Oro

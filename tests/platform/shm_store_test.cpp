@@ -51,8 +51,9 @@ TEST_F(ShmStoreTest, IndexGrowthAcrossChunksKeepsEveryKeyFindableByWriterAndRead
     ASSERT_EQ(w.find(k * 2654435761u), expect) << k;
     ASSERT_EQ(r.find(k * 2654435761u), expect) << k;
   }
-  // The index stays small next to the records: under 7 bytes per record after growth.
-  EXPECT_LT(w.core().store().indexCapacity(), w.size() * 7 / 4 + 1);
+  // The index stays small next to the records: at most 8 bytes per record after growth
+  // (sized ahead for the keys that may arrive while the next generation is filled).
+  EXPECT_LE(w.core().store().indexCapacity(), w.size() * 2);
 }
 
 TEST_F(ShmStoreTest, ReaderReportsChangesMadeBeforeItsFirstDispatchInTheirOrder) {
