@@ -44,13 +44,17 @@ TEST(RefCount, CountsAndDeletesAtZero) {
     EXPECT_EQ(a->refs(), 2u);
     b = nullptr;
     Oro::Ptr<Counted> c(std::move(a));
-    EXPECT_FALSE(a);
+    EXPECT_FALSE(a);  // NOLINT(bugprone-use-after-move): a moved-from Ptr is null
     EXPECT_EQ(c->refs(), 1u);
     EXPECT_EQ(deaths, 0);
   }
   EXPECT_EQ(deaths, 1);
   Oro::threadsInUseIs(true);
-  { Oro::Ptr<Counted> a(new Counted(&deaths)), b = a; }
+  {
+    Oro::Ptr<Counted> a(new Counted(&deaths));
+    Oro::Ptr<Counted> b = a;  // NOLINT(performance-unnecessary-copy-initialization)
+    EXPECT_EQ(b->refs(), 2u);
+  }
   Oro::threadsInUseIs(false);
   EXPECT_EQ(deaths, 2);
 }
