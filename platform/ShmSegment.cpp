@@ -284,6 +284,13 @@ void ShmSegment::unlink(const std::string& name) {
   ::shm_unlink(name.c_str());
 }
 
+bool ShmSegment::decommit(size_t offset, size_t bytes) {
+  if (bytes == 0) return true;
+  if (fd_ < 0) return ::madvise(data_ + offset, bytes, MADV_DONTNEED) == 0;
+  return ::fallocate(fd_, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, static_cast<off_t>(offset),
+                     static_cast<off_t>(bytes)) == 0;
+}
+
 size_t ShmSegment::committedBytes() const {
   if (fd_ < 0) return 0;
   struct stat st {};

@@ -70,6 +70,9 @@ class ShmSegment {
   // Commits [offset, offset + bytes) of a named segment (ShmException when shared memory runs
   // out); nothing to do for anonymous memory.
   void commit(size_t offset, size_t bytes);
+  // Gives the memory of [offset, offset + bytes) back (both page-aligned); it reads as zeros
+  // from then on. False when the segment cannot do that (mapped read-only).
+  bool decommit(size_t offset, size_t bytes);
   // Bytes of memory the segment holds (tmpfs blocks), for the resident-size figures.
   size_t committedBytes() const;
 

@@ -386,10 +386,51 @@ void ShmStore::addChunk() {
         fmt::format("shared memory table {}/{} is full", shape_.mountPath, shape_.collection));
   }
   const size_t bytes = size_t{chunkSlots(c)} * 4 * slotWords_;
-  ShmSegment seg = makeSegment(fmt::format("chunk{}", c), bytes);
+  ShmSegment seg;
+  if (nextChunk_.valid()) {
+    seg = std::move(nextChunk_);
+    nextChunk_ = ShmSegment();
+    try {
+      seg.commit(nextChunkCommitted_, bytes - nextChunkCommitted_);
+    } catch (...) {
+      ShmSegment::unlink(seg.name());
+      throw;
+    }
+  } else {
+    seg = makeSegment(fmt::format("chunk{}", c), bytes);
+  }
   uint32_t* base = reinterpret_cast<uint32_t*>(seg.data());
   chunks_.push_back(Chunk{std::move(seg), base});
   hdr_->chunkCount.store(c + 1, std::memory_order_release);
+}
+
+// Committing a whole chunk at once would stall one write for as long as it takes to commit
+// megabytes; instead the chunk is committed kGrowthCommitStep (or more) per new slot while
+// the last chunk's final slots are used. Readers never see it before chunkCount names it.
+void ShmStore::prepareChunk(uint64_t slotsLeft) {
+  const uint32_t c = static_cast<uint32_t>(chunks_.size());
+  if (c >= kMaxChunks) return;
+  const size_t bytes = size_t{chunkSlots(c)} * 4 * slotWords_;
+  if (!nextChunk_.valid()) {
+    if (slotsLeft > 2 * (bytes / kGrowthCommitStep) + 2) return;
+    try {
+      nextChunk_ = ShmSegment::createUncommitted(segName(fmt::format("chunk{}", c)), bytes, mode_);
+    } catch (const ShmException&) {
+      return;  // addChunk tries again when the chunk is needed
+    }
+    nextChunkCommitted_ = 0;
+  }
+  if (nextChunkCommitted_ >= bytes) return;
+  const size_t left = bytes - nextChunkCommitted_;
+  size_t step = std::max<size_t>(kGrowthCommitStep, (left + slotsLeft - 1) / slotsLeft);
+  step = std::min(left, (step + 4095) & ~size_t{4095});
+  try {
+    nextChunk_.commit(nextChunkCommitted_, step);
+    nextChunkCommitted_ += step;
+  } catch (const ShmException&) {
+    ShmSegment::unlink(nextChunk_.name());
+    nextChunk_ = ShmSegment();
+  }
 }
 
 bool ShmStore::readSlot(uint32_t slot, uint32_t* out) const {
@@ -672,7 +713,8 @@ void ShmStore::publishGrowth() {
   ih->capacity = n.capacity;
   ih->slotBits = n.slotBits;
   ih->magic.store(kIndexMagic, std::memory_order_release);
-  std::string oldName = (shared() && index_) ? indexSeg_.name() : std::string();
+  retired_ = std::move(indexSeg_);  // frees a generation still being released, at once
+  retiredLeft_ = retired_.size() & ~size_t{4095};
   indexSeg_ = std::move(n.seg);
   index_ = n.entries;
   indexCap_ = n.capacity;
@@ -685,7 +727,21 @@ void ShmStore::publishGrowth() {
   growthStartHighWater_ = indexSlotLimit_ / 5 * 4;
   ++generationsPublished_;
   hdr_->indexGeneration.store(gen, std::memory_order_release);
-  if (!oldName.empty()) ShmSegment::unlink(oldName);
+  // Readers still on the old generation find its entries zeroed once released, and then the
+  // new generation number, so they retry there.
+  if (retired_.named()) ShmSegment::unlink(retired_.name());
+}
+
+// Gives back the replaced generation's memory from its end, kGrowthCommitStep per write; the
+// segment is unmapped when nothing is left (or at once when it cannot be released in parts).
+void ShmStore::releaseRetired() {
+  const size_t step = std::min(retiredLeft_, kGrowthCommitStep);
+  if (retiredLeft_ > step && retired_.decommit(retiredLeft_ - step, step)) {
+    retiredLeft_ -= step;
+    return;
+  }
+  retired_ = ShmSegment();
+  retiredLeft_ = 0;
 }
 
 ShmStore::IndexGrowth ShmStore::indexGrowth() const {
@@ -733,6 +789,9 @@ uint32_t ShmStore::find(const uint32_t* keyWords, uint32_t* out) const {
       }
       if (++pos == cap) pos = 0;
     }
+    // The entries were read before the generation is checked again: a generation replaced
+    // meanwhile may have been zeroed while it was read.
+    std::atomic_thread_fence(std::memory_order_acquire);
     if (hdr_->indexGeneration.load(std::memory_order_acquire) != gen) continue;
     // A sound index always has free entries (its load stays below 4/5).
     if (!ended) noFreeEntry();
@@ -783,7 +842,12 @@ uint32_t ShmStore::allocSlot() {
     throw ShmException(
         fmt::format("shared memory table {}/{} is full", shape_.mountPath, shape_.collection));
   }
-  if (hw >= slotCapacity(static_cast<uint32_t>(chunks_.size()))) addChunk();
+  const uint64_t capacity = slotCapacity(static_cast<uint32_t>(chunks_.size()));
+  if (hw >= capacity) {
+    addChunk();
+  } else if (shared()) {
+    prepareChunk(capacity - hw);
+  }
   hdr_->slotHighWater.store(hw + 1, std::memory_order_release);
   return hw;
 }
@@ -826,6 +890,7 @@ void ShmStore::rewriteSlot(uint32_t slot, const uint32_t* words) {
 bool ShmStore::put(const uint32_t* words, uint32_t* oldWords) {
   migratedThisWrite_ = 0;
   if (next_.capacity != 0) advanceGrowth();
+  if (retired_.valid()) releaseRetired();
   const uint64_t h = hashKey(words);
   uint32_t slot;
   uint32_t insertAt;
@@ -878,6 +943,7 @@ bool ShmStore::put(const uint32_t* words, uint32_t* oldWords) {
 bool ShmStore::remove(const uint32_t* keyWords, uint32_t* oldWords) {
   migratedThisWrite_ = 0;
   if (next_.capacity != 0) advanceGrowth();
+  if (retired_.valid()) releaseRetired();
   const uint64_t h = hashKey(keyWords);
   uint32_t slot;
   uint32_t insertAt;
@@ -933,7 +999,8 @@ void ShmStore::readRingEntry(uint64_t pos, uint32_t* keyWords) const {
 
 size_t ShmStore::committedBytes() const {
   size_t total = headerSeg_.committedBytes() + controlSeg_.committedBytes() +
-                 indexSeg_.committedBytes() + next_.seg.committedBytes();
+                 indexSeg_.committedBytes() + next_.seg.committedBytes() +
+                 nextChunk_.committedBytes() + retired_.committedBytes();
   for (const Chunk& c : chunks_) total += c.seg.committedBytes();
   return total;
 }

@@ -134,6 +134,9 @@ class ShmStore {
   uint32_t* slotPtrSlow(uint32_t slot) const;
   void mapChunks() const;
   void addChunk();
+  // Writer: creates the next chunk once few slots are left in the last one, and commits it
+  // piece by piece over the writes that fill those slots.
+  void prepareChunk(uint64_t slotsLeft);
   void refreshIndex() const;
   void mapIndex(uint32_t generation) const;
   // Publishes a complete new index generation of `capacity` entries at once (creation,
@@ -147,6 +150,7 @@ class ShmStore {
   void finishGrowth();
   void dropGrowth();
   void publishGrowth();
+  void releaseRetired();
   bool migrateSlots(uint32_t end);
   bool nextInsert(uint32_t slot, uint64_t hash);
   void nextRemove(uint32_t slot, uint64_t hash);
@@ -223,6 +227,12 @@ class ShmStore {
     size_t committed = 0;
   };
   NextIndex next_;
+  // The replaced index generation (already unlinked): its memory is given back a piece per
+  // write, because freeing megabytes at once would stall one write.
+  ShmSegment retired_;
+  size_t retiredLeft_ = 0;
+  ShmSegment nextChunk_;
+  size_t nextChunkCommitted_ = 0;
   // Growth starts once the present generation's used entries or the slot high-water mark
   // reach these.
   uint64_t growthStartUsed_ = 0;
