@@ -874,6 +874,15 @@ void ShmStore::rewriteSlot(uint32_t slot, const uint32_t* words) {
   uint32_t* s = slotPtr(slot);
   const uint32_t old = loadWord(s);
   const uint32_t n = kw_ + vw_;
+  if (!shared()) {
+    // Process memory: no other process reads it and nothing survives this one, so a reader
+    // (another thread) only needs the sequence lock; it waits while the writing bit is set.
+    storeWord(s, old | kSeqWriting);
+    std::atomic_thread_fence(std::memory_order_release);
+    storeWords(s + 1, words, n);
+    storeWord(s, ((old & ~3u) + kSeqStep) | kSeqOccupied, std::memory_order_release);
+    return;
+  }
   const uint32_t j = hdr_->journalSeq.load(std::memory_order_relaxed);
   hdr_->journalSeq.store(j + 1, std::memory_order_relaxed);
   std::atomic_thread_fence(std::memory_order_release);
