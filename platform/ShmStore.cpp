@@ -627,9 +627,9 @@ void ShmStore::dropGrowth() {
   next_ = NextIndex{};
 }
 
-// Indexes the occupied slots in [cursor, end) into the next generation. Their homes are
-// computed a batch ahead and prefetched, so the random writes overlap their cache misses.
-// False when the next generation is full (it can then only be dropped).
+// Indexes the occupied slots in [cursor, end) into the next generation. Homes not looked up
+// ahead are computed a batch ahead and prefetched, so the random writes overlap their cache
+// misses. False when the next generation is full (it can then only be dropped).
 bool ShmStore::migrateSlots(uint32_t end) {
   uint32_t batchSlot[kBuildBatch];
   uint64_t batchHash[kBuildBatch];
@@ -639,22 +639,57 @@ bool ShmStore::migrateSlots(uint32_t end) {
     for (uint32_t i = 0; i < pending && fits; ++i) fits = nextInsert(batchSlot[i], batchHash[i]);
     pending = 0;
   };
-  const uint32_t begin = next_.cursor;
+  NextIndex& n = next_;
+  const uint32_t begin = n.cursor;
   for (uint32_t slot = begin; slot < end && fits; ++slot) {
     const uint32_t* s = slotPtr(slot);
-    if (!(loadWord(s) & kSeqOccupied)) continue;
-    uint32_t key[kMaxKeyBytes / 4];
-    loadWords(s + 1, key, kw_);
-    const uint64_t h = hashKey(key);
-    __builtin_prefetch(next_.entries + homeOf(h, next_.capacity), 1);
+    const uint32_t seq = loadWord(s);
+    bool hashed = false;
+    uint64_t h = 0;
+    if (n.aheadCount != 0 && n.ahead[n.aheadFirst].slot == slot) {
+      const NextIndex::Ahead& a = n.ahead[n.aheadFirst];
+      hashed = a.seq == seq;
+      h = a.hash;
+      n.aheadFirst = (n.aheadFirst + 1) % kGrowthLookahead;
+      --n.aheadCount;
+    }
+    if (!(seq & kSeqOccupied)) continue;
+    if (!hashed) {
+      uint32_t key[kMaxKeyBytes / 4];
+      loadWords(s + 1, key, kw_);
+      h = hashKey(key);
+      __builtin_prefetch(n.entries + homeOf(h, n.capacity), 1);
+    }
     batchSlot[pending] = slot;
     batchHash[pending] = h;
     if (++pending == kBuildBatch) place();
   }
   place();
-  next_.cursor = end;
+  n.cursor = end;
   migratedThisWrite_ += end - begin;
+  if (fits) lookAhead(end);
   return fits;
+}
+
+// Hashes the occupied slots of the next kGrowthLookahead above `end` that were not looked at
+// yet and prefetches their home entries for the writes that will move them.
+void ShmStore::lookAhead(uint32_t end) {
+  NextIndex& n = next_;
+  const uint32_t hw = hdr_->slotHighWater.load(std::memory_order_relaxed);
+  const uint32_t stop = std::min(hw, end + kGrowthLookahead);
+  uint32_t slot = std::max(n.aheadEnd, end);
+  for (; slot < stop && n.aheadCount < kGrowthLookahead; ++slot) {
+    const uint32_t* s = slotPtr(slot);
+    const uint32_t seq = loadWord(s);
+    if (!(seq & kSeqOccupied)) continue;
+    uint32_t key[kMaxKeyBytes / 4];
+    loadWords(s + 1, key, kw_);
+    const uint64_t h = hashKey(key);
+    __builtin_prefetch(n.entries + homeOf(h, n.capacity), 1);
+    n.ahead[(n.aheadFirst + n.aheadCount) % kGrowthLookahead] = NextIndex::Ahead{slot, seq, h};
+    ++n.aheadCount;
+  }
+  n.aheadEnd = slot;
 }
 
 // Adds the record of `slot` to the next generation, in the first tombstone or free entry of
@@ -898,9 +933,12 @@ void ShmStore::rewriteSlot(uint32_t slot, const uint32_t* words) {
 
 bool ShmStore::put(const uint32_t* words, uint32_t* oldWords) {
   migratedThisWrite_ = 0;
+  // The key's index line is fetched while this write's share of the growth runs: the probe
+  // is the one cache miss every write pays, and the growth step hides most of it.
+  const uint64_t h = hashKey(words);
+  __builtin_prefetch(index_ + homeOf(h, indexCap_));
   if (next_.capacity != 0) advanceGrowth();
   if (retired_.valid()) releaseRetired();
-  const uint64_t h = hashKey(words);
   uint32_t slot;
   uint32_t insertAt;
   if (probe(h, words, &slot, &insertAt) != kNoSlot) {
@@ -951,9 +989,10 @@ bool ShmStore::put(const uint32_t* words, uint32_t* oldWords) {
 
 bool ShmStore::remove(const uint32_t* keyWords, uint32_t* oldWords) {
   migratedThisWrite_ = 0;
+  const uint64_t h = hashKey(keyWords);
+  __builtin_prefetch(index_ + homeOf(h, indexCap_));
   if (next_.capacity != 0) advanceGrowth();
   if (retired_.valid()) releaseRetired();
-  const uint64_t h = hashKey(keyWords);
   uint32_t slot;
   uint32_t insertAt;
   const uint32_t pos = probe(h, keyWords, &slot, &insertAt);

@@ -214,6 +214,11 @@ class ShmStore {
   uint32_t indexSlotLimit_ = 0;  // slots below this fit the present generation's slot field
   uint64_t head_ = 0;
 
+  // Slots looked at ahead of the growth cursor: their index lines are fetched one or more
+  // writes before they are filled, so the growth's random writes rarely wait for memory.
+  static constexpr uint32_t kGrowthLookahead = 32;
+  void lookAhead(uint32_t end);
+
   // The next index generation while it is filled (capacity 0: none). Its entries hold every
   // record of the slots below `cursor`; its header is written when it is published.
   struct NextIndex {
@@ -225,6 +230,19 @@ class ShmStore {
     uint32_t live = 0;
     uint32_t used = 0;  // live entries plus tombstones
     size_t committed = 0;
+    // Occupied slots at and above the cursor whose keys were hashed (and their home entries
+    // prefetched) by an earlier write, in slot order; `aheadEnd` is the first slot not looked
+    // at. A slot's sequence word is remembered with its hash: a slot written since is hashed
+    // again when it is moved.
+    struct Ahead {
+      uint32_t slot;
+      uint32_t seq;
+      uint64_t hash;
+    };
+    Ahead ahead[kGrowthLookahead];
+    uint32_t aheadFirst = 0;
+    uint32_t aheadCount = 0;
+    uint32_t aheadEnd = 0;
   };
   NextIndex next_;
   // The replaced index generation (already unlinked): its memory is given back a piece per
