@@ -32,10 +32,14 @@ constexpr uint32_t kLargeTable = 1u << 18;
 constexpr uint32_t kSpinLimit = 1u << 22;
 // Occupied slots whose index homes are computed (and prefetched) before any is placed.
 constexpr uint32_t kBuildBatch = 16;
-// Growth of the index into its next generation starts when the present one is 13/20 full
-// (or its slot field 4/5 used), well before its 4/5 limit; from then on each write moves at
-// least kMinGrowthStep slots, and more when the room left would not last otherwise.
-constexpr uint64_t kGrowthStartNum = 13, kGrowthStartDen = 20;
+// Growth of the index into its next generation starts when the present one is 69/100 full
+// (or its slot field 4/5 used); from then on each write moves at least kMinGrowthStep slots,
+// and more when the room left would not last otherwise. At that rate the slots of a
+// generation filled to a fraction s are all moved after s / (kMinGrowthStep - 1) more keys,
+// so s * 8/7 must stay below the 4/5 limit: 69/100 is the latest start that leaves room for
+// the writes that commit the new generation's memory too. A late start makes each
+// generation cover more growth, so each record is moved into fewer generations.
+constexpr uint64_t kGrowthStartNum = 69, kGrowthStartDen = 100;
 constexpr uint32_t kMinGrowthStep = 8;
 // Memory of the next generation committed per write before its slots are moved.
 constexpr size_t kGrowthCommitStep = 64 * 1024;
