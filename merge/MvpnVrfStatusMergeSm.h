@@ -169,6 +169,9 @@ class MergedMvpnVrfStatusSm : public DynaCode::MergeSm {
   Oro::Task* mergedVrfStatusMvpnVrfOutputReconciliationTask() const {
     return output_.reconciliationTask();
   }
+  Oro::Task* mergedVrfStatusMvpnVrfOutputSeenReleaseTask() const {
+    return output_.seenReleaseTask();
+  }
 
  protected:
   void checkPointers() const override;

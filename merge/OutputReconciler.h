@@ -1,6 +1,7 @@
 // Bookkeeping of one output collection of a merge machine: the Seen set of keys written while
 // reconciling, the walk that deletes stale entries after the merging scans, with its bookmark
-// and its own task, and the output's ready flag.
+// and its own task, the output's ready flag, and a task that gives Seen's memory back in
+// slices once the walk is done.
 //
 // Reconciling is decided once, at initialisation: it is set exactly when the output already
 // holds entries (a restart over a surviving output). While it is set every key the merge
@@ -73,6 +74,9 @@ class OutputReconciler : public OutputBase {
       task_ = std::make_unique<Oro::Task>(scheduler, parent_->dynaControl().taskPriority,
                                           parent_->shortName() + "-" + name_ + "Task",
                                           [this] { handleInputReady(); });
+      releaseTask_ = std::make_unique<Oro::Task>(
+          scheduler, parent_->dynaControl().taskPriority,
+          parent_->shortName() + "-" + name_ + "SeenReleaseTask", [this] { releaseSeen(); });
     }
   }
 
@@ -102,11 +106,26 @@ class OutputReconciler : public OutputBase {
     bookmark_.reset();
     useBookmark_ = false;
     reconciling_ = false;
+    // Seen may hold tens of megabytes: its memory goes back over later task runs.
     seen_.clear();
+    if (releaseTask_ && !parent_->synchronous()) {
+      releaseTask_->schedule();
+    } else {
+      seen_.releaseSome(seen_.retainedBytes());
+    }
     parent_->outputState()->outputReadyIs(index_, true);
   }
 
+  Oro::Task* seenReleaseTask() const { return releaseTask_.get(); }
+
  private:
+  // Gives Seen's memory back a piece at a time until the slice is used up.
+  void releaseSeen() {
+    bool more = seen_.releaseSome();
+    while (more && !releaseTask_->shouldYield()) more = seen_.releaseSome();
+    if (more) releaseTask_->schedule();
+  }
+
   // Deletes unseen entries from the bookmark on; returns true when it stopped to yield.
   bool walk(uint64_t& processed, uint64_t& deleted) {
     const bool synchronous = parent_->synchronous() || !task_;
@@ -157,6 +176,7 @@ class OutputReconciler : public OutputBase {
   bool useBookmark_ = false;
   bool reconciling_ = false;
   std::unique_ptr<Oro::Task> task_;
+  std::unique_ptr<Oro::Task> releaseTask_;
   uint64_t processedTotal_ = 0;
   uint64_t deletedTotal_ = 0;
 };
