@@ -208,12 +208,7 @@ ShmSegment ShmSegment::make(const std::string& name, size_t bytes, mode_t mode) 
   if (::ftruncate(fd, static_cast<off_t>(bytes)) != 0) throw fail("size", errno);
   void* p = ::mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
   if (p == MAP_FAILED) throw fail("map", errno);
-  ShmSegment s;
-  s.data_ = static_cast<std::byte*>(p);
-  s.size_ = bytes;
-  s.fd_ = fd;
-  s.name_ = name;
-  return s;
+  return ShmSegment(p, bytes, fd, name);
 }
 
 void ShmSegment::commit(size_t offset, size_t bytes) {
@@ -263,12 +258,7 @@ ShmSegment ShmSegment::open(const std::string& name, Access access, size_t minBy
     throw ShmException(
         fmt::format("cannot map shared memory segment {}: {}", name, errnoText(err)));
   }
-  ShmSegment s;
-  s.data_ = static_cast<std::byte*>(p);
-  s.size_ = bytes;
-  s.fd_ = fd;
-  s.name_ = name;
-  return s;
+  return ShmSegment(p, bytes, fd, name);
 }
 
 ShmSegment ShmSegment::anonymous(size_t bytes) {
@@ -277,10 +267,7 @@ ShmSegment ShmSegment::anonymous(size_t bytes) {
     throw ShmException(
         fmt::format("cannot map {} bytes of process memory: {}", bytes, errnoText(errno)));
   }
-  ShmSegment s;
-  s.data_ = static_cast<std::byte*>(p);
-  s.size_ = bytes;
-  return s;
+  return ShmSegment(p, bytes, -1, {});
 }
 
 bool ShmSegment::exists(const std::string& name) {

@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace Oro {
@@ -78,6 +79,9 @@ class ShmSegment {
 
  private:
   static ShmSegment make(const std::string& name, size_t bytes, mode_t mode);
+  // Takes ownership of a mapping (and of its descriptor, -1 for an anonymous one).
+  ShmSegment(void* data, size_t size, int fd, std::string name)
+      : data_(static_cast<std::byte*>(data)), size_(size), fd_(fd), name_(std::move(name)) {}
   void release();
   std::byte* data_ = nullptr;
   size_t size_ = 0;

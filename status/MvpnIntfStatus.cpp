@@ -1,7 +1,5 @@
 #include "status/MvpnIntfStatus.h"
 
-#include "platform/EntityDirectory.h"
-
 namespace Routing::Multicast {
 
 void MvpnIntfStatusTraits::dumpRecord(Oro::DumpContext& dc, const Record& r, int indent) {
@@ -14,9 +12,7 @@ void MvpnIntfStatusTraits::dumpRecord(Oro::DumpContext& dc, const Record& r, int
 }
 
 Oro::Ptr<MvpnIntfStatus> MvpnIntfStatus::MvpnIntfStatusIs(const std::string& name) {
-  Oro::Ptr<MvpnIntfStatus> p(new MvpnIntfStatus(name));
-  if (!p) throw Oro::NullPointerException("MvpnIntfStatus");
-  return p;
+  return Oro::Ptr<MvpnIntfStatus>(new MvpnIntfStatus(name));
 }
 
 Oro::Ptr<MvpnIntfStatus> mvpnIntfStatusFactory(const std::string& name) {
@@ -45,14 +41,8 @@ bool MvpnIntfStatus::isPmsiIntfId(Nevo::IntfId intfId) const {
 }
 
 namespace {
-// Creation by type name takes the name only.
-const bool registered = [] {
-  Oro::EntityDirectory::global().registerType(
-      MvpnIntfStatusTraits::typeName, 1, [](const std::vector<std::string>& args) {
-        return Oro::Ptr<Oro::Entity>(mvpnIntfStatusFactory(args.empty() ? std::string() : args[0]));
-      });
-  return true;
-}();
+const bool registered =
+    registerStatusRootType<MvpnIntfStatus>(MvpnIntfStatusTraits::typeName, &mvpnIntfStatusFactory);
 }  // namespace
 
 }  // namespace Routing::Multicast

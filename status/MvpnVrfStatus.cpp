@@ -1,13 +1,9 @@
 #include "status/MvpnVrfStatus.h"
 
-#include "platform/EntityDirectory.h"
-
 namespace Routing::Multicast {
 
 Oro::Ptr<MvpnVrfStatus> MvpnVrfStatus::MvpnVrfStatusIs(const std::string& name) {
-  Oro::Ptr<MvpnVrfStatus> p(new MvpnVrfStatus(name));
-  if (!p) throw Oro::NullPointerException("MvpnVrfStatus");
-  return p;
+  return Oro::Ptr<MvpnVrfStatus>(new MvpnVrfStatus(name));
 }
 
 Oro::Ptr<MvpnVrfStatus> mvpnVrfStatusFactory(const std::string& name) {
@@ -28,14 +24,8 @@ std::string MvpnVrfStatus::mountPath(Nevo::AddressFamily af, MvpnClient client) 
 }
 
 namespace {
-// Creation by type name takes the name only.
-const bool registered = [] {
-  Oro::EntityDirectory::global().registerType(
-      MvpnVrfStatusTraits::typeName, 1, [](const std::vector<std::string>& args) {
-        return Oro::Ptr<Oro::Entity>(mvpnVrfStatusFactory(args.empty() ? std::string() : args[0]));
-      });
-  return true;
-}();
+const bool registered =
+    registerStatusRootType<MvpnVrfStatus>(MvpnVrfStatusTraits::typeName, &mvpnVrfStatusFactory);
 }  // namespace
 
 }  // namespace Routing::Multicast

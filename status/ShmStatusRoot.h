@@ -30,6 +30,7 @@
 #include "platform/Counter.h"
 #include "platform/DumpContext.h"
 #include "platform/Entity.h"
+#include "platform/EntityDirectory.h"
 #include "platform/Error.h"
 #include "platform/ShmTable.h"
 #include "platform/Trace.h"
@@ -143,6 +144,19 @@ class ShmStatusRoot : public Oro::Entity {
   Oro::Ptr<TylKetab::CollectionControl> control_;
   ZeroReferencesNotifiee zeroRefs_{this};
 };
+
+// Registers a status root type with the entity directory, so that a directory mount can create
+// it by type name. Creation there takes the root's name only (more arguments are refused by the
+// directory); `factory` is the type's own factory function.
+template <class Root>
+bool registerStatusRootType(std::string_view typeName,
+                            Oro::Ptr<Root> (*factory)(const std::string& name)) {
+  Oro::EntityDirectory::global().registerType(
+      std::string(typeName), 1, [factory](const std::vector<std::string>& args) {
+        return Oro::Ptr<Oro::Entity>(factory(args.empty() ? std::string() : args[0]));
+      });
+  return true;
+}
 
 // ---- implementation -------------------------------------------------------------------
 
