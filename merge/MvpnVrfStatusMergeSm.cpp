@@ -180,6 +180,30 @@ void MergedMvpnVrfStatusSm::eventToDyx_pipeline0(const VrfId& vrfId) {
   merge(vrfId, kInputs);
 }
 
+namespace {
+// The precedence of the inputs, best first (deliberately not the argument order: EVPN ranks
+// above static MVPN), with the merged client and the source line its trace quotes.
+struct Rank {
+  size_t stream;
+  MvpnClient client;
+  int line;
+};
+constexpr Rank kPrecedence[] = {{0, MvpnClient::bgp_, 22},
+                                {2, MvpnClient::evpn_, 24},
+                                {1, MvpnClient::staticMvpn_, 26},
+                                {3, MvpnClient::staticEvpn_, 28}};
+// The no-input case quotes the rank-4 line as well.
+constexpr int kNoWinnerLine = 28;
+
+template <class Holds>
+const Rank* winnerOf(Holds&& holds) {
+  for (const Rank& r : kPrecedence) {
+    if (holds(r.stream)) return &r;
+  }
+  return nullptr;
+}
+}  // namespace
+
 void MergedMvpnVrfStatusSm::merge(const VrfId& vrfId, size_t heldBy) {
   if (!initialScanDone()) return;
   const Oro::TraceHandle& trace = qtHandle();
@@ -190,56 +214,32 @@ void MergedMvpnVrfStatusSm::merge(const VrfId& vrfId, size_t heldBy) {
     // Without the trace lines that print every input, only the inputs up to the winner are
     // looked up (in precedence order), and an input that was found holding the key just
     // before is not asked again: the decision is the same.
-    auto holds = [&](size_t n) { return n == heldBy || inputSm(n)->lookup(vrfId).has_value(); };
-    std::optional<MvpnVrf> result;
-    if (holds(0)) {
-      result = MvpnVrf(vrfId, MvpnClient::bgp_);
-    } else if (holds(2)) {
-      result = MvpnVrf(vrfId, MvpnClient::evpn_);
-    } else if (holds(1)) {
-      result = MvpnVrf(vrfId, MvpnClient::staticMvpn_);
-    } else if (holds(3)) {
-      result = MvpnVrf(vrfId, MvpnClient::staticEvpn_);
-    }
+    const Rank* w =
+        winnerOf([&](size_t n) { return n == heldBy || inputSm(n)->lookup(vrfId).has_value(); });
     output_.keyMerged(vrfId);
-    intoMergedVrfStatusMvpnVrf(vrfId, result);
+    intoMergedVrfStatusMvpnVrf(
+        vrfId, w ? std::optional<MvpnVrf>(MvpnVrf(vrfId, w->client)) : std::nullopt);
     return;
   }
-  const std::optional<MvpnVrf> mvpnVrf = mvpnVrfStatusSm0_->lookup(vrfId);
-  const std::optional<MvpnVrf> staticMvpnVrf = staticMvpnVrfStatusSm1_->lookup(vrfId);
-  const std::optional<MvpnVrf> evpnVrf = evpnVrfStatusSm2_->lookup(vrfId);
-  const std::optional<MvpnVrf> staticEvpnVrf = staticEvpnVrfStatusSm3_->lookup(vrfId);
-
-  // Precedence: BGP, EVPN, static MVPN, static EVPN. Only presence counts; the winner's own
-  // client field is not copied. With no input the rank-4 line is traced as well.
-  MvpnClient client = MvpnClient::staticEvpn_;
-  int line = 28;
-  if (mvpnVrf) {
-    client = MvpnClient::bgp_;
-    line = 22;
-  } else if (evpnVrf) {
-    client = MvpnClient::evpn_;
-    line = 24;
-  } else if (staticMvpnVrf) {
-    client = MvpnClient::staticMvpn_;
-    line = 26;
-  }
-  const MvpnVrf myVrf(vrfId, client);
+  // Every input, in argument order; only presence counts, the winner's own client field is
+  // not copied.
+  std::optional<MvpnVrf> in[kInputs];
+  for (size_t n = 0; n < kInputs; ++n) in[n] = inputSm(n)->lookup(vrfId);
+  const Rank* w = winnerOf([&](size_t n) { return in[n].has_value(); });
+  const MvpnVrf myVrf(vrfId, w ? w->client : MvpnClient::staticEvpn_);
   ORO_TRACE(trace, kTraceMerge,
             "Line {}: merge( dyx_pipeline0 ): vrfId={} myVrf={} mvpnVrf={} staticMvpnVrf={} "
             "evpnVrf={} staticEvpnVrf={}",
-            line, vrfId, myVrf.toStrep(), Oro::optionalStrep(mvpnVrf),
-            Oro::optionalStrep(staticMvpnVrf), Oro::optionalStrep(evpnVrf),
-            Oro::optionalStrep(staticEvpnVrf));
+            w ? w->line : kNoWinnerLine, vrfId, myVrf.toStrep(), Oro::optionalStrep(in[0]),
+            Oro::optionalStrep(in[1]), Oro::optionalStrep(in[2]), Oro::optionalStrep(in[3]));
   std::optional<MvpnVrf> valMyVrf;
-  if (mvpnVrf || staticMvpnVrf || evpnVrf || staticEvpnVrf) valMyVrf = myVrf;
+  if (w) valMyVrf = myVrf;
   ORO_TRACE(trace, kTraceMerge,
             "Line 22: merge( dyx_pipeline1, dyx_pipeline2, dyx_pipeline3, dyx_pipeline4, "
             "dyx_pipeline5 ): valMyVrf={} vrfId={} mvpnVrf={} staticMvpnVrf={} evpnVrf={} "
             "staticEvpnVrf={}",
-            Oro::optionalStrep(valMyVrf), vrfId, Oro::optionalStrep(mvpnVrf),
-            Oro::optionalStrep(staticMvpnVrf), Oro::optionalStrep(evpnVrf),
-            Oro::optionalStrep(staticEvpnVrf));
+            Oro::optionalStrep(valMyVrf), vrfId, Oro::optionalStrep(in[0]),
+            Oro::optionalStrep(in[1]), Oro::optionalStrep(in[2]), Oro::optionalStrep(in[3]));
   output_.keyMerged(vrfId);
   intoMergedVrfStatusMvpnVrf(vrfId, valMyVrf);
 }
