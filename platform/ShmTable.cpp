@@ -186,12 +186,6 @@ uint32_t ShmTableCore::seek(uint32_t from, void* key, void* value) const {
   return slot;
 }
 
-uint32_t ShmTableCore::slotOf(const void* key) const {
-  uint32_t k[ShmStore::kMaxKeyBytes / 4];
-  toKeyWords(key, k);
-  return store_.find(k, nullptr);
-}
-
 std::atomic<uint64_t>* ShmTableCore::counterSlot(uint32_t index, std::string_view name) {
   if (role_ != ShmRole::writer || index >= kCounters) return nullptr;
   CounterCell& cell = store_.header()->counters[index];

@@ -83,7 +83,6 @@ class ShmTableCore {
   size_t size() const { return store_.recordCount(); }
   // First slot >= from that holds a record (key and value copied out), or kNoSlot.
   uint32_t seek(uint32_t from, void* key, void* value) const;
-  uint32_t slotOf(const void* key) const;
   TylKetab::MountStatus mountStatus() const { return mountStatus_; }
   bool quiesced() const { return quiesced_; }
 
