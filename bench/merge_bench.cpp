@@ -10,7 +10,7 @@
 #include <string>
 
 #include "merge/MvpnVrfStatusMergeSm.h"
-#include "platform/TaskScheduler.h"
+#include "platform/runtime/TaskScheduler.h"
 #include "status/MvpnVrfStatus.h"
 
 namespace {

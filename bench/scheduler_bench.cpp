@@ -8,7 +8,7 @@
 #include <memory>
 #include <vector>
 
-#include "platform/TaskScheduler.h"
+#include "platform/runtime/TaskScheduler.h"
 
 namespace {
 

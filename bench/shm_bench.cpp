@@ -19,10 +19,10 @@
 #include <benchmark/benchmark.h>
 #include <fmt/format.h>
 
-#include "platform/Futex.h"
-#include "platform/ShmSegment.h"
-#include "platform/ShmTable.h"
-#include "platform/TaskScheduler.h"
+#include "platform/runtime/Futex.h"
+#include "platform/shm/ShmSegment.h"
+#include "platform/shm/ShmTable.h"
+#include "platform/runtime/TaskScheduler.h"
 #include "status/MvpnVrfStatus.h"
 
 namespace {

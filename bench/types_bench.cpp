@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "platform/CharRange.h"
-#include "platform/VrfId.h"
+#include "platform/net/VrfId.h"
 #include "types/MvpnRouteKey.h"
 #include "types/MvpnVrfRouteKey.h"
 

@@ -10,7 +10,7 @@
 
 #include "merge/MvpnVrfStatusMergeSm.h"
 #include "platform/Error.h"
-#include "platform/TaskScheduler.h"
+#include "platform/runtime/TaskScheduler.h"
 #include "status/MvpnVrfStatus.h"
 
 using namespace Routing::Multicast;

@@ -19,7 +19,7 @@
 
 #include "platform/CharRange.h"
 #include "platform/Error.h"
-#include "platform/IntfId.h"
+#include "platform/net/IntfId.h"
 #include "status/MvpnIntfStatus.h"
 #include "status/MvpnVrfStatus.h"
 

@@ -21,7 +21,7 @@
 
 #include "merge/MergeTraceLevels.h"
 #include "platform/Error.h"
-#include "platform/TaskScheduler.h"
+#include "platform/runtime/TaskScheduler.h"
 #include "platform/Trace.h"
 
 namespace Routing::Multicast::DynaCode {

@@ -11,7 +11,7 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/Entity.h"
+#include "platform/runtime/Entity.h"
 
 namespace Routing::Multicast::DynaCode {
 

@@ -28,10 +28,10 @@
 #include "merge/MergeSmParts.h"
 #include "merge/MergeTraceLevels.h"
 #include "platform/Assert.h"
-#include "platform/Entity.h"
+#include "platform/runtime/Entity.h"
 #include "platform/Error.h"
-#include "platform/Ptr.h"
-#include "platform/TaskScheduler.h"
+#include "platform/runtime/Ptr.h"
+#include "platform/runtime/TaskScheduler.h"
 #include "platform/Trace.h"
 
 namespace Routing::Multicast::DynaCode {

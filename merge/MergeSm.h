@@ -20,9 +20,9 @@
 #include "merge/InputSmScanState.h"
 #include "merge/MergeSmParts.h"
 #include "merge/OutputState.h"
-#include "platform/Entity.h"
-#include "platform/Ptr.h"
-#include "platform/TaskScheduler.h"
+#include "platform/runtime/Entity.h"
+#include "platform/runtime/Ptr.h"
+#include "platform/runtime/TaskScheduler.h"
 #include "platform/Trace.h"
 
 namespace Routing::Multicast::DynaCode {

@@ -6,7 +6,7 @@
 #include <cstddef>
 #include <vector>
 
-#include "platform/Entity.h"
+#include "platform/runtime/Entity.h"
 
 namespace Routing::Multicast::DynaCode {
 

@@ -6,7 +6,7 @@
 #include "merge/IntoClause.h"
 #include "merge/MergeTraceLevels.h"
 #include "platform/Assert.h"
-#include "platform/Optional.h"
+#include "platform/runtime/Optional.h"
 
 namespace Routing::Multicast::DynaCode::MergedMvpnVrfStatusSm {
 

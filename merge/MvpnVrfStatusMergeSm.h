@@ -17,10 +17,10 @@
 #include "merge/MergeSm.h"
 #include "merge/OutputReconciler.h"
 #include "platform/Error.h"
-#include "platform/Ptr.h"
-#include "platform/TaskScheduler.h"
+#include "platform/runtime/Ptr.h"
+#include "platform/runtime/TaskScheduler.h"
 #include "platform/Trace.h"
-#include "platform/VrfId.h"
+#include "platform/net/VrfId.h"
 #include "status/MvpnVrfStatus.h"
 
 namespace Routing::Multicast {

@@ -10,7 +10,7 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/Entity.h"
+#include "platform/runtime/Entity.h"
 
 namespace Routing::Multicast::DynaCode {
 

@@ -14,7 +14,7 @@
 
 #include "platform/CharRange.h"
 #include "platform/DumpContext.h"
-#include "platform/VrfId.h"
+#include "platform/net/VrfId.h"
 #include "platform/WireBuffer.h"
 #include "status/PbRecord.h"
 #include "types/MvpnClient.h"

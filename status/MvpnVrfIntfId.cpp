@@ -4,7 +4,7 @@
 
 #include "platform/Error.h"
 #include "platform/Hash.h"
-#include "platform/IntfIdWire.h"
+#include "platform/net/IntfIdWire.h"
 #include "platform/ValueForm.h"
 
 namespace Routing::Multicast {

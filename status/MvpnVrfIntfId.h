@@ -12,8 +12,8 @@
 #include <string>
 
 #include "platform/CharRange.h"
-#include "platform/IntfId.h"
-#include "platform/VrfId.h"
+#include "platform/net/IntfId.h"
+#include "platform/net/VrfId.h"
 #include "platform/WireBuffer.h"
 #include "status/PbRecord.h"
 

@@ -9,7 +9,7 @@
 #include <optional>
 #include <string>
 
-#include "platform/IpAddr.h"
+#include "platform/net/IpAddr.h"
 #include "status/MvpnVrf.h"
 #include "status/ShmStatusRoot.h"
 

@@ -26,13 +26,13 @@
 #include <fmt/format.h>
 
 #include "platform/Assert.h"
-#include "platform/CollectionControl.h"
+#include "platform/shm/CollectionControl.h"
 #include "platform/Counter.h"
 #include "platform/DumpContext.h"
-#include "platform/Entity.h"
-#include "platform/EntityDirectory.h"
+#include "platform/runtime/Entity.h"
+#include "platform/runtime/EntityDirectory.h"
 #include "platform/Error.h"
-#include "platform/ShmTable.h"
+#include "platform/shm/ShmTable.h"
 #include "platform/Trace.h"
 
 namespace Routing::Multicast {

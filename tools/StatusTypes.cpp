@@ -5,9 +5,9 @@
 #include <fmt/format.h>
 
 #include "platform/DumpContext.h"
-#include "platform/Entity.h"
-#include "platform/ShmTable.h"
-#include "platform/TaskScheduler.h"
+#include "platform/runtime/Entity.h"
+#include "platform/shm/ShmTable.h"
+#include "platform/runtime/TaskScheduler.h"
 #include "status/MvpnIntfStatus.h"
 #include "status/MvpnVrfStatus.h"
 

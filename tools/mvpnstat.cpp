@@ -16,8 +16,8 @@
 #include <fmt/format.h>
 
 #include "platform/Error.h"
-#include "platform/ShmSegment.h"
-#include "platform/ShmTableInfo.h"
+#include "platform/shm/ShmSegment.h"
+#include "platform/shm/ShmTableInfo.h"
 #include "tools/StatusTypes.h"
 
 namespace {

@@ -17,8 +17,8 @@
 #include <fmt/format.h>
 
 #include "platform/CharRange.h"
-#include "platform/IntfId.h"
-#include "platform/IpAddr.h"
+#include "platform/net/IntfId.h"
+#include "platform/net/IpAddr.h"
 #include "types/MvpnRouteKey.h"
 
 namespace Routing::Multicast {

@@ -18,7 +18,7 @@
 
 #include "platform/CharRange.h"
 #include "platform/Hash.h"
-#include "platform/IpAddr.h"
+#include "platform/net/IpAddr.h"
 
 namespace Routing::Multicast {
 

@@ -19,7 +19,7 @@
 #include <fmt/format.h>
 
 #include "platform/CharRange.h"
-#include "platform/IpAddr.h"
+#include "platform/net/IpAddr.h"
 #include "types/MvpnFlagSet.h"
 
 namespace Routing::Multicast {

@@ -16,7 +16,7 @@
 
 #include "platform/CharRange.h"
 #include "platform/Hash.h"
-#include "platform/VrfId.h"
+#include "platform/net/VrfId.h"
 
 namespace Routing::Multicast {
 

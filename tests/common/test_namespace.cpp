@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "platform/ShmSegment.h"
+#include "platform/shm/ShmSegment.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 #include "merge/InputSmScanState.h"
 #include "merge/OutputState.h"
 #include "merge/SeenSet.h"
-#include "platform/VrfId.h"
+#include "platform/net/VrfId.h"
 
 namespace {
 

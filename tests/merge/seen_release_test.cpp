@@ -8,7 +8,7 @@
 #include "merge/MergeTestRig.h"
 #include "merge/MvpnVrfStatusMergeSm.h"
 #include "merge/SeenSet.h"
-#include "platform/VrfId.h"
+#include "platform/net/VrfId.h"
 
 namespace {
 

@@ -18,9 +18,9 @@
 
 #include "merge/MergeTestRig.h"
 #include "merge/MvpnVrfStatusMergeSm.h"
-#include "platform/IpAddr.h"
-#include "platform/ShmSegment.h"
-#include "platform/ShmTable.h"
+#include "platform/net/IpAddr.h"
+#include "platform/shm/ShmSegment.h"
+#include "platform/shm/ShmTable.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 
 #include "merge/MergeTestRig.h"
 #include "merge/MvpnVrfStatusMergeSm.h"
-#include "platform/Entity.h"
+#include "platform/runtime/Entity.h"
 #include "platform/Trace.h"
 
 namespace {

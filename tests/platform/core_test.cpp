@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "platform/Assert.h"
-#include "platform/Entity.h"
+#include "platform/runtime/Entity.h"
 #include "platform/Error.h"
 
 namespace {

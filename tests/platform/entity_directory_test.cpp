@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/EntityDirectory.h"
+#include "platform/runtime/EntityDirectory.h"
 #include "platform/Error.h"
 
 namespace {

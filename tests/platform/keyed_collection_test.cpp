@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/KeyedCollection.h"
+#include "platform/runtime/KeyedCollection.h"
 
 namespace {
 

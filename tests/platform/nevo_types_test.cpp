@@ -8,10 +8,10 @@
 #include "platform/CharRange.h"
 #include "platform/Error.h"
 #include "platform/Hash.h"
-#include "platform/IntfId.h"
-#include "platform/IpAddr.h"
+#include "platform/net/IntfId.h"
+#include "platform/net/IpAddr.h"
 #include "platform/ValueForm.h"
-#include "platform/VrfId.h"
+#include "platform/net/VrfId.h"
 
 namespace {
 

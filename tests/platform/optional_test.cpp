@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "platform/Optional.h"
+#include "platform/runtime/Optional.h"
 
 namespace {
 

@@ -11,8 +11,8 @@
 #include <thread>
 #include <vector>
 
-#include "platform/Futex.h"
-#include "platform/TaskScheduler.h"
+#include "platform/runtime/Futex.h"
+#include "platform/runtime/TaskScheduler.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/ShmStore.h"
+#include "platform/shm/ShmStore.h"
 #include "shm_test_util.h"
 
 namespace {

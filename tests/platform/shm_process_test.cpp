@@ -12,8 +12,8 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/ShmTable.h"
-#include "platform/TaskScheduler.h"
+#include "platform/shm/ShmTable.h"
+#include "platform/runtime/TaskScheduler.h"
 #include "shm_test_util.h"
 
 namespace {

@@ -8,7 +8,7 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/ShmTable.h"
+#include "platform/shm/ShmTable.h"
 #include "shm_test_util.h"
 
 namespace {

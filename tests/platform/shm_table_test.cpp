@@ -10,8 +10,8 @@
 #include <gtest/gtest.h>
 
 #include "platform/Error.h"
-#include "platform/ShmTable.h"
-#include "platform/ShmTableInfo.h"
+#include "platform/shm/ShmTable.h"
+#include "platform/shm/ShmTableInfo.h"
 #include "shm_test_util.h"
 
 namespace {

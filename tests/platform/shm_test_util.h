@@ -13,7 +13,7 @@
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
-#include "platform/ShmSegment.h"
+#include "platform/shm/ShmSegment.h"
 
 namespace shmtest {
 

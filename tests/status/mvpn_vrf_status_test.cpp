@@ -10,9 +10,9 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/EntityDirectory.h"
-#include "platform/ShmSegment.h"
-#include "platform/TaskScheduler.h"
+#include "platform/runtime/EntityDirectory.h"
+#include "platform/shm/ShmSegment.h"
+#include "platform/runtime/TaskScheduler.h"
 #include "platform/shm_test_util.h"
 #include "status/MvpnIntfStatus.h"
 #include "status/MvpnVrfStatus.h"

@@ -8,8 +8,8 @@
 #include <fstream>
 #include <string>
 
-#include "platform/ShmSegment.h"
-#include "platform/ShmTable.h"
+#include "platform/shm/ShmSegment.h"
+#include "platform/shm/ShmTable.h"
 #include "status/MvpnIntfStatus.h"
 #include "status/MvpnVrfStatus.h"
 

@@ -1,4 +1,4 @@
-#include "platform/CollectionControl.h"
+#include "platform/shm/CollectionControl.h"
 
 #include <utility>
 

@@ -12,7 +12,7 @@
 #include <cstdint>
 #include <ctime>
 
-#include "platform/WaitSource.h"
+#include "platform/runtime/WaitSource.h"
 
 namespace Oro {
 

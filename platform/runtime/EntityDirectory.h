@@ -11,8 +11,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/Entity.h"
-#include "platform/Ptr.h"
+#include "platform/runtime/Entity.h"
+#include "platform/runtime/Ptr.h"
 
 namespace Oro {
 

@@ -1,12 +1,12 @@
-#include "platform/ShmReader.h"
+#include "platform/shm/ShmReader.h"
 
 #include <algorithm>
 #include <atomic>
 #include <cstring>
 
 #include "platform/Error.h"
-#include "platform/ShmTable.h"
-#include "platform/TaskScheduler.h"
+#include "platform/shm/ShmTable.h"
+#include "platform/runtime/TaskScheduler.h"
 
 namespace Oro {
 

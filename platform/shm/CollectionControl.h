@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <string_view>
 
-#include "platform/Entity.h"
+#include "platform/runtime/Entity.h"
 
 namespace TylKetab {
 

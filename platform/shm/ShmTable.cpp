@@ -1,4 +1,4 @@
-#include "platform/ShmTable.h"
+#include "platform/shm/ShmTable.h"
 
 #include <cstring>
 #include <utility>

@@ -1,4 +1,4 @@
-#include "platform/IntfId.h"
+#include "platform/net/IntfId.h"
 
 #include <array>
 #include <string_view>

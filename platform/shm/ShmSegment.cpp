@@ -1,4 +1,4 @@
-#include "platform/ShmSegment.h"
+#include "platform/shm/ShmSegment.h"
 
 #include <dirent.h>
 #include <fcntl.h>

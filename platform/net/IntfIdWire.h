@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-#include "platform/IntfId.h"
+#include "platform/net/IntfId.h"
 #include "platform/WireBuffer.h"
 
 namespace Oro {

@@ -1,4 +1,4 @@
-#include "platform/TaskScheduler.h"
+#include "platform/runtime/TaskScheduler.h"
 
 #include <algorithm>
 #include <mutex>
@@ -6,7 +6,7 @@
 #include <utility>
 
 #include "platform/Assert.h"
-#include "platform/Futex.h"
+#include "platform/runtime/Futex.h"
 
 namespace Oro {
 

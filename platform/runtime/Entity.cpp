@@ -1,4 +1,4 @@
-#include "platform/Entity.h"
+#include "platform/runtime/Entity.h"
 
 #include <algorithm>
 

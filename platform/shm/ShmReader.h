@@ -17,8 +17,8 @@
 #include <memory>
 #include <vector>
 
-#include "platform/ShmStore.h"
-#include "platform/WaitSource.h"
+#include "platform/shm/ShmStore.h"
+#include "platform/runtime/WaitSource.h"
 
 namespace Oro {
 

@@ -1,4 +1,4 @@
-#include "platform/EntityDirectory.h"
+#include "platform/runtime/EntityDirectory.h"
 
 #include <fmt/format.h>
 

@@ -1,4 +1,4 @@
-#include "platform/ShmStore.h"
+#include "platform/shm/ShmStore.h"
 
 #include <signal.h>
 #include <unistd.h>
@@ -13,7 +13,7 @@
 #include <fmt/format.h>
 
 #include "platform/Error.h"
-#include "platform/Futex.h"
+#include "platform/runtime/Futex.h"
 
 namespace Oro {
 

@@ -21,8 +21,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/ShmLayout.h"
-#include "platform/ShmSegment.h"
+#include "platform/shm/ShmLayout.h"
+#include "platform/shm/ShmSegment.h"
 
 namespace Oro {
 

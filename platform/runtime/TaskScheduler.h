@@ -22,8 +22,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/Ptr.h"
-#include "platform/WaitSource.h"
+#include "platform/runtime/Ptr.h"
+#include "platform/runtime/WaitSource.h"
 
 namespace Oro {
 

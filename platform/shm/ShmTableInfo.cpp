@@ -1,4 +1,4 @@
-#include "platform/ShmTableInfo.h"
+#include "platform/shm/ShmTableInfo.h"
 
 #include <algorithm>
 #include <cstring>

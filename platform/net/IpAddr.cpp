@@ -1,4 +1,4 @@
-#include "platform/IpAddr.h"
+#include "platform/net/IpAddr.h"
 
 #include <arpa/inet.h>
 

@@ -12,7 +12,7 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/Ptr.h"
+#include "platform/runtime/Ptr.h"
 
 namespace Oro {
 

@@ -1,4 +1,4 @@
-#include "platform/IntfIdWire.h"
+#include "platform/net/IntfIdWire.h"
 
 #include "platform/Error.h"
 

@@ -29,9 +29,9 @@
 #include <string_view>
 #include <type_traits>
 
-#include "platform/CollectionControl.h"
-#include "platform/ShmReader.h"
-#include "platform/ShmStore.h"
+#include "platform/shm/CollectionControl.h"
+#include "platform/shm/ShmReader.h"
+#include "platform/shm/ShmStore.h"
 
 namespace Oro {
 

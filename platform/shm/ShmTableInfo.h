@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/CollectionControl.h"
-#include "platform/ShmStore.h"
+#include "platform/shm/CollectionControl.h"
+#include "platform/shm/ShmStore.h"
 
 namespace Oro {
 
