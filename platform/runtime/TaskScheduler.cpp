@@ -187,7 +187,10 @@ void TaskScheduler::unscheduleTask(Task* task) {
 }
 
 bool TaskScheduler::taskShouldYield() const {
-  return running_ && Clock::now() - sliceStart_ >= timeSlice_;
+  if (!running_) return false;
+  if (yieldPolicy_) [[unlikely]]
+    return yieldPolicy_(*running_);
+  return Clock::now() - sliceStart_ >= timeSlice_;
 }
 
 void TaskScheduler::runTask(Task* task, Clock::time_point now) {

@@ -1,6 +1,7 @@
 // Cooperative single-threaded task scheduler. Tasks are named units of work with a
-// priority; a running task that has more to do asks taskShouldYield() (true once its
-// time slice is used up), remembers where it stopped, reschedules itself and returns.
+// priority; a running task that has more to do asks taskShouldYield() (by default true
+// once its time slice is used up; a yield policy may decide instead), remembers where it
+// stopped, reschedules itself and returns.
 //
 // The loop runs ready tasks highest priority first (FIFO within a priority), fires due
 // timers, and dispatches wait sources (shared-memory tables fed by other processes).
@@ -84,6 +85,10 @@ using TimerId = uint64_t;
 class TaskScheduler {
  public:
   using Clock = std::chrono::steady_clock;
+  // Decides, each time the running task asks, whether it should yield now. It is called
+  // on the scheduler thread with the running task and may keep state of its own, e.g. a
+  // seeded random generator, so that a test's yield points do not depend on the clock.
+  using YieldPolicy = std::function<bool(const Task& running)>;
   explicit TaskScheduler(std::chrono::nanoseconds timeSlice = std::chrono::microseconds(1000));
   ~TaskScheduler();
   TaskScheduler(const TaskScheduler&) = delete;
@@ -97,8 +102,13 @@ class TaskScheduler {
   void unscheduleTask(Task* task);
   // The task whose handler is running now, or null.
   Task* taskCurrentlyRunning() const { return running_; }
-  // True when the running task has used up its time slice. Outside a task: false.
+  // True when the running task should yield: by default once it has used up its time
+  // slice, or as the yield policy says when one is set. Outside a task: false.
   bool taskShouldYield() const;
+  // Replaces the time slice as the judge of taskShouldYield(); an empty policy restores
+  // the time slice. Scheduler thread only.
+  void yieldPolicyIs(YieldPolicy policy) { yieldPolicy_ = std::move(policy); }
+  bool hasYieldPolicy() const { return static_cast<bool>(yieldPolicy_); }
 
   // Timers fire once, on the scheduler thread, at or after their deadline.
   TimerId timerIs(Clock::time_point deadline, std::function<void()> fn);
@@ -141,6 +151,7 @@ class TaskScheduler {
   struct Impl;
   std::unique_ptr<Impl> impl_;
   std::chrono::nanoseconds timeSlice_;
+  YieldPolicy yieldPolicy_;
   Task* running_ = nullptr;
   Clock::time_point sliceStart_{};
   uint64_t tasksRun_ = 0;
