@@ -1,5 +1,7 @@
 #include "platform/DumpContext.h"
 
+#include <algorithm>
+
 #include <cstdarg>
 #include <vector>
 
@@ -58,6 +60,26 @@ bool DumpContext::markPrinted(const void* obj, int indent, const char* what) {
 
 void DumpContext::reportNull(int indent, const char* what) {
   printIndented(indent, what, "null");
+}
+
+void DumpContext::childBegin() {
+  frames_.emplace_back();
+}
+
+void DumpContext::attributePrinted(const char* name) {
+  if (!frames_.empty()) frames_.back().emplace_back(name);
+}
+
+void DumpContext::childEnd(int indent, std::initializer_list<const char*> expected) {
+  ensureNewline();
+  if (frames_.empty()) return;
+  std::vector<std::string> printed = std::move(frames_.back());
+  frames_.pop_back();
+  for (const char* name : expected) {
+    if (std::find(printed.begin(), printed.end(), name) == printed.end()) {
+      printIndented(indent, name, "not printed");
+    }
+  }
 }
 
 }  // namespace Oro

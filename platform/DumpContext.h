@@ -6,13 +6,16 @@
 // Report lines (at indent 0 without leading spaces, like every dump line):
 //   duplicate:  "<indent spaces><what> (already printed)\n"
 //   null child: "<indent spaces><what> (null)\n"
+//   missing:    "<indent spaces><attribute> (not printed)\n"
 //
 // postMortem() is true while dumping from a core file, where shared-memory contents are
 // not available.
 #pragma once
 
 #include <cstdio>
+#include <initializer_list>
 #include <string>
+#include <vector>
 #include <unordered_set>
 
 namespace Oro {
@@ -43,6 +46,13 @@ class DumpContext {
   // Prints the null-child line.
   void reportNull(int indent, const char* what);
 
+  // A parent dumping a child opens a frame; the child marks each attribute it prints; closing
+  // the frame ends the output with a newline and reports every expected attribute the child
+  // did not print.
+  void childBegin();
+  void attributePrinted(const char* name);
+  void childEnd(int indent, std::initializer_list<const char*> expected);
+
  private:
   void write(const char* data, size_t n);
   void printIndented(int indent, const char* what, const char* note);
@@ -53,6 +63,7 @@ class DumpContext {
   char last_ = '\0';
   bool postMortem_ = false;
   std::unordered_set<const void*> printed_;
+  std::vector<std::vector<std::string>> frames_;  // attributes printed, per open child frame
 };
 
 }  // namespace Oro

@@ -92,4 +92,10 @@ class ShmException : public Exception {
   using Exception::Exception;
 };
 
+// A shared-memory segment exists but this process may not open it (file permissions).
+class ShmPermissionException : public ShmException {
+ public:
+  using ShmException::ShmException;
+};
+
 }  // namespace Oro

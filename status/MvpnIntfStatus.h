@@ -28,12 +28,20 @@ struct MvpnIntfStatusTraits {
   static Key keyOf(const Record& r) { return r.key(); }
   // "%*cVRF <key> PMSI <interface>\n" (no indent prefix at 0).
   static void dumpRecord(Oro::DumpContext& dc, const Record& r, int indent);
+  // Stored value: the PMSI interface id (the key is the record's key).
+  static constexpr uint32_t valueBytes = Oro::ShmImage<Nevo::IntfId>::bytes;
+  static constexpr uint64_t valueFingerprint = Oro::ShmImage<Nevo::IntfId>::fingerprint;
+  static void writeValue(const Record& r, std::byte* out) {
+    Oro::ShmImage<Nevo::IntfId>::write(r.pmsiIntfId(), out);
+  }
+  static Record readRecord(const Key& key, const std::byte* value) {
+    return Record(key, Oro::ShmImage<Nevo::IntfId>::read(value));
+  }
 };
 
 using VrfIntfIdIterator = ShmStatusRoot<MvpnIntfStatusTraits>::Iterator;
 using VrfIntfIdBookmark = ShmStatusRoot<MvpnIntfStatusTraits>::Bookmark;
-using MvpnIntfStatusZeroReferencesNotifiee =
-    ShmStatusRootZeroReferencesNotifiee<MvpnIntfStatusTraits>;
+using MvpnIntfStatusZeroReferencesNotifiee = ShmRootZeroReferencesNotifiee;
 
 class MvpnIntfStatus : public ShmStatusRoot<MvpnIntfStatusTraits> {
  public:

@@ -1,148 +1,131 @@
-// ShmStatusRoot<Traits>: the pattern of a status root whose one keyed collection lives in a
-// shared-memory table (MvpnVrfStatus, MvpnIntfStatus are instances). Traits name the record
-// and key types, the type and collection names, the attribute ids, the counter names and
-// the dump line of a record.
+// The pattern of a status root whose collections live in a shared-memory store.
 //
-// Writers mutate through recordIs / recordCommit / recordDel / recordDelAll; every mutation
-// publishes one change of the collection attribute per key to the entity's subscribers, and
-// the table carries it to every reader instance of the same table, whose scheduler then calls
-// recordNotify for the key (which publishes it again there). Three counters count the
-// mutators ("<coll>Is", "<coll>Del", "<coll>Notify"); while attached as writer they live in
-// the table's header, where tools read them.
+// ShmRootBase holds what every such root has: the binding to its store (one per root, however
+// many collections), the collection-control object, the zero-references handover, the
+// mutator counters ("<coll>Is", "<coll>Del", "<coll>Notify" per collection; while attached as
+// writer they live in the store's header, where tools read them), mounting, and the corruption
+// report hook. ShmStatusRoot<Traits> is the root with one keyed collection of records
+// (MvpnVrfStatus, MvpnIntfStatus); roots with entity collections (MvpnRouteStatus) build on
+// ShmRootBase directly.
+//
+// Writers mutate through the collection's mutators; every mutation publishes one change of the
+// collection attribute per key to the entity's subscribers, and the store carries it to every
+// reader instance, whose scheduler then calls the collection's Notify for the key.
 //
 // Ownership: when the last outside reference goes, the zero-references notifiee hands the
-// root to its collection-control object, which then keeps it alive (and releases it when the
-// control itself goes).
+// root to its collection-control object, which then keeps it alive.
 //
-// Corruption: a corrupt table met while writing, committing or removing is handed to the
-// table's corruption handler, then the process stops (fatal assertion); met while walking
-// (recordDelAll, dumps) it is handed to the handler and the walk ends quietly.
+// Corruption: a damaged store met while writing, committing or removing is handed to the
+// corruption handler, then the process stops (fatal assertion); met while walking (DelAll,
+// dumps) it is handed to the handler and the walk ends quietly.
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include <fmt/format.h>
 
 #include "platform/Assert.h"
-#include "platform/shm/CollectionControl.h"
 #include "platform/Counter.h"
 #include "platform/DumpContext.h"
+#include "platform/Error.h"
+#include "platform/Trace.h"
 #include "platform/runtime/Entity.h"
 #include "platform/runtime/EntityDirectory.h"
-#include "platform/Error.h"
-#include "platform/shm/ShmTable.h"
-#include "platform/Trace.h"
+#include "platform/shm/CollectionControl.h"
+#include "platform/shm/ShmBinding.h"
+#include "platform/shm/ShmHandles.h"
 
 namespace Routing::Multicast {
 
-template <class Traits>
-class ShmStatusRoot;
+class ShmRootBase;
 
 // Subscribed to its root; takes over when the root's last outside reference goes.
-template <class Traits>
-class ShmStatusRootZeroReferencesNotifiee : public Oro::Notifiee {
+class ShmRootZeroReferencesNotifiee : public Oro::Notifiee {
  public:
-  explicit ShmStatusRootZeroReferencesNotifiee(ShmStatusRoot<Traits>* root) : root_(root) {}
+  explicit ShmRootZeroReferencesNotifiee(ShmRootBase* root) : root_(root) {}
   // Hands a reference to the root to its control object, clears the root's control
   // reference and unsubscribes. The root may be gone when this returns.
   void onZeroReferences();
 
  private:
-  ShmStatusRoot<Traits>* root_;
+  ShmRootBase* root_;
 };
 
-template <class Traits>
-class ShmStatusRoot : public Oro::Entity {
+class ShmRootBase : public Oro::Entity {
  public:
-  using Key = typename Traits::Key;
-  using Record = typename Traits::Record;
-  using Table = Oro::ShmTable<Key, Record>;
-  using Iterator = typename Table::Cursor;
-  using Bookmark = typename Table::Bookmark;
-  using ZeroReferencesNotifiee = ShmStatusRootZeroReferencesNotifiee<Traits>;
+  ShmRootBase(std::string name, Oro::ShmStoreSpec spec, const Oro::TraceHandle& trace,
+              Oro::AttrId controlAttr);
+  ~ShmRootBase() override;
 
-  static constexpr Oro::AttrId recordAttr = Traits::recordAttr;
-  static constexpr Oro::AttrId controlAttr = Traits::controlAttr;
-
-  explicit ShmStatusRoot(std::string name);
-  ~ShmStatusRoot() override;
-
-  std::string_view typeName() const override { return Traits::typeName; }
   const std::string& name() const { return name_; }
+  Oro::ShmBinding& binding() { return binding_; }
+  const Oro::ShmBinding& binding() const { return binding_; }
 
-  // Collection queries (lookups and walks may raise Oro::ShmCorruptionException).
-  std::optional<Record> record(const Key& key) const { return table_.find(key); }
-  size_t recordSize() const { return table_.size(); }
-  Iterator recordIter() const { return table_.begin(); }
-  Iterator recordIterAt(const Bookmark& b) const { return table_.at(b); }
+  // Collection control (the <coll>Control attribute).
+  const Oro::Ptr<TylKetab::CollectionControl>& control() const { return control_; }
+  void controlIs(Oro::Ptr<TylKetab::CollectionControl> control);
+  void notifyQuiesced(bool quiesced);
+  void notifyMountStatus();
 
-  // Mutators.
-  void recordIs(const Record& value);
-  // The staging record of a direct write; fill it, then recordCommit(&recordDirectWrite()).
-  Record& recordDirectWrite() { return table_.directWrite(); }
-  void recordCommit(const Record* value);
-  Record recordDel(const Key& key);
-  void recordDelAll();
-  void recordNotify(const Key& key);
-
-  // Collection control.
-  const Oro::Ptr<TylKetab::CollectionControl>& recordControl() const { return control_; }
-  void recordControlIs(Oro::Ptr<TylKetab::CollectionControl> control);
-  void recordNotifyQuiesced(bool quiesced);
-  void recordNotifyMountStatus();
-
-  // Attaching the collection to its shared-memory table (how.mountPath is the root's mount
-  // path; the table's collection is Traits::collection). handleParent is the entity tree's
-  // hook for it.
+  // Attaching the store (how.mountPath is the root's mount path). handleParent is the entity
+  // tree's hook for it.
   void mount(const Oro::ShmAttach& how);
   void handleParent(const Oro::ShmAttach& parent) { mount(parent); }
   void unmount();
 
-  // Corruption reports of the table (see the header comment).
-  void recordHandleCorruption(const std::string& message) const {
-    table_.handleCorruption(message);
-  }
-  void recordCorruptionHandlerIs(std::function<void(const std::string&)> handler) {
-    table_.corruptionHandlerIs(std::move(handler));
+  void handleCorruption(const std::string& message) const { binding_.handleCorruption(message); }
+  void corruptionHandlerIs(std::function<void(const std::string&)> handler) {
+    binding_.corruptionHandlerIs(std::move(handler));
   }
 
   // Old-value delivery: subscribers also get (old, new) pairs on the writer's side.
-  bool oldValues() const { return table_.oldValues(); }
-  void oldValuesIs(bool v) { table_.oldValuesIs(v); }
+  bool oldValues() const { return binding_.oldValues(); }
+  void oldValuesIs(bool v) { binding_.oldValuesIs(v); }
 
-  Table& table() { return table_; }
-  const Table& table() const { return table_; }
-  const Oro::Counter& isCounter() const { return isCount_; }
-  const Oro::Counter& delCounter() const { return delCount_; }
-  const Oro::Counter& notifyCounter() const { return notifyCount_; }
-  ZeroReferencesNotifiee& zeroReferencesNotifiee() { return zeroRefs_; }
+  // The mutator counters of collection c.
+  struct MutatorCounters {
+    Oro::Counter is;
+    Oro::Counter del;
+    Oro::Counter notify;
+    MutatorCounters(const std::string& coll, const std::string& owner)
+        : is(coll + "Is", owner), del(coll + "Del", owner), notify(coll + "Notify", owner) {}
+  };
+  MutatorCounters& counters(uint32_t c) { return *counters_.at(c); }
+  const MutatorCounters& counters(uint32_t c) const { return *counters_.at(c); }
+
+  ShmRootZeroReferencesNotifiee& zeroReferencesNotifiee() { return zeroRefs_; }
   // Subscribers other than the root's own zero-references notifiee.
-  bool hasSubscribers() const { return notifieeCount() > (zeroRefs_.notifier() == this ? 1u : 0u); }
-
-  void dumpState(Oro::DumpContext& dc, int indent) const;
-
-  static Oro::TraceHandle& trace() {
-    static Oro::TraceHandle handle(Traits::traceName);
-    return handle;
+  bool hasSubscribers() const {
+    return notifieeCount() > (zeroRefs_.notifier() == this ? 1u : 0u);
   }
+
+  // Reports a corruption met by a write, then stops the process.
+  [[noreturn]] void corruptWrite(const char* operation, std::string_view collection,
+                                 const Oro::ShmCorruptionException& e) const;
 
  protected:
   void onZeroReferences() override;
+  const Oro::TraceHandle& rootTrace() const { return *trace_; }
 
  private:
-  friend class ShmStatusRootZeroReferencesNotifiee<Traits>;
-  [[noreturn]] void corruptWrite(const char* operation, const Oro::ShmCorruptionException& e);
+  friend class ShmRootZeroReferencesNotifiee;
   void bindCounters();
+  void unbindCounters();
 
   std::string name_;
-  Table table_;
-  Oro::Counter isCount_;
-  Oro::Counter delCount_;
-  Oro::Counter notifyCount_;
+  const Oro::TraceHandle* trace_;
+  Oro::AttrId controlAttr_;
+  // Declared before every handle of the derived root: handles are destroyed first.
+  Oro::ShmBinding binding_;
+  std::vector<std::unique_ptr<MutatorCounters>> counters_;
   Oro::Ptr<TylKetab::CollectionControl> control_;
-  ZeroReferencesNotifiee zeroRefs_{this};
+  ShmRootZeroReferencesNotifiee zeroRefs_{this};
 };
 
 // Registers a status root type with the entity directory, so that a directory mount can create
@@ -158,87 +141,143 @@ bool registerStatusRootType(std::string_view typeName,
   return true;
 }
 
-// ---- implementation -------------------------------------------------------------------
-
+// The store layout of a root with one value collection described by Traits.
 template <class Traits>
-ShmStatusRoot<Traits>::ShmStatusRoot(std::string name)
-    : name_(std::move(name)),
-      table_(Traits::recordTypeName, Traits::collection,
-             typename Table::Callbacks{[this](const Key& k) { recordNotify(k); },
-                                       [this] { recordNotifyMountStatus(); },
-                                       [this](bool q) { recordNotifyQuiesced(q); }}),
-      isCount_(Traits::counterIs, name_),
-      delCount_(Traits::counterDel, name_),
-      notifyCount_(Traits::counterNotify, name_),
-      control_(new TylKetab::CollectionControl()) {
-  zeroRefs_.notifierIs(this);
+Oro::ShmStoreSpec singleCollectionSpec() {
+  Oro::ShmCollectionSpec c;
+  c.name = Traits::collection;
+  c.typeName = Traits::recordTypeName;
+  c.keyFingerprint = Oro::ShmImage<typename Traits::Key>::fingerprint;
+  c.valueFingerprint = Traits::valueFingerprint;
+  c.keyBytes = Oro::ShmImage<typename Traits::Key>::bytes;
+  c.valueBytes = Traits::valueBytes;
+  return Oro::ShmStoreSpec{Traits::typeName, {c}};
 }
 
+// The root with one keyed collection of records. Traits: Key, Record, the names (typeName,
+// recordTypeName, traceName, dumpName, collection), attribute ids (recordAttr, controlAttr),
+// keyOf, dumpRecord, and the record's stored value (valueBytes, valueFingerprint, writeValue,
+// readRecord).
 template <class Traits>
-ShmStatusRoot<Traits>::~ShmStatusRoot() {
-  ORO_TRACE(trace(), 2, "deleting state");
-  zeroRefs_.notifierIs(nullptr);
-  isCount_.storageIs(nullptr);
-  delCount_.storageIs(nullptr);
-  notifyCount_.storageIs(nullptr);
-}
+class ShmStatusRoot : public ShmRootBase {
+  struct Coll {
+    using Key = typename Traits::Key;
+    using Record = typename Traits::Record;
+    static constexpr uint32_t collection = 0;
+    static constexpr bool blobs = false;
+    static Key keyOf(const Record& r) { return Traits::keyOf(r); }
+    static void writeValue(const Record& r, std::byte* out) { Traits::writeValue(r, out); }
+    static Record readRecord(const Key& k, const std::byte* v, std::string_view) {
+      return Traits::readRecord(k, v);
+    }
+    static std::string_view blobOf(const Record&) { return {}; }
+  };
 
-template <class Traits>
-void ShmStatusRoot<Traits>::corruptWrite(const char* operation,
-                                         const Oro::ShmCorruptionException& e) {
-  table_.handleCorruption(e.what());
-  Oro::assertionFailed(fmt::format("{} of {} met a corrupt shared memory table: {}", operation,
-                                   Traits::collection, e.what()),
-                       __FILE__, __LINE__);
-}
+ public:
+  using Key = typename Traits::Key;
+  using Record = typename Traits::Record;
+  using Values = Oro::ShmValues<Coll>;
+  using Iterator = typename Values::Cursor;
+  using Bookmark = typename Values::Bookmark;
+  using ZeroReferencesNotifiee = ShmRootZeroReferencesNotifiee;
+
+  static constexpr Oro::AttrId recordAttr = Traits::recordAttr;
+  static constexpr Oro::AttrId controlAttr = Traits::controlAttr;
+
+  explicit ShmStatusRoot(std::string name)
+      : ShmRootBase(std::move(name), singleCollectionSpec<Traits>(), trace(), Traits::controlAttr),
+        values_(&binding(), 0, [this](const Key& k) { recordNotify(k); }) {}
+
+  std::string_view typeName() const override { return Traits::typeName; }
+
+  // Collection queries (lookups and walks may raise Oro::ShmCorruptionException).
+  std::optional<Record> record(const Key& key) const { return values_.find(key); }
+  size_t recordSize() const { return values_.size(); }
+  Iterator recordIter() const { return values_.begin(); }
+  Iterator recordIterAt(const Bookmark& b) const { return values_.at(b); }
+
+  // Mutators.
+  void recordIs(const Record& value);
+  // The staging record of a direct write; fill it, then recordCommit(&recordDirectWrite()).
+  Record& recordDirectWrite() { return staging_; }
+  void recordCommit(const Record* value);
+  Record recordDel(const Key& key);
+  void recordDelAll();
+  void recordNotify(const Key& key) {
+    publishKey(recordAttr, key);
+    counters(0).notify.inc();
+  }
+
+  const Oro::Ptr<TylKetab::CollectionControl>& recordControl() const { return control(); }
+  void recordControlIs(Oro::Ptr<TylKetab::CollectionControl> c) { controlIs(std::move(c)); }
+  void recordNotifyQuiesced(bool quiesced) { notifyQuiesced(quiesced); }
+  void recordNotifyMountStatus() { notifyMountStatus(); }
+  void recordHandleCorruption(const std::string& message) const { handleCorruption(message); }
+  void recordCorruptionHandlerIs(std::function<void(const std::string&)> handler) {
+    corruptionHandlerIs(std::move(handler));
+  }
+
+  const Values& values() const { return values_; }
+  const Oro::Counter& isCounter() const { return counters(0).is; }
+  const Oro::Counter& delCounter() const { return counters(0).del; }
+  const Oro::Counter& notifyCounter() const { return counters(0).notify; }
+
+  void dumpState(Oro::DumpContext& dc, int indent) const;
+
+  static Oro::TraceHandle& trace() {
+    static Oro::TraceHandle handle(Traits::traceName);
+    return handle;
+  }
+
+ private:
+  Values values_;
+  Record staging_{};
+};
+
+// ---- implementation -------------------------------------------------------------------------
 
 template <class Traits>
 void ShmStatusRoot<Traits>::recordIs(const Record& value) {
-  isCount_.inc();
+  counters(0).is.inc();
   const Key key = Traits::keyOf(value);
   std::optional<Record> old;
   try {
-    if (table_.oldValues()) {
-      table_.insert(key, value, &old);
-    } else {
-      table_.insert(key, value);
-    }
+    values_.insert(value, oldValues() ? &old : nullptr);
   } catch (const Oro::ShmCorruptionException& e) {
-    corruptWrite("write", e);
+    corruptWrite("write", Traits::collection, e);
   }
-  if (table_.oldValues()) publishOldNew(recordAttr, key, old ? &*old : nullptr, &value);
+  if (oldValues()) publishOldNew(recordAttr, key, old ? &*old : nullptr, &value);
   publishKey(recordAttr, key);
-  notifyCount_.inc();
+  counters(0).notify.inc();
 }
 
 template <class Traits>
 void ShmStatusRoot<Traits>::recordCommit(const Record* value) {
-  isCount_.inc();
+  counters(0).is.inc();
   const Key key = Traits::keyOf(*value);
   try {
-    if (value != &table_.directWrite()) table_.directWrite() = *value;
-    table_.commitDirect(key);
+    values_.insert(*value);
   } catch (const Oro::ShmCorruptionException& e) {
-    corruptWrite("commit", e);
+    corruptWrite("commit", Traits::collection, e);
   }
   publishKey(recordAttr, key);
-  notifyCount_.inc();
+  counters(0).notify.inc();
 }
 
 template <class Traits>
 auto ShmStatusRoot<Traits>::recordDel(const Key& key) -> Record {
-  delCount_.inc();
+  counters(0).del.inc();
   Record removed;
   bool found = false;
   try {
-    found = table_.remove(key, &removed);
+    found = values_.remove(key, &removed);
   } catch (const Oro::ShmCorruptionException& e) {
-    corruptWrite("removal", e);
+    corruptWrite("removal", Traits::collection, e);
   }
   if (!found) return Record();
-  if (table_.oldValues()) publishOldNew<Key, Record>(recordAttr, key, &removed, nullptr);
+  if (oldValues()) publishOldNew<Key, Record>(recordAttr, key, &removed, nullptr);
   publishKey(recordAttr, key);
-  notifyCount_.inc();
+  counters(0).notify.inc();
   return removed;
 }
 
@@ -246,9 +285,9 @@ template <class Traits>
 void ShmStatusRoot<Traits>::recordDelAll() {
   Iterator it;
   try {
-    it = table_.begin();
+    it = values_.begin();
   } catch (const Oro::ShmCorruptionException& e) {
-    table_.handleCorruption(e.what());
+    handleCorruption(e.what());
     return;
   }
   while (it.valid()) {
@@ -257,69 +296,18 @@ void ShmStatusRoot<Traits>::recordDelAll() {
       recordDel(key);
     } else {
       try {
-        table_.remove(key);
+        values_.remove(key);
       } catch (const Oro::ShmCorruptionException& e) {
-        corruptWrite("removal", e);
+        corruptWrite("removal", Traits::collection, e);
       }
     }
     try {
       it.next();
     } catch (const Oro::ShmCorruptionException& e) {
-      table_.handleCorruption(e.what());
+      handleCorruption(e.what());
       return;
     }
   }
-}
-
-template <class Traits>
-void ShmStatusRoot<Traits>::recordNotify(const Key& key) {
-  publishKey(recordAttr, key);
-  notifyCount_.inc();
-}
-
-template <class Traits>
-void ShmStatusRoot<Traits>::recordControlIs(Oro::Ptr<TylKetab::CollectionControl> control) {
-  if (control == control_) return;
-  std::swap(control_, control);
-  publish(controlAttr);
-  // `control` (the old object) is released on return.
-}
-
-template <class Traits>
-void ShmStatusRoot<Traits>::recordNotifyQuiesced(bool quiesced) {
-  if (control_) control_->quiescedIs(quiesced);
-}
-
-template <class Traits>
-void ShmStatusRoot<Traits>::recordNotifyMountStatus() {
-  ORO_TRACE(trace(), 5, "{} mount status {}", table_.core().mountPath(),
-            TylKetab::mountStatusName(table_.mountStatus()));
-  if (control_) control_->mountStatusIs(table_.mountStatus());
-}
-
-template <class Traits>
-void ShmStatusRoot<Traits>::bindCounters() {
-  isCount_.storageIs(table_.counterSlot(0, Traits::counterIs));
-  delCount_.storageIs(table_.counterSlot(1, Traits::counterDel));
-  notifyCount_.storageIs(table_.counterSlot(2, Traits::counterNotify));
-}
-
-template <class Traits>
-void ShmStatusRoot<Traits>::mount(const Oro::ShmAttach& how) {
-  // Counters go back to the entity before the table's header may disappear.
-  isCount_.storageIs(nullptr);
-  delCount_.storageIs(nullptr);
-  notifyCount_.storageIs(nullptr);
-  table_.attach(how);
-  bindCounters();
-}
-
-template <class Traits>
-void ShmStatusRoot<Traits>::unmount() {
-  isCount_.storageIs(nullptr);
-  delCount_.storageIs(nullptr);
-  notifyCount_.storageIs(nullptr);
-  table_.detach();
 }
 
 template <class Traits>
@@ -332,38 +320,24 @@ void ShmStatusRoot<Traits>::dumpState(Oro::DumpContext& dc, int indent) const {
     }
     return;
   }
-  const unsigned count = static_cast<unsigned>(table_.size());
+  unsigned count = 0;
+  try {
+    count = static_cast<unsigned>(values_.size());
+  } catch (const Oro::ShmCorruptionException& e) {
+    handleCorruption(e.what());
+  }
   if (indent != 0) {
     dc.print("%*c%s #%u:\n", indent, ' ', Traits::dumpName, count);
   } else {
     dc.print("%s #%u:\n", Traits::dumpName, count);
   }
   try {
-    for (Iterator it = table_.begin(); it.valid(); it.next()) {
+    for (Iterator it = values_.begin(); it.valid(); it.next()) {
       Traits::dumpRecord(dc, it.value(), indent + 2);
     }
   } catch (const Oro::ShmCorruptionException& e) {
-    table_.handleCorruption(e.what());
+    handleCorruption(e.what());
   }
-}
-
-template <class Traits>
-void ShmStatusRoot<Traits>::onZeroReferences() {
-  if (zeroRefs_.notifier() != this || !control_) {
-    delete this;
-    return;
-  }
-  zeroRefs_.onZeroReferences();
-}
-
-template <class Traits>
-void ShmStatusRootZeroReferencesNotifiee<Traits>::onZeroReferences() {
-  ShmStatusRoot<Traits>* root = root_;
-  Oro::Ptr<TylKetab::CollectionControl> control = std::move(root->control_);
-  notifierIs(nullptr);
-  control->entityIs(Oro::Ptr<Oro::Entity>(root));
-  // Dropping `control` here may release the last reference to the control, and with it the
-  // root (and this notifiee): nothing below may touch either.
 }
 
 }  // namespace Routing::Multicast

@@ -1,19 +1,23 @@
 #include "tools/StatusTypes.h"
 
 #include <atomic>
+#include <map>
+#include <memory>
 
 #include <fmt/format.h>
 
 #include "platform/DumpContext.h"
 #include "platform/runtime/Entity.h"
-#include "platform/shm/ShmTable.h"
+#include "platform/shm/ShmBinding.h"
 #include "platform/runtime/TaskScheduler.h"
 #include "status/MvpnIntfStatus.h"
+#include "status/MvpnRouteStatus.h"
 #include "status/MvpnVrfStatus.h"
 
 namespace Mvpnstat {
 
 using namespace Routing::Multicast;
+using Vrf::VrfIdMap::VrfId;
 
 namespace {
 
@@ -81,19 +85,170 @@ uint64_t watch(const std::string& path, bool json, FILE* out, uint64_t maxChange
   return printed;
 }
 
+std::string sourceJson(const MvpnSource& s) {
+  return fmt::format("{{\"source\": {}, \"umhPrefix\": {}, \"flags\": {}}}",
+                     jsonQuote(s.source().toStrep()), jsonQuote(s.umhPrefix().toStrep()),
+                     s.sourceFlags().value());
+}
+
+std::string routeJson(const MvpnRoute& r) {
+  return fmt::format("{{\"key\": {}, \"umhPrefix\": {}, \"flags\": {}}}",
+                     jsonQuote(r.key().toStrep()), jsonQuote(r.umhPrefix().toStrep()),
+                     r.routeFlags().value());
+}
+
+// The route status tree: the dump, or VRFs with their routes and groups, groups with their
+// sources.
+void showTree(const std::string& path, bool json, FILE* out) {
+  ReaderRoot<MvpnRouteStatus> r(path, nullptr);
+  if (!json) {
+    Oro::DumpContext dc(out);
+    r.root->dumpState(dc, 0);
+    return;
+  }
+  fmt::print(out, "{{\"path\": {}, \"type\": {}, \"vrfs\": [", jsonQuote(path),
+             jsonQuote(std::string(r.root->typeName())));
+  const char* vsep = "";
+  for (auto v = r.root->vrfRouteStatusIter(); v.valid(); v.next()) {
+    Oro::Ptr<MvpnVrfRouteStatus> vrf = v.value();
+    if (!vrf) continue;
+    fmt::print(out, "{}\n  {{\"vrfId\": {}, \"routes\": [", vsep, vrf->vrfId().value());
+    const char* sep = "";
+    for (auto it = vrf->mvpnRouteIter(); it.valid(); it.next()) {
+      fmt::print(out, "{}{}", sep, routeJson(it.value()));
+      sep = ", ";
+    }
+    fmt::print(out, "], \"groups\": [");
+    const char* gsep = "";
+    for (auto g = vrf->mvpnGroupIter(); g.valid(); g.next()) {
+      Oro::Ptr<MvpnGroup> group = g.value();
+      if (!group) continue;
+      fmt::print(out, "{}\n    {{\"group\": {}, \"sharedTree\": [", gsep,
+                 jsonQuote(group->group().toStrep()));
+      sep = "";
+      for (auto it = group->sharedTreeIter(); it.valid(); it.next()) {
+        fmt::print(out, "{}{}", sep, sourceJson(it.value()));
+        sep = ", ";
+      }
+      fmt::print(out, "], \"sourceTree\": [");
+      sep = "";
+      for (auto it = group->sourceTreeIter(); it.valid(); it.next()) {
+        fmt::print(out, "{}{}", sep, sourceJson(it.value()));
+        sep = ", ";
+      }
+      fmt::print(out, "]}}");
+      gsep = ",";
+    }
+    fmt::print(out, "{}]}}", *gsep ? "\n  " : "");
+    vsep = ",";
+  }
+  fmt::print(out, "{}]}}\n", *vsep ? "\n" : "");
+}
+
+// Each change of the tree, named by its level and keys; the watch follows VRFs and groups as
+// they come and go.
+uint64_t watchTree(const std::string& path, bool json, FILE* out, uint64_t maxChanges) {
+  Oro::TaskScheduler scheduler;
+  ReaderRoot<MvpnRouteStatus> r(path, &scheduler);
+  uint64_t printed = 0;
+  auto emit = [&](const std::string& level, const std::string& keys, const std::string& what) {
+    if (json) {
+      fmt::print(out, "{{\"level\": {}, \"keys\": {}, \"change\": {}}}\n", jsonQuote(level),
+                 jsonQuote(keys), jsonQuote(what));
+    } else {
+      fmt::print(out, "{} {}: {}\n", level, keys, what);
+    }
+    std::fflush(out);
+    if (++printed == maxChanges) scheduler.stop();
+  };
+  struct GroupWatch {
+    Oro::Ptr<MvpnGroup> group;
+    std::unique_ptr<Oro::Notifiee> reactor;
+  };
+  struct VrfWatch {
+    Oro::Ptr<MvpnVrfRouteStatus> vrf;
+    std::unique_ptr<Oro::Notifiee> reactor;
+    std::map<Nevo::IpGenAddr, GroupWatch> groups;
+  };
+  std::map<uint32_t, VrfWatch> vrfs;
+  class TreeReactor : public Oro::Notifiee {
+   public:
+    explicit TreeReactor(std::function<void(Oro::AttrId, const void*)> fn) : fn_(std::move(fn)) {}
+    void onAttributeKey(Oro::AttrId a, const void* key) override { fn_(a, key); }
+
+   private:
+    std::function<void(Oro::AttrId, const void*)> fn_;
+  };
+  auto watchGroup = [&](VrfWatch& vw, uint32_t vrfId, const Nevo::IpGenAddr& g) {
+    Oro::Ptr<MvpnGroup> group = vw.vrf->mvpnGroup(g);
+    if (!group) {
+      vw.groups.erase(g);
+      return;
+    }
+    GroupWatch& gw = vw.groups[g];
+    if (gw.group == group) return;
+    gw.group = group;
+    MvpnGroup* gp = group.get();
+    gw.reactor = std::make_unique<TreeReactor>([&emit, gp, vrfId](Oro::AttrId a, const void* key) {
+      const auto& source = *static_cast<const Nevo::IpGenAddr*>(key);
+      const bool shared = a == MvpnGroup::sharedTreeAttr;
+      const auto rec = shared ? gp->sharedTree(source) : gp->sourceTree(source);
+      emit(shared ? "sharedTree" : "sourceTree",
+           fmt::format("vrf {} group {} source {}", vrfId, gp->group().toStrep(), source.toStrep()),
+           rec ? rec->toStrep() : "deleted");
+    });
+    gw.reactor->notifierIs(gp);
+  };
+  auto watchVrf = [&](uint32_t vrfId) {
+    Oro::Ptr<MvpnVrfRouteStatus> vrf = r.root->vrfRouteStatus(VrfId(vrfId));
+    if (!vrf) {
+      vrfs.erase(vrfId);
+      return;
+    }
+    VrfWatch& vw = vrfs[vrfId];
+    if (vw.vrf == vrf) return;
+    vw.vrf = vrf;
+    vw.groups.clear();
+    MvpnVrfRouteStatus* vp = vrf.get();
+    vw.reactor = std::make_unique<TreeReactor>([&, vp, vrfId](Oro::AttrId a, const void* key) {
+      if (a == MvpnVrfRouteStatus::mvpnRouteAttr) {
+        const auto& k = *static_cast<const MvpnRouteKey*>(key);
+        const auto rec = vp->mvpnRoute(k);
+        emit("route", fmt::format("vrf {} route {}", vrfId, k.toStrep()),
+             rec ? rec->toStrep() : "deleted");
+      } else if (a == MvpnVrfRouteStatus::mvpnGroupAttr) {
+        const auto& g = *static_cast<const Nevo::IpGenAddr*>(key);
+        const bool present = vp->mvpnGroup(g) != nullptr;
+        emit("group", fmt::format("vrf {} group {}", vrfId, g.toStrep()), present ? "present" : "deleted");
+        watchGroup(vrfs[vrfId], vrfId, g);
+      }
+    });
+    vw.reactor->notifierIs(vp);
+  };
+  Oro::KeyReactor<VrfId> rootReactor(MvpnRouteStatus::vrfRouteStatusAttr, [&](const VrfId& v) {
+    const bool present = r.root->vrfRouteStatus(v) != nullptr;
+    emit("vrf", fmt::format("vrf {}", v.value()), present ? "present" : "deleted");
+    watchVrf(v.value());
+  });
+  rootReactor.notifierIs(r.root.get());
+  gWatching.store(&scheduler);
+  scheduler.run();
+  gWatching.store(nullptr);
+  return printed;
+}
+
 template <class Root>
-StatusType makeType(const char* rootType, const char* recordType, const char* collection) {
-  return StatusType{rootType, recordType, collection, &show<Root>, &watch<Root>};
+StatusType makeType(const char* rootType) {
+  return StatusType{rootType, &show<Root>, &watch<Root>};
 }
 
 }  // namespace
 
 const std::vector<StatusType>& statusTypes() {
   static const std::vector<StatusType> types = {
-      makeType<MvpnVrfStatus>(MvpnVrfStatusTraits::typeName, MvpnVrfStatusTraits::recordTypeName,
-                              MvpnVrfStatusTraits::collection),
-      makeType<MvpnIntfStatus>(MvpnIntfStatusTraits::typeName, MvpnIntfStatusTraits::recordTypeName,
-                               MvpnIntfStatusTraits::collection),
+      makeType<MvpnVrfStatus>(MvpnVrfStatusTraits::typeName),
+      makeType<MvpnIntfStatus>(MvpnIntfStatusTraits::typeName),
+      StatusType{MvpnRouteStatus::kTypeName, &showTree, &watchTree},
   };
   return types;
 }

@@ -12,9 +12,7 @@
 namespace Mvpnstat {
 
 struct StatusType {
-  const char* rootType;    // e.g. "Routing::Multicast::MvpnVrfStatus"
-  const char* recordType;  // the table's record type name
-  const char* collection;  // the table's collection name under the mount path
+  const char* rootType;  // e.g. "Routing::Multicast::MvpnVrfStatus", as the store names it
   // Prints the root at `path` to `out`: its dump, or one JSON document.
   std::function<void(const std::string& path, bool json, FILE* out)> show;
   // Prints every change at `path` as it arrives, until `stop` says so or `maxChanges`

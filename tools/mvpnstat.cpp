@@ -17,7 +17,7 @@
 
 #include "platform/Error.h"
 #include "platform/shm/ShmSegment.h"
-#include "platform/shm/ShmTableInfo.h"
+#include "platform/shm/ShmStoreInfo.h"
 #include "tools/StatusTypes.h"
 
 namespace {
@@ -87,65 +87,81 @@ Args parseArgs(int argc, char** argv) {
   return a;
 }
 
-// The status type of the table at `path`: the one whose collection exists there. A damaged
-// table, or one whose records are not of the type its collection name implies, is an error.
+// The status type of the store at `path`: the one its header names. A damaged store, one this
+// user may not read, or one of a type the tool does not know is an error.
 const StatusType& resolve(const std::string& path) {
   try {
-    Oro::shmValidateName(path, "x");
+    Oro::shmValidatePath(path);
   } catch (const Oro::ShmException& e) {
     throw Failure{1, e.what()};
   }
-  for (const StatusType& t : Mvpnstat::statusTypes()) {
-    std::optional<Oro::ShmTableInfo> info;
-    try {
-      info = Oro::ShmTableView(path, t.collection).info();
-    } catch (const Oro::ShmCorruptionException& e) {
-      throw Failure{1, fmt::format("the table at {} is damaged: {}", path, e.what())};
-    } catch (const Oro::ShmException&) {
-      continue;  // no such collection at this path
-    }
-    if (info->typeName != t.recordType) {
-      throw Failure{1, fmt::format("the table {}/{} holds {} records, not {}: not a {}", path,
-                                   t.collection, info->typeName, t.recordType, t.rootType)};
-    }
-    return t;
+  Oro::ShmStoreInfo info;
+  try {
+    info = Oro::shmStoreInfo(path);
+  } catch (const Oro::ShmCorruptionException& e) {
+    throw Failure{1, fmt::format("the store at {} is damaged: {}", path, e.what())};
+  } catch (const Oro::ShmPermissionException& e) {
+    throw Failure{1, e.what()};
+  } catch (const Oro::ShmException& e) {
+    if (Oro::ShmSegment::exists(Oro::shmStoreName(path))) throw Failure{1, e.what()};
+    throw Failure{1, fmt::format("no status table at {} (shared-memory namespace '{}')", path,
+                                 Oro::shmNamespace())};
   }
-  throw Failure{1, fmt::format("no status table at {} (shared-memory namespace '{}')", path,
-                               Oro::shmNamespace())};
+  for (const StatusType& t : Mvpnstat::statusTypes()) {
+    if (info.rootType == t.rootType) return t;
+  }
+  throw Failure{1, fmt::format("the store at {} holds a {}, which mvpnstat does not know", path,
+                               info.rootType)};
 }
 
 void list(bool json) {
-  const auto tables = Oro::listShmTables();
+  const auto stores = Oro::listShmStores();
   if (json) {
     fmt::print("[");
     const char* sep = "";
-    for (const auto& t : tables) {
+    for (const auto& t : stores) {
+      if (!t.problem.empty()) {
+        fmt::print("{}\n  {{\"path\": {}, \"damaged\": {}, \"problem\": {}}}", sep,
+                   jsonQuote(t.mountPath), t.damaged ? "true" : "false", jsonQuote(t.problem));
+        sep = ",";
+        continue;
+      }
       std::string counters;
       for (const auto& c : t.counters) {
         counters +=
             fmt::format("{}{}: {}", counters.empty() ? "" : ", ", jsonQuote(c.name), c.value);
       }
+      std::string colls;
+      for (const auto& c : t.collections) {
+        colls += fmt::format("{}{{\"name\": {}, \"type\": {}, \"records\": {}}}",
+                             colls.empty() ? "" : ", ", jsonQuote(c.name), jsonQuote(c.typeName),
+                             c.records);
+      }
       fmt::print(
-          "{}\n  {{\"path\": {}, \"collection\": {}, \"type\": {}, \"records\": {}, "
+          "{}\n  {{\"path\": {}, \"type\": {}, \"collections\": [{}], "
           "\"writerPid\": {}, \"writerAlive\": {}, \"mountStatus\": {}, \"counters\": {{{}}}}}",
-          sep, jsonQuote(t.mountPath), jsonQuote(t.collection), jsonQuote(t.typeName), t.records,
-          t.writerPid, t.writerAlive ? "true" : "false",
-          jsonQuote(TylKetab::mountStatusName(t.mountStatus)), counters);
+          sep, jsonQuote(t.mountPath), jsonQuote(t.rootType), colls, t.writerPid,
+          t.writerAlive ? "true" : "false", jsonQuote(TylKetab::mountStatusName(t.mountStatus)),
+          counters);
       sep = ",";
     }
-    fmt::print("{}]\n", tables.empty() ? "" : "\n");
+    fmt::print("{}]\n", stores.empty() ? "" : "\n");
     return;
   }
-  if (tables.empty()) {
+  if (stores.empty()) {
     fmt::print("no status tables in shared-memory namespace '{}'\n", Oro::shmNamespace());
     return;
   }
-  for (const auto& t : tables) {
-    std::string writer = t.writerPid == 0 ? "no writer"
-                                          : fmt::format("writer pid {}{}", t.writerPid,
-                                                        t.writerAlive ? "" : " (dead)");
-    fmt::print("{}/{}  {}  {} records  {}  {}\n", t.mountPath, t.collection, t.typeName, t.records,
-               writer, TylKetab::mountStatusName(t.mountStatus));
+  for (const auto& t : stores) {
+    if (!t.problem.empty()) {
+      fmt::print("{}  {}: {}\n", t.mountPath, t.damaged ? "DAMAGED" : "unreadable", t.problem);
+      continue;
+    }
+    const std::string writer =
+        t.writerAlive ? fmt::format("writer pid {}", t.writerPid) : std::string("no live writer");
+    fmt::print("{}  {}  {}  {}\n", t.mountPath, t.rootType, writer,
+               TylKetab::mountStatusName(t.mountStatus));
+    for (const auto& c : t.collections) fmt::print("    {} {} records\n", c.name, c.records);
     for (const auto& c : t.counters) fmt::print("    {} {}\n", c.name, c.value);
   }
 }

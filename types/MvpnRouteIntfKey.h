@@ -53,6 +53,13 @@ class MvpnRouteIntfKey {
   friend bool operator==(const MvpnRouteIntfKey&, const MvpnRouteIntfKey&) = default;
   friend auto operator<=>(const MvpnRouteIntfKey&, const MvpnRouteIntfKey&) = default;
 
+  // Whether 56 bytes are the image of a route-interface key: two addresses, the interface,
+  // a flag byte of 0 or 1, zero padding.
+  static bool shmImageValid(const std::byte* p) {
+    return Nevo::IpGenAddr::shmImageValid(p) && Nevo::IpGenAddr::shmImageValid(p + 20) &&
+           static_cast<uint8_t>(p[48]) <= 1 && Oro::shmZeroBytes(p + 49, 7);
+  }
+
  private:
   Nevo::IpGenAddr source_;
   Nevo::IpGenAddr group_;
@@ -60,8 +67,22 @@ class MvpnRouteIntfKey {
   bool sharedTreeJoin_ = false;
   uint8_t pad_[7] = {0, 0, 0, 0, 0, 0, 0};
 };
+static_assert(sizeof(MvpnRouteIntfKey) == 56);
 
 }  // namespace Routing::Multicast
+
+template <>
+struct Oro::ShmImage<Routing::Multicast::MvpnRouteIntfKey>
+    : Oro::ShmPlainImage<Routing::Multicast::MvpnRouteIntfKey,
+                         Routing::Multicast::MvpnRouteIntfKey::shmImageValid> {
+  static constexpr uint64_t fingerprint = shmFingerprint(
+      "Routing::Multicast::MvpnRouteIntfKey{source:Nevo::IpGenAddr,group:Nevo::IpGenAddr,"
+      "intfId:Nevo::IntfId,sharedTreeJoin:bool,pad:7}",
+      bytes);
+  static Routing::Multicast::MvpnRouteIntfKey read(const std::byte* in) {
+    return ShmPlainImage::read(in, "Routing::Multicast::MvpnRouteIntfKey");
+  }
+};
 
 template <>
 struct std::hash<Routing::Multicast::MvpnRouteIntfKey> {

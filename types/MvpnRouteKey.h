@@ -55,14 +55,35 @@ class MvpnRouteKey {
   friend bool operator==(const MvpnRouteKey&, const MvpnRouteKey&) = default;
   friend auto operator<=>(const MvpnRouteKey&, const MvpnRouteKey&) = default;
 
+  // Whether 44 bytes are the image of a route key: two addresses, a flag byte of 0 or 1,
+  // zero padding.
+  static bool shmImageValid(const std::byte* p) {
+    return Nevo::IpGenAddr::shmImageValid(p) && Nevo::IpGenAddr::shmImageValid(p + 20) &&
+           static_cast<uint8_t>(p[40]) <= 1 && Oro::shmZeroBytes(p + 41, 3);
+  }
+
  private:
   Nevo::IpGenAddr source_;
   Nevo::IpGenAddr group_;
   bool sharedTreeJoin_ = false;
   uint8_t pad_[3] = {0, 0, 0};
 };
+static_assert(sizeof(MvpnRouteKey) == 44);
 
 }  // namespace Routing::Multicast
+
+template <>
+struct Oro::ShmImage<Routing::Multicast::MvpnRouteKey>
+    : Oro::ShmPlainImage<Routing::Multicast::MvpnRouteKey,
+                         Routing::Multicast::MvpnRouteKey::shmImageValid> {
+  static constexpr uint64_t fingerprint = shmFingerprint(
+      "Routing::Multicast::MvpnRouteKey{source:Nevo::IpGenAddr,group:Nevo::IpGenAddr,"
+      "sharedTreeJoin:bool,pad:3}",
+      bytes);
+  static Routing::Multicast::MvpnRouteKey read(const std::byte* in) {
+    return ShmPlainImage::read(in, "Routing::Multicast::MvpnRouteKey");
+  }
+};
 
 template <>
 struct std::hash<Routing::Multicast::MvpnRouteKey> {

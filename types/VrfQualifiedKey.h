@@ -17,8 +17,27 @@
 #include "platform/CharRange.h"
 #include "platform/Hash.h"
 #include "platform/net/VrfId.h"
+#include "platform/shm/ShmImage.h"
 
 namespace Routing::Multicast {
+
+// The fields of a VRF-qualified key, with the padding an inner key of wider alignment would
+// leave made explicit and zero, so that a key's bytes are a function of its value.
+template <class Inner, size_t Pad>
+struct VrfKeyFields {
+  Vrf::VrfIdMap::VrfId vrfId;
+  uint8_t pad[Pad] = {};
+  Inner key;
+  friend bool operator==(const VrfKeyFields&, const VrfKeyFields&) = default;
+  friend auto operator<=>(const VrfKeyFields&, const VrfKeyFields&) = default;
+};
+template <class Inner>
+struct VrfKeyFields<Inner, 0> {
+  Vrf::VrfIdMap::VrfId vrfId;
+  Inner key;
+  friend bool operator==(const VrfKeyFields&, const VrfKeyFields&) = default;
+  friend auto operator<=>(const VrfKeyFields&, const VrfKeyFields&) = default;
+};
 
 template <class Inner>
 class VrfQualifiedKey {
@@ -26,7 +45,7 @@ class VrfQualifiedKey {
   using VrfId = Vrf::VrfIdMap::VrfId;
 
   VrfQualifiedKey() = default;
-  VrfQualifiedKey(VrfId vrfId, const Inner& key) : vrfId_(vrfId), key_(key) {}
+  VrfQualifiedKey(VrfId vrfId, const Inner& key) { f_.vrfId = vrfId; f_.key = key; }
 
   static VrfQualifiedKey readFrom(Oro::CharRange& in) {
     in.expect("VRF ");
@@ -39,26 +58,46 @@ class VrfQualifiedKey {
     in.expectEnd();
   }
 
-  VrfId vrfId() const { return vrfId_; }
-  const Inner& key() const { return key_; }
-  void vrfIdIs(VrfId v) { vrfId_ = v; }
-  void keyIs(const Inner& v) { key_ = v; }
+  VrfId vrfId() const { return f_.vrfId; }
+  const Inner& key() const { return f_.key; }
+  void vrfIdIs(VrfId v) { f_.vrfId = v; }
+  void keyIs(const Inner& v) { f_.key = v; }
 
   static bool isEq(const VrfQualifiedKey& a, const VrfQualifiedKey& b) { return a == b; }
   uint32_t hash(uint32_t seed) const {
-    return Oro::hashFinish(Oro::hashMix(Oro::hashMix(seed, vrfId_.value()), key_.hash(seed)));
+    return Oro::hashFinish(Oro::hashMix(Oro::hashMix(seed, f_.vrfId.value()), f_.key.hash(seed)));
   }
-  std::string toStrep() const { return "VRF " + vrfId_.toStrep() + " " + key_.toStrep(); }
+  std::string toStrep() const { return "VRF " + f_.vrfId.toStrep() + " " + f_.key.toStrep(); }
 
   friend bool operator==(const VrfQualifiedKey&, const VrfQualifiedKey&) = default;
   friend auto operator<=>(const VrfQualifiedKey&, const VrfQualifiedKey&) = default;
 
+  // The image of a stored key: the VRF id (any value), zero padding, the inner key's image.
+  static bool shmImageValid(const std::byte* p) {
+    return Oro::shmZeroBytes(p + sizeof(VrfId), kPad) && Inner::shmImageValid(p + sizeof(VrfId) + kPad);
+  }
+
  private:
-  VrfId vrfId_;
-  Inner key_;
+  static constexpr size_t kPad = alignof(Inner) > sizeof(VrfId) ? alignof(Inner) - sizeof(VrfId) : 0;
+  VrfKeyFields<Inner, kPad> f_;
 };
 
 }  // namespace Routing::Multicast
+
+template <class Inner>
+struct Oro::ShmImage<Routing::Multicast::VrfQualifiedKey<Inner>>
+    : Oro::ShmPlainImage<Routing::Multicast::VrfQualifiedKey<Inner>,
+                         Routing::Multicast::VrfQualifiedKey<Inner>::shmImageValid> {
+  static constexpr uint64_t fingerprint =
+      shmFingerprint(shmFingerprint("Routing::Multicast::VrfQualifiedKey{vrfId:u32,pad,key}",
+                                    sizeof(Routing::Multicast::VrfQualifiedKey<Inner>)),
+                     Oro::ShmImage<Inner>::fingerprint);
+  static Routing::Multicast::VrfQualifiedKey<Inner> read(const std::byte* in) {
+    return ShmPlainImage<Routing::Multicast::VrfQualifiedKey<Inner>,
+                         Routing::Multicast::VrfQualifiedKey<Inner>::shmImageValid>::read(
+        in, "Routing::Multicast::VrfQualifiedKey");
+  }
+};
 
 template <class Inner>
 struct std::hash<Routing::Multicast::VrfQualifiedKey<Inner>> {

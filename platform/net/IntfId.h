@@ -18,6 +18,7 @@
 
 #include "platform/CharRange.h"
 #include "platform/Hash.h"
+#include "platform/shm/ShmImage.h"
 
 namespace Nevo {
 
@@ -67,6 +68,12 @@ class IntfId {
 };
 
 }  // namespace Nevo
+
+template <>
+struct Oro::ShmImage<Nevo::IntfId> : Oro::ShmPlainImage<Nevo::IntfId, Oro::shmAnyImage> {
+  static constexpr uint64_t fingerprint = shmFingerprint("Nevo::IntfId{value:u64}", bytes);
+  static Nevo::IntfId read(const std::byte* in) { return ShmPlainImage::read(in, "Nevo::IntfId"); }
+};
 
 template <>
 struct std::hash<Nevo::IntfId> {

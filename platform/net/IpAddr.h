@@ -24,6 +24,7 @@
 
 #include "platform/CharRange.h"
 #include "platform/Hash.h"
+#include "platform/shm/ShmImage.h"
 
 namespace Nevo {
 
@@ -68,6 +69,17 @@ class IpGenAddr {
   friend bool operator==(const IpGenAddr&, const IpGenAddr&) = default;
   friend auto operator<=>(const IpGenAddr&, const IpGenAddr&) = default;
 
+  // Whether 20 bytes are the image of an address: a known family, zero padding, and nothing
+  // past the 4 bytes of an IPv4 address.
+  static bool shmImageValid(const std::byte* p) {
+    const auto af = static_cast<uint8_t>(p[0]);
+    if (af > ipv6 || p[1] != std::byte{0} || p[2] != std::byte{0} || p[3] != std::byte{0}) return false;
+    for (unsigned i = (af == ipv6 ? 16 : 4); i < 16; ++i) {
+      if (p[4 + i] != std::byte{0}) return false;
+    }
+    return true;
+  }
+
  private:
   AddressFamily af_ = ipv4;
   uint8_t pad_[3] = {0, 0, 0};
@@ -94,13 +106,40 @@ class IpGenPrefix {
   friend bool operator==(const IpGenPrefix&, const IpGenPrefix&) = default;
   friend auto operator<=>(const IpGenPrefix&, const IpGenPrefix&) = default;
 
+  // Whether 24 bytes are the image of a prefix: a valid address, a length that fits its
+  // family, zero padding.
+  static bool shmImageValid(const std::byte* p) {
+    if (!IpGenAddr::shmImageValid(p)) return false;
+    const auto len = static_cast<uint8_t>(p[20]);
+    return len <= (static_cast<uint8_t>(p[0]) == ipv6 ? 128 : 32) && p[21] == std::byte{0} &&
+           p[22] == std::byte{0} && p[23] == std::byte{0};
+  }
+
  private:
   IpGenAddr addr_;
   uint8_t len_ = 0;
   uint8_t pad_[3] = {0, 0, 0};
 };
 
+static_assert(sizeof(IpGenAddr) == 20 && sizeof(IpGenPrefix) == 24);
+
 }  // namespace Nevo
+
+template <>
+struct Oro::ShmImage<Nevo::IpGenAddr> : Oro::ShmPlainImage<Nevo::IpGenAddr, Nevo::IpGenAddr::shmImageValid> {
+  static constexpr uint64_t fingerprint =
+      shmFingerprint("Nevo::IpGenAddr{af:u8,pad:3,bytes:16}", bytes);
+  static Nevo::IpGenAddr read(const std::byte* in) { return ShmPlainImage::read(in, "Nevo::IpGenAddr"); }
+};
+template <>
+struct Oro::ShmImage<Nevo::IpGenPrefix>
+    : Oro::ShmPlainImage<Nevo::IpGenPrefix, Nevo::IpGenPrefix::shmImageValid> {
+  static constexpr uint64_t fingerprint =
+      shmFingerprint("Nevo::IpGenPrefix{addr:Nevo::IpGenAddr,len:u8,pad:3}", bytes);
+  static Nevo::IpGenPrefix read(const std::byte* in) {
+    return ShmPlainImage::read(in, "Nevo::IpGenPrefix");
+  }
+};
 
 template <>
 struct std::hash<Nevo::IpGenAddr> {

@@ -15,6 +15,7 @@
 
 #include "platform/CharRange.h"
 #include "platform/Hash.h"
+#include "platform/shm/ShmImage.h"
 
 namespace Vrf::VrfIdMap {
 
@@ -44,6 +45,15 @@ class VrfId {
 };
 
 }  // namespace Vrf::VrfIdMap
+
+template <>
+struct Oro::ShmImage<Vrf::VrfIdMap::VrfId>
+    : Oro::ShmPlainImage<Vrf::VrfIdMap::VrfId, Oro::shmAnyImage> {
+  static constexpr uint64_t fingerprint = shmFingerprint("Vrf::VrfIdMap::VrfId{value:u32}", bytes);
+  static Vrf::VrfIdMap::VrfId read(const std::byte* in) {
+    return ShmPlainImage::read(in, "Vrf::VrfIdMap::VrfId");
+  }
+};
 
 template <>
 struct std::hash<Vrf::VrfIdMap::VrfId> {

@@ -385,7 +385,10 @@ void TaskScheduler::sleepUntil(Clock::time_point wakeAt) {
   d.words.clear();
   d.sleeping.store(true);
   d.words.push_back({&d.wakeWord, d.wakeWord.load(), false});
-  for (WaitSource* s : d.sources) s->sleepBegin(d.words);
+  for (WaitSource* s : d.sources) {
+    s->sleepBegin(d.words);
+    wakeAt = std::min(wakeAt, s->wakeBy());
+  }
   MVPN_ASSERT_MSG(d.words.size() <= kFutexWaitvMax,
                   "the scheduler sleeps on at most 128 futex words");
   // Every source is now registered as a sleeper: anything that arrives from here on

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <vector>
 
@@ -30,6 +31,11 @@ class WaitSource {
   virtual void sleepBegin(std::vector<FutexWait>& words) = 0;
   // The sleep is over (woken, timed out, or not started): withdraw the registration.
   virtual void sleepEnd() = 0;
+  // The latest time the scheduler may sleep until on this source's account: a source that
+  // could not arrange to be woken asks for a short sleep instead.
+  virtual std::chrono::steady_clock::time_point wakeBy() const {
+    return std::chrono::steady_clock::time_point::max();
+  }
 };
 
 }  // namespace Oro

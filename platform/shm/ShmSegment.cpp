@@ -2,151 +2,213 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <signal.h>
+#include <linux/fs.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <mutex>
-#include <sstream>
+#include <optional>
 #include <utility>
 
 #include <fmt/format.h>
 
 #include "platform/Error.h"
+#include "platform/shm/ShmGuard.h"
 
 namespace Oro {
 
 namespace {
 
-constexpr size_t kMaxNameLength = 200;  // below NAME_MAX with room for suffixes
+constexpr size_t kMaxNamespace = 64;
+// Longest mount path: the segment names built from it must stay below NAME_MAX (255) with
+// the namespace, the instance and a suffix.
+constexpr size_t kMaxPath = 150;
 
-bool isNameChar(char c, bool allowDash) {
+bool isNameChar(char c) {
   return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' ||
-         (allowDash && c == '-');
+         c == '-';
 }
 
-std::string defaultNamespace() {
-  const char* env = std::getenv("MVPN_SHM_NAMESPACE");
-  return (env && *env) ? std::string(env) : std::string("mvpn");
+bool validNamespace(std::string_view ns) {
+  return !ns.empty() && ns.size() <= kMaxNamespace && std::all_of(ns.begin(), ns.end(), isNameChar);
 }
 
-std::string& namespaceStorage() {
-  static std::string ns = defaultNamespace();
+std::optional<std::string>& namespaceStorage() {
+  static std::optional<std::string> ns;
   return ns;
-}
-
-void checkNamespace(std::string_view ns) {
-  if (ns.empty() || ns.size() > 64) {
-    throw ShmException(fmt::format("invalid shared-memory namespace '{}'", ns));
-  }
-  for (char c : ns) {
-    if (!isNameChar(c, true)) {
-      throw ShmException(fmt::format("invalid shared-memory namespace '{}'", ns));
-    }
-  }
 }
 
 std::string errnoText(int err) {
   return std::strerror(err);
 }
 
+std::string dirPath(std::string_view name) {
+  // POSIX shm names are "/x"; the object is /dev/shm/x.
+  return std::string(kShmDirectory) + std::string(name);
+}
+
 }  // namespace
 
 const std::string& shmNamespace() {
-  return namespaceStorage();
+  std::optional<std::string>& ns = namespaceStorage();
+  if (!ns) {
+    const char* env = std::getenv("MVPN_SHM_NAMESPACE");
+    if (!env || !*env) {
+      ns = "mvpn";
+    } else if (!validNamespace(env)) {
+      throw ShmException(fmt::format(
+          "invalid shared-memory namespace '{}' in MVPN_SHM_NAMESPACE: use letters, digits, "
+          "'_' and '-' (at most {} characters)",
+          env, kMaxNamespace));
+    } else {
+      ns = env;
+    }
+  }
+  return *ns;
 }
 
 void shmNamespaceIs(std::string ns) {
-  checkNamespace(ns);
+  if (!validNamespace(ns)) {
+    throw ShmException(fmt::format(
+        "invalid shared-memory namespace '{}': use letters, digits, '_' and '-' (at most {} "
+        "characters)",
+        ns, kMaxNamespace));
+  }
   namespaceStorage() = std::move(ns);
 }
 
-void shmValidateName(std::string_view mountPath, std::string_view collection) {
+void shmValidatePath(std::string_view mountPath) {
   auto bad = [&](const char* why) {
-    return ShmException(
-        fmt::format("invalid table name '{}' / '{}': {}", mountPath, collection, why));
+    return ShmException(fmt::format("invalid mount path '{}': {}", mountPath, why));
   };
-  if (mountPath.empty()) throw bad("empty mount path");
-  if (mountPath.front() == '/' || mountPath.back() == '/') {
-    throw bad("mount path starts or ends with '/'");
-  }
+  if (mountPath.empty()) throw bad("empty");
+  if (mountPath.size() > kMaxPath) throw bad("too long");
+  if (mountPath.front() == '/' || mountPath.back() == '/') throw bad("starts or ends with '/'");
   size_t componentLength = 0;
   for (char c : mountPath) {
     if (c == '/') {
-      if (componentLength == 0) throw bad("empty mount path component");
+      if (componentLength == 0) throw bad("empty component");
       componentLength = 0;
-    } else if (isNameChar(c, true)) {
+    } else if (isNameChar(c)) {
       ++componentLength;
     } else {
-      throw bad("mount path holds a character outside [A-Za-z0-9_-/]");
+      throw bad("holds a character outside [A-Za-z0-9_-/]");
     }
-  }
-  if (collection.empty()) throw bad("empty collection name");
-  for (char c : collection) {
-    if (!isNameChar(c, false)) throw bad("collection holds a character outside [A-Za-z0-9_]");
-  }
-  if (mountPath.size() + collection.size() + shmNamespace().size() + 3 > kMaxNameLength) {
-    throw bad("name too long");
   }
 }
 
-std::string shmSegmentName(std::string_view mountPath, std::string_view collection,
-                           std::string_view suffix) {
-  shmValidateName(mountPath, collection);
+std::string shmStoreName(std::string_view mountPath) {
+  shmValidatePath(mountPath);
   std::string name = "/" + shmNamespace() + ".";
   for (char c : mountPath) name.push_back(c == '/' ? '.' : c);
-  name.push_back('.');
-  name.append(collection);
-  if (!suffix.empty()) {
-    name.push_back('.');
-    name.append(suffix);
-  }
   return name;
 }
 
-std::vector<std::string> shmNamespaceSegments() {
-  std::vector<std::string> out;
+std::string shmStoreSegmentName(std::string_view mountPath, uint64_t instance,
+                                std::string_view suffix) {
+  return fmt::format("{}@{:016x}.{}", shmStoreName(mountPath), instance, suffix);
+}
+
+std::string shmPathOfStoreName(std::string_view name) {
   const std::string prefix = shmNamespace() + ".";
-  DIR* dir = ::opendir("/dev/shm");
+  if (name.substr(0, prefix.size()) != prefix) return {};
+  std::string_view rest = name.substr(prefix.size());
+  if (rest.empty() || rest.find('@') != std::string_view::npos) return {};
+  std::string path;
+  for (char c : rest) {
+    if (c == '.') {
+      path.push_back('/');
+    } else if (isNameChar(c)) {
+      path.push_back(c);
+    } else {
+      return {};
+    }
+  }
+  try {
+    shmValidatePath(path);
+  } catch (const ShmException&) {
+    return {};
+  }
+  return path;
+}
+
+std::vector<std::string> shmNamespaceEntries() {
+  std::vector<std::string> out;
+  const std::string dotted = shmNamespace() + ".";
+  const std::string at = shmNamespace() + "@";
+  DIR* dir = ::opendir(kShmDirectory);
   if (!dir) return out;
   while (dirent* e = ::readdir(dir)) {
     std::string_view n(e->d_name);
-    if (n.substr(0, prefix.size()) == prefix) out.emplace_back(n);
+    if (n.substr(0, dotted.size()) == dotted || n.substr(0, at.size()) == at) out.emplace_back(n);
   }
   ::closedir(dir);
+  std::sort(out.begin(), out.end());
   return out;
 }
 
 void shmUnlinkNamespace() {
-  for (const std::string& n : shmNamespaceSegments()) ::shm_unlink(("/" + n).c_str());
+  for (const std::string& n : shmNamespaceEntries()) ::unlink(dirPath("/" + n).c_str());
 }
 
 uint64_t processStartTime(pid_t pid) {
-  std::ifstream in(fmt::format("/proc/{}/stat", pid));
-  if (!in) return 0;
-  std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  size_t paren = text.rfind(')');
-  if (paren == std::string::npos) return 0;
-  std::istringstream fields(text.substr(paren + 1));
-  std::string field;
-  // After the command name come the fields from 3 (state) on; the start time is field 22.
-  for (int i = 3; i <= 22; ++i) {
-    if (!(fields >> field)) return 0;
+  // Plain system calls: the file of a process that exits meanwhile reads short or fails,
+  // which simply means the process is gone.
+  char path[64];
+  std::snprintf(path, sizeof path, "/proc/%d/stat", static_cast<int>(pid));
+  const int fd = ::open(path, O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return 0;
+  char buf[1024];
+  size_t len = 0;
+  for (;;) {
+    const ssize_t n = ::read(fd, buf + len, sizeof buf - 1 - len);
+    if (n > 0) {
+      len += static_cast<size_t>(n);
+      if (len == sizeof buf - 1) break;
+      continue;
+    }
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) len = 0;
+    break;
   }
-  if (field.size() >= 1 && (text[paren + 2] == 'Z' || text[paren + 2] == 'X')) return 0;
-  return std::strtoull(field.c_str(), nullptr, 10);
+  ::close(fd);
+  buf[len] = '\0';
+  // The command name (field 2) is in parentheses and may hold anything: fields 3.. follow
+  // the last ')'.
+  const char* paren = std::strrchr(buf, ')');
+  if (!paren || paren[1] != ' ') return 0;
+  const char state = paren[2];
+  if (state == 'Z' || state == 'X' || state == '\0') return 0;
+  const char* p = paren + 2;
+  for (int field = 3; field < 22; ++field) {
+    p = std::strchr(p, ' ');
+    if (!p) return 0;
+    ++p;
+  }
+  char* end = nullptr;
+  const unsigned long long v = std::strtoull(p, &end, 10);
+  if (end == p) return 0;
+  return v;
+}
+
+// ---- ShmSegment ---------------------------------------------------------------------------
+
+ShmSegment::ShmSegment(void* data, size_t size, int fd, std::string name)
+    : data_(static_cast<std::byte*>(data)), size_(size), fd_(fd), name_(std::move(name)) {
+  if (fd_ >= 0) guard_ = ShmGuard::add(data_, size_);
 }
 
 ShmSegment::ShmSegment(ShmSegment&& o) noexcept
     : data_(std::exchange(o.data_, nullptr)),
       size_(std::exchange(o.size_, 0)),
       fd_(std::exchange(o.fd_, -1)),
+      guard_(std::exchange(o.guard_, ShmGuard::kNone)),
       name_(std::move(o.name_)) {}
 
 ShmSegment& ShmSegment::operator=(ShmSegment&& o) noexcept {
@@ -155,6 +217,7 @@ ShmSegment& ShmSegment::operator=(ShmSegment&& o) noexcept {
     data_ = std::exchange(o.data_, nullptr);
     size_ = std::exchange(o.size_, 0);
     fd_ = std::exchange(o.fd_, -1);
+    guard_ = std::exchange(o.guard_, ShmGuard::kNone);
     name_ = std::move(o.name_);
   }
   return *this;
@@ -165,6 +228,8 @@ ShmSegment::~ShmSegment() {
 }
 
 void ShmSegment::release() {
+  if (guard_ != ShmGuard::kNone) ShmGuard::remove(guard_);
+  guard_ = ShmGuard::kNone;
   if (data_) ::munmap(data_, size_);
   if (fd_ >= 0) ::close(fd_);
   data_ = nullptr;
@@ -172,32 +237,25 @@ void ShmSegment::release() {
   fd_ = -1;
 }
 
-ShmSegment ShmSegment::create(const std::string& name, size_t bytes, mode_t mode, bool replace) {
+bool ShmSegment::lost() const {
+  return guard_ != ShmGuard::kNone && ShmGuard::lost(guard_);
+}
+
+size_t ShmSegment::pageBytes() {
+  static const size_t page = static_cast<size_t>(::sysconf(_SC_PAGESIZE));
+  return page;
+}
+
+ShmSegment ShmSegment::create(const std::string& name, size_t bytes, mode_t mode, bool replace,
+                              bool commitNow) {
   if (replace) ::shm_unlink(name.c_str());
-  ShmSegment s = make(name, bytes, mode);
-  try {
-    s.commit(0, bytes);
-  } catch (...) {
-    ::shm_unlink(name.c_str());
-    throw;
-  }
-  return s;
-}
-
-ShmSegment ShmSegment::createUncommitted(const std::string& name, size_t bytes, mode_t mode) {
-  ::shm_unlink(name.c_str());
-  return make(name, bytes, mode);
-}
-
-// A new, sized and mapped segment whose memory is not committed yet.
-ShmSegment ShmSegment::make(const std::string& name, size_t bytes, mode_t mode) {
-  int fd = ::shm_open(name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, mode);
+  const int fd = ::shm_open(name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, mode);
   if (fd < 0) {
-    int err = errno;
+    const int err = errno;
     throw ShmException(fmt::format("cannot create shared memory segment {}: {}", name,
                                    err == EEXIST ? "it already exists" : errnoText(err)));
   }
-  // fchmod: the umask must not narrow the mode the table was asked for.
+  // fchmod: the umask must not narrow the mode the store was asked for.
   (void)::fchmod(fd, mode);
   auto fail = [&](const char* what, int err) {
     ::close(fd);
@@ -208,7 +266,16 @@ ShmSegment ShmSegment::make(const std::string& name, size_t bytes, mode_t mode) 
   if (::ftruncate(fd, static_cast<off_t>(bytes)) != 0) throw fail("size", errno);
   void* p = ::mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
   if (p == MAP_FAILED) throw fail("map", errno);
-  return ShmSegment(p, bytes, fd, name);
+  ShmSegment s(p, bytes, fd, name);
+  if (commitNow) {
+    try {
+      s.commit(0, bytes);
+    } catch (...) {
+      ::shm_unlink(name.c_str());
+      throw;
+    }
+  }
+  return s;
 }
 
 void ShmSegment::commit(size_t offset, size_t bytes) {
@@ -220,10 +287,9 @@ void ShmSegment::commit(size_t offset, size_t bytes) {
                     errnoText(err)));
   }
   // Maps the committed pages into this process now, in one call: the writer then fills them
-  // without a page fault per page, and its prefetches of them are not dropped. Best effort
-  // (kernels without MADV_POPULATE_WRITE fault the pages in on first touch instead).
+  // without a page fault per page. Best effort.
 #ifdef MADV_POPULATE_WRITE
-  const size_t page = 4096;
+  const size_t page = pageBytes();
   const size_t from = offset & ~(page - 1);
   const size_t to = std::min(size_, offset + bytes);
   if (data_ && to > from) (void)::madvise(data_ + from, to - from, MADV_POPULATE_WRITE);
@@ -232,15 +298,20 @@ void ShmSegment::commit(size_t offset, size_t bytes) {
 
 ShmSegment ShmSegment::open(const std::string& name, Access access, size_t minBytes) {
   const bool rw = access == Access::readWrite;
-  int fd = ::shm_open(name.c_str(), (rw ? O_RDWR : O_RDONLY) | O_CLOEXEC, 0);
+  const int fd = ::shm_open(name.c_str(), (rw ? O_RDWR : O_RDONLY) | O_CLOEXEC, 0);
   if (fd < 0) {
-    int err = errno;
+    const int err = errno;
+    if (err == EACCES || err == EPERM) {
+      throw ShmPermissionException(
+          fmt::format("permission denied: cannot open shared memory segment {} for {}", name,
+                      rw ? "writing" : "reading"));
+    }
     throw ShmException(
         fmt::format("cannot open shared memory segment {}: {}", name, errnoText(err)));
   }
   struct stat st {};
   if (::fstat(fd, &st) != 0) {
-    int err = errno;
+    const int err = errno;
     ::close(fd);
     throw ShmException(
         fmt::format("cannot stat shared memory segment {}: {}", name, errnoText(err)));
@@ -253,12 +324,24 @@ ShmSegment ShmSegment::open(const std::string& name, Access access, size_t minBy
   }
   void* p = ::mmap(nullptr, bytes, rw ? PROT_READ | PROT_WRITE : PROT_READ, MAP_SHARED, fd, 0);
   if (p == MAP_FAILED) {
-    int err = errno;
+    const int err = errno;
     ::close(fd);
     throw ShmException(
         fmt::format("cannot map shared memory segment {}: {}", name, errnoText(err)));
   }
   return ShmSegment(p, bytes, fd, name);
+}
+
+ShmSegment ShmSegment::map(int fd, std::string name, size_t bytes, Access access) {
+  const bool rw = access == Access::readWrite;
+  void* p = ::mmap(nullptr, bytes, rw ? PROT_READ | PROT_WRITE : PROT_READ, MAP_SHARED, fd, 0);
+  if (p == MAP_FAILED) {
+    const int err = errno;
+    ::close(fd);
+    throw ShmException(
+        fmt::format("cannot map shared memory segment {}: {}", name, errnoText(err)));
+  }
+  return ShmSegment(p, bytes, fd, std::move(name));
 }
 
 ShmSegment ShmSegment::anonymous(size_t bytes) {
@@ -271,14 +354,27 @@ ShmSegment ShmSegment::anonymous(size_t bytes) {
 }
 
 bool ShmSegment::exists(const std::string& name) {
-  int fd = ::shm_open(name.c_str(), O_RDONLY | O_CLOEXEC, 0);
-  if (fd < 0) return false;
-  ::close(fd);
-  return true;
+  struct stat st {};
+  return ::stat(dirPath(name).c_str(), &st) == 0;
 }
 
 void ShmSegment::unlink(const std::string& name) {
   ::shm_unlink(name.c_str());
+}
+
+bool ShmSegment::rename(const std::string& from, const std::string& to, bool replace) {
+  const std::string a = dirPath(from);
+  const std::string b = dirPath(to);
+  if (replace) {
+    if (::rename(a.c_str(), b.c_str()) == 0) return true;
+  } else {
+    if (::syscall(SYS_renameat2, AT_FDCWD, a.c_str(), AT_FDCWD, b.c_str(), RENAME_NOREPLACE) == 0) {
+      return true;
+    }
+    if (errno == EEXIST) return false;
+  }
+  throw ShmException(
+      fmt::format("cannot rename shared memory segment {} to {}: {}", from, to, errnoText(errno)));
 }
 
 bool ShmSegment::decommit(size_t offset, size_t bytes) {

@@ -1,10 +1,17 @@
-// Named POSIX shared-memory segments of the table service, and the rules for naming them.
-// A segment is one shm object mapped whole; its size never changes after creation, and its
-// memory is committed when it is created (posix_fallocate), so that running out of shared
-// memory is a ShmException to the creator and never a SIGBUS in a process that maps it.
-// Segment names are "/<ns>.<mount path with '/' -> '.'>.<collection>[.<suffix>]", where <ns> is
-// the process's shared-memory namespace (shmNamespaceIs, environment MVPN_SHM_NAMESPACE,
-// else "mvpn"). An anonymous segment has the same interface and lives in process memory only.
+// Named POSIX shared-memory segments, and the rules for naming them.
+//
+// A segment is one shm object mapped whole; its size never changes after creation. Memory is
+// committed explicitly (posix_fallocate), so running out of shared memory is a ShmException
+// to the writer and never a SIGBUS in a process that maps the segment; a segment truncated by
+// someone else after we mapped it is caught by ShmGuard (lost()).
+//
+// Names: a store at mount path "a/b" has its header at "/<ns>.a.b" and its other segments at
+// "/<ns>.a.b@<instance>.<suffix>" ('@' never occurs in a mount path, so no store's segment can
+// be taken for another store's header). <ns> is the process's shared-memory namespace
+// (shmNamespaceIs, else the environment's MVPN_SHM_NAMESPACE, else "mvpn"); it holds letters,
+// digits, '_' and '-' only, so two namespaces never share a prefix up to their '.'.
+// The segments live in /dev/shm, which this layer also uses by path (atomic rename on
+// creation, listing, doorbell sockets).
 #pragma once
 
 #include <sys/types.h>
@@ -18,23 +25,31 @@
 
 namespace Oro {
 
-// The namespace prefix of every segment name this process creates or opens.
+inline constexpr const char* kShmDirectory = "/dev/shm";
+
+// The namespace prefix of every segment name this process creates or opens. A bad
+// MVPN_SHM_NAMESPACE raises ShmException (on every call until the namespace is set).
 const std::string& shmNamespace();
-// Replace the namespace (letters, digits, '_' and '-' only, else ShmException).
+// Replace the namespace (letters, digits, '_' and '-', at most 64; else ShmException).
 void shmNamespaceIs(std::string ns);
 
-// Checks a mount path ("a/b-c/d_e") and a collection name ("mvpnVrf"): ShmException if bad.
-void shmValidateName(std::string_view mountPath, std::string_view collection);
-// "/<ns>.<path with dots>.<collection>" plus ".<suffix>" when suffix is not empty. Validates.
-std::string shmSegmentName(std::string_view mountPath, std::string_view collection,
-                           std::string_view suffix = {});
-// Removes every segment of the current namespace ("/dev/shm/<ns>.*"); for tests and tools.
+// Checks a mount path ("a/b-c/d_e"): ShmException if bad.
+void shmValidatePath(std::string_view mountPath);
+// "/<ns>.<path with dots>": the name of the store's header segment. Validates.
+std::string shmStoreName(std::string_view mountPath);
+// "/<ns>.<path with dots>@<instance as 16 hex digits>.<suffix>".
+std::string shmStoreSegmentName(std::string_view mountPath, uint64_t instance,
+                                std::string_view suffix);
+// The mount path of a header segment's name (without the leading '/'), or empty when the name
+// is not a store header of the current namespace.
+std::string shmPathOfStoreName(std::string_view name);
+// Names (without the leading '/') of the current namespace's entries in /dev/shm.
+std::vector<std::string> shmNamespaceEntries();
+// Removes every entry of the current namespace; for tests and tools.
 void shmUnlinkNamespace();
-// Names (without the leading '/') of the current namespace's segments found in /dev/shm.
-std::vector<std::string> shmNamespaceSegments();
 
 // Start time of a process (field 22 of /proc/<pid>/stat, in clock ticks since boot), or 0 when
-// the process does not exist. Together with the pid it names one process despite pid reuse.
+// the process does not exist (also when it vanishes while its file is read). Never throws.
 uint64_t processStartTime(pid_t pid);
 
 class ShmSegment {
@@ -49,43 +64,52 @@ class ShmSegment {
   ~ShmSegment();
 
   // Creates a new segment of `bytes` (O_EXCL: an existing one is an error unless `replace`,
-  // which unlinks a leftover first), commits its memory, maps it read-write, zero-filled.
-  static ShmSegment create(const std::string& name, size_t bytes, mode_t mode,
-                           bool replace = false);
-  // Like create(name, bytes, mode, true), but commits no memory: the creator commits the
-  // segment piece by piece with commit() and touches no byte before it is committed.
-  static ShmSegment createUncommitted(const std::string& name, size_t bytes, mode_t mode);
+  // which unlinks a leftover first), maps it read-write, zero-filled; `commitNow` commits all
+  // of its memory (else the creator commits pieces with commit() before touching them).
+  static ShmSegment create(const std::string& name, size_t bytes, mode_t mode, bool replace,
+                           bool commitNow = true);
   // Opens and maps an existing segment whole; its size is taken from fstat and must be at
-  // least minBytes (else ShmCorruptionException). Missing segment: ShmException.
+  // least minBytes (else ShmCorruptionException). Missing: ShmException; no permission:
+  // ShmPermissionException.
   static ShmSegment open(const std::string& name, Access access, size_t minBytes = 0);
-  // Zero-filled private memory of the same shape (detached tables).
+  // Maps an open descriptor (taking it over) whole, `bytes` long.
+  static ShmSegment map(int fd, std::string name, size_t bytes, Access access);
+  // Zero-filled private memory of the same shape (detached stores).
   static ShmSegment anonymous(size_t bytes);
   static bool exists(const std::string& name);
   static void unlink(const std::string& name);
+  // Atomically gives segment `from` the name `to`: when `replace` is false, fails (returns
+  // false) if `to` exists, so that of several processes racing to publish one wins.
+  static bool rename(const std::string& from, const std::string& to, bool replace);
 
   bool valid() const { return data_ != nullptr; }
   std::byte* data() const { return data_; }
   size_t size() const { return size_; }
   const std::string& name() const { return name_; }
   bool named() const { return !name_.empty(); }
+  int fd() const { return fd_; }
+  // The mapping was replaced after the segment shrank under it (see ShmGuard).
+  bool lost() const;
   // Commits [offset, offset + bytes) of a named segment (ShmException when shared memory runs
   // out); nothing to do for anonymous memory.
   void commit(size_t offset, size_t bytes);
-  // Gives the memory of [offset, offset + bytes) back (both page-aligned); it reads as zeros
-  // from then on. False when the segment cannot do that (mapped read-only).
+  // Gives the memory of [offset, offset + bytes) back (page-aligned); it reads as zeros from
+  // then on. False when the segment cannot do that.
   bool decommit(size_t offset, size_t bytes);
   // Bytes of memory the segment holds (tmpfs blocks), for the resident-size figures.
   size_t committedBytes() const;
+  // Keeps the name for this object only (after a rename).
+  void nameIs(std::string name) { name_ = std::move(name); }
+
+  static size_t pageBytes();
 
  private:
-  static ShmSegment make(const std::string& name, size_t bytes, mode_t mode);
-  // Takes ownership of a mapping (and of its descriptor, -1 for an anonymous one).
-  ShmSegment(void* data, size_t size, int fd, std::string name)
-      : data_(static_cast<std::byte*>(data)), size_(size), fd_(fd), name_(std::move(name)) {}
+  ShmSegment(void* data, size_t size, int fd, std::string name);
   void release();
   std::byte* data_ = nullptr;
   size_t size_ = 0;
   int fd_ = -1;
+  uint32_t guard_ = 0xFFFFFFFFu;
   std::string name_;
 };
 

@@ -1,6 +1,8 @@
 #include "platform/shm/ShmStore.h"
 
-#include <signal.h>
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -9,11 +11,18 @@
 #include <climits>
 #include <cstring>
 #include <new>
+#include <optional>
+#include <random>
 
+#include <absl/container/flat_hash_map.h>
+#include <absl/container/flat_hash_set.h>
 #include <fmt/format.h>
 
 #include "platform/Error.h"
 #include "platform/runtime/Futex.h"
+#include "platform/shm/ShmBell.h"
+#include "platform/shm/ShmCollection.h"
+#include "platform/shm/ShmGuard.h"
 
 namespace Oro {
 
@@ -21,53 +30,11 @@ using namespace ShmLayout;
 
 namespace {
 
-// slot + 1 must stay below the all-ones slot field (a tombstone is all ones).
-constexpr uint32_t kMaxSlots = (1u << kMaxSlotBits) - 2;
+std::atomic<ShmFaultHook> gFaultHook{nullptr};
+
 constexpr uint32_t kMinIndexCapacity = 64;
-// The index is rebuilt when live entries plus tombstones pass 4/5 of its capacity; the new
-// generation holds the live entries at load 1/2, or 4/7 once the table is large, which keeps
-// the index below 7 bytes per record while every rebuild still grows it by 1.4x.
-constexpr uint64_t kMaxLoadNum = 4, kMaxLoadDen = 5;
-constexpr uint32_t kLargeTable = 1u << 18;
-constexpr uint32_t kSpinLimit = 1u << 22;
-// Occupied slots whose index homes are computed (and prefetched) before any is placed.
-constexpr uint32_t kBuildBatch = 16;
-// Growth of the index into its next generation starts when the present one is 69/100 full
-// (or its slot field 4/5 used); from then on each write moves at least kMinGrowthStep slots,
-// and more when the room left would not last otherwise. At that rate the slots of a
-// generation filled to a fraction s are all moved after s / (kMinGrowthStep - 1) more keys,
-// so s * 8/7 must stay below the 4/5 limit: 69/100 is the latest start that leaves room for
-// the writes that commit the new generation's memory too. A late start makes each
-// generation cover more growth, so each record is moved into fewer generations.
-constexpr uint64_t kGrowthStartNum = 69, kGrowthStartDen = 100;
-constexpr uint32_t kMinGrowthStep = 8;
-// Memory of the next generation committed per write before its slots are moved.
-constexpr size_t kGrowthCommitStep = 64 * 1024;
-
-uint32_t indexCapacityFor(uint64_t live) {
-  const uint64_t cap = live >= kLargeTable ? live * 7 / 4 : live * 2;
-  return static_cast<uint32_t>(std::clamp<uint64_t>(cap, kMinIndexCapacity, UINT32_MAX - 1));
-}
-
-// Width of the slot field for a generation built while `chunks` chunks exist: room for the
-// next chunk too, so that growing by one chunk does not force a rebuild. The bits above the
-// field tag the entry with the key's hash, so that a probe rarely reads a slot in vain.
-uint32_t slotBitsFor(uint32_t chunks) {
-  const uint64_t slots = slotCapacity(std::min(chunks + 1, kMaxChunks));
-  return std::min<uint32_t>(static_cast<uint32_t>(std::bit_width(slots + 1)), kMaxSlotBits);
-}
-
-bool processAlive(uint64_t owner) {
-  if (owner == 0) return false;
-  const uint32_t pid = ownerPid(owner);
-  if (::kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH) return false;
-  return processStartTime(static_cast<pid_t>(pid)) == ownerStart(owner);
-}
-
-uint64_t myOwnerWord() {
-  const pid_t pid = ::getpid();
-  return ownerWord(static_cast<uint32_t>(pid), processStartTime(pid));
-}
+// Attempts at opening a store while other processes create, replace or take it over.
+constexpr int kOpenAttempts = 64;
 
 void copyName(char* dst, size_t cap, const std::string& s) {
   std::memset(dst, 0, cap);
@@ -78,983 +45,1158 @@ std::string nameOf(const char* field, size_t cap) {
   return std::string(field, strnlen(field, cap));
 }
 
+uint64_t newInstance() {
+  std::random_device rd;
+  uint64_t v = 0;
+  while (v == 0) v = uint64_t{rd()} << 32 | rd();
+  return v;
+}
+
+// Tries to take the store's write lock: an open-file-description lock, held for as long as the
+// descriptor is open, released by the kernel when the process dies, and impossible to take
+// through a read-only descriptor (readers cannot block a writer).
+bool lockWriter(int fd) {
+  struct flock fl {};
+  fl.l_type = F_WRLCK;
+  fl.l_whence = SEEK_SET;
+  for (;;) {
+    if (::fcntl(fd, F_OFD_SETLK, &fl) == 0) return true;
+    if (errno == EINTR) continue;
+    if (errno == EAGAIN || errno == EACCES) return false;
+    throw ShmException(fmt::format("cannot lock a shared memory store: {}", std::strerror(errno)));
+  }
+}
+
+bool lockedByWriter(int fd) {
+  struct flock fl {};
+  fl.l_type = F_WRLCK;
+  fl.l_whence = SEEK_SET;
+  if (::fcntl(fd, F_OFD_GETLK, &fl) != 0) return false;
+  return fl.l_type != F_UNLCK;
+}
+
+bool sameFile(int fd, const std::string& name) {
+  struct stat a {}, b {};
+  if (::fstat(fd, &a) != 0) return false;
+  if (::stat((std::string(kShmDirectory) + name).c_str(), &b) != 0) return false;
+  return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
+struct Geometry {
+  uint32_t ringCap, ringEntryWords, journalWords, journalOffset, ringOffset, bytes;
+};
+
 }  // namespace
 
-bool ShmStore::ownerAlive(uint64_t owner) {
-  return processAlive(owner);
+void shmFaultHookIs(ShmFaultHook hook) {
+  gFaultHook.store(hook, std::memory_order_release);
+}
+
+// ---- blob heap ----------------------------------------------------------------------------
+
+struct ShmStore::Blobs {
+  mutable std::vector<ShmSegment> chunks;
+  // Writer-only: free blocks per class (chunk << 32 | offset), free pages, the carve point.
+  std::vector<uint64_t> freeBlocks[kBlobClasses];
+  std::vector<uint64_t> freePages;
+  uint32_t carveChunk = 0;
+  uint32_t carvePage = 0;
+};
+
+namespace {
+size_t blobChunkBytes(uint32_t chunk) {
+  return size_t{kBlobBaseBytes} << chunk;
+}
+uint32_t blobPages(uint32_t chunk) {
+  return static_cast<uint32_t>(blobChunkBytes(chunk) / kBlobPageBytes);
+}
+uint8_t* blobClassTable(const ShmSegment& seg) {
+  return reinterpret_cast<uint8_t*>(seg.data() + sizeof(BlobChunkHeader));
+}
+uint32_t blobClassOf(uint32_t bytes) {
+  uint32_t cls = 0;
+  while ((kBlobMinBytes << cls) < bytes) ++cls;
+  return cls;
+}
+}  // namespace
+
+BlobRef ShmStore::blobAlloc(std::string_view bytes) {
+  BlobRef ref{0, 0, 0, 0};
+  if (bytes.empty()) return ref;
+  if (bytes.size() > kMaxBlobBytes) {
+    throw ShmException(fmt::format("shared memory store {}: a value of {} bytes exceeds the largest "
+                                   "variable-length part ({} bytes)",
+                                   mountPath_, bytes.size(), kMaxBlobBytes));
+  }
+  Blobs& b = *blobs_;
+  const uint32_t cls = blobClassOf(static_cast<uint32_t>(bytes.size()));
+  const uint32_t block = kBlobMinBytes << cls;
+  if (b.freeBlocks[cls].empty()) {
+    uint64_t page;
+    if (!b.freePages.empty()) {
+      page = b.freePages.back();
+      b.freePages.pop_back();
+    } else {
+      // Carve the next page; a new chunk (twice the last) when the last one is used up.
+      if (b.chunks.empty() || b.carvePage >= blobPages(b.carveChunk)) {
+        const uint32_t n = static_cast<uint32_t>(b.chunks.size());
+        if (n >= kBlobMaxChunks) {
+          throw ShmException(fmt::format("shared memory store {}: the blob heap is full", mountPath_));
+        }
+        ShmSegment seg = makeSegment(fmt::format("b{}", n), blobChunkBytes(n), /*commitNow=*/false);
+        seg.commit(0, kBlobPageBytes);
+        auto* ch = new (seg.data()) BlobChunkHeader();
+        ch->chunk = n;
+        ch->pages = blobPages(n);
+        std::memset(blobClassTable(seg), 0xFF, blobPages(n));
+        ch->magic.store(kBlobMagic, std::memory_order_release);
+        b.chunks.push_back(std::move(seg));
+        hdr_->blobChunkCount.store(n + 1, std::memory_order_release);
+        b.carveChunk = n;
+        b.carvePage = 1;
+      }
+      b.chunks[b.carveChunk].commit(size_t{b.carvePage} * kBlobPageBytes, kBlobPageBytes);
+      page = uint64_t{b.carveChunk} << 32 | b.carvePage;
+      ++b.carvePage;
+    }
+    const uint32_t chunk = static_cast<uint32_t>(page >> 32);
+    const uint32_t pageNo = static_cast<uint32_t>(page);
+    std::atomic_ref<uint8_t>(blobClassTable(b.chunks[chunk])[pageNo])
+        .store(static_cast<uint8_t>(cls), std::memory_order_release);
+    const uint32_t base = pageNo * kBlobPageBytes;
+    for (uint32_t off = kBlobPageBytes; off >= block; off -= block) {
+      b.freeBlocks[cls].push_back(uint64_t{chunk} << 32 | (base + off - block));
+    }
+  }
+  const uint64_t at = b.freeBlocks[cls].back();
+  b.freeBlocks[cls].pop_back();
+  ref.chunk = static_cast<uint32_t>(at >> 32);
+  ref.offset = static_cast<uint32_t>(at);
+  ref.length = static_cast<uint32_t>(bytes.size());
+  auto* dst = reinterpret_cast<uint32_t*>(b.chunks[ref.chunk].data() + ref.offset);
+  const uint32_t wordsNeeded = ShmLayout::words(ref.length);
+  for (uint32_t i = 0; i < wordsNeeded; ++i) {
+    uint32_t w = 0;
+    std::memcpy(&w, bytes.data() + 4 * i, std::min<size_t>(4, bytes.size() - 4 * i));
+    storeWord(dst + i, w);
+  }
+  return ref;
+}
+
+void ShmStore::blobFree(const BlobRef& ref) {
+  if (ref.length == 0) return;
+  blobs_->freeBlocks[blobClassOf(ref.length)].push_back(uint64_t{ref.chunk} << 32 | ref.offset);
+}
+
+void ShmStore::blobRead(const BlobRef& ref, std::string* out) const {
+  out->clear();
+  if (ref.length == 0) return;
+  Blobs& b = *blobs_;
+  const uint32_t chunks = hdr_->blobChunkCount.load(std::memory_order_acquire);
+  if (ref.length > kMaxBlobBytes || ref.chunk >= chunks || ref.chunk >= kBlobMaxChunks) {
+    corrupt(fmt::format("bad blob reference (chunk {}, length {})", ref.chunk, ref.length));
+  }
+  while (b.chunks.size() <= ref.chunk) {
+    const uint32_t n = static_cast<uint32_t>(b.chunks.size());
+    ShmSegment seg = ShmSegment::open(segName(fmt::format("b{}", n)),
+                                      writable_ ? ShmSegment::Access::readWrite
+                                                : ShmSegment::Access::readOnly,
+                                      blobChunkBytes(n));
+    const auto* ch = reinterpret_cast<const BlobChunkHeader*>(seg.data());
+    if (ch->magic.load(std::memory_order_acquire) != kBlobMagic || ch->chunk != n ||
+        ch->pages != blobPages(n)) {
+      corrupt(fmt::format("bad blob chunk {}", n));
+    }
+    b.chunks.push_back(std::move(seg));
+  }
+  const ShmSegment& seg = b.chunks[ref.chunk];
+  const uint32_t page = ref.offset / kBlobPageBytes;
+  if (page == 0 || page >= blobPages(ref.chunk)) corrupt(fmt::format("bad blob offset {}", ref.offset));
+  const uint8_t cls =
+      std::atomic_ref<uint8_t>(blobClassTable(seg)[page]).load(std::memory_order_acquire);
+  if (cls >= kBlobClasses || ref.length > (kBlobMinBytes << cls) ||
+      (ref.offset % kBlobPageBytes) % (kBlobMinBytes << cls) != 0) {
+    corrupt(fmt::format("blob at offset {} does not fit its page", ref.offset));
+  }
+  const auto* src = reinterpret_cast<const uint32_t*>(seg.data() + ref.offset);
+  out->resize(ShmLayout::words(ref.length) * 4);
+  for (uint32_t i = 0; i < ShmLayout::words(ref.length); ++i) {
+    const uint32_t w = loadWord(src + i);
+    std::memcpy(out->data() + 4 * i, &w, 4);
+  }
+  out->resize(ref.length);
+}
+
+// Take-over: every block not referenced by a live record is free again.
+void ShmStore::blobRebuild() {
+  Blobs& b = *blobs_;
+  for (auto& f : b.freeBlocks) f.clear();
+  b.freePages.clear();
+  const uint32_t chunks = hdr_->blobChunkCount.load(std::memory_order_acquire);
+  if (chunks > kBlobMaxChunks) corrupt(fmt::format("{} blob chunks", chunks));
+  if (chunks == 0) return;
+  BlobRef probeRef{chunks - 1, kBlobPageBytes, 1, 0};
+  std::string scratch;
+  blobRead(probeRef, &scratch);  // maps every chunk (the probe itself may read garbage)
+  absl::flat_hash_set<uint64_t> used;
+  uint32_t words[kMaxRecordWords];
+  for (uint32_t c = 0; c < collections(); ++c) {
+    ShmCollection& coll = *colls_[c];
+    if (!coll.blobs()) continue;
+    const uint32_t hw = coll.highWater();
+    for (uint32_t slot = 0; slot < hw; ++slot) {
+      uint32_t seq;
+      if (!coll.readSlot(slot, words, &seq)) continue;
+      BlobRef ref;
+      std::memcpy(&ref, words + coll.recordWords() - kBlobRefWords, sizeof ref);
+      if (ref.length == 0) continue;
+      blobRead(ref, &scratch);  // validates
+      if (!used.insert(uint64_t{ref.chunk} << 32 | ref.offset).second) {
+        corrupt(fmt::format("two records share the blob at {}:{}", ref.chunk, ref.offset));
+      }
+    }
+  }
+  for (uint32_t n = 0; n < chunks; ++n) {
+    const uint8_t* table = blobClassTable(b.chunks[n]);
+    for (uint32_t page = 1; page < blobPages(n); ++page) {
+      const uint8_t cls = table[page];
+      if (cls == 0xFF) {
+        b.freePages.push_back(uint64_t{n} << 32 | page);
+        continue;
+      }
+      if (cls >= kBlobClasses) corrupt(fmt::format("blob page {}:{} has class {}", n, page, cls));
+      const uint32_t block = kBlobMinBytes << cls;
+      for (uint32_t off = kBlobPageBytes; off >= block; off -= block) {
+        const uint64_t at = uint64_t{n} << 32 | (page * kBlobPageBytes + off - block);
+        if (!used.contains(at)) b.freeBlocks[cls].push_back(at);
+      }
+    }
+  }
+  // Pages past the carve point of the last chunk are taken in order; earlier unused pages
+  // were collected above.
+  b.carveChunk = chunks - 1;
+  b.carvePage = blobPages(chunks - 1);
+}
+
+// ---- construction -------------------------------------------------------------------------
+
+ShmStore::ShmStore() = default;
+
+// Members are moved one by one (a defaulted move would do the same), then the collections are
+// told where their store now is.
+ShmStore::ShmStore(ShmStore&& o) noexcept {
+  *this = std::move(o);
+}
+
+ShmStore& ShmStore::operator=(ShmStore&& o) noexcept {
+  if (this == &o) return *this;
+  bell_.reset();
+  colls_.clear();
+  spec_ = std::move(o.spec_);
+  mountPath_ = std::move(o.mountPath_);
+  instance_ = o.instance_;
+  mode_ = o.mode_;
+  writable_ = o.writable_;
+  headerSeg_ = std::move(o.headerSeg_);
+  hdr_ = std::exchange(o.hdr_, nullptr);
+  journal_ = std::exchange(o.journal_, nullptr);
+  ring_ = std::exchange(o.ring_, nullptr);
+  ringCap_ = o.ringCap_;
+  ringEntryWords_ = o.ringEntryWords_;
+  journalWords_ = o.journalWords_;
+  colls_ = std::move(o.colls_);
+  blobs_ = std::move(o.blobs_);
+  bell_ = std::move(o.bell_);
+  lossesSeen_ = o.lossesSeen_;
+  head_ = o.head_;
+  opSeq_ = o.opSeq_;
+  publishNew_ = o.publishNew_;
+  for (auto& c : colls_) c->storeIs(this);
+  return *this;
+}
+ShmStore::~ShmStore() {
+  bell_.reset();
+  colls_.clear();
 }
 
 void ShmStore::corrupt(const std::string& what) const {
-  throw ShmCorruptionException(fmt::format("shared memory table {}/{} is corrupt: {}",
-                                           shape_.mountPath, shape_.collection, what));
+  throw ShmCorruptionException(
+      fmt::format("shared memory store {} is corrupt: {}", mountPath_.empty() ? "(detached)" : mountPath_, what));
+}
+
+void ShmStore::fault(ShmFaultPoint p) const {
+  if (!writable_) return;
+  if (ShmFaultHook h = gFaultHook.load(std::memory_order_acquire)) h(p);
 }
 
 std::string ShmStore::segName(const std::string& suffix) const {
-  return shmSegmentName(shape_.mountPath, shape_.collection, suffix);
+  return shmStoreSegmentName(mountPath_, instance_, suffix);
 }
 
-ShmSegment ShmStore::makeSegment(const std::string& suffix, size_t bytes) const {
+ShmSegment ShmStore::makeSegment(const std::string& suffix, size_t bytes, bool commitNow) const {
   if (!shared()) return ShmSegment::anonymous(bytes);
-  return ShmSegment::create(segName(suffix), bytes, mode_, /*replace=*/true);
+  return ShmSegment::create(segName(suffix), bytes, mode_, /*replace=*/true, commitNow);
 }
 
-void ShmStore::initShape(const Shape& shape) {
-  if (shape.keySize == 0 || shape.keySize > kMaxKeyBytes || shape.valueSize > kMaxRecordBytes) {
-    throw ShmException(fmt::format("record type {} has unsupported sizes (key {}, value {})",
-                                   shape.typeName, shape.keySize, shape.valueSize));
-  }
-  shape_ = shape;
-  keySize_ = shape.keySize;
-  valueSize_ = shape.valueSize;
-  kw_ = words(keySize_);
-  vw_ = words(valueSize_);
-  slotWords_ = 1 + kw_ + vw_;
-}
-
-// ---- creation and opening -------------------------------------------------------------
+uint32_t ShmStore::keyWords(uint32_t c) const { return colls_[c]->keyWords(); }
+uint32_t ShmStore::valueWords(uint32_t c) const { return colls_[c]->valueWords(); }
+bool ShmStore::nested(uint32_t c) const { return colls_[c]->nested(); }
+uint64_t ShmStore::epoch() const { return hdr_->epoch.load(std::memory_order_acquire); }
 
 namespace {
-struct Geometry {
-  uint32_t ringCap, journalOffset, ringOffset, bytes;
+
+void validateSpec(const ShmStoreSpec& spec) {
+  if (spec.collections.empty() || spec.collections.size() > kMaxCollections) {
+    throw ShmException(fmt::format("store {} declares {} collections", spec.rootType, spec.collections.size()));
+  }
+  for (size_t i = 0; i < spec.collections.size(); ++i) {
+    const ShmCollectionSpec& c = spec.collections[i];
+    const uint32_t keyBytes = c.keyBytes + (c.parent != kNoParent ? 4 * kParentRefWords : 0);
+    if (c.name.empty() || c.name.size() >= kCollectionNameBytes || c.typeName.size() >= kTypeNameBytes ||
+        c.keyBytes == 0 || keyBytes > kMaxKeyBytes || c.valueBytes > kMaxValueBytes ||
+        (c.parent != kNoParent && (c.parent >= i || spec.collections[c.parent].kind != kCollEntities))) {
+      throw ShmException(fmt::format("store {}: collection {} has an unsupported shape", spec.rootType, c.name));
+    }
+  }
+}
+
+// Per collection: key words (with the parent reference), value words (with the blob
+// reference), side words and slot words.
+struct CollGeometry {
+  uint32_t keyWords, valueWords, children, childIndex, sideWords, slotWords;
 };
-Geometry geometryOf(uint32_t kw, uint32_t vw, uint32_t ringCapacity) {
-  Geometry g{};
-  g.ringCap = std::bit_ceil(std::clamp<uint32_t>(ringCapacity, 16, kMaxRingCapacity));
-  g.journalOffset = alignUp(sizeof(Header), 64);
-  g.ringOffset = alignUp(g.journalOffset + 4 * (kw + vw), 64);
-  g.bytes = alignUp(g.ringOffset + 4 * kw * g.ringCap, 4096);
+std::vector<CollGeometry> geometryOf(const ShmStoreSpec& spec) {
+  std::vector<CollGeometry> g(spec.collections.size());
+  for (size_t i = 0; i < spec.collections.size(); ++i) {
+    const ShmCollectionSpec& c = spec.collections[i];
+    g[i].keyWords = words(c.keyBytes) + (c.parent != kNoParent ? kParentRefWords : 0);
+    g[i].valueWords = words(c.valueBytes) + (c.blobs ? kBlobRefWords : 0);
+    if (c.parent != kNoParent) g[i].childIndex = g[c.parent].children++;
+  }
+  for (auto& x : g) {
+    x.sideWords = 0;
+    uint32_t body = 1 + x.keyWords + x.valueWords;
+    if (x.children != 0 || false) {
+      body = alignUp(body, 2);
+      x.sideWords = sideWordsFor(x.children);
+    }
+    x.slotWords = body + x.sideWords;
+    if (x.children != 0) x.slotWords = alignUp(x.slotWords, 2);
+  }
+  for (size_t i = 0; i < spec.collections.size(); ++i) {
+    // An entity collection without children still keeps its generation in side words.
+    if (spec.collections[i].kind == kCollEntities && g[i].children == 0) {
+      uint32_t body = alignUp(1 + g[i].keyWords + g[i].valueWords, 2);
+      g[i].sideWords = sideWordsFor(0);
+      g[i].slotWords = body + g[i].sideWords;
+    }
+  }
   return g;
 }
+
+Geometry headerGeometry(const ShmStoreSpec& spec, uint32_t ringCapacity) {
+  const auto cg = geometryOf(spec);
+  Geometry g{};
+  uint32_t maxKey = 0, maxRecord = 0;
+  for (const auto& c : cg) {
+    maxKey = std::max(maxKey, c.keyWords);
+    maxRecord = std::max(maxRecord, c.keyWords + c.valueWords);
+  }
+  g.ringCap = std::bit_ceil(std::clamp<uint32_t>(ringCapacity, kMinRingCapacity, kMaxRingCapacity));
+  g.ringEntryWords = 1 + maxKey;
+  g.journalWords = maxRecord;
+  g.journalOffset = alignUp(sizeof(Header), 64);
+  g.ringOffset = alignUp(g.journalOffset + 4 * g.journalWords, 64);
+  g.bytes = static_cast<uint32_t>(alignUp(g.ringOffset + 4 * g.ringEntryWords * g.ringCap,
+                                          static_cast<uint32_t>(ShmSegment::pageBytes())));
+  return g;
+}
+
 }  // namespace
 
-// Fills a freshly created (zeroed) header segment; the magic is stored by the caller, last.
-void ShmStore::initHeader(ShmSegment seg, const Shape& shape, uint32_t ringCapacity) {
-  const Geometry g = geometryOf(kw_, vw_, ringCapacity);
-  ringCap_ = g.ringCap;
-  headerSeg_ = std::move(seg);
+// Fills a zeroed header segment (already in headerSeg_) for a new store; the magic is stored by
+// the caller, last.
+void ShmStore::build(const ShmStoreSpec& spec, uint32_t ringCapacity, bool shared, uint64_t instance) {
+  validateSpec(spec);
+  spec_ = spec;
+  instance_ = instance;
+  const Geometry g = headerGeometry(spec, ringCapacity);
+  if (!headerSeg_.valid()) headerSeg_ = ShmSegment::anonymous(g.bytes);
+  (void)shared;
   hdr_ = new (headerSeg_.data()) Header();
-  if (shared()) hdr_->owner.store(myOwnerWord(), std::memory_order_relaxed);
   hdr_->layoutVersion = kLayoutVersion;
   hdr_->headerBytes = static_cast<uint32_t>(headerSeg_.size());
-  copyName(hdr_->typeName, kTypeNameBytes, shape.typeName);
-  copyName(hdr_->mountPath, kPathBytes, shape.mountPath);
-  copyName(hdr_->collection, kCollectionBytes, shape.collection);
-  hdr_->keySize = keySize_;
-  hdr_->valueSize = valueSize_;
-  hdr_->keyWords = kw_;
-  hdr_->valueWords = vw_;
-  hdr_->slotBytes = 4 * slotWords_;
-  hdr_->ringCapacity = ringCap_;
-  hdr_->ringEntryBytes = 4 * kw_;
+  hdr_->instance = instance;
+  copyName(hdr_->mountPath, kPathBytes, mountPath_);
+  copyName(hdr_->rootType, kTypeNameBytes, spec.rootType);
+  hdr_->collectionCount = static_cast<uint32_t>(spec.collections.size());
+  hdr_->ringCapacity = g.ringCap;
+  hdr_->ringEntryWords = g.ringEntryWords;
   hdr_->ringOffset = g.ringOffset;
-  hdr_->journalDataOffset = g.journalOffset;
+  hdr_->journalOffset = g.journalOffset;
+  hdr_->journalWords = g.journalWords;
+  hdr_->mode = static_cast<uint32_t>(mode_);
+  hdr_->owner.store(static_cast<uint64_t>(::getpid()), std::memory_order_relaxed);
   hdr_->epoch.store(1, std::memory_order_relaxed);
+  const auto cg = geometryOf(spec);
+  for (size_t i = 0; i < spec.collections.size(); ++i) {
+    const ShmCollectionSpec& c = spec.collections[i];
+    CollectionDesc& d = hdr_->colls[i];
+    copyName(d.name, kCollectionNameBytes, c.name);
+    copyName(d.typeName, kTypeNameBytes, c.typeName);
+    d.keyFingerprint = c.keyFingerprint;
+    d.valueFingerprint = c.valueFingerprint;
+    d.kind = c.kind;
+    d.parent = c.parent;
+    d.childIndex = cg[i].childIndex;
+    d.children = cg[i].children;
+    d.keyBytes = c.keyBytes + (c.parent != kNoParent ? 4 * kParentRefWords : 0);
+    d.valueBytes = c.valueBytes;
+    d.blobs = c.blobs ? 1 : 0;
+    d.keyWords = cg[i].keyWords;
+    d.valueWords = cg[i].valueWords;
+    d.sideWords = cg[i].sideWords;
+    d.slotWords = cg[i].slotWords;
+  }
+  ringCap_ = g.ringCap;
+  ringEntryWords_ = g.ringEntryWords;
+  journalWords_ = g.journalWords;
   journal_ = reinterpret_cast<uint32_t*>(headerSeg_.data() + g.journalOffset);
   ring_ = reinterpret_cast<uint32_t*>(headerSeg_.data() + g.ringOffset);
   writable_ = true;
+  blobs_ = std::make_unique<Blobs>();
+  colls_.clear();
+  for (uint32_t i = 0; i < spec.collections.size(); ++i) {
+    colls_.push_back(std::make_unique<ShmCollection>(*this, i));
+  }
+  for (auto& c : colls_) c->buildIndex(kMinIndexCapacity);
 }
 
-ShmStore ShmStore::detached(const Shape& shape) {
+ShmStore ShmStore::detached(const ShmStoreSpec& spec) {
   ShmStore s;
-  s.initShape(shape);
-  s.initHeader(ShmSegment::anonymous(geometryOf(s.kw_, s.vw_, 16).bytes), shape, 16);
-  s.buildIndex(kMinIndexCapacity);
+  s.build(spec, kMinRingCapacity, /*shared=*/false, 0);
   s.hdr_->magic.store(kMagic, std::memory_order_release);
   return s;
 }
 
-ShmStore ShmStore::openWriter(const Shape& shape, mode_t mode, uint32_t ringCapacity) {
-  shmValidateName(shape.mountPath, shape.collection);
-  ShmStore s;
-  s.initShape(shape);
-  s.mode_ = mode;
-  const std::string name = s.segName("");
-  const Geometry g = geometryOf(s.kw_, s.vw_, ringCapacity);
-  for (int attempt = 0;; ++attempt) {
-    ShmSegment seg;
-    try {
-      // Creating the header segment exclusively elects this process as the table's creator.
-      seg = ShmSegment::create(name, g.bytes, mode);
-    } catch (const ShmException&) {
-      if (!ShmSegment::exists(name)) {
-        if (attempt < 10) continue;
-        throw;
-      }
-      ShmSegment old = ShmSegment::open(name, ShmSegment::Access::readWrite);
-      const auto* h = reinterpret_cast<const Header*>(old.data());
-      if (old.size() < sizeof(Header) || h->magic.load(std::memory_order_acquire) != kMagic) {
-        // Being created by another process right now, or left half-created by a dead one.
-        if (attempt < 200) {
-          ::usleep(1000);
-          continue;
-        }
-        ShmSegment::unlink(name);
-        attempt = 0;
-        continue;
-      }
-      s.attachHeader(std::move(old), shape, /*writable=*/true);
-      s.takeOver(shape);
-      return s;
-    }
-    // A new table: build every segment, then publish the header's magic last.
-    s.initHeader(std::move(seg), shape, ringCapacity);
-    try {
-      s.controlSeg_ = ShmSegment::create(s.segName("rctl"), 4096, mode, /*replace=*/true);
-      s.rctl_ = new (s.controlSeg_.data()) ReaderControl();
-      s.rctl_->magic.store(kControlMagic, std::memory_order_release);
-      s.buildIndex(kMinIndexCapacity);
-    } catch (...) {
-      ShmSegment::unlink(name);
-      throw;
-    }
-    s.hdr_->magic.store(kMagic, std::memory_order_release);
-    return s;
-  }
-}
-
-void ShmStore::attachHeader(ShmSegment seg, const Shape& shape, bool writable) {
-  const auto* h = reinterpret_cast<const Header*>(seg.data());
+void ShmStore::attach(ShmSegment seg, const ShmStoreSpec* spec, bool writable) {
   const size_t bytes = seg.size();
+  const auto* h = reinterpret_cast<const Header*>(seg.data());
   if (bytes < sizeof(Header)) corrupt(fmt::format("header segment holds {} bytes", bytes));
   const uint64_t magic = h->magic.load(std::memory_order_acquire);
-  if (magic == 0) {
-    throw ShmException(fmt::format("shared memory table {}/{} is still being created",
-                                   shape.mountPath, shape.collection));
-  }
+  if (magic == kRetiredMagic) throw ShmException(fmt::format("shared memory store {} was replaced", mountPath_));
   if (magic != kMagic) corrupt("bad magic number in the header");
-  const std::string storedType = nameOf(h->typeName, kTypeNameBytes);
-  if (!shape.typeName.empty() &&
-      (storedType != shape.typeName || h->layoutVersion != kLayoutVersion ||
-       h->keySize != shape.keySize || h->valueSize != shape.valueSize)) {
-    throw ShmException(fmt::format(
-        "shared memory table {}/{} holds records of type {} (layout {}, key {} bytes, value {} "
-        "bytes), not {} (layout {}, key {} bytes, value {} bytes)",
-        shape.mountPath, shape.collection, storedType, h->layoutVersion, h->keySize, h->valueSize,
-        shape.typeName, kLayoutVersion, shape.keySize, shape.valueSize));
-  }
   if (h->layoutVersion != kLayoutVersion) {
-    throw ShmException(fmt::format("shared memory table {}/{} has layout version {}, not {}",
-                                   shape.mountPath, shape.collection, h->layoutVersion,
-                                   kLayoutVersion));
+    throw ShmException(fmt::format(
+        "shared memory store {} has layout version {}, this program reads version {}: it was "
+        "written by another revision",
+        mountPath_, h->layoutVersion, kLayoutVersion));
   }
-  Shape actual = shape;
-  actual.typeName = storedType;
-  actual.keySize = h->keySize;
-  actual.valueSize = h->valueSize;
-  if (h->keySize == 0 || h->keySize > kMaxKeyBytes || h->valueSize > kMaxRecordBytes) {
-    shape_ = shape;
-    corrupt(fmt::format("bad record sizes (key {}, value {})", h->keySize, h->valueSize));
+  const std::string rootType = nameOf(h->rootType, kTypeNameBytes);
+  const uint32_t count = h->collectionCount;
+  if (count == 0 || count > kMaxCollections) corrupt(fmt::format("{} collections", count));
+  // The store's own description of its collections.
+  ShmStoreSpec actual;
+  actual.rootType = rootType;
+  for (uint32_t i = 0; i < count; ++i) {
+    const CollectionDesc& d = h->colls[i];
+    ShmCollectionSpec c;
+    c.name = nameOf(d.name, kCollectionNameBytes);
+    c.typeName = nameOf(d.typeName, kTypeNameBytes);
+    c.keyFingerprint = d.keyFingerprint;
+    c.valueFingerprint = d.valueFingerprint;
+    c.kind = d.kind;
+    c.parent = d.parent;
+    const uint32_t parentBytes = d.parent != kNoParent ? 4 * kParentRefWords : 0;
+    if (d.keyBytes < parentBytes) corrupt(fmt::format("collection {}: key of {} bytes", i, d.keyBytes));
+    c.keyBytes = d.keyBytes - parentBytes;
+    c.valueBytes = d.valueBytes;
+    c.blobs = d.blobs != 0;
+    actual.collections.push_back(c);
   }
-  initShape(actual);
-  const uint32_t ringCap = h->ringCapacity;
-  const uint64_t journalEnd = uint64_t{h->journalDataOffset} + 4ull * (kw_ + vw_);
-  const uint64_t ringEnd = uint64_t{h->ringOffset} + 4ull * kw_ * ringCap;
-  if (h->keyWords != kw_ || h->valueWords != vw_ || h->slotBytes != 4 * slotWords_ ||
-      h->ringEntryBytes != 4 * kw_ || ringCap < 16 || ringCap > kMaxRingCapacity ||
-      !std::has_single_bit(ringCap) || h->journalDataOffset < sizeof(Header) ||
-      h->journalDataOffset % 4 != 0 || h->ringOffset % 4 != 0 || journalEnd > bytes ||
-      h->ringOffset < journalEnd || ringEnd > bytes || h->headerBytes != bytes) {
+  if (spec) {
+    auto describe = [](const ShmStoreSpec& s) {
+      std::string out = s.rootType + " {";
+      for (const auto& c : s.collections) {
+        out += fmt::format(" {}: {} (key {} bytes, value {} bytes, layout {:016x}/{:016x})", c.name,
+                           c.typeName, c.keyBytes, c.valueBytes, c.keyFingerprint, c.valueFingerprint);
+      }
+      return out + " }";
+    };
+    bool same = actual.rootType == spec->rootType && actual.collections.size() == spec->collections.size();
+    for (size_t i = 0; same && i < spec->collections.size(); ++i) {
+      const auto& a = actual.collections[i];
+      const auto& b = spec->collections[i];
+      same = a.name == b.name && a.typeName == b.typeName && a.keyFingerprint == b.keyFingerprint &&
+             a.valueFingerprint == b.valueFingerprint && a.kind == b.kind && a.parent == b.parent &&
+             a.keyBytes == b.keyBytes && a.valueBytes == b.valueBytes && a.blobs == b.blobs;
+    }
+    if (!same) {
+      throw ShmException(fmt::format("shared memory store {} holds {}, not {}", mountPath_,
+                                     describe(actual), describe(*spec)));
+    }
+  }
+  try {
+    validateSpec(actual);
+  } catch (const ShmException& e) {
+    corrupt(e.what());
+  }
+  const Geometry g = headerGeometry(actual, h->ringCapacity);
+  const auto cg = geometryOf(actual);
+  for (uint32_t i = 0; i < count; ++i) {
+    const CollectionDesc& d = h->colls[i];
+    if (d.keyWords != cg[i].keyWords || d.valueWords != cg[i].valueWords ||
+        d.sideWords != cg[i].sideWords || d.slotWords != cg[i].slotWords ||
+        d.children != cg[i].children || d.childIndex != cg[i].childIndex) {
+      corrupt(fmt::format("inconsistent geometry of collection {}", i));
+    }
+  }
+  if (h->ringCapacity != g.ringCap || h->ringEntryWords != g.ringEntryWords ||
+      h->journalWords != g.journalWords || h->journalOffset != g.journalOffset ||
+      h->ringOffset != g.ringOffset || h->headerBytes != bytes || bytes < g.bytes) {
     corrupt("inconsistent header geometry");
   }
-  ringCap_ = ringCap;
+  spec_ = spec ? *spec : actual;
+  instance_ = h->instance;
+  mode_ = static_cast<mode_t>(h->mode & 07777);
   headerSeg_ = std::move(seg);
   hdr_ = reinterpret_cast<Header*>(headerSeg_.data());
-  journal_ = reinterpret_cast<uint32_t*>(headerSeg_.data() + h->journalDataOffset);
-  ring_ = reinterpret_cast<uint32_t*>(headerSeg_.data() + h->ringOffset);
+  ringCap_ = g.ringCap;
+  ringEntryWords_ = g.ringEntryWords;
+  journalWords_ = g.journalWords;
+  journal_ = reinterpret_cast<uint32_t*>(headerSeg_.data() + g.journalOffset);
+  ring_ = reinterpret_cast<uint32_t*>(headerSeg_.data() + g.ringOffset);
   writable_ = writable;
-  controlSeg_ =
-      ShmSegment::open(segName("rctl"), ShmSegment::Access::readWrite, sizeof(ReaderControl));
-  rctl_ = reinterpret_cast<ReaderControl*>(controlSeg_.data());
-  if (rctl_->magic.load(std::memory_order_acquire) != kControlMagic) {
-    corrupt("bad magic number in the reader control segment");
-  }
-  mapChunks();
-  refreshIndex();
+  blobs_ = std::make_unique<Blobs>();
+  colls_.clear();
+  for (uint32_t i = 0; i < count; ++i) colls_.push_back(std::make_unique<ShmCollection>(*this, i));
+  for (auto& c : colls_) c->attach();
+  lossesSeen_ = ShmGuard::losses();
 }
 
-ShmStore ShmStore::openReader(const Shape& shape) {
-  shmValidateName(shape.mountPath, shape.collection);
-  ShmStore s;
-  s.shape_ = shape;
-  ShmSegment seg = ShmSegment::open(shmSegmentName(shape.mountPath, shape.collection),
-                                    ShmSegment::Access::readOnly);
-  s.attachHeader(std::move(seg), shape, /*writable=*/false);
-  return s;
-}
-
-void ShmStore::takeOver(const Shape& shape) {
-  uint64_t owner = hdr_->owner.load(std::memory_order_acquire);
-  const uint64_t me = myOwnerWord();
-  for (;;) {
-    if (owner == me) break;
-    if (processAlive(owner)) {
-      throw ShmException(fmt::format("shared memory table {}/{} already has a live writer (pid {})",
-                                     shape.mountPath, shape.collection, ownerPid(owner)));
+ShmStore ShmStore::openReader(const std::string& mountPath, const ShmStoreSpec* spec) {
+  const std::string name = shmStoreName(mountPath);
+  for (int attempt = 0;; ++attempt) {
+    ShmStore s;
+    s.mountPath_ = mountPath;
+    ShmSegment seg = ShmSegment::open(name, ShmSegment::Access::readOnly, 8);
+    try {
+      s.attach(std::move(seg), spec, /*writable=*/false);
+      return s;
+    } catch (const ShmException& e) {
+      // A writer replaced the store between our open and our read: open the new one.
+      if (attempt < kOpenAttempts && std::string_view(e.what()).find("was replaced") != std::string_view::npos) continue;
+      throw;
     }
-    if (hdr_->owner.compare_exchange_strong(owner, me, std::memory_order_acq_rel)) break;
   }
-  recover();
 }
 
-void ShmStore::releaseOwnership() {
-  if (hdr_ && shared() && writable_) hdr_->owner.store(0, std::memory_order_release);
+ShmStore ShmStore::openWriter(const std::string& mountPath, const ShmStoreSpec& spec, mode_t mode,
+                              uint32_t ringCapacity) {
+  validateSpec(spec);
+  const std::string name = shmStoreName(mountPath);
+  // A new store: every segment is built under this instance's names, the header under a
+  // temporary name, then renamed into place - unless another process got there first.
+  auto create = [&](bool replace) -> std::optional<ShmStore> {
+    ShmStore s;
+    s.mountPath_ = mountPath;
+    s.mode_ = mode;
+    const uint64_t instance = newInstance();
+    s.instance_ = instance;
+    const std::string temp = shmStoreSegmentName(mountPath, instance, "new");
+    try {
+      s.headerSeg_ = ShmSegment::create(temp, headerGeometry(spec, ringCapacity).bytes, mode,
+                                        /*replace=*/true);
+      if (!lockWriter(s.headerSeg_.fd())) throw ShmException("cannot lock a new store");
+      s.build(spec, ringCapacity, /*shared=*/true, instance);
+      s.startBell();
+      s.fault(ShmFaultPoint::creationBuilt);
+      s.hdr_->magic.store(kMagic, std::memory_order_release);
+      if (!ShmSegment::rename(temp, name, replace)) {
+        s.unlinkInstance();
+        return std::nullopt;
+      }
+      s.headerSeg_.nameIs(name);
+    } catch (...) {
+      s.unlinkInstance();
+      throw;
+    }
+    return s;
+  };
+  for (int attempt = 0; attempt < kOpenAttempts; ++attempt) {
+    const int fd = ::shm_open(name.c_str(), O_RDWR | O_CLOEXEC, 0);
+    if (fd < 0) {
+      const int err = errno;
+      if (err == EACCES || err == EPERM) {
+        throw ShmPermissionException(fmt::format("permission denied: cannot open shared memory "
+                                                 "store {} for writing",
+                                                 mountPath));
+      }
+      if (err != ENOENT) {
+        throw ShmException(fmt::format("cannot open shared memory store {}: {}", mountPath,
+                                       std::strerror(err)));
+      }
+      if (std::optional<ShmStore> s = create(/*replace=*/false)) return std::move(*s);
+      continue;  // someone else created it meanwhile
+    }
+    if (!lockWriter(fd)) {
+      uint64_t pid = 0;
+      struct stat st {};
+      if (::fstat(fd, &st) == 0 && static_cast<size_t>(st.st_size) >= sizeof(Header)) {
+        (void)!::pread(fd, &pid, sizeof pid, offsetof(Header, owner));
+      }
+      ::close(fd);
+      throw ShmException(fmt::format("shared memory store {} already has a live writer (pid {})",
+                                     mountPath, pid));
+    }
+    if (!sameFile(fd, name)) {
+      ::close(fd);  // replaced after we opened it: try the one there now
+      continue;
+    }
+    // The store is ours: take it over, or build it anew when it is damaged.
+    ShmStore s;
+    s.mountPath_ = mountPath;
+    s.mode_ = mode;
+    s.fault(ShmFaultPoint::takeOverLocked);
+    struct stat st {};
+    const size_t bytes = ::fstat(fd, &st) == 0 ? static_cast<size_t>(st.st_size) : 0;
+    ShmSegment old;
+    if (bytes >= sizeof(Header)) {
+      old = ShmSegment::map(fd, name, bytes, ShmSegment::Access::readWrite);
+    } else {
+      old = ShmSegment::map(fd, name, 0 + ShmSegment::pageBytes(), ShmSegment::Access::readWrite);
+    }
+    try {
+      if (bytes < sizeof(Header)) s.corrupt(fmt::format("header segment holds {} bytes", bytes));
+      const auto* h = reinterpret_cast<const Header*>(old.data());
+      if (h->magic.load(std::memory_order_acquire) == kMagic &&
+          nameOf(h->rootType, kTypeNameBytes) != spec.rootType) {
+        throw ShmException(fmt::format("shared memory store {} holds a {}, not a {}", mountPath,
+                                       nameOf(h->rootType, kTypeNameBytes), spec.rootType));
+      }
+      ShmSegment header = std::move(old);
+      try {
+        s.attach(std::move(header), &spec, /*writable=*/true);
+        s.writable_ = true;
+        s.recover();
+        s.startBell();
+        s.cleanLeftovers();
+        s.publishControl();
+        return s;
+      } catch (const ShmCorruptionException&) {
+        old = std::move(s.headerSeg_);
+        if (!old.valid()) old = std::move(header);
+        throw;
+      } catch (const ShmPermissionException&) {
+        throw;
+      } catch (const ShmException& e) {
+        // Another revision's layout, a missing segment: the data is ours to republish.
+        if (std::string_view(e.what()).find("holds a ") != std::string_view::npos) throw;
+        old = std::move(s.headerSeg_);
+        if (!old.valid()) old = std::move(header);
+        throw ShmCorruptionException(e.what());
+      }
+    } catch (const ShmCorruptionException&) {
+      // Damaged: a new store replaces it (we keep the old one's lock until it is retired, so
+      // nobody else can take the old one over meanwhile).
+      std::optional<ShmStore> fresh = create(/*replace=*/true);
+      fresh->retire(old);
+      fresh->cleanLeftovers();
+      return std::move(*fresh);
+    }
+  }
+  throw ShmException(fmt::format("cannot open shared memory store {}: it keeps being replaced", mountPath));
 }
 
-// A new writer continues a table: it finishes or undoes the journaled write, rebuilds its
-// bookkeeping from the slots, and advances the epoch so that readers resynchronise.
+void ShmStore::startBell() {
+  if (!shared()) return;
+  try {
+    bell_ = std::make_unique<ShmBellServer>(shmBellPath(instance_), mode_, &hdr_->wakeWord);
+    hdr_->flags.fetch_and(~kFlagBellless, std::memory_order_release);
+  } catch (const ShmException&) {
+    // Without a doorbell every publication wakes the readers: slower, never wrong.
+    bell_.reset();
+    hdr_->flags.fetch_or(kFlagBellless, std::memory_order_release);
+  }
+}
+
+void ShmStore::unlinkInstance() const {
+  if (instance_ == 0) return;
+  const std::string prefix = shmStoreSegmentName(mountPath_, instance_, "").substr(1);
+  for (const std::string& n : shmNamespaceEntries()) {
+    if (n.compare(0, prefix.size(), prefix) == 0) ShmSegment::unlink("/" + n);
+  }
+}
+
+// Marks a replaced header so that readers still mapping it notice, and wakes them.
+void ShmStore::retire(ShmSegment& old) {
+  if (old.valid() && old.size() >= sizeof(Header) && !old.lost()) {
+    auto* h = reinterpret_cast<Header*>(old.data());
+    h->magic.store(kRetiredMagic, std::memory_order_release);
+    h->wakeWord.fetch_add(1, std::memory_order_seq_cst);
+    futexWake(&h->wakeWord, INT_MAX, /*shared=*/true);
+  }
+  old = ShmSegment();
+}
+
+// Removes segments of this store's path that the store does not use: another instance's
+// (replaced or half-created stores) and this instance's that a dead writer left behind.
+void ShmStore::cleanLeftovers() const {
+  const std::string path = shmStoreName(mountPath_).substr(1);
+  const std::string mine = shmStoreSegmentName(mountPath_, instance_, "").substr(1);
+  std::vector<std::string> inUse;
+  for (const auto& c : colls_) c->suffixesInUse(inUse);
+  for (uint32_t n = 0; n < blobs_->chunks.size(); ++n) inUse.push_back(fmt::format("b{}", n));
+  for (const std::string& n : shmNamespaceEntries()) {
+    if (n.size() <= path.size() || n.compare(0, path.size(), path) != 0 || n[path.size()] != '@') continue;
+    if (n.compare(0, mine.size(), mine) == 0) {
+      const std::string suffix = n.substr(mine.size());
+      if (std::find(inUse.begin(), inUse.end(), suffix) != inUse.end() || suffix == "bell") continue;
+    }
+    ::unlink((std::string(kShmDirectory) + "/" + n).c_str());
+  }
+}
+
+// A new writer continues a store: it finishes or undoes the journaled write, rebuilds its
+// bookkeeping from the slots (reclaiming what the dead writer left half done), and advances
+// the epoch so that readers resynchronise.
 void ShmStore::recover() {
   const uint32_t jseq = hdr_->journalSeq.load(std::memory_order_acquire);
   if (jseq & 1) {
     // Died while filling the journal: the slot itself was not touched yet.
     hdr_->journalSeq.store(jseq + 1, std::memory_order_release);
   } else {
+    const uint32_t c = hdr_->journalColl.load(std::memory_order_relaxed);
     const uint32_t slot = hdr_->journalSlot.load(std::memory_order_relaxed);
     const uint32_t oldSeq = hdr_->journalSlotSeq.load(std::memory_order_relaxed);
-    if (slot < highWater()) {
-      uint32_t* s = slotPtr(slot);
+    if (c < colls_.size() && slot < colls_[c]->highWater()) {
+      ShmCollection& coll = *colls_[c];
+      uint32_t* s = coll.slotPtr(slot);
       const uint32_t seq = loadWord(s);
       if ((seq & kSeqWriting) && (seq & ~kSeqWriting) == oldSeq) {
-        if (oldSeq & kSeqOccupied) {
-          std::vector<uint32_t> buf(kw_ + vw_);
-          loadWords(journal_, buf.data(), kw_ + vw_);
-          storeWords(s + 1, buf.data(), kw_ + vw_);
-        }
-        storeWord(s, ((oldSeq & ~3u) + kSeqStep) | (oldSeq & kSeqOccupied),
+        if (oldSeq & kSeqOccupied) storeWords(s + 1, journal_, coll.recordWords());
+        storeWord(s, ((oldSeq & ~kSeqFlags) + kSeqStep) | (oldSeq & kSeqOccupied),
                   std::memory_order_release);
       }
     }
   }
-  freeSlots_.clear();
-  const uint32_t hw = highWater();
-  uint32_t records = 0;
-  for (uint32_t slot = 0; slot < hw; ++slot) {
-    const uint32_t seq = loadWord(slotPtr(slot));
-    if (seq & kSeqWriting) corrupt(fmt::format("slot {} was left half-written", slot));
-    if (seq & kSeqOccupied) {
-      ++records;
-    } else {
-      freeSlots_.push_back(slot);
-    }
-  }
-  std::reverse(freeSlots_.begin(), freeSlots_.end());  // reuse low slots first
-  hdr_->recordCount.store(records, std::memory_order_relaxed);
+  for (auto& c : colls_) c->recover();
+  blobRebuild();
   head_ = hdr_->ringHead.load(std::memory_order_relaxed);
-  buildIndex(indexCapacityFor(records));
+  opSeq_ = hdr_->opSeq.load(std::memory_order_relaxed);
+  if (opSeq_ & 1) ++opSeq_;
+  hdr_->opSeq.store(opSeq_, std::memory_order_release);
+  hdr_->owner.store(static_cast<uint64_t>(::getpid()), std::memory_order_release);
   hdr_->epoch.fetch_add(1, std::memory_order_release);
-  publishControl();
 }
 
-// ---- slots and chunks -----------------------------------------------------------------
-
-uint32_t ShmStore::recordCount() const {
-  const uint32_t n = hdr_->recordCount.load(std::memory_order_acquire);
-  return n;
+// The write lock goes with the header's descriptor, when the store is destroyed.
+void ShmStore::releaseOwnership() {
+  if (!hdr_ || !shared() || !writable_) return;
+  hdr_->owner.store(0, std::memory_order_release);
+  bell_.reset();
 }
 
-uint32_t ShmStore::highWater() const {
-  const uint32_t hw = hdr_->slotHighWater.load(std::memory_order_acquire);
-  const uint32_t chunks = hdr_->chunkCount.load(std::memory_order_acquire);
-  if (chunks > kMaxChunks || hw > slotCapacity(chunks)) {
-    corrupt(fmt::format("{} slots used but {} chunks", hw, chunks));
+void ShmStore::checkIntact() const {
+  if (ShmGuard::losses() == lossesSeen_) return;
+  if (headerSeg_.lost()) corrupt("the header segment was truncated");
+  for (const auto& c : colls_) {
+    if (c->lost()) corrupt(fmt::format("a segment of collection {} was truncated", c->index()));
   }
-  return hw;
+  for (const auto& b : blobs_->chunks) {
+    if (b.lost()) corrupt("a blob segment was truncated");
+  }
+  lossesSeen_ = ShmGuard::losses();
 }
 
-void ShmStore::mapChunks() const {
-  const uint32_t chunks = hdr_->chunkCount.load(std::memory_order_acquire);
-  if (chunks > kMaxChunks) corrupt(fmt::format("chunk count {}", chunks));
-  while (chunks_.size() < chunks) {
-    const uint32_t c = static_cast<uint32_t>(chunks_.size());
-    const size_t bytes = size_t{chunkSlots(c)} * 4 * slotWords_;
-    ShmSegment seg = ShmSegment::open(
-        segName(fmt::format("chunk{}", c)),
-        writable_ ? ShmSegment::Access::readWrite : ShmSegment::Access::readOnly, bytes);
-    uint32_t* base = reinterpret_cast<uint32_t*>(seg.data());
-    chunks_.push_back(Chunk{std::move(seg), base});
-  }
+bool ShmStore::bellless() const {
+  return (hdr_->flags.load(std::memory_order_acquire) & kFlagBellless) != 0;
 }
 
-uint32_t* ShmStore::slotPtrSlow(uint32_t slot) const {
-  const uint32_t c = chunkOf(slot);
-  if (c >= chunks_.size()) {
-    if (shared()) mapChunks();
-    if (c >= chunks_.size()) corrupt(fmt::format("slot {} lies beyond the mapped chunks", slot));
-  }
-  return chunks_[c].base + size_t{slot - chunkFirstSlot(c)} * slotWords_;
+std::string ShmStore::bellPath() const {
+  return shared() ? shmBellPath(instance_) : std::string();
 }
 
-void ShmStore::addChunk() {
-  const uint32_t c = static_cast<uint32_t>(chunks_.size());
-  if (c >= kMaxChunks) {
-    throw ShmException(
-        fmt::format("shared memory table {}/{} is full", shape_.mountPath, shape_.collection));
-  }
-  const size_t bytes = size_t{chunkSlots(c)} * 4 * slotWords_;
-  ShmSegment seg;
-  if (nextChunk_.valid()) {
-    seg = std::move(nextChunk_);
-    nextChunk_ = ShmSegment();
-    try {
-      seg.commit(nextChunkCommitted_, bytes - nextChunkCommitted_);
-    } catch (...) {
-      ShmSegment::unlink(seg.name());
-      throw;
+bool ShmStore::writerAlive() const {
+  if (!shared()) return writable_;
+  if (writable_) return true;
+  return lockedByWriter(headerSeg_.fd());
+}
+
+uint64_t ShmStore::bellWakes() const {
+  return bell_ ? bell_->wakes() : 0;
+}
+
+// ---- operations ---------------------------------------------------------------------------
+
+void ShmStore::beginOp(uint32_t c, uint64_t kind, uint32_t slot) {
+  ++opSeq_;  // odd
+  hdr_->opDesc.store(opDescOf(c, kind, slot), std::memory_order_relaxed);
+  hdr_->opSeq.store(opSeq_, std::memory_order_release);
+}
+
+void ShmStore::endOp() {
+  ++opSeq_;  // even
+  hdr_->opSeq.store(opSeq_, std::memory_order_release);
+}
+
+// The count a word stands for, given the operation in progress: a writer killed mid-operation
+// leaves opSeq odd; a count the operation did not update yet misses its record when the slot
+// already shows the change.
+uint32_t ShmStore::countWithOp(const std::atomic<uint64_t>& word, uint32_t c, uint32_t slot,
+                               uint64_t parent) const {
+  for (int attempt = 0;; ++attempt) {
+    const uint64_t s1 = hdr_->opSeq.load(std::memory_order_acquire);
+    const uint64_t w = word.load(std::memory_order_acquire);
+    const uint64_t d = hdr_->opDesc.load(std::memory_order_acquire);
+    std::atomic_thread_fence(std::memory_order_acquire);
+    if (hdr_->opSeq.load(std::memory_order_acquire) != s1 && attempt < 64) continue;
+    uint32_t n = countOf(w);
+    if (!(s1 & 1) || opColl(d) != c || tagOf(w) == static_cast<uint32_t>(s1 >> 1)) return n;
+    const ShmCollection& coll = *colls_[c];
+    const uint32_t target = opSlot(d);
+    if (target >= coll.highWater() || (slot != kNoSlot && target != slot)) return n;
+    const uint32_t seq = loadWord(coll.slotPtr(target), std::memory_order_acquire);
+    if (parent != 0 && coll.nested()) {
+      uint32_t words[kMaxRecordWords];
+      uint32_t sq;
+      const bool occupied = coll.readSlot(target, words, &sq);
+      // A removed member's words still name its parent; a new one names it once written.
+      if (loadWord64(coll.slotPtr(target) + 1) != parent) return n;
+      (void)occupied;
     }
-  } else {
-    seg = makeSegment(fmt::format("chunk{}", c), bytes);
+    if (opKind(d) == kOpInsert && (seq & kSeqOccupied)) return n + 1;
+    if (opKind(d) == kOpRemove && !(seq & kSeqOccupied)) return n - 1;
+    return n;
   }
-  uint32_t* base = reinterpret_cast<uint32_t*>(seg.data());
-  chunks_.push_back(Chunk{std::move(seg), base});
-  hdr_->chunkCount.store(c + 1, std::memory_order_release);
 }
 
-// Committing a whole chunk at once would stall one write for as long as it takes to commit
-// megabytes; instead the chunk is committed kGrowthCommitStep (or more) per new slot while
-// the last chunk's final slots are used. Readers never see it before chunkCount names it.
-void ShmStore::prepareChunk(uint64_t slotsLeft) {
-  const uint32_t c = static_cast<uint32_t>(chunks_.size());
-  if (c >= kMaxChunks) return;
-  const size_t bytes = size_t{chunkSlots(c)} * 4 * slotWords_;
-  if (!nextChunk_.valid()) {
-    if (slotsLeft > 2 * (bytes / kGrowthCommitStep) + 2) return;
+// Counts live in the header: a lost slot chunk does not make them unreadable.
+uint32_t ShmStore::count(uint32_t c) const {
+  if (headerSeg_.lost()) corrupt("the header segment was truncated");
+  return countWithOp(hdr_->colls[c].count, c, kNoSlot, 0);
+}
+
+uint32_t ShmStore::childCount(uint32_t c, uint64_t parent) const {
+  checkIntact();  // a parent's count lives in its slot
+  const ShmCollection& coll = *colls_[c];
+  const ShmCollection& p = *colls_[coll.parent()];
+  if (!p.alive(parent)) return 0;
+  const uint32_t* word = p.side(refSlot(parent)) + childBlock(coll.childIndex()) + kChildCount;
+  const auto& atom = *reinterpret_cast<const std::atomic<uint64_t>*>(word);
+  const uint32_t n = countWithOp(atom, c, kNoSlot, parent);
+  const bool live = p.alive(parent);
+  checkIntact();
+  return live ? n : 0;
+}
+
+uint32_t ShmStore::childVersion(uint32_t c, uint64_t parent) const {
+  const ShmCollection& coll = *colls_[c];
+  const ShmCollection& p = *colls_[coll.parent()];
+  return loadWord(p.side(refSlot(parent)) + childBlock(coll.childIndex()) + kChildVersion,
+                  std::memory_order_acquire);
+}
+
+namespace {
+// Reads a record and its blob consistently: the slot must not have changed while the blob was
+// copied (a blob is freed only after its record was rewritten or removed).
+template <class Read>
+uint32_t readWithBlob(const ShmStore& store, const ShmCollection& coll, ShmStore::Record* out,
+                      Read&& read) {
+  for (int attempt = 0;; ++attempt) {
+    uint32_t seq = 0;
+    const uint32_t slot = read(out->words, &seq);
+    if (slot == ShmStore::kNoSlot || !coll.blobs()) return slot;
+    BlobRef ref;
+    std::memcpy(&ref, out->words + coll.recordWords() - kBlobRefWords, sizeof ref);
     try {
-      nextChunk_ = ShmSegment::createUncommitted(segName(fmt::format("chunk{}", c)), bytes, mode_);
-    } catch (const ShmException&) {
-      return;  // addChunk tries again when the chunk is needed
-    }
-    nextChunkCommitted_ = 0;
-  }
-  if (nextChunkCommitted_ >= bytes) return;
-  const size_t left = bytes - nextChunkCommitted_;
-  size_t step = std::max<size_t>(kGrowthCommitStep, (left + slotsLeft - 1) / slotsLeft);
-  step = std::min(left, (step + 4095) & ~size_t{4095});
-  try {
-    nextChunk_.commit(nextChunkCommitted_, step);
-    nextChunkCommitted_ += step;
-  } catch (const ShmException&) {
-    ShmSegment::unlink(nextChunk_.name());
-    nextChunk_ = ShmSegment();
-  }
-}
-
-bool ShmStore::readSlot(uint32_t slot, uint32_t* out) const {
-  const uint32_t* s = slotPtr(slot);
-  const uint32_t n = kw_ + vw_;
-  for (uint32_t spin = 0; spin < kSpinLimit; ++spin) {
-    const uint32_t s1 = loadWord(s, std::memory_order_acquire);
-    if (!(s1 & kSeqWriting)) {
-      loadWords(s + 1, out, n);
-      std::atomic_thread_fence(std::memory_order_acquire);
-      if (loadWord(s) == s1) return (s1 & kSeqOccupied) != 0;
+      const_cast<ShmStore&>(store).readBlob(ref, &out->blob);
+    } catch (const ShmCorruptionException&) {
+      if (coll.unchanged(slot, seq) || attempt > 1000) throw;
       continue;
     }
-    // The slot is being written (or its writer died mid-write): the journal holds its
-    // previous content when it names this slot and this sequence.
-    const uint32_t j1 = hdr_->journalSeq.load(std::memory_order_acquire);
-    if (j1 & 1) continue;
-    const uint32_t js = hdr_->journalSlot.load(std::memory_order_relaxed);
-    const uint32_t jseq = hdr_->journalSlotSeq.load(std::memory_order_relaxed);
-    loadWords(journal_, out, n);
-    std::atomic_thread_fence(std::memory_order_acquire);
-    if (hdr_->journalSeq.load(std::memory_order_relaxed) != j1) continue;
-    if (js == slot && jseq == (s1 & ~kSeqWriting) && loadWord(s) == s1) {
-      return (jseq & kSeqOccupied) != 0;
-    }
-  }
-  corrupt(fmt::format("slot {} stays half-written and the journal does not name it", slot));
-}
-
-uint32_t ShmStore::seek(uint32_t from, uint32_t* out) const {
-  const uint32_t hw = highWater();
-  for (uint32_t slot = from; slot < hw; ++slot) {
-    if (readSlot(slot, out)) return slot;
-  }
-  return kNoSlot;
-}
-
-bool ShmStore::keyEquals(uint32_t slot, const uint32_t* keyWords) const {
-  const uint32_t* s = slotPtr(slot) + 1;
-  for (uint32_t i = 0; i < kw_; ++i) {
-    if (loadWord(s + i) != keyWords[i]) return false;
-  }
-  return true;
-}
-
-// ---- index ----------------------------------------------------------------------------
-
-void ShmStore::mapIndex(uint32_t generation) const {
-  ShmSegment seg = ShmSegment::open(segName(fmt::format("index{}", generation)),
-                                    ShmSegment::Access::readOnly, sizeof(IndexHeader));
-  const auto* ih = reinterpret_cast<const IndexHeader*>(seg.data());
-  if (ih->magic.load(std::memory_order_acquire) != kIndexMagic || ih->generation != generation ||
-      ih->capacity < 1 || sizeof(IndexHeader) + 4ull * ih->capacity > seg.size() ||
-      ih->slotBits < 1 || ih->slotBits > kMaxSlotBits) {
-    corrupt(fmt::format("bad index generation {}", generation));
-  }
-  indexCap_ = ih->capacity;
-  indexSlotBits_ = ih->slotBits;
-  index_ = reinterpret_cast<const uint32_t*>(seg.data() + sizeof(IndexHeader));
-  indexGen_ = generation;
-  indexSeg_ = std::move(seg);
-}
-
-void ShmStore::refreshIndex() const {
-  for (int attempt = 0;; ++attempt) {
-    const uint32_t gen = hdr_->indexGeneration.load(std::memory_order_acquire);
-    if (gen == indexGen_ && index_) return;
-    try {
-      mapIndex(gen);
-      return;
-    } catch (const ShmException&) {
-      // The writer may have replaced that generation meanwhile: retry with the newer one.
-      if (attempt > 100 || hdr_->indexGeneration.load(std::memory_order_acquire) == gen) throw;
-    }
+    if (coll.unchanged(slot, seq)) return slot;
+    if (attempt > 1000000) store.corrupt("a record keeps changing while its blob is read");
   }
 }
+}  // namespace
 
-// Writes a new index generation holding every record of the slots, then publishes it.
-void ShmStore::buildIndex(uint32_t capacity) {
-  dropGrowth();
+void ShmStore::readBlob(const BlobRef& ref, std::string* out) const {
+  blobRead(ref, out);
+}
+
+uint32_t ShmStore::find(uint32_t c, const uint32_t* keyWords, Record* out) const {
+  checkIntact();
+  Record scratch;
+  Record* r = out ? out : &scratch;
+  const ShmCollection& coll = *colls_[c];
+  if (coll.nested() && !colls_[coll.parent()]->alive(loadWord64(keyWords))) return kNoSlot;
+  const uint32_t slot = readWithBlob(*this, coll, r, [&](uint32_t* words, uint32_t* seq) {
+    return coll.find(keyWords, words, seq);
+  });
+  // A member whose parent went away meanwhile is gone with it.
+  const bool gone = slot != kNoSlot && coll.nested() && !colls_[coll.parent()]->alive(loadWord64(keyWords));
+  // Whatever was read came from memory that may have been lost while it was read.
+  checkIntact();
+  return gone ? kNoSlot : slot;
+}
+
+uint32_t ShmStore::seek(uint32_t c, uint32_t from, Record* out) const {
+  checkIntact();
+  const ShmCollection& coll = *colls_[c];
+  const uint32_t slot = readWithBlob(*this, coll, out, [&](uint32_t* words, uint32_t* seq) {
+    return coll.seek(from, words, seq);
+  });
+  checkIntact();
+  return slot;
+}
+
+uint32_t ShmStore::seekChild(uint32_t c, uint64_t parent, uint32_t from, Record* out) const {
+  checkIntact();
+  const ShmCollection& coll = *colls_[c];
+  const uint32_t slot = readWithBlob(*this, coll, out, [&](uint32_t* words, uint32_t* seq) {
+    return coll.seekChild(parent, from, words, seq);
+  });
+  const bool gone = slot != kNoSlot && !colls_[coll.parent()]->alive(parent);
+  checkIntact();
+  return gone ? kNoSlot : slot;
+}
+
+bool ShmStore::alive(uint32_t c, uint64_t ref) const {
+  return colls_[c]->alive(ref);
+}
+
+uint64_t ShmStore::refOf(uint32_t c, uint32_t slot) const {
+  return parentRef(slot, loadWord(colls_[c]->side(slot) + kSideGen, std::memory_order_acquire));
+}
+
+bool ShmStore::put(uint32_t c, const uint32_t* words, std::string_view blob, Record* old) {
+  checkIntact();
+  ShmCollection& coll = *colls_[c];
+  uint32_t buf[kMaxRecordWords];
+  const uint32_t* w = words;
+  if (coll.blobs()) {
+    // The new blob is written before the record that refers to it.
+    std::memcpy(buf, words, 4 * coll.recordWords());
+    const BlobRef ref = blobAlloc(blob);
+    std::memcpy(buf + coll.recordWords() - kBlobRefWords, &ref, sizeof ref);
+    w = buf;
+  }
+  uint32_t oldWords[kMaxRecordWords];
+  uint32_t slot;
+  bool added;
   try {
-    beginGrowth(capacity, /*commitNow=*/true);
-    if (!migrateSlots(hdr_->slotHighWater.load(std::memory_order_relaxed))) {
-      corrupt("index overflow while rebuilding");
-    }
+    added = coll.put(w, oldWords, &slot);
   } catch (...) {
-    dropGrowth();
+    if (coll.blobs()) {
+      BlobRef ref;
+      std::memcpy(&ref, buf + coll.recordWords() - kBlobRefWords, sizeof ref);
+      blobFree(ref);
+    }
     throw;
   }
-  publishGrowth();
+  if (!added && coll.blobs()) {
+    BlobRef ref;
+    std::memcpy(&ref, oldWords + coll.recordWords() - kBlobRefWords, sizeof ref);
+    if (old) blobRead(ref, &old->blob);
+    blobFree(ref);  // after the record no longer refers to it
+  }
+  if (!added && old) std::memcpy(old->words, oldWords, 4 * coll.recordWords());
+  checkIntact();
+  return added;
 }
 
-// Entries and slots the present generation can still take before it must be replaced.
-uint64_t ShmStore::growthRoom() const {
-  const uint64_t used = uint64_t{indexLive_} + indexTombstones_;
-  const uint64_t maxUsed = uint64_t{indexCap_} * kMaxLoadNum / kMaxLoadDen;
-  const uint32_t hw = hdr_->slotHighWater.load(std::memory_order_relaxed);
-  const uint64_t loadRoom = maxUsed > used ? maxUsed - used : 0;
-  const uint64_t slotRoom = indexSlotLimit_ > hw ? indexSlotLimit_ - hw : 0;
-  return std::min(loadRoom, slotRoom);
-}
-
-// The next generation is sized for the present records plus every key that can arrive before
-// it is published: no more than the present generation's room, nor than the writes the growth
-// takes (each moves at least kMinGrowthStep - 1 slots net, after the writes that commit).
-void ShmStore::beginGrowth(uint32_t capacity, bool commitNow) {
-  if (capacity == 0) {
-    const uint64_t room = growthRoom();
-    const uint64_t hw = hdr_->slotHighWater.load(std::memory_order_relaxed);
-    const uint64_t commitWrites =
-        (sizeof(IndexHeader) + 4ull * indexCapacityFor(uint64_t{indexLive_} + room + 1)) /
-            kGrowthCommitStep +
-        1;
-    const uint64_t newKeys = std::min(room, commitWrites + hw / (kMinGrowthStep - 1) + 1);
-    capacity = indexCapacityFor(uint64_t{indexLive_} + newKeys + 1);
-  }
-  const uint32_t gen = hdr_->indexGeneration.load(std::memory_order_relaxed) + 1;
-  const size_t bytes = sizeof(IndexHeader) + 4ull * capacity;
-  const std::string suffix = fmt::format("index{}", gen);
-  NextIndex n;
-  if (!shared()) {
-    n.seg = ShmSegment::anonymous(bytes);
-  } else if (commitNow) {
-    n.seg = makeSegment(suffix, bytes);
-  } else {
-    n.seg = ShmSegment::createUncommitted(segName(suffix), bytes, mode_);
-  }
-  n.committed = commitNow || !shared() ? bytes : 0;
-  n.entries = reinterpret_cast<uint32_t*>(n.seg.data() + sizeof(IndexHeader));
-  n.capacity = capacity;
-  n.slotBits = slotBitsFor(static_cast<uint32_t>(chunks_.size()));
-  next_ = std::move(n);
-}
-
-void ShmStore::maybeStartGrowth() {
-  if (uint64_t{indexLive_} + indexTombstones_ < growthStartUsed_ &&
-      hdr_->slotHighWater.load(std::memory_order_relaxed) < growthStartHighWater_) {
-    return;
-  }
-  try {
-    beginGrowth(0, /*commitNow=*/false);
-  } catch (const ShmException&) {
-    // Out of shared memory: the present generation still has room; a later write retries.
-    dropGrowth();
-  }
-}
-
-// One write's share of the growth: first the next generation's memory, then its slots. Each
-// step covers the work left divided by the room left (half the room for the memory), so the
-// growth ends before the present generation runs out of room however fast it fills.
-void ShmStore::advanceGrowth() {
-  const uint64_t room = std::max<uint64_t>(growthRoom(), 2);
-  const size_t size = next_.seg.size();
-  if (next_.committed < size) {
-    const size_t left = size - next_.committed;
-    size_t step = std::max<size_t>(kGrowthCommitStep, (left + room / 2 - 1) / (room / 2));
-    step = std::min(left, (step + 4095) & ~size_t{4095});
-    try {
-      next_.seg.commit(next_.committed, step);
-    } catch (const ShmException&) {
-      dropGrowth();
-      return;
-    }
-    next_.committed += step;
-    return;
-  }
-  const uint32_t hw = hdr_->slotHighWater.load(std::memory_order_relaxed);
-  const uint64_t left = hw - next_.cursor;
-  // + 1: the write itself may take a new slot above the cursor.
-  const uint64_t step = std::max<uint64_t>(kMinGrowthStep, (left + room - 1) / room + 1);
-  if (!migrateSlots(static_cast<uint32_t>(std::min<uint64_t>(hw, next_.cursor + step)))) {
-    dropGrowth();
-    return;
-  }
-  if (next_.cursor >= hw) publishGrowth();
-}
-
-// Completes a running growth within this write (when the present generation is out of room).
-void ShmStore::finishGrowth() {
-  const size_t size = next_.seg.size();
-  if (next_.committed < size) {
-    next_.seg.commit(next_.committed, size - next_.committed);
-    next_.committed = size;
-  }
-  if (!migrateSlots(hdr_->slotHighWater.load(std::memory_order_relaxed))) {
-    dropGrowth();
-    return;
-  }
-  publishGrowth();
-}
-
-void ShmStore::dropGrowth() {
-  if (next_.seg.named()) ShmSegment::unlink(next_.seg.name());
-  next_ = NextIndex{};
-}
-
-// Indexes the occupied slots in [cursor, end) into the next generation. Homes not looked up
-// ahead are computed a batch ahead and prefetched, so the random writes overlap their cache
-// misses. False when the next generation is full (it can then only be dropped).
-bool ShmStore::migrateSlots(uint32_t end) {
-  uint32_t batchSlot[kBuildBatch];
-  uint64_t batchHash[kBuildBatch];
-  uint32_t pending = 0;
-  bool fits = true;
-  auto place = [&] {
-    for (uint32_t i = 0; i < pending && fits; ++i) fits = nextInsert(batchSlot[i], batchHash[i]);
-    pending = 0;
-  };
-  NextIndex& n = next_;
-  const uint32_t begin = n.cursor;
-  for (uint32_t slot = begin; slot < end && fits; ++slot) {
-    const uint32_t* s = slotPtr(slot);
-    const uint32_t seq = loadWord(s);
-    bool hashed = false;
-    uint64_t h = 0;
-    if (n.aheadCount != 0 && n.ahead[n.aheadFirst].slot == slot) {
-      const NextIndex::Ahead& a = n.ahead[n.aheadFirst];
-      hashed = a.seq == seq;
-      h = a.hash;
-      n.aheadFirst = (n.aheadFirst + 1) % kGrowthLookahead;
-      --n.aheadCount;
-    }
-    if (!(seq & kSeqOccupied)) continue;
-    if (!hashed) {
-      uint32_t key[kMaxKeyBytes / 4];
-      loadWords(s + 1, key, kw_);
-      h = hashKey(key);
-      __builtin_prefetch(n.entries + homeOf(h, n.capacity), 1);
-    }
-    batchSlot[pending] = slot;
-    batchHash[pending] = h;
-    if (++pending == kBuildBatch) place();
-  }
-  place();
-  n.cursor = end;
-  migratedThisWrite_ += end - begin;
-  if (fits) lookAhead(end);
-  return fits;
-}
-
-// Hashes the occupied slots of the next kGrowthLookahead above `end` that were not looked at
-// yet and prefetches their home entries for the writes that will move them.
-void ShmStore::lookAhead(uint32_t end) {
-  NextIndex& n = next_;
-  const uint32_t hw = hdr_->slotHighWater.load(std::memory_order_relaxed);
-  const uint32_t stop = std::min(hw, end + kGrowthLookahead);
-  uint32_t slot = std::max(n.aheadEnd, end);
-  for (; slot < stop && n.aheadCount < kGrowthLookahead; ++slot) {
-    const uint32_t* s = slotPtr(slot);
-    const uint32_t seq = loadWord(s);
-    if (!(seq & kSeqOccupied)) continue;
-    uint32_t key[kMaxKeyBytes / 4];
-    loadWords(s + 1, key, kw_);
-    const uint64_t h = hashKey(key);
-    __builtin_prefetch(n.entries + homeOf(h, n.capacity), 1);
-    n.ahead[(n.aheadFirst + n.aheadCount) % kGrowthLookahead] = NextIndex::Ahead{slot, seq, h};
-    ++n.aheadCount;
-  }
-  n.aheadEnd = slot;
-}
-
-// Adds the record of `slot` to the next generation, in the first tombstone or free entry of
-// its probe (the probe runs to a free entry to catch a key held twice).
-bool ShmStore::nextInsert(uint32_t slot, uint64_t h) {
-  const uint32_t cap = next_.capacity;
-  const uint32_t bits = next_.slotBits;
-  uint32_t pos = homeOf(h, cap);
-  uint32_t at = kNoSlot;
-  for (uint32_t probes = 0;; ++probes) {
-    if (probes == cap) return false;
-    const uint32_t e = next_.entries[pos];
-    if (e == 0) break;
-    if (e == kTombstone) {
-      if (at == kNoSlot) at = pos;
-    } else if (tagMatches(e, h, bits) && keyEquals(slotOfEntry(e, bits), slotPtr(slot) + 1)) {
-      corrupt(fmt::format("slots {} and {} hold the same key", slotOfEntry(e, bits), slot));
-    }
-    if (++pos == cap) pos = 0;
-  }
-  if (at == kNoSlot) {
-    if (uint64_t{next_.used + 1} * kMaxLoadDen > uint64_t{cap} * kMaxLoadNum) return false;
-    at = pos;
-    ++next_.used;
-  }
-  next_.entries[at] = entryOf(slot, h, bits);
-  ++next_.live;
-  return true;
-}
-
-void ShmStore::nextRemove(uint32_t slot, uint64_t h) {
-  const uint32_t cap = next_.capacity;
-  const uint32_t want = entryOf(slot, h, next_.slotBits);
-  uint32_t pos = homeOf(h, cap);
-  for (uint32_t probes = 0; probes < cap; ++probes) {
-    const uint32_t e = next_.entries[pos];
-    if (e == want) {
-      next_.entries[pos] = kTombstone;
-      --next_.live;
-      return;
-    }
-    if (e == 0) break;
-    if (++pos == cap) pos = 0;
-  }
-  corrupt(fmt::format("slot {} is missing from the index generation being built", slot));
-}
-
-// The next generation is complete: its header goes in, readers are told its number, and the
-// old generation's name is removed (readers that still map it keep it until they re-map).
-void ShmStore::publishGrowth() {
-  NextIndex n = std::move(next_);
-  next_ = NextIndex{};
-  const uint32_t gen = hdr_->indexGeneration.load(std::memory_order_relaxed) + 1;
-  auto* ih = new (n.seg.data()) IndexHeader();
-  ih->generation = gen;
-  ih->capacity = n.capacity;
-  ih->slotBits = n.slotBits;
-  ih->magic.store(kIndexMagic, std::memory_order_release);
-  retired_ = std::move(indexSeg_);  // frees a generation still being released, at once
-  retiredLeft_ = retired_.size() & ~size_t{4095};
-  indexSeg_ = std::move(n.seg);
-  index_ = n.entries;
-  indexCap_ = n.capacity;
-  indexGen_ = gen;
-  indexSlotBits_ = n.slotBits;
-  indexLive_ = n.live;
-  indexTombstones_ = n.used - n.live;
-  indexSlotLimit_ = std::min((1u << n.slotBits) - 2, kMaxSlots);
-  growthStartUsed_ = uint64_t{n.capacity} * kGrowthStartNum / kGrowthStartDen;
-  growthStartHighWater_ = indexSlotLimit_ / 5 * 4;
-  ++generationsPublished_;
-  hdr_->indexGeneration.store(gen, std::memory_order_release);
-  // Readers still on the old generation find its entries zeroed once released, and then the
-  // new generation number, so they retry there.
-  if (retired_.named()) ShmSegment::unlink(retired_.name());
-}
-
-// Gives back the replaced generation's memory from its end, kGrowthCommitStep per write; the
-// segment is unmapped when nothing is left (or at once when it cannot be released in parts).
-void ShmStore::releaseRetired() {
-  const size_t step = std::min(retiredLeft_, kGrowthCommitStep);
-  if (retiredLeft_ > step && retired_.decommit(retiredLeft_ - step, step)) {
-    retiredLeft_ -= step;
-    return;
-  }
-  retired_ = ShmSegment();
-  retiredLeft_ = 0;
-}
-
-ShmStore::IndexGrowth ShmStore::indexGrowth() const {
-  IndexGrowth g;
-  g.migrating = next_.capacity != 0;
-  g.cursor = next_.cursor;
-  g.nextCapacity = next_.capacity;
-  g.maxSlotsPerWrite = maxMigratedPerWrite_;
-  g.generationsPublished = generationsPublished_;
-  return g;
-}
-
-uint32_t ShmStore::find(const uint32_t* keyWords, uint32_t* out) const {
-  const uint64_t h = hashKey(keyWords);
-  uint32_t scratch[kMaxKeyBytes / 4 + kMaxRecordBytes / 4];
-  if (writable_) {
-    uint32_t slot;
-    uint32_t insertAt;
-    if (probe(h, keyWords, &slot, &insertAt) == kNoSlot) return kNoSlot;
-    if (out) loadWords(slotPtr(slot) + 1, out, kw_ + vw_);
-    return slot;
-  }
-  for (;;) {
-    refreshIndex();
-    const uint32_t gen = indexGen_;
-    const uint32_t cap = indexCap_;
-    uint32_t pos = homeOf(h, cap);
-    uint32_t found = kNoSlot;
-    bool ended = false;  // met a free entry or the key
-    for (uint32_t probes = 0; probes < cap; ++probes) {
-      const uint32_t e = loadWord(index_ + pos);
-      if (e == 0) {
-        ended = true;
-        break;
+void ShmStore::removeMembers(uint32_t c, uint64_t ref) {
+  for (uint32_t cc = 0; cc < collections(); ++cc) {
+    ShmCollection& child = *colls_[cc];
+    if (child.parent() != c) continue;
+    child.reclaimMembers(ref, [&](uint32_t slot, const uint32_t* words) {
+      if (child.entity()) removeMembers(cc, refOf(cc, slot));
+      if (child.blobs()) {
+        BlobRef br;
+        std::memcpy(&br, words + child.recordWords() - kBlobRefWords, sizeof br);
+        blobFree(br);
       }
-      if (e != kTombstone && tagMatches(e, h)) {
-        const uint32_t slot = slotOfEntry(e);
-        if (slot >= kMaxSlots) corrupt(fmt::format("index entry names slot {}", slot));
-        uint32_t* buf = out ? out : scratch;
-        if (readSlot(slot, buf) && std::equal(buf, buf + kw_, keyWords)) {
-          found = slot;
-          ended = true;
-          break;
-        }
-      }
-      if (++pos == cap) pos = 0;
-    }
-    // The entries were read before the generation is checked again: a generation replaced
-    // meanwhile may have been zeroed while it was read.
-    std::atomic_thread_fence(std::memory_order_acquire);
-    if (hdr_->indexGeneration.load(std::memory_order_acquire) != gen) continue;
-    // A sound index always has free entries (its load stays below 4/5).
-    if (!ended) noFreeEntry();
-    return found;
+    });
   }
 }
 
-// ---- writing --------------------------------------------------------------------------
-
-uint32_t ShmStore::probe(uint64_t h, const uint32_t* keyWords, uint32_t* slot,
-                         uint32_t* insertAt) const {
-  const uint32_t cap = indexCap_;
-  uint32_t pos = homeOf(h, cap);
-  *insertAt = kNoSlot;
-  for (uint32_t probes = 0; probes < cap; ++probes) {
-    const uint32_t e = index_[pos];
-    if (e == 0) {
-      if (*insertAt == kNoSlot) *insertAt = pos;
-      return kNoSlot;
-    }
-    if (e == kTombstone) {
-      if (*insertAt == kNoSlot) *insertAt = pos;
-    } else if (tagMatches(e, h)) {
-      const uint32_t s = slotOfEntry(e);
-      if (s >= kMaxSlots) corrupt(fmt::format("index entry names slot {}", s));
-      if (keyEquals(s, keyWords)) {
-        *slot = s;
-        return pos;
-      }
-    }
-    if (++pos == cap) pos = 0;
-  }
-  noFreeEntry();
-}
-
-void ShmStore::noFreeEntry() const {
-  corrupt(fmt::format("index generation {} has no free entry", indexGen_));
-}
-
-uint32_t ShmStore::allocSlot() {
-  if (!freeSlots_.empty()) {
-    const uint32_t slot = freeSlots_.back();
-    freeSlots_.pop_back();
-    return slot;
-  }
-  const uint32_t hw = hdr_->slotHighWater.load(std::memory_order_relaxed);
-  if (hw >= kMaxSlots) {
-    throw ShmException(
-        fmt::format("shared memory table {}/{} is full", shape_.mountPath, shape_.collection));
-  }
-  const uint64_t capacity = slotCapacity(static_cast<uint32_t>(chunks_.size()));
-  if (hw >= capacity) {
-    addChunk();
-  } else if (shared()) {
-    prepareChunk(capacity - hw);
-  }
-  hdr_->slotHighWater.store(hw + 1, std::memory_order_release);
-  return hw;
-}
-
-// A free slot holds no record, so readers ignore its words: they are written first and the
-// slot is then marked occupied in one release store. A writer killed in between leaves a free
-// slot; no journal is needed.
-void ShmStore::fillFreeSlot(uint32_t slot, const uint32_t* words) {
-  uint32_t* s = slotPtr(slot);
-  const uint32_t old = loadWord(s);
-  storeWords(s + 1, words, kw_ + vw_);
-  storeWord(s, ((old & ~3u) + kSeqStep) | kSeqOccupied, std::memory_order_release);
-}
-
-// Emptying a slot is one store: its words stay as they were and are ignored from then on.
-void ShmStore::freeSlot(uint32_t slot) {
-  uint32_t* s = slotPtr(slot);
-  storeWord(s, (loadWord(s) & ~3u) + kSeqStep, std::memory_order_release);
-}
-
-// Rewrites an occupied slot: its present content goes to the journal first (under the
-// journal's own sequence lock), then the slot is written under its sequence lock.
-void ShmStore::rewriteSlot(uint32_t slot, const uint32_t* words) {
-  uint32_t* s = slotPtr(slot);
-  const uint32_t old = loadWord(s);
-  const uint32_t n = kw_ + vw_;
-  if (!shared()) {
-    // Process memory: no other process reads it and nothing survives this one, so a reader
-    // (another thread) only needs the sequence lock; it waits while the writing bit is set.
-    storeWord(s, old | kSeqWriting);
-    std::atomic_thread_fence(std::memory_order_release);
-    storeWords(s + 1, words, n);
-    storeWord(s, ((old & ~3u) + kSeqStep) | kSeqOccupied, std::memory_order_release);
-    return;
-  }
-  const uint32_t j = hdr_->journalSeq.load(std::memory_order_relaxed);
-  hdr_->journalSeq.store(j + 1, std::memory_order_relaxed);
-  std::atomic_thread_fence(std::memory_order_release);
-  hdr_->journalSlot.store(slot, std::memory_order_relaxed);
-  hdr_->journalSlotSeq.store(old, std::memory_order_relaxed);
-  for (uint32_t i = 0; i < n; ++i) storeWord(journal_ + i, loadWord(s + 1 + i));
-  hdr_->journalSeq.store(j + 2, std::memory_order_release);
-  storeWord(s, old | kSeqWriting);
-  std::atomic_thread_fence(std::memory_order_release);
-  storeWords(s + 1, words, n);
-  storeWord(s, ((old & ~3u) + kSeqStep) | kSeqOccupied, std::memory_order_release);
-}
-
-bool ShmStore::put(const uint32_t* words, uint32_t* oldWords) {
-  migratedThisWrite_ = 0;
-  // The key's index line is fetched while this write's share of the growth runs: the probe
-  // is the one cache miss every write pays, and the growth step hides most of it.
-  const uint64_t h = hashKey(words);
-  __builtin_prefetch(index_ + homeOf(h, indexCap_));
-  if (next_.capacity != 0) advanceGrowth();
-  if (retired_.valid()) releaseRetired();
+bool ShmStore::remove(uint32_t c, const uint32_t* keyWords, Record* old) {
+  checkIntact();
+  ShmCollection& coll = *colls_[c];
+  uint32_t oldWords[kMaxRecordWords];
   uint32_t slot;
-  uint32_t insertAt;
-  if (probe(h, words, &slot, &insertAt) != kNoSlot) {
-    if (oldWords) loadWords(slotPtr(slot) + 1, oldWords, kw_ + vw_);
-    rewriteSlot(slot, words);
-    growthStepDone();
-    return false;
+  if (!coll.remove(keyWords, oldWords, &slot)) return false;
+  // Within the removal's operation: an entity's members go after the entity itself.
+  if (coll.entity()) {
+    fault(ShmFaultPoint::entityRemoved);
+    removeMembers(c, refOf(c, slot));
   }
-  // A new key. Make room first, so that a failure (out of memory) changes nothing.
-  if (next_.capacity == 0) maybeStartGrowth();
-  auto fits = [&] {
-    const bool reuse = insertAt != kNoSlot && index_[insertAt] == kTombstone;
-    const uint32_t nextSlot = freeSlots_.empty()
-                                  ? hdr_->slotHighWater.load(std::memory_order_relaxed)
-                                  : freeSlots_.back();
-    return insertAt != kNoSlot && nextSlot < indexSlotLimit_ &&
-           (uint64_t{indexLive_} + indexTombstones_ + (reuse ? 0 : 1)) * kMaxLoadDen <=
-               uint64_t{indexCap_} * kMaxLoadNum;
-  };
-  if (!fits()) {
-    // Growth did not keep up (or never started): complete it now, else rebuild at once.
-    if (next_.capacity != 0) {
-      finishGrowth();
-      probe(h, words, &slot, &insertAt);
-    }
-    if (!fits()) {
-      buildIndex(indexCapacityFor(uint64_t{indexLive_} + 1));
-      // The key is absent: its place is the first free position of its probe.
-      insertAt = homeOf(h, indexCap_);
-      while (index_[insertAt] != 0) {
-        if (++insertAt == indexCap_) insertAt = 0;
-      }
-    }
+  endOp();
+  if (coll.blobs()) {
+    BlobRef ref;
+    std::memcpy(&ref, oldWords + coll.recordWords() - kBlobRefWords, sizeof ref);
+    if (old) blobRead(ref, &old->blob);
+    blobFree(ref);
   }
-  const bool reuseTombstone = index_[insertAt] == kTombstone;
-  slot = allocSlot();
-  fillFreeSlot(slot, words);
-  if (reuseTombstone) --indexTombstones_;
-  storeWord(const_cast<uint32_t*>(index_) + insertAt, entryOf(slot, h), std::memory_order_release);
-  ++indexLive_;
-  // A slot below the cursor was already passed by the growth: mirror the record into it.
-  if (next_.capacity != 0 && slot < next_.cursor && !nextInsert(slot, h)) dropGrowth();
-  growthStepDone();
-  hdr_->recordCount.store(hdr_->recordCount.load(std::memory_order_relaxed) + 1,
-                          std::memory_order_release);
+  if (old) std::memcpy(old->words, oldWords, 4 * coll.recordWords());
+  checkIntact();
   return true;
 }
 
-bool ShmStore::remove(const uint32_t* keyWords, uint32_t* oldWords) {
-  migratedThisWrite_ = 0;
-  const uint64_t h = hashKey(keyWords);
-  __builtin_prefetch(index_ + homeOf(h, indexCap_));
-  if (next_.capacity != 0) advanceGrowth();
-  if (retired_.valid()) releaseRetired();
-  uint32_t slot;
-  uint32_t insertAt;
-  const uint32_t pos = probe(h, keyWords, &slot, &insertAt);
-  if (pos == kNoSlot) {
-    growthStepDone();
-    return false;
-  }
-  if (oldWords) loadWords(slotPtr(slot) + 1, oldWords, kw_ + vw_);
-  freeSlot(slot);
-  storeWord(const_cast<uint32_t*>(index_) + pos, kTombstone, std::memory_order_release);
-  --indexLive_;
-  ++indexTombstones_;
-  if (next_.capacity != 0 && slot < next_.cursor) nextRemove(slot, h);
-  growthStepDone();
-  freeSlots_.push_back(slot);
-  hdr_->recordCount.store(hdr_->recordCount.load(std::memory_order_relaxed) - 1,
-                          std::memory_order_release);
-  return true;
+void ShmStore::reserve(uint32_t c, uint32_t records) {
+  colls_[c]->reserve(records);
 }
 
-// ---- change log and wake-up -----------------------------------------------------------
+// ---- change log and wake-up ---------------------------------------------------------------
 
-void ShmStore::publishKey(const uint32_t* keyWords) {
-  uint32_t* e = ring_ + size_t(head_ & (ringCap_ - 1)) * kw_;
+void ShmStore::publishKey(uint32_t c, const uint32_t* keyWords) {
+  uint32_t* e = ring_ + size_t(head_ & (ringCap_ - 1)) * ringEntryWords_;
   // Orders the previous head store before the entry's words: a reader that sees a torn entry
   // then also sees a head that invalidates it.
   std::atomic_thread_fence(std::memory_order_release);
-  storeWords(e, keyWords, kw_);
+  storeWord(e, c);
+  storeWords(e + 1, keyWords, colls_[c]->keyWords());
   ++head_;
   hdr_->ringHead.store(head_, std::memory_order_release);
+  fault(ShmFaultPoint::logAppended);
   publishControl();
 }
 
 void ShmStore::publishControl() {
-  // Pairs with the sleeper's increment of `sleepers` followed by its load of the wake word:
-  // both sides use sequentially consistent operations, so either the sleeper reads the new
-  // wake word (and, through it, everything published before) or this load sees the sleeper.
-  // The read-modify-write doubles as the full barrier, cheaper than a separate fence.
-  hdr_->wakeWord.fetch_add(1, std::memory_order_seq_cst);
-  if (rctl_ && rctl_->sleepers.load(std::memory_order_seq_cst) != 0) {
+  // Pairs with the doorbell: the writer advances the wake word and then reads the pending
+  // registration; the watcher records a registration and then reads the wake word (both
+  // sequentially consistent), so a sleeper is woken by one side or the other.
+  const uint32_t now = hdr_->wakeWord.fetch_add(1, std::memory_order_seq_cst) + 1;
+  if (bell_) {
+    bell_->afterPublish(now);
+  } else if (shared()) {
     futexWake(&hdr_->wakeWord, INT_MAX, /*shared=*/true);
   }
+}
+
+void ShmStore::mountStatusIs(uint32_t status) {
+  hdr_->mountStatus.store(status, std::memory_order_release);
+  publishControl();
+}
+
+void ShmStore::quiescedIs(bool quiesced) {
+  hdr_->quiesced.store(quiesced ? 1 : 0, std::memory_order_release);
+  publishControl();
 }
 
 uint64_t ShmStore::ringHead() const {
   return hdr_->ringHead.load(std::memory_order_seq_cst);
 }
 
-void ShmStore::readRingEntry(uint64_t pos, uint32_t* keyWords) const {
-  loadWords(ring_ + size_t(pos & (ringCap_ - 1)) * kw_, keyWords, kw_);
+uint32_t ShmStore::readRingEntry(uint64_t pos, uint32_t* keyWords) const {
+  const uint32_t* e = ring_ + size_t(pos & (ringCap_ - 1)) * ringEntryWords_;
+  const uint32_t c = loadWord(e);
+  if (c >= colls_.size()) return kNoSlot;
+  loadWords(e + 1, keyWords, colls_[c]->keyWords());
+  return c;
+}
+
+// ---- counters, introspection ------------------------------------------------------------
+
+std::atomic<uint64_t>* ShmStore::counterSlot(uint32_t index, std::string_view name) {
+  if (!writable_ || !shared() || index >= kCounters) return nullptr;
+  CounterCell& cell = hdr_->counters[index];
+  // The name is written under the cell's sequence lock: a tool never prints a torn name.
+  const uint32_t seq = cell.seq.load(std::memory_order_relaxed);
+  cell.seq.store(seq | 1, std::memory_order_relaxed);
+  std::atomic_thread_fence(std::memory_order_release);
+  char name0[kCounterNameBytes] = {};
+  std::memcpy(name0, name.data(), std::min<size_t>(name.size(), kCounterNameBytes - 1));
+  auto* dst = reinterpret_cast<uint32_t*>(cell.name);
+  for (uint32_t i = 0; i < kCounterNameBytes / 4; ++i) {
+    uint32_t w;
+    std::memcpy(&w, name0 + 4 * i, 4);
+    storeWord(dst + i, w);
+  }
+  cell.seq.store((seq | 1) + 1, std::memory_order_release);
+  return &cell.value;
 }
 
 size_t ShmStore::committedBytes() const {
-  size_t total = headerSeg_.committedBytes() + controlSeg_.committedBytes() +
-                 indexSeg_.committedBytes() + next_.seg.committedBytes() +
-                 nextChunk_.committedBytes() + retired_.committedBytes();
-  for (const Chunk& c : chunks_) total += c.seg.committedBytes();
+  size_t total = headerSeg_.committedBytes();
+  for (const auto& c : colls_) total += c->committedBytes();
+  for (const auto& b : blobs_->chunks) total += b.committedBytes();
   return total;
+}
+
+ShmStore::IndexGrowth ShmStore::indexGrowth(uint32_t c) const {
+  IndexGrowth g;
+  g.migrating = colls_[c]->migrating();
+  g.maxSlotsPerWrite = colls_[c]->maxSlotsPerWrite();
+  g.generationsPublished = colls_[c]->generationsPublished();
+  return g;
+}
+
+// ---- copies -------------------------------------------------------------------------------
+
+uint64_t ShmStore::copyEntity(const ShmStore& from, uint32_t c, uint64_t ref, uint64_t parent,
+                              const EntityFn& onEntity) {
+  const ShmCollection& src = *from.colls_[c];
+  const uint32_t slot = refSlot(ref);
+  Record rec;
+  uint32_t seq;
+  if (!src.readSlot(slot, rec.words, &seq)) return 0;
+  if (src.blobs()) {
+    BlobRef br;
+    std::memcpy(&br, rec.words + src.recordWords() - kBlobRefWords, sizeof br);
+    from.blobRead(br, &rec.blob);
+  }
+  if (src.nested()) {
+    rec.words[0] = refSlot(parent);
+    rec.words[1] = refGen(parent);
+  }
+  put(c, rec.words, rec.blob);
+  publishNew_ ? publishKey(c, rec.words) : void();
+  Record found;
+  const uint32_t newSlot = colls_[c]->findWriter(rec.words);
+  const uint64_t newRef = src.entity() ? refOf(c, newSlot) : 0;
+  (void)found;
+  if (src.entity()) {
+    if (onEntity) onEntity(c, ref, newRef);
+    for (uint32_t cc = 0; cc < from.collections(); ++cc) {
+      if (from.colls_[cc]->parent() != c) continue;
+      Record member;
+      for (uint32_t m = from.seekChild(cc, ref, kNoSlot, &member); m != kNoSlot;
+           m = from.seekChild(cc, ref, m + 1, &member)) {
+        if (from.colls_[cc]->entity()) {
+          copyEntity(from, cc, from.refOf(cc, m), newRef, onEntity);
+        } else {
+          member.words[0] = refSlot(newRef);
+          member.words[1] = refGen(newRef);
+          put(cc, member.words, member.blob);
+          if (publishNew_) publishKey(cc, member.words);
+        }
+      }
+    }
+  }
+  return newRef;
+}
+
+void ShmStore::copyFrom(const ShmStore& from, bool announce, const EntityFn& onEntity) {
+  publishNew_ = announce;
+  // Room first, so that a failure for lack of shared memory comes before any change.
+  for (uint32_t c = 0; c < from.collections(); ++c) {
+    if (!from.colls_[c]->nested()) reserve(c, from.count(c));
+  }
+  Record rec;
+  for (uint32_t c = 0; c < from.collections(); ++c) {
+    if (from.colls_[c]->nested()) continue;
+    for (uint32_t slot = from.seek(c, 0, &rec); slot != kNoSlot; slot = from.seek(c, slot + 1, &rec)) {
+      if (from.colls_[c]->entity()) {
+        copyEntity(from, c, from.refOf(c, slot), 0, onEntity);
+      } else {
+        put(c, rec.words, rec.blob);
+        if (announce) publishKey(c, rec.words);
+      }
+    }
+  }
+  publishNew_ = false;
 }
 
 }  // namespace Oro

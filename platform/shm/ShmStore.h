@@ -1,24 +1,33 @@
-// The storage engine of one shared-memory table: header, slot chunks, index generations and
-// reader control, in shared segments (or anonymous memory for a detached table). It stores
-// records as key and value word images; ShmTableCore gives them types and roles.
+// The storage engine of one shared-memory store: one writer's keyed collections under one
+// mount path (see ShmLayout.h for the bytes). Records are key and value images (words); the
+// typed layers above give them types. A store works the same in process memory (detached:
+// filled before it is mounted, or kept after it is unmounted) and in named shared segments.
+//
+// Thread safety and roles: a writer (or a detached store) is used by one thread; readers in any
+// process read concurrently and never write shared memory. REQUIRES writer role (or detached)
+// for every mutator; readers get ShmCorruptionException from whatever damaged data they meet.
 //
 // Invariants:
-//  - exactly one writer mutates a shared store (its owner word names it); readers map the data
-//    segments read-only and never lock;
+//  - one writer per store at any time: the writer holds an OFD write lock on the header file
+//    for as long as it lives (released by the kernel when it dies, kept while it is stopped);
+//    readers open the files read-only and cannot take it;
 //  - a writer killed at any instant leaves every slot readable as a whole record: a free slot
-//    is filled before it is marked occupied, and the rewrite of an occupied slot is journaled
-//    in the header first (the half-written slot's old content is in the journal);
-//  - every number read from shared memory is bounds-checked before use; bad data raises
-//    ShmCorruptionException, never an out-of-bounds access;
-//  - the index grows without stopping the writer: the next generation is filled a few slots
-//    per write (slots below its cursor are in it, and the writer mirrors their changes into
-//    it) and published only once complete, so readers and lookups always use a complete one.
+//    is filled before it is marked occupied, an occupied slot is journaled before it is
+//    rewritten, and a record's blob is written before the record and freed after it;
+//  - walks, lookups and counts agree at every instant: the operation words in the header say
+//    which slot the writer's current operation touches and whether each count includes it;
+//  - nested members are reachable only through their parent: a member whose parent is gone
+//    is absent, whatever is left in its slot;
+//  - every number read from shared memory is bounds-checked before use.
 #pragma once
 
 #include <sys/types.h>
 
 #include <cstdint>
+#include <functional>
+#include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "platform/shm/ShmLayout.h"
@@ -26,238 +35,225 @@
 
 namespace Oro {
 
+class ShmBellServer;
+class ShmCollection;
+
+struct ShmCollectionSpec {
+  std::string name;      // e.g. "mvpnVrf"
+  std::string typeName;  // the record type, e.g. "Routing::Multicast::MvpnVrf"
+  uint64_t keyFingerprint = 0;
+  uint64_t valueFingerprint = 0;
+  uint32_t kind = ShmLayout::kCollValues;
+  uint32_t parent = ShmLayout::kNoParent;  // index of the parent (an entity collection)
+  uint32_t keyBytes = 0;                   // without the parent reference
+  uint32_t valueBytes = 0;
+  bool blobs = false;  // records carry a variable-length part
+};
+
+struct ShmStoreSpec {
+  std::string rootType;  // e.g. "Routing::Multicast::MvpnVrfStatus"
+  std::vector<ShmCollectionSpec> collections;  // parents before their children
+};
+
+// Points at which a writer can be stopped by a test (fault injection).
+enum class ShmFaultPoint : uint8_t {
+  insertFilled,       // a free slot holds the record, not yet indexed
+  insertIndexed,      // indexed, not yet marked occupied
+  insertCommitted,    // occupied, counts not yet updated
+  rewriteJournaled,   // old record in the journal, slot not yet marked
+  rewriteWriting,     // slot marked and half written
+  rewriteCommitted,   // slot holds the new record, old blob not yet freed
+  removeFreed,        // slot emptied, index entry still there
+  removeUnindexed,    // index entry gone, counts not yet updated
+  entityRemoved,      // an entity's slot emptied, its members not yet reclaimed
+  pageLinked,         // a new page of a parent's chain linked
+  growthStep,         // a step of index growth done
+  growthPublished,    // a new index generation named in the header
+  chunkAdded,         // a new slot chunk named in the header
+  logAppended,        // a change-log entry written, the wake word not yet advanced
+  creationBuilt,      // a new store's segments built, header not yet renamed into place
+  takeOverLocked,     // a writer holds the lock of a store it takes over, not yet recovered
+};
+// Test hook, called at every fault point of every writer of the process; null in production.
+using ShmFaultHook = void (*)(ShmFaultPoint);
+void shmFaultHookIs(ShmFaultHook hook);
+
 class ShmStore {
  public:
-  static constexpr uint32_t kNoSlot = 0xFFFFFFFFu;
-  static constexpr uint32_t kMaxKeyBytes = 256;
+  static constexpr uint32_t kNoSlot = ShmLayout::kNoSlot;
+  static constexpr uint32_t kMaxRecordWords =
+      ShmLayout::kMaxKeyBytes / 4 + ShmLayout::kMaxValueBytes / 4 + ShmLayout::kBlobRefWords;
 
-  struct Shape {
-    std::string typeName;  // empty when opening: accept any record type (tools)
-    std::string mountPath;
-    std::string collection;
-    uint32_t keySize = 0;
-    uint32_t valueSize = 0;
-  };
+  ShmStore();
+  ShmStore(ShmStore&&) noexcept;
+  ShmStore& operator=(ShmStore&&) noexcept;
+  ~ShmStore();
 
-  ShmStore() = default;
-  ShmStore(ShmStore&&) noexcept = default;
-  ShmStore& operator=(ShmStore&&) noexcept = default;
-
-  // An empty table in process memory.
-  static ShmStore detached(const Shape& shape);
-  // A writer's table: creates it, or takes over an existing one whose writer is dead (restoring
-  // a journaled slot, rebuilding the index, advancing the epoch). A live writer: ShmException.
-  static ShmStore openWriter(const Shape& shape, mode_t mode, uint32_t ringCapacity);
-  // A reader's (or a tool's) mapping of an existing table; shape.typeName empty accepts any.
-  static ShmStore openReader(const Shape& shape);
+  // An empty store in process memory.
+  static ShmStore detached(const ShmStoreSpec& spec);
+  // A writer's store: creates it; takes over one whose writer is dead (recovering the
+  // journaled slot, reclaiming what a dead writer left half done, advancing the epoch);
+  // recreates one that is damaged. A live writer, or a store of another type at the path:
+  // ShmException (and nothing changes).
+  static ShmStore openWriter(const std::string& mountPath, const ShmStoreSpec& spec, mode_t mode,
+                             uint32_t ringCapacity);
+  // A reader's mapping of an existing store (read-only). With a spec, the store must hold
+  // exactly those collections (names, types and layout fingerprints); without one (tools) it
+  // is taken as it is.
+  static ShmStore openReader(const std::string& mountPath, const ShmStoreSpec* spec);
 
   bool valid() const { return hdr_ != nullptr; }
   bool shared() const { return headerSeg_.named(); }
+  bool writable() const { return writable_; }
+  const std::string& mountPath() const { return mountPath_; }
   const ShmLayout::Header* header() const { return hdr_; }
-  ShmLayout::Header* header() { return hdr_; }
-  ShmLayout::ReaderControl* readerControl() const { return rctl_; }
-  uint32_t keyWords() const { return kw_; }
-  uint32_t valueWords() const { return vw_; }
-  uint32_t recordWords() const { return kw_ + vw_; }
-  uint32_t keySize() const { return keySize_; }
-  uint32_t valueSize() const { return valueSize_; }
-  uint32_t recordCount() const;
-  uint32_t highWater() const;
+  const ShmStoreSpec& spec() const { return spec_; }
+  uint32_t collections() const { return static_cast<uint32_t>(colls_.size()); }
+  uint32_t keyWords(uint32_t c) const;    // including a nested collection's parent reference
+  uint32_t valueWords(uint32_t c) const;  // including the blob reference
+  uint32_t recordWords(uint32_t c) const { return keyWords(c) + valueWords(c); }
+  bool nested(uint32_t c) const;
+  uint64_t epoch() const;
+  // Raises ShmCorruptionException when a segment of this store was truncated under us or the
+  // header was replaced by a writer that recreated the store.
+  void checkIntact() const;
 
-  // Reading (any role). Words hold the key's then the value's word image.
-  // Reads one slot consistently; returns true when it holds a record.
-  bool readSlot(uint32_t slot, uint32_t* words) const;
-  // First slot >= from that holds a record (its words in `words`), or kNoSlot.
-  uint32_t seek(uint32_t from, uint32_t* words) const;
-  // Looks a key up; on success fills words (may be null; must not alias keyWords) and
-  // returns its slot, else kNoSlot.
-  uint32_t find(const uint32_t* keyWords, uint32_t* words) const;
+  // ---- reading (any role) ----
+  // A record: its words (key image then value image) and its blob.
+  struct Record {
+    uint32_t words[kMaxRecordWords];
+    std::string blob;
+  };
+  // The number of records of a top-level collection, or of one parent's members.
+  uint32_t count(uint32_t c) const;
+  uint32_t childCount(uint32_t c, uint64_t parent) const;
+  // The change counter of one parent's members of collection c.
+  uint32_t childVersion(uint32_t c, uint64_t parent) const;
+  // Looks a key image up (a nested key image starts with its parent reference); fills `out`
+  // (may be null) and returns the slot, or kNoSlot.
+  uint32_t find(uint32_t c, const uint32_t* keyWords, Record* out) const;
+  // Walk of a top-level collection in slot order: the first record at a slot >= from.
+  uint32_t seek(uint32_t c, uint32_t from, Record* out) const;
+  // Walk of one parent's members in page-chain order: the first member at or after slot
+  // `from` (kNoSlot: from the start of the chain). kNoSlot at the end, also when the parent
+  // is gone.
+  uint32_t seekChild(uint32_t c, uint64_t parent, uint32_t from, Record* out) const;
+  // Copies a blob (bounds-checked; the caller checks its record did not change meanwhile).
+  void readBlob(const ShmLayout::BlobRef& ref, std::string* out) const;
+  // Whether an entity (slot and generation) of entity collection c is alive.
+  bool alive(uint32_t c, uint64_t ref) const;
+  // The reference of the entity at `slot` of entity collection c (read as it is now).
+  uint64_t refOf(uint32_t c, uint32_t slot) const;
 
-  // Writing (writer or detached). put: insert or replace (returns true when new); the old
-  // record's words go to oldWords when it is not null and there was one (then *hadOld).
-  bool put(const uint32_t* words, uint32_t* oldWords = nullptr);
-  bool remove(const uint32_t* keyWords, uint32_t* oldWords);
-  // Appends a key to the change log and wakes sleeping readers.
-  void publishKey(const uint32_t* keyWords);
-  // Wakes sleeping readers after a header change (mount status, quiesced).
+  // ---- writing (writer or detached) ----
+  // Inserts or replaces; returns true when the key is new. The old record goes to `old`
+  // (may be null) when there was one. An entity collection's record keeps its members when
+  // replaced; a new entity gets a new generation (see refOf).
+  bool put(uint32_t c, const uint32_t* words, std::string_view blob, Record* old = nullptr);
+  // Removes; true when the key was there (its record in `old`). Removing an entity removes
+  // its members, recursively, after the entity itself.
+  bool remove(uint32_t c, const uint32_t* keyWords, Record* old = nullptr);
+  // Appends a key of collection c to the change log and wakes sleeping readers.
+  void publishKey(uint32_t c, const uint32_t* keyWords);
+  // Wakes sleeping readers after a header change (mount status, quiesced, epoch).
   void publishControl();
-  // Gives up ownership (another writer may then take the table over).
+  void mountStatusIs(uint32_t status);
+  void quiescedIs(bool quiesced);
+  // Makes sure `records` more records of collection c (top level) fit without allocating, so
+  // that a bulk copy either fails before it changes anything or does not fail.
+  void reserve(uint32_t c, uint32_t records);
+  // Gives up ownership: no doorbell, no owner named; the write lock is released when the store
+  // is destroyed (its header descriptor closed), and another writer may then take it over.
   void releaseOwnership();
 
-  // Change log (readers): entries [head - capacity, head) are in the ring.
+  // The 64-bit counter `index` of the header, named `name` (for tools); writer only, else null.
+  std::atomic<uint64_t>* counterSlot(uint32_t index, std::string_view name);
+
+  // ---- change log (readers) ----
   uint64_t ringHead() const;
   uint32_t ringCapacity() const { return ringCap_; }
-  // Copies entry `pos` into keyWords; the caller validates it against a later ringHead().
-  void readRingEntry(uint64_t pos, uint32_t* keyWords) const;
+  // Copies entry `pos` (collection, key image); validate against a later ringHead().
+  // Returns the collection (checked against the store's collections), or kNoSlot when damaged.
+  uint32_t readRingEntry(uint64_t pos, uint32_t* keyWords) const;
+  // The wake word and the doorbell path (readers sleep on the word, ring the bell first).
+  const std::atomic<uint32_t>* wakeWord() const { return &hdr_->wakeWord; }
+  std::string bellPath() const;
+  bool bellless() const;
 
-  // Whether the process named by an owner word (pid and start time) still runs.
-  static bool ownerAlive(uint64_t owner);
-
-  // Hash of a key's word image.
-  uint64_t hashKey(const uint32_t* keyWords) const { return ShmLayout::hashWords(keyWords, kw_); }
-  // Memory committed to this table's segments (header, chunks, index, reader control).
+  // ---- introspection (tools, tests, benchmarks) ----
   size_t committedBytes() const;
-  uint32_t indexCapacity() const { return indexCap_; }
-
-  // Writer: progress of index growth. maxSlotsPerWrite is the most slots any single write has
-  // indexed into a new generation (a whole-table rebuild counts every slot).
   struct IndexGrowth {
     bool migrating = false;
-    uint32_t cursor = 0;        // slots below it are in the next generation
-    uint32_t nextCapacity = 0;  // of the generation being filled
     uint32_t maxSlotsPerWrite = 0;
     uint32_t generationsPublished = 0;
   };
-  IndexGrowth indexGrowth() const;
+  IndexGrowth indexGrowth(uint32_t c) const;
+  uint64_t bellWakes() const;
+  // Whether the writer of a store opened by a reader is alive (holds the store's lock).
+  bool writerAlive() const;
+
+  // Copies every record of `from` (same spec) into this store, translating nested parent
+  // references; `onEntity(c, oldRef, newRef)` is told every entity copied. With `announce`,
+  // each key is published. Reserves the top-level collections first.
+  using EntityFn = std::function<void(uint32_t c, uint64_t oldRef, uint64_t newRef)>;
+  void copyFrom(const ShmStore& from, bool announce, const EntityFn& onEntity);
+  // Copies one entity of `from` (and its members, recursively) into this store as a member of
+  // `parent` (0 at the top level); returns its new reference.
+  uint64_t copyEntity(const ShmStore& from, uint32_t c, uint64_t ref, uint64_t parent,
+                      const EntityFn& onEntity);
+
+  // Throws ShmCorruptionException naming this store.
+  [[noreturn]] void corrupt(const std::string& what) const;
 
  private:
-  struct Chunk {
-    ShmSegment seg;
-    uint32_t* base = nullptr;
-  };
+  friend class ShmCollection;
+  struct Blobs;
 
-  void initShape(const Shape& shape);
-  void initHeader(ShmSegment seg, const Shape& shape, uint32_t ringCapacity);
-  void attachHeader(ShmSegment seg, const Shape& shape, bool writable);
-  void takeOver(const Shape& shape);
+  void build(const ShmStoreSpec& spec, uint32_t ringCapacity, bool shared, uint64_t instance);
+  void startBell();
+  void unlinkInstance() const;
+  void attach(ShmSegment header, const ShmStoreSpec* spec, bool writable);
   void recover();
+  void cleanLeftovers() const;
+  void retire(ShmSegment& old);
   std::string segName(const std::string& suffix) const;
-  ShmSegment makeSegment(const std::string& suffix, size_t bytes) const;
+  ShmSegment makeSegment(const std::string& suffix, size_t bytes, bool commitNow) const;
+  void fault(ShmFaultPoint p) const;
 
-  uint32_t* slotPtr(uint32_t slot) const {
-    const uint32_t c = ShmLayout::chunkOf(slot);
-    if (c < chunks_.size()) {
-      return chunks_[c].base + size_t{slot - ShmLayout::chunkFirstSlot(c)} * slotWords_;
-    }
-    return slotPtrSlow(slot);
-  }
-  uint32_t* slotPtrSlow(uint32_t slot) const;
-  void mapChunks() const;
-  void addChunk();
-  // Writer: creates the next chunk once few slots are left in the last one, and commits it
-  // piece by piece over the writes that fill those slots.
-  void prepareChunk(uint64_t slotsLeft);
-  void refreshIndex() const;
-  void mapIndex(uint32_t generation) const;
-  // Publishes a complete new index generation of `capacity` entries at once (creation,
-  // take-over, and the fallback when growth could not keep up).
-  void buildIndex(uint32_t capacity);
-  // Incremental growth: begin filling a next generation, advance it by a step sized to end
-  // before the present one runs out of room, finish it at once, or drop it.
-  // capacity 0: sized for the records the present generation can still take.
-  void beginGrowth(uint32_t capacity, bool commitNow);
-  void advanceGrowth();
-  void finishGrowth();
-  void dropGrowth();
-  void publishGrowth();
-  void releaseRetired();
-  bool migrateSlots(uint32_t end);
-  bool nextInsert(uint32_t slot, uint64_t hash);
-  void nextRemove(uint32_t slot, uint64_t hash);
-  uint64_t growthRoom() const;
-  // Starts growth when the present generation nears its load or slot-field limit.
-  void maybeStartGrowth();
-  void growthStepDone() {
-    if (migratedThisWrite_ > maxMigratedPerWrite_) maxMigratedPerWrite_ = migratedThisWrite_;
-  }
-  // Writer: the index position holding the key (its slot in *slot), else kNoSlot with the
-  // first free or tombstoned position of the probe in *insertAt (kNoSlot when none).
-  uint32_t probe(uint64_t hash, const uint32_t* keyWords, uint32_t* slot, uint32_t* insertAt) const;
-  uint32_t allocSlot();
-  void fillFreeSlot(uint32_t slot, const uint32_t* words);
-  void rewriteSlot(uint32_t slot, const uint32_t* words);
-  void freeSlot(uint32_t slot);
-  bool keyEquals(uint32_t slot, const uint32_t* keyWords) const;
-  static uint32_t entryOf(uint32_t slot, uint64_t hash, uint32_t bits) {
-    return (slot + 1) | static_cast<uint32_t>(hash) << bits;
-  }
-  static bool tagMatches(uint32_t entry, uint64_t hash, uint32_t bits) {
-    return ((entry ^ static_cast<uint32_t>(hash) << bits) >> bits) == 0;
-  }
-  static uint32_t slotOfEntry(uint32_t entry, uint32_t bits) {
-    return (entry & ((1u << bits) - 1)) - 1;
-  }
-  uint32_t entryOf(uint32_t slot, uint64_t hash) const {
-    return entryOf(slot, hash, indexSlotBits_);
-  }
-  bool tagMatches(uint32_t entry, uint64_t hash) const {
-    return tagMatches(entry, hash, indexSlotBits_);
-  }
-  uint32_t slotOfEntry(uint32_t entry) const { return slotOfEntry(entry, indexSlotBits_); }
-  [[noreturn]] void corrupt(const std::string& what) const;
-  [[noreturn]] void noFreeEntry() const;
+  // The writer's operation bracket (see ShmLayout::Header::opSeq).
+  void beginOp(uint32_t c, uint64_t kind, uint32_t slot);
+  void endOp();
+  uint64_t opSeq() const { return opSeq_; }
+  uint32_t countWithOp(const std::atomic<uint64_t>& word, uint32_t c, uint32_t slot,
+                       uint64_t parent) const;
+  void removeMembers(uint32_t c, uint64_t ref);
 
-  Shape shape_;
-  uint32_t keySize_ = 0, valueSize_ = 0, kw_ = 0, vw_ = 0, slotWords_ = 0;
-  uint32_t ringCap_ = 0;
+  // Blob heap.
+  ShmLayout::BlobRef blobAlloc(std::string_view bytes);
+  void blobFree(const ShmLayout::BlobRef& ref);
+  void blobRead(const ShmLayout::BlobRef& ref, std::string* out) const;
+  void blobRebuild();
+
+  ShmStoreSpec spec_;
+  std::string mountPath_;
+  uint64_t instance_ = 0;
   mode_t mode_ = 0600;
   bool writable_ = false;
-
   ShmSegment headerSeg_;
   ShmLayout::Header* hdr_ = nullptr;
   uint32_t* journal_ = nullptr;
   uint32_t* ring_ = nullptr;
-  ShmSegment controlSeg_;
-  ShmLayout::ReaderControl* rctl_ = nullptr;
-
-  mutable std::vector<Chunk> chunks_;
-  mutable ShmSegment indexSeg_;
-  mutable const uint32_t* index_ = nullptr;
-  mutable uint32_t indexCap_ = 0;
-  mutable uint32_t indexGen_ = 0;
-  mutable uint32_t indexSlotBits_ = ShmLayout::kMaxSlotBits;
-
-  // Writer-only bookkeeping (rebuilt from the slots on take-over).
-  std::vector<uint32_t> freeSlots_;
-  uint32_t indexLive_ = 0;
-  uint32_t indexTombstones_ = 0;
-  uint32_t indexSlotLimit_ = 0;  // slots below this fit the present generation's slot field
+  uint32_t ringCap_ = 0;
+  uint32_t ringEntryWords_ = 0;
+  uint32_t journalWords_ = 0;
+  std::vector<std::unique_ptr<ShmCollection>> colls_;
+  std::unique_ptr<Blobs> blobs_;
+  std::unique_ptr<ShmBellServer> bell_;
+  mutable uint64_t lossesSeen_ = 0;
+  // Writer-only.
   uint64_t head_ = 0;
-
-  // Slots looked at ahead of the growth cursor: their index lines are fetched one or more
-  // writes before they are filled, so the growth's random writes rarely wait for memory.
-  static constexpr uint32_t kGrowthLookahead = 32;
-  void lookAhead(uint32_t end);
-
-  // The next index generation while it is filled (capacity 0: none). Its entries hold every
-  // record of the slots below `cursor`; its header is written when it is published.
-  struct NextIndex {
-    ShmSegment seg;
-    uint32_t* entries = nullptr;
-    uint32_t capacity = 0;
-    uint32_t slotBits = 0;
-    uint32_t cursor = 0;
-    uint32_t live = 0;
-    uint32_t used = 0;  // live entries plus tombstones
-    size_t committed = 0;
-    // Occupied slots at and above the cursor whose keys were hashed (and their home entries
-    // prefetched) by an earlier write, in slot order; `aheadEnd` is the first slot not looked
-    // at. A slot's sequence word is remembered with its hash: a slot written since is hashed
-    // again when it is moved.
-    struct Ahead {
-      uint32_t slot;
-      uint32_t seq;
-      uint64_t hash;
-    };
-    Ahead ahead[kGrowthLookahead];
-    uint32_t aheadFirst = 0;
-    uint32_t aheadCount = 0;
-    uint32_t aheadEnd = 0;
-  };
-  NextIndex next_;
-  // The replaced index generation (already unlinked): its memory is given back a piece per
-  // write, because freeing megabytes at once would stall one write.
-  ShmSegment retired_;
-  size_t retiredLeft_ = 0;
-  ShmSegment nextChunk_;
-  size_t nextChunkCommitted_ = 0;
-  // Growth starts once the present generation's used entries or the slot high-water mark
-  // reach these.
-  uint64_t growthStartUsed_ = 0;
-  uint32_t growthStartHighWater_ = 0;
-  uint32_t migratedThisWrite_ = 0;
-  uint32_t maxMigratedPerWrite_ = 0;
-  uint32_t generationsPublished_ = 0;
+  uint64_t opSeq_ = 0;
+  bool publishNew_ = false;  // copies announce what they write
 };
 
 }  // namespace Oro

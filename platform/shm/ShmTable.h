@@ -1,145 +1,44 @@
-// Keyed tables of fixed-size records in shared memory: one writer process publishes, reader
-// processes attach by mount path and collection name and see every change through per-key
-// callbacks run by their TaskScheduler.
+// ShmTable<K, V>: a store with one keyed collection of V records, the simplest use of the
+// shared-memory entity store (tests, benchmarks, small tools). K and V are stored as their
+// ShmImage; the store's root type is the table's type name.
 //
-// ShmTableCore is the type-erased table (records as byte images of sizes fixed at
-// construction); ShmTable<K, V> is the typed front for trivially copyable K and V.
-//
-// A table starts detached: its records live in process memory with the same engine, so an
-// owner can fill it before it is mounted. attach() as writer moves the records into the shared
-// segments (creating the table, or taking over one whose writer died); attach() as reader maps
-// an existing table read-only and reports, on its first dispatch, every key present plus every
-// key the instance held before. detach() keeps a private copy of the records.
-//
-// Errors: bad names, a live second writer, a table of another record type, or running out of
-// shared memory raise ShmException and change nothing; damaged shared memory raises
-// ShmCorruptionException from whichever operation meets it (owners hand the message to
-// handleCorruption). Writing through a reader is a programming error (fatal assertion).
+// A table starts detached (records in process memory) and is attached as writer (creating,
+// taking over or recreating the shared store, copying its records in) or as reader (mapping
+// the store read-only; its scheduler then calls onKey for every changed key).
 #pragma once
 
-#include <sys/types.h>
-
-#include <atomic>
-#include <cstdint>
-#include <cstring>
+#include <cstddef>
 #include <functional>
-#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <type_traits>
 
-#include "platform/shm/CollectionControl.h"
-#include "platform/shm/ShmReader.h"
-#include "platform/shm/ShmStore.h"
+#include "platform/shm/ShmBinding.h"
+#include "platform/shm/ShmHandles.h"
+#include "platform/shm/ShmImage.h"
 
 namespace Oro {
 
-class TaskScheduler;
-
-enum class ShmRole : uint8_t { detached, writer, reader };
-
-struct ShmAttach {
-  std::string mountPath;
-  ShmRole role = ShmRole::writer;
-  TaskScheduler* scheduler = nullptr;  // reader: dispatches the changes (may be null: manual)
-  mode_t mode = 0600;                  // writer creating the table
-  uint32_t ringCapacity = 8192;        // writer creating the table: change-log entries
-};
-
-class ShmTableCore {
- public:
-  static constexpr uint32_t kNoSlot = ShmStore::kNoSlot;
-
-  struct Callbacks {
-    std::function<void(const void* key)> onKey;
-    std::function<void()> onMountStatus;
-    std::function<void(bool quiesced)> onQuiesced;
-  };
-
-  ShmTableCore(std::string typeName, std::string collection, uint32_t keySize, uint32_t valueSize,
-               Callbacks callbacks);
-  ~ShmTableCore();
-  ShmTableCore(const ShmTableCore&) = delete;
-  ShmTableCore& operator=(const ShmTableCore&) = delete;
-
-  void attach(const ShmAttach& how);
-  void detach();
-  bool attached() const { return role_ != ShmRole::detached; }
-  ShmRole role() const { return role_; }
-  const std::string& typeName() const { return typeName_; }
-  const std::string& collection() const { return collection_; }
-  const std::string& mountPath() const { return mountPath_; }
-
-  // Writer (or detached). insert: insert or replace; returns true when the key is new. When
-  // oldValue is given and the key was present, its previous value is copied there.
-  bool insert(const void* key, const void* value, void* oldValue = nullptr);
-  bool remove(const void* key, void* removedValue);
-  void mountStatusIs(TylKetab::MountStatus status);
-  void quiescedIs(bool quiesced);
-
-  // Everyone.
-  bool find(const void* key, void* value) const;
-  size_t size() const { return store_.recordCount(); }
-  // First slot >= from that holds a record (key and value copied out), or kNoSlot.
-  uint32_t seek(uint32_t from, void* key, void* value) const;
-  TylKetab::MountStatus mountStatus() const { return mountStatus_; }
-  bool quiesced() const { return quiesced_; }
-
-  // The shared 64-bit counter `index` of the header, named `name` (for tools), while attached
-  // as writer; otherwise null. Valid until the next attach or detach.
-  std::atomic<uint64_t>* counterSlot(uint32_t index, std::string_view name);
-
-  void corruptionHandlerIs(std::function<void(const std::string&)> handler) {
-    corruptionHandler_ = std::move(handler);
-  }
-  // Hands a corruption report to the handler (readers report too, hence const).
-  void handleCorruption(const std::string& message) const;
-  uint64_t corruptions() const { return corruptions_; }
-
-  // Whether subscribers get old and new values with a change (the owner's delivery mode).
-  bool oldValues() const { return oldValues_; }
-  void oldValuesIs(bool v) { oldValues_ = v; }
-
-  ShmReader* reader() const { return reader_.get(); }
-  const ShmStore& store() const { return store_; }
-  size_t committedBytes() const { return store_.committedBytes(); }
-
-  // Used by ShmReader.
-  std::shared_ptr<bool> aliveToken() const { return alive_; }
-  void deliverKey(const uint32_t* keyWords);
-  void deliverMountStatus(uint32_t status);
-  void deliverQuiesced(bool quiesced);
-
- private:
-  ShmStore::Shape shape(const std::string& mountPath) const;
-  void toKeyWords(const void* key, uint32_t* out) const;
-  void assertWritable() const;
-  // Copies every record of `from` into store_ (announcing each key when store_ is shared).
-  void copyRecords(const ShmStore& from, bool announce, ShmKeySet* keys);
-
-  std::string typeName_;
-  std::string collection_;
-  std::string mountPath_;
-  uint32_t keySize_;
-  uint32_t valueSize_;
-  Callbacks callbacks_;
-  ShmRole role_ = ShmRole::detached;
-  ShmStore store_;
-  std::unique_ptr<ShmReader> reader_;
-  TylKetab::MountStatus mountStatus_ = TylKetab::MountStatus::notMounted;
-  bool quiesced_ = false;
-  bool oldValues_ = false;
-  mutable uint64_t corruptions_ = 0;
-  std::function<void(const std::string&)> corruptionHandler_;
-  std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
-  std::vector<uint32_t> scratch_;
-};
-
 template <class K, class V>
 class ShmTable {
-  static_assert(std::is_trivially_copyable_v<K> && std::is_trivially_copyable_v<V>,
-                "shared-memory records must be trivially copyable");
+  struct Coll {
+    using Key = K;
+    struct Record {
+      K key;
+      V value;
+    };
+    static constexpr uint32_t collection = 0;
+    static constexpr bool blobs = false;
+    static constexpr uint32_t valueBytes = ShmImage<V>::bytes;
+    static constexpr uint64_t valueFingerprint = ShmImage<V>::fingerprint;
+    static K keyOf(const Record& r) { return r.key; }
+    static void writeValue(const Record& r, std::byte* out) { ShmImage<V>::write(r.value, out); }
+    static Record readRecord(const K& k, const std::byte* v, std::string_view) {
+      return Record{k, ShmImage<V>::read(v)};
+    }
+    static std::string_view blobOf(const Record&) { return {}; }
+  };
+  using Values = ShmValues<Coll>;
 
  public:
   struct Callbacks {
@@ -147,104 +46,97 @@ class ShmTable {
     std::function<void()> onMountStatus;
     std::function<void(bool)> onQuiesced;
   };
-  // Where a walk stopped: the next key to visit and the slot it was found in.
-  struct Bookmark {
-    K key{};
-    uint32_t slot = 0;
-  };
+  using Bookmark = typename Values::Bookmark;
 
-  // A walk in table (slot) order. Reading a slot may raise ShmCorruptionException.
   class Cursor {
    public:
     Cursor() = default;
-    bool valid() const { return table_ != nullptr && slot_ != kNoSlot; }
-    const K& key() const { return key_; }
-    const V& value() const { return value_; }
-    uint32_t slot() const { return slot_; }
-    Bookmark bookmark() const { return Bookmark{key_, slot_}; }
-    void next() {
-      if (valid()) slot_ = table_->seek(slot_ + 1, &key_, &value_);
-    }
+    bool valid() const { return c_.valid(); }
+    const K& key() const { return c_.key(); }
+    const V& value() const { return c_.value().value; }
+    Bookmark bookmark() const { return c_.bookmark(); }
+    void next() { c_.next(); }
 
    private:
     friend class ShmTable;
-    Cursor(const ShmTableCore* t, uint32_t from) : table_(t) {
-      slot_ = t->seek(from, &key_, &value_);
-    }
-    const ShmTableCore* table_ = nullptr;
-    uint32_t slot_ = kNoSlot;
-    K key_{};
-    V value_{};
+    explicit Cursor(typename Values::Cursor c) : c_(std::move(c)) {}
+    typename Values::Cursor c_;
   };
 
-  ShmTable(std::string typeName, std::string collection, Callbacks cb)
+  static ShmStoreSpec spec(const std::string& typeName, const std::string& collection) {
+    ShmCollectionSpec c;
+    c.name = collection;
+    c.typeName = typeName;
+    c.keyFingerprint = ShmImage<K>::fingerprint;
+    c.valueFingerprint = ShmImage<V>::fingerprint;
+    c.keyBytes = ShmImage<K>::bytes;
+    c.valueBytes = ShmImage<V>::bytes;
+    return ShmStoreSpec{typeName, {c}};
+  }
+
+  ShmTable(const std::string& typeName, const std::string& collection, Callbacks cb)
       : callbacks_(std::move(cb)),
-        core_(std::move(typeName), std::move(collection), sizeof(K), sizeof(V),
-              ShmTableCore::Callbacks{[this](const void* k) {
-                                        if (callbacks_.onKey)
-                                          callbacks_.onKey(*static_cast<const K*>(k));
-                                      },
-                                      [this] {
-                                        if (callbacks_.onMountStatus) callbacks_.onMountStatus();
-                                      },
-                                      [this](bool q) {
-                                        if (callbacks_.onQuiesced) callbacks_.onQuiesced(q);
-                                      }}) {}
+        binding_(spec(typeName, collection),
+                 ShmBinding::Callbacks{[this] {
+                                         if (callbacks_.onMountStatus) callbacks_.onMountStatus();
+                                       },
+                                       [this](bool q) {
+                                         if (callbacks_.onQuiesced) callbacks_.onQuiesced(q);
+                                       }}),
+        values_(&binding_, 0, [this](const K& k) {
+          if (callbacks_.onKey) callbacks_.onKey(k);
+        }) {}
 
-  void attach(const ShmAttach& how) { core_.attach(how); }
-  void detach() { core_.detach(); }
-  bool attached() const { return core_.attached(); }
-  ShmRole role() const { return core_.role(); }
+  void attach(const ShmAttach& how) { binding_.attach(how); }
+  void detach() { binding_.detach(); }
+  bool attached() const { return binding_.attached(); }
+  ShmRole role() const { return binding_.role(); }
 
-  bool insert(const K& k, const V& v) { return core_.insert(&k, &v); }
+  bool insert(const K& k, const V& v) { return values_.insert({k, v}); }
   // Insert or replace, handing back the replaced value (none for a new key).
   bool insert(const K& k, const V& v, std::optional<V>* old) {
-    V prev;
-    const bool added = core_.insert(&k, &v, &prev);
-    if (old) *old = added ? std::nullopt : std::optional<V>(prev);
+    std::optional<typename Coll::Record> prev;
+    const bool added = values_.insert({k, v}, &prev);
+    if (old) *old = prev ? std::optional<V>(prev->value) : std::nullopt;
     return added;
   }
-  // Direct write: fill the staging record, then commitDirect publishes it under k.
-  V& directWrite() { return staging_; }
-  void commitDirect(const K& k) { core_.insert(&k, &staging_); }
   bool remove(const K& k, V* removed = nullptr) {
-    V tmp;
-    return core_.remove(&k, removed ? removed : &tmp);
+    typename Coll::Record r{};
+    const bool found = values_.remove(k, &r);
+    if (found && removed) *removed = r.value;
+    return found;
   }
-  void mountStatusIs(TylKetab::MountStatus s) { core_.mountStatusIs(s); }
-  void quiescedIs(bool q) { core_.quiescedIs(q); }
+  void mountStatusIs(TylKetab::MountStatus s) { binding_.mountStatusIs(s); }
+  void quiescedIs(bool q) { binding_.quiescedIs(q); }
 
   std::optional<V> find(const K& k) const {
-    V v;
-    if (!core_.find(&k, &v)) return std::nullopt;
-    return v;
+    auto r = values_.find(k);
+    if (!r) return std::nullopt;
+    return r->value;
   }
-  size_t size() const { return core_.size(); }
-  Cursor begin() const { return Cursor(&core_, 0); }
-  // Slots never move, so the remembered slot is where the walk stopped whatever happened to
-  // its key since: every record still in a later slot is visited. (Resuming wherever the key
-  // lives now would skip the slots in between if it had been removed and re-inserted.)
-  Cursor at(const Bookmark& b) const { return Cursor(&core_, b.slot); }
-  TylKetab::MountStatus mountStatus() const { return core_.mountStatus(); }
-  bool quiesced() const { return core_.quiesced(); }
+  size_t size() const { return values_.size(); }
+  Cursor begin() const { return Cursor(values_.begin()); }
+  Cursor at(const Bookmark& b) const { return Cursor(values_.at(b)); }
+  TylKetab::MountStatus mountStatus() const { return binding_.mountStatus(); }
+  bool quiesced() const { return binding_.quiesced(); }
   std::atomic<uint64_t>* counterSlot(uint32_t index, std::string_view name) {
-    return core_.counterSlot(index, name);
+    return binding_.counterSlot(index, name);
   }
   void corruptionHandlerIs(std::function<void(const std::string&)> h) {
-    core_.corruptionHandlerIs(std::move(h));
+    binding_.corruptionHandlerIs(std::move(h));
   }
-  void handleCorruption(const std::string& message) const { core_.handleCorruption(message); }
-  bool oldValues() const { return core_.oldValues(); }
-  void oldValuesIs(bool v) { core_.oldValuesIs(v); }
+  void handleCorruption(const std::string& message) const { binding_.handleCorruption(message); }
 
-  ShmTableCore& core() { return core_; }
-  const ShmTableCore& core() const { return core_; }
+  ShmBinding& binding() { return binding_; }
+  const ShmBinding& binding() const { return binding_; }
+  ShmReader* reader() const { return binding_.reader(); }
+  const ShmStore& store() const { return binding_.store(); }
+  size_t knownKeys() const { return values_.knownKeys(); }
 
  private:
-  static constexpr uint32_t kNoSlot = ShmTableCore::kNoSlot;
   Callbacks callbacks_;
-  ShmTableCore core_;
-  V staging_{};
+  ShmBinding binding_;
+  Values values_;
 };
 
 }  // namespace Oro

@@ -1,7 +1,7 @@
-// Test utility: damages a shared-memory table the way an outside writer of /dev/shm would, so
-// that every walk and every lookup through any instance of it (writer or reader, in any
-// process) raises Oro::ShmCorruptionException. Tests of corruption handling use this instead
-// of poking at the engine's layout themselves.
+// Test utility: damages a shared-memory store the way an outside writer of /dev/shm would, so
+// that every walk and every lookup of one of its collections, through any instance (writer or
+// reader, in any process), raises Oro::ShmCorruptionException. Tests of corruption handling use
+// this instead of poking at the engine's layout themselves.
 #pragma once
 
 #include <fcntl.h>
@@ -11,6 +11,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -21,32 +22,29 @@
 
 namespace shmtest {
 
-// Returns false when the table does not exist.
+// Returns false when the store or the collection does not exist. The collection's first slot
+// chunk is truncated: processes that map it meet a short segment, processes that mapped it
+// before lose the mapping (their next access finds the damage).
 inline bool damageTable(const std::string& mountPath, const std::string& collection) {
   using Oro::ShmLayout::Header;
-  const std::string header = Oro::shmSegmentName(mountPath, collection);
-  const int fd = ::shm_open(header.c_str(), O_RDWR, 0);
+  const std::string header = Oro::shmStoreName(mountPath);
+  const int fd = ::shm_open(header.c_str(), O_RDONLY, 0);
   if (fd < 0) return false;
-  // The header claims more used slots than its chunks hold: walks fail.
-  const uint32_t huge = 0x7fffffff;
-  bool ok = ::pwrite(fd, &huge, 4, offsetof(Header, slotHighWater)) == 4;
-  uint32_t generation = 0;
-  ok = ok && ::pread(fd, &generation, 4, offsetof(Header, indexGeneration)) == 4;
+  Header h;
+  const bool ok = ::pread(fd, static_cast<void*>(&h), sizeof h, 0) == static_cast<ssize_t>(sizeof h);
   ::close(fd);
-  if (!ok) return false;
-  // Every index entry names a slot that cannot exist: lookups fail.
-  const std::string index =
-      Oro::shmSegmentName(mountPath, collection, fmt::format("index{}", generation));
-  const int ifd = ::shm_open(index.c_str(), O_RDWR, 0);
-  if (ifd < 0) return false;
-  struct stat st {};
-  ::fstat(ifd, &st);
-  const size_t entries = (static_cast<size_t>(st.st_size) - sizeof(Oro::ShmLayout::IndexHeader)) / 4;
-  const std::vector<uint32_t> bad(entries, 0xFFFFFFFEu);
-  ok = ::pwrite(ifd, bad.data(), entries * 4, sizeof(Oro::ShmLayout::IndexHeader)) ==
-       static_cast<ssize_t>(entries * 4);
-  ::close(ifd);
-  return ok;
+  uint32_t c = 0;
+  while (ok && c < h.collectionCount && c < Oro::ShmLayout::kMaxCollections &&
+         std::string(h.colls[c].name) != collection) {
+    ++c;
+  }
+  if (!ok || c >= h.collectionCount) return false;
+  const std::string chunk = Oro::shmStoreSegmentName(mountPath, h.instance, fmt::format("{}k0", c));
+  const int cfd = ::shm_open(chunk.c_str(), O_RDWR, 0);
+  if (cfd < 0) return false;
+  const bool truncated = ::ftruncate(cfd, 0) == 0;
+  ::close(cfd);
+  return truncated;
 }
 
 }  // namespace shmtest

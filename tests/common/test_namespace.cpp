@@ -14,6 +14,9 @@ namespace {
 class ShmNamespaceEnvironment : public ::testing::Environment {
  public:
   void SetUp() override {
+    // Death tests run in a freshly executed copy of the binary: a process that writes shared
+    // memory runs a doorbell thread, and forking a process with threads is unsafe.
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
     const char* ns = std::getenv("MVPN_SHM_NAMESPACE");
     Oro::shmNamespaceIs(ns && *ns ? std::string(ns) : "mvpntest" + std::to_string(getpid()));
     owner_ = getpid();
@@ -27,5 +30,6 @@ class ShmNamespaceEnvironment : public ::testing::Environment {
 };
 
 const auto* const kEnvironment = ::testing::AddGlobalTestEnvironment(new ShmNamespaceEnvironment);
+
 
 }  // namespace

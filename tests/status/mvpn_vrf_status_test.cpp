@@ -13,6 +13,7 @@
 #include "platform/runtime/EntityDirectory.h"
 #include "platform/shm/ShmSegment.h"
 #include "platform/runtime/TaskScheduler.h"
+#include "common/shm_damage.h"
 #include "platform/shm_test_util.h"
 #include "status/MvpnIntfStatus.h"
 #include "status/MvpnVrfStatus.h"
@@ -156,7 +157,7 @@ TEST_F(VrfStatusTest, ControlCarriesMountStatusAndQuiesced) {
 
   s->mount(ShmAttach{MvpnVrfStatus::mountPath(Nevo::ipv4, MvpnClient::bgp_), ShmRole::writer});
   EXPECT_EQ(control->mountStatus(), TylKetab::MountStatus::mounted);
-  s->table().quiescedIs(true);
+  s->binding().quiescedIs(true);
   EXPECT_TRUE(control->quiesced());
 
   auto r = mvpnVrfStatusFactory("bgp");
@@ -165,7 +166,7 @@ TEST_F(VrfStatusTest, ControlCarriesMountStatusAndQuiesced) {
   std::vector<Oro::AttrId> rcChanges;
   Oro::AttrReactor onControl([&](Oro::AttrId a) { rcChanges.push_back(a); });
   onControl.notifierIs(rc.get());
-  while (r->table().core().reader()->hasPending()) r->table().core().reader()->dispatch();
+  while (r->binding().reader()->hasPending()) r->binding().reader()->dispatch();
   EXPECT_EQ(rc->mountStatus(), TylKetab::MountStatus::mounted);
   EXPECT_TRUE(rc->quiesced());
   EXPECT_EQ(rcChanges, (std::vector<Oro::AttrId>{TylKetab::CollectionControl::mountStatusAttr,
@@ -241,22 +242,13 @@ TEST_F(VrfStatusTest, CreationByFactoryAndDirectory) {
             "Routing::Multicast::MvpnIntfStatus");
 }
 
-// Makes the table's header claim more used slots than its chunks hold.
-void corruptHighWater(const std::string& mountPath, const std::string& collection) {
-  const int fd = ::shm_open(Oro::shmSegmentName(mountPath, collection).c_str(), O_RDWR, 0);
-  ASSERT_GE(fd, 0);
-  const uint32_t huge = 0x7fffffff;
-  ASSERT_EQ(::pwrite(fd, &huge, 4, offsetof(Oro::ShmLayout::Header, slotHighWater)), 4);
-  ::close(fd);
-}
-
 TEST_F(VrfStatusTest, CorruptionDuringWalksEndsThemQuietly) {
   auto s = mvpnVrfStatusFactory("bgp");
   std::vector<std::string> reports;
   s->mvpnVrfCorruptionHandlerIs([&](const std::string& m) { reports.push_back(m); });
   s->mount(ShmAttach{"c/vrf", ShmRole::writer});
   s->mvpnVrfIs(MvpnVrf(VrfId(1)));
-  corruptHighWater("c/vrf", "mvpnVrf");
+  ASSERT_TRUE(shmtest::damageTable("c/vrf", "mvpnVrf"));
   s->mvpnVrfDelAll();
   ASSERT_EQ(reports.size(), 1u);
   EXPECT_NE(reports[0].find("corrupt"), std::string::npos) << reports[0];
@@ -269,7 +261,7 @@ TEST_F(VrfStatusTest, CorruptionDuringWalksEndsThemQuietly) {
   i->vrfIntfIdCorruptionHandlerIs([&](const std::string& m) { reports.push_back(m); });
   i->mount(ShmAttach{MvpnIntfStatus::mountPath(), ShmRole::writer});
   i->vrfIntfIdIs(MvpnVrfIntfId(VrfId(1), Nevo::IntfId::vlan(5)));
-  corruptHighWater(MvpnIntfStatus::mountPath(), "vrfIntfId");
+  ASSERT_TRUE(shmtest::damageTable(MvpnIntfStatus::mountPath(), "vrfIntfId"));
   EXPECT_FALSE(i->isPmsiIntfId(Nevo::IntfId::vlan(5)));
   EXPECT_EQ(reports.size(), 3u);
 }
@@ -280,17 +272,7 @@ TEST_F(VrfStatusDeathTest, CorruptionDuringAWriteIsFatalAfterTheHandlerDeathTest
       [](const std::string& m) { fprintf(stderr, "handler saw: %s\n", m.c_str()); });
   s->mount(ShmAttach{"c/write", ShmRole::writer});
   s->mvpnVrfIs(MvpnVrf(VrfId(1)));
-  // Every index entry names a slot far past the chunks, with every tag value.
-  const auto* h = s->table().core().store().header();
-  const std::string index =
-      Oro::shmSegmentName("c/write", "mvpnVrf", fmt::format("index{}", h->indexGeneration.load()));
-  const int fd = ::shm_open(index.c_str(), O_RDWR, 0);
-  ASSERT_GE(fd, 0);
-  for (uint32_t n = 0; n < s->table().core().store().indexCapacity(); ++n) {
-    const uint32_t e = ((n % 32) << 27) | 0x1414141u;
-    ASSERT_EQ(::pwrite(fd, &e, 4, sizeof(Oro::ShmLayout::IndexHeader) + 4 * n), 4);
-  }
-  ::close(fd);
+  ASSERT_TRUE(shmtest::damageTable("c/write", "mvpnVrf"));
   EXPECT_DEATH(s->mvpnVrfIs(MvpnVrf(VrfId(2))),
                "handler saw: .*corrupt(.|\n)*write of mvpnVrf met a corrupt shared memory table");
   EXPECT_DEATH(s->mvpnVrfDel(VrfId(2)),

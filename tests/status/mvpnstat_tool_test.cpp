@@ -79,15 +79,12 @@ TEST_F(MvpnstatToolTest, ReportsUnknownDamagedAndForeignTables) {
   EXPECT_EQ(mvpnstat("show ../etc").status, 1);
   EXPECT_EQ(mvpnstat("show").status, 2);
 
-  // Records of another type under the collection name of VRF status.
-  struct Other {
-    uint64_t a, b;
-  };
-  Oro::ShmTable<Vrf::VrfIdMap::VrfId, Other> foreign("Test::Other", "mvpnVrf", {});
+  // A store of another type at a VRF status path.
+  Oro::ShmTable<Vrf::VrfIdMap::VrfId, uint64_t> foreign("Test::Other", "mvpnVrf", {});
   foreign.attach(Oro::ShmAttach{"routing/multicast/vpn/vrfStatus/evpn", Oro::ShmRole::writer});
   Result other = mvpnstat("show routing/multicast/vpn/vrfStatus/evpn");
   EXPECT_EQ(other.status, 1);
-  EXPECT_NE(other.out.find("holds Test::Other records, not Routing::Multicast::MvpnVrf"),
+  EXPECT_NE(other.out.find("holds a Test::Other, which mvpnstat does not know"),
             std::string::npos)
       << other.out;
 
@@ -99,7 +96,7 @@ TEST_F(MvpnstatToolTest, ReportsUnknownDamagedAndForeignTables) {
     vrfs->mvpnVrfIs(MvpnVrf(Vrf::VrfIdMap::VrfId(1), MvpnClient::bgp_));
     vrfs->unmount();
   }
-  const std::string file = "/dev/shm/" + Oro::shmSegmentName(path, "mvpnVrf").substr(1);
+  const std::string file = "/dev/shm/" + Oro::shmStoreName(path).substr(1);
   {
     std::fstream f(file, std::ios::in | std::ios::out | std::ios::binary);
     ASSERT_TRUE(f.good()) << file;

@@ -1,0 +1,304 @@
+#include "platform/shm/ShmBell.h"
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <mutex>
+#include <thread>
+#include <unordered_map>
+
+#include <fmt/format.h>
+
+#include "platform/Error.h"
+#include "platform/runtime/Futex.h"
+#include "platform/shm/ShmSegment.h"
+
+namespace Oro {
+
+namespace {
+
+using State = ShmBellServer::State;
+
+// epoll tokens: the stop event, listening sockets and connections.
+constexpr uint64_t kStopToken = 0;
+
+// The process's watcher: one thread serving every doorbell of this process's writers.
+class Watcher {
+ public:
+  static Watcher& instance() {
+    static Watcher* w = new Watcher();  // never destroyed: stores may outlive static objects
+    return *w;
+  }
+
+  void add(const std::shared_ptr<State>& state) {
+    std::lock_guard lock(mu_);
+    if (!running_) start();
+    const uint64_t token = nextToken_++;
+    entries_[token] = Entry{state, state->listenFd, true};
+    epoll_event ev{};
+    ev.events = EPOLLIN;
+    ev.data.u64 = token;
+    ::epoll_ctl(epfd_, EPOLL_CTL_ADD, state->listenFd, &ev);
+  }
+
+  void remove(const std::shared_ptr<State>& state) {
+    std::unique_lock lock(mu_);
+    for (auto it = entries_.begin(); it != entries_.end();) {
+      if (it->second.state == state) {
+        ::epoll_ctl(epfd_, EPOLL_CTL_DEL, it->second.fd, nullptr);
+        if (!it->second.listening) ::close(it->second.fd);
+        it = entries_.erase(it);
+      } else {
+        ++it;
+      }
+    }
+    if (entries_.empty() && running_) stop(lock);
+  }
+
+  // Around fork: the mutex is held across it, so the child's copy is in a known state; the
+  // child has no watcher thread and forgets the parent's registrations.
+  void beforeFork() { mu_.lock(); }
+  void afterForkParent() { mu_.unlock(); }
+  void afterForkChild() {
+    mu_.unlock();
+    entries_.clear();
+    if (running_) {
+      thread_.detach();  // the thread object of a thread that does not exist here
+      thread_ = std::thread();
+      ::close(epfd_);
+      ::close(stopFd_);
+      running_ = false;
+    }
+  }
+
+ private:
+  struct Entry {
+    std::shared_ptr<State> state;
+    int fd;
+    bool listening;
+  };
+
+  Watcher() {
+    ::pthread_atfork([] { Watcher::instance().beforeFork(); },
+                     [] { Watcher::instance().afterForkParent(); },
+                     [] { Watcher::instance().afterForkChild(); });
+  }
+
+  void start() {
+    epfd_ = ::epoll_create1(EPOLL_CLOEXEC);
+    stopFd_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (epfd_ < 0 || stopFd_ < 0) {
+      throw ShmException(fmt::format("cannot start the doorbell watcher: {}", std::strerror(errno)));
+    }
+    epoll_event ev{};
+    ev.events = EPOLLIN;
+    ev.data.u64 = kStopToken;
+    ::epoll_ctl(epfd_, EPOLL_CTL_ADD, stopFd_, &ev);
+    running_ = true;
+    thread_ = std::thread([this] { loop(); });
+  }
+
+  void stop(std::unique_lock<std::mutex>& lock) {
+    const uint64_t one = 1;
+    (void)!::write(stopFd_, &one, sizeof one);
+    std::thread t = std::move(thread_);
+    running_ = false;
+    lock.unlock();
+    t.join();
+    lock.lock();
+    ::close(epfd_);
+    ::close(stopFd_);
+    epfd_ = stopFd_ = -1;
+  }
+
+  void loop() {
+    epoll_event events[64];
+    for (;;) {
+      const int n = ::epoll_wait(epfd_, events, 64, -1);
+      if (n < 0) {
+        if (errno == EINTR) continue;
+        return;
+      }
+      std::lock_guard lock(mu_);
+      for (int i = 0; i < n; ++i) {
+        const uint64_t token = events[i].data.u64;
+        if (token == kStopToken) return;
+        auto it = entries_.find(token);
+        if (it == entries_.end()) continue;  // withdrawn meanwhile
+        if (it->second.listening) {
+          accept(it->second.state, it->second.fd);
+        } else {
+          receive(it);
+        }
+      }
+    }
+  }
+
+  void accept(const std::shared_ptr<State>& state, int listenFd) {
+    for (;;) {
+      const int fd = ::accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+      if (fd < 0) return;
+      const uint64_t token = nextToken_++;
+      entries_[token] = Entry{state, fd, false};
+      epoll_event ev{};
+      ev.events = EPOLLIN;
+      ev.data.u64 = token;
+      ::epoll_ctl(epfd_, EPOLL_CTL_ADD, fd, &ev);
+    }
+  }
+
+  void receive(std::unordered_map<uint64_t, Entry>::iterator it) {
+    State& s = *it->second.state;
+    for (;;) {
+      uint32_t wake = 0;
+      const ssize_t n = ::recv(it->second.fd, &wake, sizeof wake, MSG_DONTWAIT);
+      if (n == static_cast<ssize_t>(sizeof wake)) {
+        s.rings.fetch_add(1, std::memory_order_relaxed);
+        // Record the registration unless an older one is pending (any wake-up wakes every
+        // sleeper, and the older value makes the writer wake sooner, not later).
+        uint64_t expected = 0;
+        s.pending.compare_exchange_strong(expected, ShmBellServer::kRegistered | wake,
+                                          std::memory_order_seq_cst);
+        if (s.wakeWord->load(std::memory_order_seq_cst) != wake) {
+          futexWake(s.wakeWord, INT_MAX, /*shared=*/true);
+        }
+        continue;
+      }
+      if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return;
+      if (n < 0 && errno == EINTR) continue;
+      // Closed (the reader went away) or a malformed message: drop the connection.
+      ::epoll_ctl(epfd_, EPOLL_CTL_DEL, it->second.fd, nullptr);
+      ::close(it->second.fd);
+      entries_.erase(it);
+      return;
+    }
+  }
+
+  std::mutex mu_;
+  std::unordered_map<uint64_t, Entry> entries_;
+  uint64_t nextToken_ = 1;
+  bool running_ = false;
+  int epfd_ = -1;
+  int stopFd_ = -1;
+  std::thread thread_;
+};
+
+sockaddr_un addressOf(const std::string& path) {
+  sockaddr_un a{};
+  a.sun_family = AF_UNIX;
+  if (path.size() >= sizeof a.sun_path) {
+    throw ShmException(fmt::format("doorbell path {} is too long", path));
+  }
+  std::memcpy(a.sun_path, path.c_str(), path.size() + 1);
+  return a;
+}
+
+}  // namespace
+
+std::string shmBellPath(uint64_t instance) {
+  return fmt::format("{}/{}@{:016x}.bell", kShmDirectory, shmNamespace(), instance);
+}
+
+ShmBellServer::ShmBellServer(std::string path, mode_t mode, const std::atomic<uint32_t>* wakeWord)
+    : path_(std::move(path)), state_(std::make_shared<State>()) {
+  state_->wakeWord = wakeWord;
+  const sockaddr_un addr = addressOf(path_);
+  const int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  if (fd < 0) throw ShmException(fmt::format("cannot create doorbell: {}", std::strerror(errno)));
+  ::unlink(path_.c_str());
+  if (::bind(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) != 0 ||
+      ::listen(fd, 64) != 0) {
+    const int err = errno;
+    ::close(fd);
+    throw ShmException(fmt::format("cannot bind doorbell {}: {}", path_, std::strerror(err)));
+  }
+  // Everyone who may read the store may ring: write permission where the store grants read.
+  const mode_t read = mode & 0444;
+  (void)::chmod(path_.c_str(), 0600 | (read >> 1));
+  state_->listenFd = fd;
+  try {
+    Watcher::instance().add(state_);
+  } catch (...) {
+    ::close(fd);
+    ::unlink(path_.c_str());
+    throw;
+  }
+}
+
+ShmBellServer::~ShmBellServer() {
+  Watcher::instance().remove(state_);
+  ::close(state_->listenFd);
+  ::unlink(path_.c_str());
+}
+
+void ShmBellServer::wake(uint64_t seen) {
+  // Clear the registration we saw (a newer one recorded meanwhile stays for the next
+  // publication: it may be for the value just published), then wake every sleeper.
+  state_->pending.compare_exchange_strong(seen, 0, std::memory_order_seq_cst);
+  state_->wakes.fetch_add(1, std::memory_order_relaxed);
+  futexWake(state_->wakeWord, INT_MAX, /*shared=*/true);
+}
+
+ShmBellClient::~ShmBellClient() {
+  reset();
+}
+
+void ShmBellClient::reset() {
+  if (fd_ >= 0) ::close(fd_);
+  fd_ = -1;
+  sent_ = false;
+}
+
+int ShmBellClient::connectNow() {
+  const int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+  if (fd < 0) return errno;
+  sockaddr_un addr{};
+  try {
+    addr = addressOf(path_);
+  } catch (const ShmException&) {
+    ::close(fd);
+    return ENAMETOOLONG;
+  }
+  if (::connect(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) != 0) {
+    const int err = errno;
+    ::close(fd);
+    return err;
+  }
+  fd_ = fd;
+  sent_ = false;
+  return 0;
+}
+
+ShmBellClient::Ring ShmBellClient::ring(uint32_t wake) {
+  if (fd_ >= 0 && sent_ && last_ == wake) return Ring::registered;
+  for (int attempt = 0; attempt < 2; ++attempt) {
+    if (fd_ < 0) {
+      // No socket, or one nobody listens on (its writer died): no live writer.
+      if (const int err = connectNow(); err != 0) {
+        return err == ENOENT || err == ECONNREFUSED ? Ring::noWriter : Ring::failed;
+      }
+    }
+    const ssize_t n = ::send(fd_, &wake, sizeof wake, MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (n == static_cast<ssize_t>(sizeof wake)) {
+      sent_ = true;
+      last_ = wake;
+      return Ring::registered;
+    }
+    const int err = errno;
+    reset();
+    if (err == EAGAIN || err == EWOULDBLOCK) return Ring::failed;
+    // The writer went away (a new one may serve the same path): connect again once.
+  }
+  return Ring::noWriter;
+}
+
+}  // namespace Oro

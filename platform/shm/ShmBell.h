@@ -1,0 +1,95 @@
+// The doorbell of a shared-memory store: how a reader that is about to sleep tells the writer
+// so, without writing anything the writer or other readers depend on.
+//
+// Readers sleep in futex_wait on the store's wake word, which the writer advances after every
+// publication. A futex_wake costs the writer a system call (~0.4 us, more than a whole write),
+// so the writer makes one only when a reader has registered a sleep since its last wake-up.
+// A reader registers by sending the wake value it will sleep on over its own connection to
+// the store's doorbell socket (a Unix socket in /dev/shm that everyone who may read the store
+// may write to). A watcher thread in the writer process receives it and records it in the
+// store's pending word; the writer, after advancing the wake word, checks the pending word and
+// wakes (and clears it) when a registration for an older value is there.
+//
+// No lost wake-up: the writer advances the wake word, then reads the pending word; the watcher
+// records the registration, then reads the wake word and wakes itself when it changed (both
+// sides sequentially consistent). A reader never writes shared memory: one reader cannot
+// silence, stop or slow another by scribbling, and a reader that dies while asleep costs the
+// writer at most one futex_wake.
+//
+// Writer side: ShmBellServer (one per store, served by one watcher thread per process, started
+// with the first and stopped with the last). Reader side: ShmBellClient (one per store reader).
+#pragma once
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+namespace Oro {
+
+// The doorbell socket's path for a store instance.
+std::string shmBellPath(uint64_t instance);
+
+class ShmBellServer {
+ public:
+  // Binds the socket at `path` (replacing a leftover) with write permission for those who may
+  // read the store (derived from `mode`), and starts serving it. ShmException when the socket
+  // cannot be bound (the writer then wakes readers on every publication instead).
+  ShmBellServer(std::string path, mode_t mode, const std::atomic<uint32_t>* wakeWord);
+  ~ShmBellServer();
+  ShmBellServer(const ShmBellServer&) = delete;
+  ShmBellServer& operator=(const ShmBellServer&) = delete;
+
+  // Called by the writer after advancing the wake word to `now`.
+  void afterPublish(uint32_t now) {
+    const uint64_t p = state_->pending.load(std::memory_order_seq_cst);
+    if (p != 0 && static_cast<uint32_t>(p) != now) wake(p);
+  }
+  // Wake-ups made by afterPublish (for tests and benchmarks).
+  uint64_t wakes() const { return state_->wakes.load(std::memory_order_relaxed); }
+  // Registrations received.
+  uint64_t rings() const { return state_->rings.load(std::memory_order_relaxed); }
+
+  struct State {
+    std::atomic<uint64_t> pending{0};  // kRegistered | wake value, or 0
+    const std::atomic<uint32_t>* wakeWord = nullptr;
+    std::atomic<uint64_t> wakes{0};
+    std::atomic<uint64_t> rings{0};
+    int listenFd = -1;
+  };
+  static constexpr uint64_t kRegistered = uint64_t{1} << 32;
+
+ private:
+  void wake(uint64_t seen);
+  std::string path_;
+  std::shared_ptr<State> state_;
+};
+
+class ShmBellClient {
+ public:
+  explicit ShmBellClient(std::string path) : path_(std::move(path)) {}
+  ~ShmBellClient();
+  ShmBellClient(const ShmBellClient&) = delete;
+  ShmBellClient& operator=(const ShmBellClient&) = delete;
+
+  enum class Ring : uint8_t {
+    registered,  // the writer will wake this reader once the wake word moves past `wake`
+    noWriter,    // nobody serves the doorbell: no live writer (a new one always wakes)
+    failed,      // the doorbell exists but cannot be rung: do not sleep for long
+  };
+  // Registers a sleep on wake value `wake` (sends it unless this connection registered that
+  // very value already).
+  Ring ring(uint32_t wake);
+  void reset();
+
+ private:
+  int connectNow();  // 0 or the errno of the failure
+  std::string path_;
+  int fd_ = -1;
+  bool sent_ = false;
+  uint32_t last_ = 0;
+};
+
+}  // namespace Oro

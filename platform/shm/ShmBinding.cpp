@@ -1,0 +1,235 @@
+#include "platform/shm/ShmBinding.h"
+
+#include <algorithm>
+#include <tuple>
+#include <utility>
+
+#include "platform/Assert.h"
+#include "platform/Error.h"
+#include "platform/runtime/TaskScheduler.h"
+
+namespace Oro {
+
+namespace {
+constexpr std::chrono::milliseconds kFirstRetry{10};
+constexpr std::chrono::milliseconds kMaxRetry{1000};
+}  // namespace
+
+ShmBinding::ShmBinding(ShmStoreSpec spec, Callbacks callbacks)
+    : spec_(std::move(spec)),
+      callbacks_(std::move(callbacks)),
+      store_(ShmStore::detached(spec_)),
+      top_(spec_.collections.size(), nullptr),
+      nodes_(spec_.collections.size()) {}
+
+ShmBinding::~ShmBinding() {
+  *alive_ = false;
+  if (retryTimer_ != 0 && scheduler_) scheduler_->timerDel(retryTimer_);
+  reader_.reset();
+  if (role_ == ShmRole::writer) store_.releaseOwnership();
+}
+
+void ShmBinding::assertWritable() const {
+  MVPN_ASSERT_MSG(role_ != ShmRole::reader, "a reader cannot write a shared memory table");
+}
+
+void ShmBinding::topIs(uint32_t c, ShmHandleBase* handle) {
+  top_.at(c) = handle;
+}
+
+void ShmBinding::nodeIs(uint32_t c, uint64_t ref, ShmNode* node) {
+  nodes_.at(c)[ref] = node;
+}
+
+void ShmBinding::nodeDel(uint32_t c, uint64_t ref, ShmNode* node) {
+  auto& m = nodes_.at(c);
+  auto it = m.find(ref);
+  if (it != m.end() && it->second == node) m.erase(it);
+}
+
+ShmNode* ShmBinding::node(uint32_t c, uint64_t ref) const {
+  const auto& m = nodes_.at(c);
+  auto it = m.find(ref);
+  return it == m.end() ? nullptr : it->second;
+}
+
+ShmNode::~ShmNode() {
+  if (binding_) binding_->nodeDel(coll_, ref_, this);
+}
+
+void ShmNode::shmBind(ShmBinding* binding, uint32_t coll, uint64_t ref) {
+  if (binding_) binding_->nodeDel(coll_, ref_, this);
+  binding_ = binding;
+  coll_ = coll;
+  ref_ = ref;
+  if (binding_) binding_->nodeIs(coll, ref, this);
+  forEachChild([&](ShmHandleBase& h) { h.rebind(binding, ref); });
+}
+
+void ShmNode::shmDepart() {
+  if (!binding_) return;
+  binding_->nodeDel(coll_, ref_, this);
+  forEachChild([](ShmHandleBase& h) { h.depart(); });
+  binding_ = nullptr;
+}
+
+// The entities copied into a new store answer to new references from now on.
+void ShmBinding::rebindAll(const std::vector<std::tuple<uint32_t, uint64_t, uint64_t>>& moves) {
+  std::vector<std::tuple<uint32_t, uint64_t, ShmNode*>> found;
+  for (const auto& [c, from, to] : moves) {
+    if (ShmNode* n = node(c, from)) found.emplace_back(c, to, n);
+  }
+  for (auto& m : nodes_) m.clear();
+  for (const auto& [c, to, n] : found) n->shmBind(this, c, to);
+}
+
+void ShmBinding::attach(const ShmAttach& how) {
+  if (attached()) detach();
+  if (how.role == ShmRole::detached) return;
+  if (how.role == ShmRole::writer) {
+    ShmStore fresh = ShmStore::openWriter(how.mountPath, spec_, how.mode, how.ringCapacity);
+    std::vector<std::tuple<uint32_t, uint64_t, uint64_t>> moves;
+    try {
+      fresh.copyFrom(store_, /*announce=*/true,
+                     [&](uint32_t c, uint64_t from, uint64_t to) { moves.emplace_back(c, from, to); });
+    } catch (...) {
+      fresh.releaseOwnership();
+      throw;
+    }
+    store_ = std::move(fresh);
+    rebindAll(moves);
+    role_ = ShmRole::writer;
+    mountPath_ = how.mountPath;
+    quiesced_ = store_.header()->quiesced.load(std::memory_order_relaxed) != 0;
+    mountStatusIs(TylKetab::MountStatus::mounted);
+    return;
+  }
+  ShmStore fresh = ShmStore::openReader(how.mountPath, &spec_);
+  // The records held so far are not the store's: the handles keep their keys (reported on
+  // the first dispatch) and the proxies leave the store they were in.
+  for (ShmHandleBase* h : top_) {
+    if (h) h->forgetStore();
+  }
+  for (auto& m : nodes_) m.clear();
+  store_ = std::move(fresh);
+  role_ = ShmRole::reader;
+  mountPath_ = how.mountPath;
+  scheduler_ = how.scheduler;
+  retry_ = std::chrono::milliseconds{0};
+  reader_ = std::make_unique<ShmReader>(static_cast<ShmReader::Sink&>(*this), store_, scheduler_);
+}
+
+void ShmBinding::detach() {
+  if (!attached()) return;
+  if (retryTimer_ != 0 && scheduler_) scheduler_->timerDel(retryTimer_);
+  retryTimer_ = 0;
+  reader_.reset();
+  const bool wasWriter = role_ == ShmRole::writer;
+  if (wasWriter) store_.mountStatusIs(static_cast<uint32_t>(TylKetab::MountStatus::notMounted));
+  ShmStore local = ShmStore::detached(spec_);
+  std::vector<std::tuple<uint32_t, uint64_t, uint64_t>> moves;
+  try {
+    local.copyFrom(store_, /*announce=*/false,
+                   [&](uint32_t c, uint64_t from, uint64_t to) { moves.emplace_back(c, from, to); });
+  } catch (const ShmCorruptionException& e) {
+    handleCorruption(e.what());
+  }
+  if (wasWriter) store_.releaseOwnership();
+  store_ = std::move(local);
+  rebindAll(moves);
+  role_ = ShmRole::detached;
+  mountPath_.clear();
+  if (mountStatus_ != TylKetab::MountStatus::notMounted) {
+    mountStatus_ = TylKetab::MountStatus::notMounted;
+    if (callbacks_.onMountStatus) callbacks_.onMountStatus();
+  }
+}
+
+void ShmBinding::mountStatusIs(TylKetab::MountStatus status) {
+  assertWritable();
+  if (attached()) store_.mountStatusIs(static_cast<uint32_t>(status));
+  if (status == mountStatus_) return;
+  mountStatus_ = status;
+  if (callbacks_.onMountStatus) callbacks_.onMountStatus();
+}
+
+void ShmBinding::quiescedIs(bool quiesced) {
+  assertWritable();
+  if (attached()) store_.quiescedIs(quiesced);
+  if (quiesced == quiesced_) return;
+  quiesced_ = quiesced;
+  if (callbacks_.onQuiesced) callbacks_.onQuiesced(quiesced);
+}
+
+void ShmBinding::handleCorruption(const std::string& message) const {
+  ++corruptions_;
+  if (corruptionHandler_) corruptionHandler_(message);
+}
+
+// ---- reader ---------------------------------------------------------------------------------
+
+void ShmBinding::deliverKey(uint32_t c, const uint32_t* keyWords) {
+  if (c >= top_.size()) return;
+  ShmHandleBase* h = nullptr;
+  const uint32_t parent = spec_.collections[c].parent;
+  if (parent == ShmLayout::kNoParent) {
+    h = top_[c];
+  } else {
+    // A member's change goes to its parent's proxy; none means the parent is gone (or was
+    // never reported): there is nobody to tell.
+    const uint64_t ref = uint64_t{keyWords[1]} << 32 | keyWords[0];
+    if (ShmNode* n = node(parent, ref)) h = n->childHandle(c);
+  }
+  if (h) h->deliver(keyWords);
+}
+
+void ShmBinding::resyncKeys(ShmResync& out) {
+  for (ShmHandleBase* h : top_) {
+    if (h) h->resync(out);
+  }
+}
+
+void ShmBinding::deliverMountStatus(uint32_t status) {
+  mountStatus_ = static_cast<TylKetab::MountStatus>(status & 3);
+  if (callbacks_.onMountStatus) callbacks_.onMountStatus();
+}
+
+void ShmBinding::deliverQuiesced(bool quiesced) {
+  quiesced_ = quiesced;
+  if (callbacks_.onQuiesced) callbacks_.onQuiesced(quiesced);
+}
+
+void ShmBinding::readerFailed(const std::string& message, bool replaced) {
+  if (!replaced) handleCorruption(message);
+  if (!scheduler_) return;
+  // Look again for a store republished by its writer: at once after a replacement, else after
+  // a pause that doubles up to a second while the store stays damaged.
+  retry_ = replaced ? std::chrono::milliseconds{0}
+                    : std::clamp(retry_ * 2, kFirstRetry, kMaxRetry);
+  std::weak_ptr<bool> alive = alive_;
+  retryTimer_ = scheduler_->timerIs(retry_, [this, alive] {
+    if (auto a = alive.lock(); a && *a) {
+      retryTimer_ = 0;
+      retryReader();
+    }
+  });
+}
+
+void ShmBinding::retryReader() {
+  ShmStore fresh;
+  try {
+    fresh = ShmStore::openReader(mountPath_, &spec_);
+  } catch (const ShmException&) {
+    readerFailed("", /*replaced=*/false);
+    return;
+  }
+  reader_.reset();
+  for (ShmHandleBase* h : top_) {
+    if (h) h->forgetStore();
+  }
+  for (auto& m : nodes_) m.clear();
+  store_ = std::move(fresh);
+  reader_ = std::make_unique<ShmReader>(static_cast<ShmReader::Sink&>(*this), store_, scheduler_);
+}
+
+}  // namespace Oro

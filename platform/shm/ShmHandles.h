@@ -1,0 +1,602 @@
+// Typed handles of a shared-memory store's collections: ShmValues (keyed records) and
+// ShmEntities (keyed child entities, which are process-local proxies owning handles of their
+// own). A handle is bound to one collection and one parent entity (none at the top level).
+//
+// Writer (or detached): mutators change the store and publish the key in its change log.
+// Reader: every change arrives through deliver(); the handle keeps the set of keys it has
+// reported present (every lookup that finds a key adds it too), so that a resynchronisation
+// reports keys that went away while the change log overran.
+// Departure: when the owning entity leaves its store (removed by the writer, or gone for this
+// reader) the handle keeps its members in process memory for whoever still holds the entity:
+// the records on the writer's side, the keys reported so far on a reader's (their records are
+// gone with the store's entity).
+//
+// Traits of a value collection:
+//   using Key, Record;  static constexpr uint32_t collection;   // index in the store's spec
+//   static Key keyOf(const Record&);
+//   static constexpr uint32_t valueBytes; static constexpr uint64_t valueFingerprint;
+//   static void writeValue(const Record&, std::byte* out);
+//   static Record readRecord(const Key&, const std::byte* value, std::string_view blob);
+//   static constexpr bool blobs; static std::string_view blobOf(const Record&);
+// The key image is ShmImage<Key>.
+#pragma once
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <functional>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include <absl/container/flat_hash_map.h>
+
+#include "platform/Hash.h"
+#include "platform/runtime/Ptr.h"
+#include "platform/shm/ShmBinding.h"
+#include "platform/shm/ShmImage.h"
+#include "platform/shm/ShmStore.h"
+
+namespace Oro {
+
+template <class K>
+struct ShmKeyHash {
+  size_t operator()(const K& k) const { return k.hash(kFixedHashSeed); }
+};
+
+// Key images of handles: the parent reference (nested collections) and the key's image.
+template <class Key>
+void shmKeyImage(const ShmStore& store, uint32_t c, uint64_t parent, const Key& key,
+                 uint32_t* words) {
+  const uint32_t kw = store.keyWords(c);
+  std::memset(words, 0, 4 * kw);
+  uint32_t at = 0;
+  if (store.nested(c)) {
+    words[0] = static_cast<uint32_t>(parent);
+    words[1] = static_cast<uint32_t>(parent >> 32);
+    at = ShmLayout::kParentRefWords;
+  }
+  ShmImage<Key>::write(key, reinterpret_cast<std::byte*>(words + at));
+}
+
+template <class Key>
+Key shmKeyOf(const ShmStore& store, uint32_t c, const uint32_t* words) {
+  return ShmImage<Key>::read(
+      reinterpret_cast<const std::byte*>(words + (store.nested(c) ? ShmLayout::kParentRefWords : 0)));
+}
+
+template <class Traits>
+class ShmValues : public ShmHandleBase {
+ public:
+  using Key = typename Traits::Key;
+  using Record = typename Traits::Record;
+  using OnKey = std::function<void(const Key&)>;
+  static constexpr uint32_t kColl = Traits::collection;
+
+  // Where a walk stopped: the next key to visit and where it was found.
+  struct Bookmark {
+    Key key{};
+    uint32_t slot = 0;
+  };
+
+  // A walk in the store's order (slot order; a parent's page chain for nested members).
+  // Reading may raise ShmCorruptionException.
+  class Cursor {
+   public:
+    Cursor() = default;
+    bool valid() const { return h_ != nullptr && (local_ ? it_ != h_->local_.end() : slot_ != ShmStore::kNoSlot); }
+    const Key& key() const { return key_; }
+    const Record& value() const { return value_; }
+    Bookmark bookmark() const { return Bookmark{key_, slot_}; }
+    void next() {
+      if (!valid()) return;
+      if (local_) {
+        ++it_;
+        loadLocal();
+      } else {
+        seek(slot_ + 1);
+      }
+    }
+
+   private:
+    friend class ShmValues;
+    void seek(uint32_t from) {
+      ShmStore::Record rec;
+      const ShmStore& s = h_->binding_->store();
+      slot_ = h_->parent_ == 0 ? s.seek(kColl, from, &rec)
+                               : s.seekChild(kColl, h_->parent_, from, &rec);
+      if (slot_ != ShmStore::kNoSlot) h_->decode(rec, &key_, &value_);
+    }
+    void loadLocal() {
+      if (it_ == h_->local_.end()) return;
+      key_ = it_->first;
+      value_ = it_->second ? *it_->second : Record();
+    }
+    const ShmValues* h_ = nullptr;
+    bool local_ = false;
+    uint32_t slot_ = ShmStore::kNoSlot;
+    typename std::map<Key, std::optional<Record>>::const_iterator it_;
+    Key key_{};
+    Record value_{};
+  };
+
+  ShmValues(ShmBinding* binding, uint64_t parent, OnKey onKey)
+      : ShmHandleBase(binding, kColl, parent), onKey_(std::move(onKey)) {
+    if (!binding) {
+      departed_ = true;
+    } else if (parent == 0) {
+      binding->topIs(kColl, this);
+    }
+  }
+  ~ShmValues() override {
+    if (binding_ && parent_ == 0 && !departed_) binding_->topIs(kColl, nullptr);
+  }
+
+  std::optional<Record> find(const Key& key) const {
+    if (departed_) {
+      auto it = local_.find(key);
+      return it == local_.end() ? std::nullopt : it->second;
+    }
+    uint32_t k[ShmLayout::kMaxKeyBytes / 4];
+    ShmStore::Record rec;
+    const ShmStore& s = binding_->store();
+    shmKeyImage(s, kColl, parent_, key, k);
+    if (s.find(kColl, k, &rec) == ShmStore::kNoSlot) return std::nullopt;
+    Key found;
+    Record value;
+    decode(rec, &found, &value);
+    if (binding_->role() == ShmRole::reader) known_.try_emplace(found, mark_);
+    return value;
+  }
+
+  size_t size() const {
+    if (departed_) return local_.size();
+    const ShmStore& s = binding_->store();
+    return parent_ == 0 ? s.count(kColl) : s.childCount(kColl, parent_);
+  }
+  // The change counter of a nested collection's members (advanced by every change).
+  uint32_t version() const {
+    if (departed_ || parent_ == 0) return localVersion_;
+    return localVersion_ = binding_->store().childVersion(kColl, parent_);
+  }
+
+  Cursor begin() const {
+    Cursor c;
+    c.h_ = this;
+    if (departed_) {
+      c.local_ = true;
+      c.it_ = local_.begin();
+      c.loadLocal();
+    } else {
+      c.seek(parent_ == 0 ? 0 : ShmStore::kNoSlot);
+    }
+    return c;
+  }
+  // Resumes where `b` was taken: the slot is where the walk stopped whatever happened to its
+  // key since, so every record still at a later place is visited.
+  Cursor at(const Bookmark& b) const {
+    Cursor c;
+    c.h_ = this;
+    if (departed_) {
+      c.local_ = true;
+      c.it_ = local_.lower_bound(b.key);
+      c.loadLocal();
+    } else {
+      c.seek(b.slot);
+    }
+    return c;
+  }
+
+  // Writer (or detached): insert or replace, publishing the key. `old` receives the record
+  // replaced (none for a new key). Returns true for a new key.
+  bool insert(const Record& r, std::optional<Record>* old = nullptr) {
+    const Key key = Traits::keyOf(r);
+    if (departed_) {
+      auto [it, added] = local_.try_emplace(key, r);
+      if (!added) {
+        if (old) *old = it->second;
+        it->second = r;
+      } else if (old) {
+        *old = std::nullopt;
+      }
+      ++localVersion_;
+      return added;
+    }
+    binding_->assertWritable();
+    ShmStore& s = binding_->store();
+    uint32_t words[ShmStore::kMaxRecordWords];
+    std::memset(words, 0, sizeof words);
+    shmKeyImage(s, kColl, parent_, key, words);
+    Traits::writeValue(r, reinterpret_cast<std::byte*>(words + s.keyWords(kColl)));
+    std::string_view blob;
+    if constexpr (Traits::blobs) blob = Traits::blobOf(r);
+    ShmStore::Record prev;
+    const bool added = s.put(kColl, words, blob, old ? &prev : nullptr);
+    if (old) {
+      if (added) {
+        *old = std::nullopt;
+      } else {
+        Key k;
+        Record v;
+        decode(prev, &k, &v);
+        *old = v;
+      }
+    }
+    s.publishKey(kColl, words);
+    return added;
+  }
+
+  // Writer (or detached): removes the key, publishing it when it was there.
+  bool remove(const Key& key, Record* removed = nullptr) {
+    if (departed_) {
+      auto it = local_.find(key);
+      if (it == local_.end()) return false;
+      if (removed) *removed = it->second ? *it->second : Record();
+      local_.erase(it);
+      ++localVersion_;
+      return true;
+    }
+    binding_->assertWritable();
+    ShmStore& s = binding_->store();
+    uint32_t words[ShmLayout::kMaxKeyBytes / 4];
+    shmKeyImage(s, kColl, parent_, key, words);
+    ShmStore::Record prev;
+    if (!s.remove(kColl, words, &prev)) return false;
+    if (removed) {
+      Key k;
+      decode(prev, &k, removed);
+    }
+    s.publishKey(kColl, words);
+    return true;
+  }
+
+  void onKeyIs(OnKey onKey) { onKey_ = std::move(onKey); }
+  // The keys this reader has reported present (and not absent since).
+  size_t knownKeys() const { return known_.size(); }
+
+  // ---- ShmHandleBase ----
+  void deliver(const uint32_t* keyWords) override {
+    const ShmStore& s = binding_->store();
+    const Key key = shmKeyOf<Key>(s, kColl, keyWords);
+    if (s.find(kColl, keyWords, nullptr) != ShmStore::kNoSlot) {
+      known_.try_emplace(key, mark_);
+    } else {
+      known_.erase(key);
+    }
+    if (onKey_) onKey_(key);
+  }
+
+  void resync(ShmResync& out) override {
+    if (departed_) return;
+    ++mark_;
+    const ShmStore& s = binding_->store();
+    ShmStore::Record rec;
+    for (uint32_t slot = parent_ == 0 ? s.seek(kColl, 0, &rec) : s.seekChild(kColl, parent_, ShmStore::kNoSlot, &rec);
+         slot != ShmStore::kNoSlot;
+         slot = parent_ == 0 ? s.seek(kColl, slot + 1, &rec) : s.seekChild(kColl, parent_, slot + 1, &rec)) {
+      known_.insert_or_assign(shmKeyOf<Key>(s, kColl, rec.words), mark_);
+      out.add(kColl, rec.words);
+    }
+    uint32_t k[ShmLayout::kMaxKeyBytes / 4];
+    for (const auto& [key, mark] : known_) {
+      if (mark == mark_) continue;
+      shmKeyImage(s, kColl, parent_, key, k);
+      out.add(kColl, k);
+    }
+  }
+
+  void depart() override {
+    if (departed_) return;
+    local_.clear();
+    if (binding_->role() == ShmRole::reader) {
+      for (const auto& [key, mark] : known_) local_.emplace(key, std::nullopt);
+    } else {
+      for (Cursor c = begin(); c.valid(); c.next()) local_.emplace(c.key(), c.value());
+    }
+    version();
+    if (parent_ == 0) binding_->topIs(kColl, nullptr);
+    known_.clear();
+    departed_ = true;
+  }
+
+  void forgetStore() override {
+    if (departed_ || binding_->role() != ShmRole::detached) return;
+    // Attaching as a reader: the records held so far are dropped, their keys reported.
+    for (Cursor c = begin(); c.valid(); c.next()) known_.try_emplace(c.key(), mark_);
+  }
+
+ private:
+  void decode(const ShmStore::Record& rec, Key* key, Record* value) const {
+    const ShmStore& s = binding_->store();
+    *key = shmKeyOf<Key>(s, kColl, rec.words);
+    *value = Traits::readRecord(*key, reinterpret_cast<const std::byte*>(rec.words + s.keyWords(kColl)),
+                                rec.blob);
+  }
+
+  OnKey onKey_;
+  mutable absl::flat_hash_map<Key, uint32_t, ShmKeyHash<Key>> known_;
+  uint32_t mark_ = 0;
+  std::map<Key, std::optional<Record>> local_;
+  mutable uint32_t localVersion_ = 0;
+};
+
+// Entity proxies: E is an Oro::Entity and ShmNode with
+//   using Key;  static constexpr uint32_t collection;
+//   static Oro::Ptr<E> make(ShmBinding* binding, uint64_t ref, const Key& key);
+// (a null binding makes an entity in process memory; a bound one calls shmBind).
+// ShmEntities keeps one proxy per member; a proxy registers with the binding while bound.
+template <class E>
+class ShmEntities : public ShmHandleBase {
+ public:
+  using Key = typename E::Key;
+  using OnKey = std::function<void(const Key&)>;
+  static constexpr uint32_t kColl = E::collection;
+  struct Bookmark {
+    Key key{};
+    uint32_t slot = 0;
+  };
+
+  class Cursor {
+   public:
+    Cursor() = default;
+    bool valid() const { return h_ != nullptr && (local_ ? it_ != h_->localOrder_.end() : slot_ != ShmStore::kNoSlot); }
+    const Key& key() const { return key_; }
+    Oro::Ptr<E> value() const { return h_->find(key_); }
+    Bookmark bookmark() const { return Bookmark{key_, slot_}; }
+    void next() {
+      if (!valid()) return;
+      if (local_) {
+        ++it_;
+        if (it_ != h_->localOrder_.end()) key_ = *it_;
+      } else {
+        seek(slot_ + 1);
+      }
+    }
+
+   private:
+    friend class ShmEntities;
+    void seek(uint32_t from) {
+      ShmStore::Record rec;
+      const ShmStore& s = h_->binding_->store();
+      slot_ = h_->parent_ == 0 ? s.seek(kColl, from, &rec) : s.seekChild(kColl, h_->parent_, from, &rec);
+      if (slot_ != ShmStore::kNoSlot) key_ = shmKeyOf<Key>(s, kColl, rec.words);
+    }
+    const ShmEntities* h_ = nullptr;
+    bool local_ = false;
+    uint32_t slot_ = ShmStore::kNoSlot;
+    typename std::vector<Key>::const_iterator it_;
+    Key key_{};
+  };
+
+  ShmEntities(ShmBinding* binding, uint64_t parent, OnKey onKey)
+      : ShmHandleBase(binding, kColl, parent), onKey_(std::move(onKey)) {
+    if (!binding) {
+      departed_ = true;
+    } else if (parent == 0) {
+      binding->topIs(kColl, this);
+    }
+  }
+  ~ShmEntities() override {
+    if (binding_ && parent_ == 0 && !departed_) binding_->topIs(kColl, nullptr);
+    for (auto& [key, e] : members_) e->shmDepart();
+  }
+
+  // The member proxy of `key`, null when absent (a reader's lookup of a present member
+  // creates its proxy).
+  Oro::Ptr<E> find(const Key& key) const {
+    if (replacing_ && *replacing_ == key) return nullptr;
+    auto it = members_.find(key);
+    if (departed_) return it == members_.end() ? nullptr : it->second;
+    const ShmStore& s = binding_->store();
+    uint32_t k[ShmLayout::kMaxKeyBytes / 4];
+    shmKeyImage(s, kColl, parent_, key, k);
+    const uint32_t slot = s.find(kColl, k, nullptr);
+    if (slot == ShmStore::kNoSlot) return nullptr;
+    const uint64_t ref = s.refOf(kColl, slot);
+    if (it != members_.end()) return it->second;
+    // An entity with no proxy yet: one a reader was not told of yet, or one a writer found in
+    // a store it took over.
+    Oro::Ptr<E> e = E::make(binding_, ref, key);
+    members_.emplace(key, e);
+    return e;
+  }
+  bool contains(const Key& key) const { return find(key) != nullptr; }
+
+  size_t size() const {
+    if (departed_) return members_.size();
+    const ShmStore& s = binding_->store();
+    return parent_ == 0 ? s.count(kColl) : s.childCount(kColl, parent_);
+  }
+
+  Cursor begin() const {
+    Cursor c;
+    c.h_ = this;
+    if (departed_) {
+      refreshLocalOrder();
+      c.local_ = true;
+      c.it_ = localOrder_.begin();
+      if (c.it_ != localOrder_.end()) c.key_ = *c.it_;
+    } else {
+      c.seek(parent_ == 0 ? 0 : ShmStore::kNoSlot);
+    }
+    return c;
+  }
+  Cursor at(const Bookmark& b) const {
+    Cursor c;
+    c.h_ = this;
+    if (departed_) {
+      refreshLocalOrder();
+      c.local_ = true;
+      c.it_ = std::lower_bound(localOrder_.begin(), localOrder_.end(), b.key);
+      if (c.it_ != localOrder_.end()) c.key_ = *c.it_;
+    } else {
+      c.seek(b.slot);
+    }
+    return c;
+  }
+
+  // Writer (or detached): the member of `key`, created (and published) when absent; an
+  // existing member is returned as it is, without a publication.
+  Oro::Ptr<E> insert(const Key& key) {
+    if (auto it = members_.find(key); it != members_.end()) return it->second;
+    if (!departed_) {
+      if (Oro::Ptr<E> e = find(key)) return e;
+    }
+    if (departed_) {
+      Oro::Ptr<E> e = E::make(nullptr, 0, key);
+      members_.emplace(key, e);
+      return e;
+    }
+    binding_->assertWritable();
+    ShmStore& s = binding_->store();
+    uint32_t words[ShmStore::kMaxRecordWords];
+    std::memset(words, 0, sizeof words);
+    shmKeyImage(s, kColl, parent_, key, words);
+    s.put(kColl, words, {});
+    const uint64_t ref = s.refOf(kColl, s.find(kColl, words, nullptr));
+    Oro::Ptr<E> e = E::make(binding_, ref, key);
+    members_.emplace(key, e);
+    s.publishKey(kColl, words);
+    return e;
+  }
+
+  // Writer (or detached): removes the member (its proxy keeps its members in process memory
+  // for whoever still holds it), publishing the key when it was there.
+  bool remove(const Key& key) {
+    auto it = members_.find(key);
+    if (departed_) {
+      if (it == members_.end()) return false;
+      members_.erase(it);
+      return true;
+    }
+    binding_->assertWritable();
+    Oro::Ptr<E> e;
+    if (it != members_.end()) {
+      e = std::move(it->second);
+      members_.erase(it);
+      e->shmDepart();  // before the store forgets its members
+    }
+    ShmStore& s = binding_->store();
+    uint32_t words[ShmLayout::kMaxKeyBytes / 4];
+    shmKeyImage(s, kColl, parent_, key, words);
+    if (!s.remove(kColl, words, nullptr)) return e != nullptr;
+    s.publishKey(kColl, words);
+    return true;
+  }
+
+  void onKeyIs(OnKey onKey) { onKey_ = std::move(onKey); }
+  // Proxies alive in this process.
+  size_t proxies() const { return members_.size(); }
+
+  // ---- ShmHandleBase ----
+  void deliver(const uint32_t* keyWords) override {
+    ShmStore& s = binding_->store();
+    const Key key = shmKeyOf<Key>(s, kColl, keyWords);
+    const uint32_t slot = s.find(kColl, keyWords, nullptr);
+    auto it = members_.find(key);
+    if (slot == ShmStore::kNoSlot) {
+      if (it != members_.end()) {
+        Oro::Ptr<E> gone = std::move(it->second);
+        members_.erase(it);
+        gone->shmDepart();
+      }
+      if (onKey_) onKey_(key);
+      return;
+    }
+    const uint64_t ref = s.refOf(kColl, slot);
+    if (it != members_.end() && it->second->shmRef() != ref) {
+      // Another entity under the same key: the old one is gone first (its subscribers see the
+      // key absent), then the new one appears.
+      Oro::Ptr<E> gone = std::move(it->second);
+      members_.erase(it);
+      gone->shmDepart();
+      replacing_ = key;
+      if (onKey_) onKey_(key);
+      replacing_.reset();
+      it = members_.end();
+    }
+    if (it == members_.end()) {
+      members_.emplace(key, E::make(binding_, ref, key));
+      // The members of an entity met for the first time are reported after it.
+      if (ShmReader* r = binding_->reader()) {
+        ShmResync out = r->resyncQueue();
+        members_.find(key)->second->forEachChild([&](ShmHandleBase& h) { h.resync(out); });
+      }
+    }
+    if (onKey_) onKey_(key);
+  }
+
+  void resync(ShmResync& out) override {
+    if (departed_) return;
+    ++mark_;
+    const ShmStore& s = binding_->store();
+    ShmStore::Record rec;
+    for (uint32_t slot = parent_ == 0 ? s.seek(kColl, 0, &rec) : s.seekChild(kColl, parent_, ShmStore::kNoSlot, &rec);
+         slot != ShmStore::kNoSlot;
+         slot = parent_ == 0 ? s.seek(kColl, slot + 1, &rec) : s.seekChild(kColl, parent_, slot + 1, &rec)) {
+      const Key key = shmKeyOf<Key>(s, kColl, rec.words);
+      marks_[key] = mark_;
+      out.add(kColl, rec.words);
+      // Members of an entity this reader holds a proxy for (the same entity) are resynchronised
+      // with it; a new or replaced entity reports its members when it is delivered.
+      auto it = members_.find(key);
+      if (it != members_.end() && it->second->shmRef() == s.refOf(kColl, slot)) {
+        it->second->forEachChild([&](ShmHandleBase& h) { h.resync(out); });
+      }
+    }
+    uint32_t k[ShmLayout::kMaxKeyBytes / 4];
+    for (auto it = marks_.begin(); it != marks_.end();) {
+      if (it->second != mark_) {
+        shmKeyImage(s, kColl, parent_, it->first, k);
+        out.add(kColl, k);
+        if (!members_.contains(it->first)) {
+          marks_.erase(it++);
+          continue;
+        }
+      }
+      ++it;
+    }
+    for (const auto& [key, e] : members_) {
+      if (!marks_.contains(key)) {
+        shmKeyImage(s, kColl, parent_, key, k);
+        out.add(kColl, k);
+      }
+    }
+  }
+
+  void depart() override {
+    if (departed_) return;
+    for (auto& [key, e] : members_) e->shmDepart();
+    if (parent_ == 0) binding_->topIs(kColl, nullptr);
+    departed_ = true;
+  }
+
+  void forgetStore() override {
+    // The proxies leave the store (they keep their members in process memory); their keys
+    // stay known, so the first dispatch reports them.
+    for (auto& [key, e] : members_) {
+      e->shmDepart();
+      marks_[key] = mark_;
+    }
+  }
+
+ private:
+  void refreshLocalOrder() const {
+    localOrder_.clear();
+    for (const auto& [key, e] : members_) localOrder_.push_back(key);
+    std::sort(localOrder_.begin(), localOrder_.end());
+  }
+
+  OnKey onKey_;
+  mutable absl::flat_hash_map<Key, Oro::Ptr<E>, ShmKeyHash<Key>> members_;
+  absl::flat_hash_map<Key, uint32_t, ShmKeyHash<Key>> marks_;
+  uint32_t mark_ = 0;
+  std::optional<Key> replacing_;
+  mutable std::vector<Key> localOrder_;
+};
+
+}  // namespace Oro

@@ -1,0 +1,491 @@
+#include "status/MvpnRouteStatus.h"
+
+#include "platform/Assert.h"
+#include "platform/Error.h"
+#include "platform/Toggle.h"
+
+namespace Routing::Multicast {
+
+using Nevo::IpGenAddr;
+using Nevo::IpGenPrefix;
+
+namespace RouteStatusStore {
+
+Oro::ShmStoreSpec spec() {
+  using Oro::ShmCollectionSpec;
+  using Oro::ShmImage;
+  Oro::ShmStoreSpec s;
+  s.rootType = MvpnRouteStatus::kTypeName;
+  auto coll = [](const char* name, const char* type, uint32_t kind, uint32_t parent,
+                 uint64_t keyFp, uint32_t keyBytes, uint64_t valueFp, uint32_t valueBytes) {
+    ShmCollectionSpec c;
+    c.name = name;
+    c.typeName = type;
+    c.kind = kind;
+    c.parent = parent;
+    c.keyFingerprint = keyFp;
+    c.keyBytes = keyBytes;
+    c.valueFingerprint = valueFp;
+    c.valueBytes = valueBytes;
+    return c;
+  };
+  using VrfId = Vrf::VrfIdMap::VrfId;
+  s.collections = {
+      coll("vrfRouteStatus", "Routing::Multicast::MvpnVrfRouteStatus", Oro::ShmLayout::kCollEntities,
+           Oro::ShmLayout::kNoParent, ShmImage<VrfId>::fingerprint, ShmImage<VrfId>::bytes, 0, 0),
+      coll("mvpnRoute", "Routing::Multicast::MvpnRoute", Oro::ShmLayout::kCollValues, kVrfRouteStatus,
+           ShmImage<MvpnRouteKey>::fingerprint, ShmImage<MvpnRouteKey>::bytes,
+           MvpnRouteColl::valueFingerprint, MvpnRouteColl::valueBytes),
+      coll("mvpnGroup", "Routing::Multicast::MvpnGroup", Oro::ShmLayout::kCollEntities, kVrfRouteStatus,
+           ShmImage<IpGenAddr>::fingerprint, ShmImage<IpGenAddr>::bytes, 0, 0),
+      coll("sharedTree", "Routing::Multicast::MvpnSource", Oro::ShmLayout::kCollValues, kMvpnGroup,
+           ShmImage<IpGenAddr>::fingerprint, ShmImage<IpGenAddr>::bytes,
+           MvpnSourceColl<kSharedTree>::valueFingerprint, MvpnSourceColl<kSharedTree>::valueBytes),
+      coll("sourceTree", "Routing::Multicast::MvpnSource", Oro::ShmLayout::kCollValues, kMvpnGroup,
+           ShmImage<IpGenAddr>::fingerprint, ShmImage<IpGenAddr>::bytes,
+           MvpnSourceColl<kSourceTree>::valueFingerprint, MvpnSourceColl<kSourceTree>::valueBytes),
+  };
+  return s;
+}
+
+}  // namespace RouteStatusStore
+
+namespace {
+
+// A flag byte read back from shared memory: 0..7, anything else is damage.
+uint8_t flagsOf(const std::byte* p, const char* type) {
+  const auto v = static_cast<uint8_t>(*p);
+  if (v > 7) Oro::shmBadImage(type);
+  return v;
+}
+
+// A dump line: "%*c" and a space indent it, except at indent 0.
+template <class... Args>
+void line(Oro::DumpContext& dc, int indent, const char* fmt0, const char* fmtIndented, Args... args) {
+  if (indent != 0) {
+    dc.print(fmtIndented, indent, ' ', args...);
+  } else {
+    dc.print(fmt0, args...);
+  }
+}
+
+ShmRootBase::MutatorCounters* rootCounters(Oro::ShmBinding* binding, uint32_t coll) {
+  if (!binding || !binding->owner()) return nullptr;
+  return &static_cast<ShmRootBase*>(binding->owner())->counters(coll);
+}
+
+bool groupModel() {
+  return Oro::toggleEnabled("MvpnGroupTylModel");
+}
+
+}  // namespace
+
+void MvpnRouteColl::writeValue(const Record& r, std::byte* out) {
+  Oro::ShmImage<IpGenPrefix>::write(r.umhPrefix(), out);
+  out[Oro::ShmImage<IpGenPrefix>::bytes] = static_cast<std::byte>(r.routeFlags().value());
+}
+
+MvpnRoute MvpnRouteColl::readRecord(const Key& key, const std::byte* value, std::string_view) {
+  const IpGenPrefix prefix = Oro::ShmImage<IpGenPrefix>::read(value);
+  const uint8_t flags = flagsOf(value + Oro::ShmImage<IpGenPrefix>::bytes, "Routing::Multicast::MvpnRoute");
+  return MvpnRoute(key, prefix, MvpnRoute::RouteFlags(flags));
+}
+
+template <uint32_t Coll>
+void MvpnSourceColl<Coll>::writeValue(const Record& r, std::byte* out) {
+  Oro::ShmImage<IpGenPrefix>::write(r.umhPrefix(), out);
+  out[Oro::ShmImage<IpGenPrefix>::bytes] = static_cast<std::byte>(r.sourceFlags().value());
+}
+
+template <uint32_t Coll>
+MvpnSource MvpnSourceColl<Coll>::readRecord(const Key& key, const std::byte* value, std::string_view) {
+  const IpGenPrefix prefix = Oro::ShmImage<IpGenPrefix>::read(value);
+  const uint8_t flags = flagsOf(value + Oro::ShmImage<IpGenPrefix>::bytes, "Routing::Multicast::MvpnSource");
+  return MvpnSource(key, prefix, MvpnSource::SourceFlags(flags));
+}
+
+template struct MvpnSourceColl<RouteStatusStore::kSharedTree>;
+template struct MvpnSourceColl<RouteStatusStore::kSourceTree>;
+
+// ---- MvpnGroup ------------------------------------------------------------------------------
+
+MvpnGroup::MvpnGroup(Oro::ShmBinding* binding, uint64_t ref, const Key& group)
+    : group_(group),
+      sharedTree_(binding, ref,
+                  [this](const IpGenAddr& s) { sharedTreeNotify(s, sharedTree(s).value_or(MvpnSource())); }),
+      sourceTree_(binding, ref,
+                  [this](const IpGenAddr& s) { sourceTreeNotify(s, sourceTree(s).value_or(MvpnSource())); }) {
+  if (binding) shmBind(binding, collection, ref);
+}
+
+MvpnGroup::~MvpnGroup() = default;
+
+Oro::Ptr<MvpnGroup> MvpnGroup::make(Oro::ShmBinding* binding, uint64_t ref, const Key& group) {
+  return Oro::Ptr<MvpnGroup>(new MvpnGroup(binding, ref, group));
+}
+
+Oro::ShmHandleBase* MvpnGroup::childHandle(uint32_t coll) {
+  if (coll == RouteStatusStore::kSharedTree) return &sharedTree_;
+  if (coll == RouteStatusStore::kSourceTree) return &sourceTree_;
+  return nullptr;
+}
+
+void MvpnGroup::forEachChild(const std::function<void(Oro::ShmHandleBase&)>& fn) {
+  fn(sharedTree_);
+  fn(sourceTree_);
+}
+
+ShmRootBase::MutatorCounters* MvpnGroup::counters(uint32_t coll) const {
+  return rootCounters(shmBinding(), coll);
+}
+
+void MvpnGroup::sharedTreeIs(const MvpnSource& record) {
+  if (auto* c = counters(RouteStatusStore::kSharedTree)) c->is.inc();
+  sharedTree_.insert(record);
+  sharedTreeNotify(record.source(), record);
+}
+
+MvpnSource MvpnGroup::sharedTreeDel(const IpGenAddr& source) {
+  if (auto* c = counters(RouteStatusStore::kSharedTree)) c->del.inc();
+  MvpnSource removed;
+  if (!sharedTree_.remove(source, &removed)) return MvpnSource();
+  sharedTreeNotify(source, removed);
+  return removed;
+}
+
+void MvpnGroup::sharedTreeDelAll() {
+  std::vector<IpGenAddr> keys;
+  for (auto it = sharedTree_.begin(); it.valid(); it.next()) keys.push_back(it.key());
+  for (const IpGenAddr& k : keys) sharedTreeDel(k);
+}
+
+void MvpnGroup::sharedTreeNotify(const IpGenAddr& source, const MvpnSource& /*record*/) {
+  publishKey(sharedTreeAttr, source);
+  if (auto* c = counters(RouteStatusStore::kSharedTree)) c->notify.inc();
+}
+
+void MvpnGroup::sourceTreeIs(const MvpnSource& record) {
+  if (auto* c = counters(RouteStatusStore::kSourceTree)) c->is.inc();
+  sourceTree_.insert(record);
+  sourceTreeNotify(record.source(), record);
+}
+
+MvpnSource MvpnGroup::sourceTreeDel(const IpGenAddr& source) {
+  if (auto* c = counters(RouteStatusStore::kSourceTree)) c->del.inc();
+  MvpnSource removed;
+  if (!sourceTree_.remove(source, &removed)) return MvpnSource();
+  sourceTreeNotify(source, removed);
+  return removed;
+}
+
+void MvpnGroup::sourceTreeDelAll() {
+  std::vector<IpGenAddr> keys;
+  for (auto it = sourceTree_.begin(); it.valid(); it.next()) keys.push_back(it.key());
+  for (const IpGenAddr& k : keys) sourceTreeDel(k);
+}
+
+void MvpnGroup::sourceTreeNotify(const IpGenAddr& source, const MvpnSource& /*record*/) {
+  publishKey(sourceTreeAttr, source);
+  if (auto* c = counters(RouteStatusStore::kSourceTree)) c->notify.inc();
+}
+
+void MvpnGroup::dumpState(Oro::DumpContext& dc, int indent) const {
+  line(dc, indent, "Group: %s\n", "%*cGroup: %s\n", group_.toStrep().c_str());
+  dc.attributePrinted("group");
+  line(dc, indent + 2, "Shared tree: #%u\n", "%*cShared tree: #%u\n",
+       static_cast<unsigned>(sharedTree_.size()));
+  for (auto it = sharedTree_.begin(); it.valid(); it.next()) {
+    line(dc, indent + 4, "%s\n", "%*c%s\n", it.value().toStrep().c_str());
+  }
+  dc.attributePrinted("sharedTree");
+  line(dc, indent + 2, "Source tree: #%u\n", "%*cSource tree: #%u\n",
+       static_cast<unsigned>(sourceTree_.size()));
+  for (auto it = sourceTree_.begin(); it.valid(); it.next()) {
+    line(dc, indent + 4, "%s\n", "%*c%s\n", it.value().toStrep().c_str());
+  }
+  dc.attributePrinted("sourceTree");
+}
+
+// ---- MvpnVrfRouteStatus ---------------------------------------------------------------------
+
+MvpnVrfRouteStatus::MvpnVrfRouteStatus(Oro::ShmBinding* binding, uint64_t ref, const Key& vrfId)
+    : vrfId_(vrfId),
+      routes_(binding, ref,
+              [this](const MvpnRouteKey& k) { mvpnRouteNotify(k, mvpnRoute(k).value_or(MvpnRoute())); }),
+      groups_(binding, ref, [this](const IpGenAddr& g) { mvpnGroupNotify(g); }) {
+  if (binding) shmBind(binding, collection, ref);
+}
+
+MvpnVrfRouteStatus::~MvpnVrfRouteStatus() = default;
+
+Oro::Ptr<MvpnVrfRouteStatus> MvpnVrfRouteStatus::make(Oro::ShmBinding* binding, uint64_t ref,
+                                                      const Key& vrfId) {
+  return Oro::Ptr<MvpnVrfRouteStatus>(new MvpnVrfRouteStatus(binding, ref, vrfId));
+}
+
+Oro::ShmHandleBase* MvpnVrfRouteStatus::childHandle(uint32_t coll) {
+  if (coll == RouteStatusStore::kMvpnRoute) return &routes_;
+  if (coll == RouteStatusStore::kMvpnGroup) return &groups_;
+  return nullptr;
+}
+
+void MvpnVrfRouteStatus::forEachChild(const std::function<void(Oro::ShmHandleBase&)>& fn) {
+  fn(routes_);
+  fn(groups_);
+}
+
+ShmRootBase::MutatorCounters* MvpnVrfRouteStatus::counters(uint32_t coll) const {
+  return rootCounters(shmBinding(), coll);
+}
+
+void MvpnVrfRouteStatus::mvpnRouteIs(const MvpnRoute& route) {
+  if (auto* c = counters(RouteStatusStore::kMvpnRoute)) c->is.inc();
+  routes_.insert(route);
+  mvpnRouteNotify(route.key(), route);
+}
+
+MvpnRoute MvpnVrfRouteStatus::mvpnRouteDel(const MvpnRouteKey& key) {
+  if (auto* c = counters(RouteStatusStore::kMvpnRoute)) c->del.inc();
+  MvpnRoute removed;
+  if (!routes_.remove(key, &removed)) return MvpnRoute();
+  mvpnRouteNotify(key, removed);
+  return removed;
+}
+
+void MvpnVrfRouteStatus::mvpnRouteDelAll() {
+  std::vector<MvpnRouteKey> keys;
+  for (auto it = routes_.begin(); it.valid(); it.next()) keys.push_back(it.key());
+  for (const MvpnRouteKey& k : keys) mvpnRouteDel(k);
+}
+
+void MvpnVrfRouteStatus::mvpnRouteNotify(const MvpnRouteKey& key, const MvpnRoute& /*route*/) {
+  publishKey(mvpnRouteAttr, key);
+  if (auto* c = counters(RouteStatusStore::kMvpnRoute)) c->notify.inc();
+}
+
+Oro::Ptr<MvpnGroup> MvpnVrfRouteStatus::mvpnGroupIs(const IpGenAddr& group) {
+  if (Oro::Ptr<MvpnGroup> g = groups_.find(group)) return g;
+  if (auto* c = counters(RouteStatusStore::kMvpnGroup)) c->is.inc();
+  Oro::Ptr<MvpnGroup> g = groups_.insert(group);
+  mvpnGroupNotify(group);
+  return g;
+}
+
+void MvpnVrfRouteStatus::mvpnGroupDel(const IpGenAddr& group) {
+  if (auto* c = counters(RouteStatusStore::kMvpnGroup)) c->del.inc();
+  if (groups_.remove(group)) mvpnGroupNotify(group);
+}
+
+void MvpnVrfRouteStatus::mvpnGroupDelAll() {
+  std::vector<IpGenAddr> keys;
+  for (auto it = groups_.begin(); it.valid(); it.next()) keys.push_back(it.key());
+  for (const IpGenAddr& k : keys) mvpnGroupDel(k);
+}
+
+void MvpnVrfRouteStatus::mvpnGroupNotify(const IpGenAddr& group) {
+  publishKey(mvpnGroupAttr, group);
+  if (auto* c = counters(RouteStatusStore::kMvpnGroup)) c->notify.inc();
+}
+
+MvpnSource MvpnVrfRouteStatus::mvpnSourceIs(const IpGenAddr& group, const IpGenAddr& source,
+                                            const IpGenPrefix& umhPrefix, bool sharedTree,
+                                            MvpnSource::SourceFlags sourceFlags) {
+  Oro::Ptr<MvpnGroup> g = mvpnGroupIs(group);
+  const MvpnSource record(source, umhPrefix, sourceFlags);
+  if (sharedTree) {
+    g->sharedTreeIs(record);
+  } else {
+    g->sourceTreeIs(record);
+  }
+  return record;
+}
+
+MvpnSource MvpnVrfRouteStatus::mvpnSourceDel(const IpGenAddr& group, const IpGenAddr& source,
+                                             bool sharedTree) {
+  Oro::Ptr<MvpnGroup> g = mvpnGroup(group);
+  if (!g) return MvpnSource();
+  const MvpnSource removed = sharedTree ? g->sharedTreeDel(source) : g->sourceTreeDel(source);
+  // Also when nothing was removed: an empty group goes.
+  if (g->sharedTreeSize() == 0 && g->sourceTreeSize() == 0) mvpnGroupDel(group);
+  return removed;
+}
+
+MvpnSource MvpnVrfRouteStatus::mvpnSource(const IpGenAddr& group, const IpGenAddr& source,
+                                          bool sharedTree) const {
+  Oro::Ptr<MvpnGroup> g = mvpnGroup(group);
+  if (!g) return MvpnSource();
+  return (sharedTree ? g->sharedTree(source) : g->sourceTree(source)).value_or(MvpnSource());
+}
+
+bool MvpnVrfRouteStatus::mvpnSharedTree(const IpGenAddr& group) const {
+  Oro::Ptr<MvpnGroup> g = mvpnGroup(group);
+  return g && g->sharedTreeSize() != 0;
+}
+
+void MvpnVrfRouteStatus::countCorruption(const Oro::ShmCorruptionException& e) const {
+  if (Oro::ShmBinding* b = shmBinding()) b->handleCorruption(e.what());
+}
+
+uint32_t MvpnVrfRouteStatus::mvpnSharedTrees() const {
+  uint32_t total = 0;
+  for (auto it = groups_.begin(); it.valid(); it.next()) {
+    try {
+      if (Oro::Ptr<MvpnGroup> g = it.value()) total += static_cast<uint32_t>(g->sharedTreeSize());
+    } catch (const Oro::ShmCorruptionException& e) {
+      countCorruption(e);
+    }
+  }
+  return total;
+}
+
+uint32_t MvpnVrfRouteStatus::mvpnSourceTrees() const {
+  uint32_t total = 0;
+  for (auto it = groups_.begin(); it.valid(); it.next()) {
+    try {
+      if (Oro::Ptr<MvpnGroup> g = it.value()) total += static_cast<uint32_t>(g->sourceTreeSize());
+    } catch (const Oro::ShmCorruptionException& e) {
+      countCorruption(e);
+    }
+  }
+  return total;
+}
+
+void MvpnVrfRouteStatus::dumpState(Oro::DumpContext& dc, int indent) const {
+  line(dc, indent, "VRF ID: %u\n", "%*cVRF ID: %u\n", vrfId_.value());
+  dc.attributePrinted("vrfId");
+  if (groupModel()) {
+    line(dc, indent + 2, "MVPN Groups #%u\n", "%*cMVPN Groups #%u\n",
+         static_cast<unsigned>(groups_.size()));
+    for (auto it = groups_.begin(); it.valid(); it.next()) {
+      Oro::Ptr<MvpnGroup> g = it.value();
+      if (!g) {
+        dc.reportNull(indent + 4, "MvpnGroup");
+        continue;
+      }
+      if (!dc.markPrinted(g.get(), indent + 4, "MvpnGroup")) continue;
+      dc.childBegin();
+      g->dumpState(dc, indent + 4);
+      dc.childEnd(indent + 4, {"group", "sharedTree", "sourceTree"});
+    }
+    dc.attributePrinted("mvpnGroup");
+  } else {
+    line(dc, indent + 2, "MVPN Routes #%u\n", "%*cMVPN Routes #%u\n",
+         static_cast<unsigned>(routes_.size()));
+    for (auto it = routes_.begin(); it.valid(); it.next()) {
+      line(dc, indent + 4, "%s\n", "%*c%s\n", it.value().toStrep().c_str());
+    }
+    dc.attributePrinted("mvpnRoute");
+  }
+}
+
+// ---- MvpnRouteStatus ------------------------------------------------------------------------
+
+Oro::TraceHandle& MvpnRouteStatus::trace() {
+  static Oro::TraceHandle handle("MvpnRouteStatus");
+  return handle;
+}
+
+MvpnRouteStatus::MvpnRouteStatus(std::string name)
+    : ShmRootBase(std::move(name), RouteStatusStore::spec(), trace(), vrfRouteStatusControlAttr),
+      vrfs_(&binding(), 0, [this](VrfId v) { vrfRouteStatusNotify(v); }) {}
+
+MvpnRouteStatus::~MvpnRouteStatus() = default;
+
+std::string MvpnRouteStatus::mountPath(Nevo::AddressFamily af, MvpnClient client) {
+  if (af == Nevo::AddressFamily::ipv4) return "routing/multicast/vpn/routeStatus/" + stringValue(client);
+  if (af == Nevo::AddressFamily::ipv6) return "routing6/multicast/vpn/routeStatus/" + stringValue(client);
+  MVPN_ASSERT_MSG(false, "Unsupported address family");
+  return {};
+}
+
+Oro::Ptr<MvpnVrfRouteStatus> MvpnRouteStatus::vrfRouteStatusIs(VrfId vrfId) {
+  if (Oro::Ptr<MvpnVrfRouteStatus> v = vrfs_.find(vrfId)) return v;
+  counters(RouteStatusStore::kVrfRouteStatus).is.inc();
+  Oro::Ptr<MvpnVrfRouteStatus> v;
+  try {
+    v = vrfs_.insert(vrfId);
+  } catch (const Oro::ShmCorruptionException& e) {
+    corruptWrite("write", "vrfRouteStatus", e);
+  }
+  vrfRouteStatusNotify(vrfId);
+  return v;
+}
+
+void MvpnRouteStatus::vrfRouteStatusDel(VrfId vrfId) {
+  counters(RouteStatusStore::kVrfRouteStatus).del.inc();
+  bool removed = false;
+  try {
+    removed = vrfs_.remove(vrfId);
+  } catch (const Oro::ShmCorruptionException& e) {
+    corruptWrite("removal", "vrfRouteStatus", e);
+  }
+  if (removed) vrfRouteStatusNotify(vrfId);
+}
+
+void MvpnRouteStatus::vrfRouteStatusDelAll() {
+  std::vector<VrfId> keys;
+  try {
+    for (auto it = vrfs_.begin(); it.valid(); it.next()) keys.push_back(it.key());
+  } catch (const Oro::ShmCorruptionException& e) {
+    handleCorruption(e.what());
+  }
+  for (VrfId v : keys) vrfRouteStatusDel(v);
+}
+
+void MvpnRouteStatus::vrfRouteStatusNotify(VrfId vrfId) {
+  publishKey(vrfRouteStatusAttr, vrfId);
+  counters(RouteStatusStore::kVrfRouteStatus).notify.inc();
+}
+
+void MvpnRouteStatus::dumpState(Oro::DumpContext& dc, int indent) const {
+  unsigned count = 0;
+  try {
+    count = static_cast<unsigned>(vrfs_.size());
+  } catch (const Oro::ShmCorruptionException& e) {
+    handleCorruption(e.what());
+  }
+  line(dc, indent, "MvpnRouteStatus #%u:\n", "%*cMvpnRouteStatus #%u:\n", count);
+  try {
+    for (auto it = vrfs_.begin(); it.valid(); it.next()) {
+      Oro::Ptr<MvpnVrfRouteStatus> v = it.value();
+      if (!v) {
+        dc.reportNull(indent + 2, "MvpnVrfRouteStatus");
+        continue;
+      }
+      if (!dc.markPrinted(v.get(), indent + 2, "MvpnVrfRouteStatus")) continue;
+      dc.childBegin();
+      v->dumpState(dc, indent + 2);
+      dc.childEnd(indent + 2, {"vrfId", groupModel() ? "mvpnGroup" : "mvpnRoute"});
+    }
+  } catch (const Oro::ShmCorruptionException& e) {
+    handleCorruption(e.what());
+  }
+}
+
+Oro::Ptr<MvpnRouteStatus> mvpnRouteStatusFactory(const std::string& name) {
+  Oro::EntityHeapScope heap(Oro::ShmEntityStore::heap());
+  MvpnRouteStatus* root = new (std::nothrow) MvpnRouteStatus(name);
+  if (!root) {
+    throw Oro::NullPointerException(
+        "mvpnRouteStatusFactory: no memory for a Routing::Multicast::MvpnRouteStatus");
+  }
+  return Oro::Ptr<MvpnRouteStatus>(root);
+}
+
+namespace {
+
+Oro::Ptr<Oro::Entity> createForStore(const std::string& name,
+                                     const Oro::ShmEntityStore::Initializer* initializer) {
+  MVPN_ASSERT(initializer);
+  Oro::Ptr<MvpnRouteStatus> root = mvpnRouteStatusFactory(name);
+  if (!initializer->mountPath.empty()) root->mount(*initializer);
+  return root;
+}
+
+const bool registered =
+    Oro::ShmEntityStore::registerRoot(MvpnRouteStatus::kTypeName, &createForStore) &&
+    registerStatusRootType<MvpnRouteStatus>(MvpnRouteStatus::kTypeName, &mvpnRouteStatusFactory);
+
+}  // namespace
+
+}  // namespace Routing::Multicast
