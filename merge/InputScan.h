@@ -9,8 +9,10 @@
 //
 // Coll concept: Key, Bookmark, iter(), iterAt(bookmark), size(), and
 // handleCorruption(const Oro::ShmCorruptionException&); its iterators have valid(), key(),
-// next() and bookmark(). A corruption reported while walking is handed to the collection's
-// handler and ends the walk as if the collection had ended.
+// next() and bookmark(). A corruption met while walking (or raised by onKey) is handed to the
+// collection's handler and ends the walk; the scan then counts as complete but damaged()
+// until a later scan of the same stream completes cleanly. The owner must not act on the
+// absence of the keys a damaged scan did not reach (see InputRead.h).
 #pragma once
 
 #include <cstdint>
@@ -21,8 +23,8 @@
 
 #include "merge/MergeTraceLevels.h"
 #include "platform/Error.h"
-#include "platform/runtime/TaskScheduler.h"
 #include "platform/Trace.h"
+#include "platform/runtime/TaskScheduler.h"
 
 namespace Routing::Multicast::DynaCode {
 
@@ -61,6 +63,15 @@ class InputScan {
   }
   // Items handled by the last run (for tracing and benchmarks).
   uint64_t lastRunItems() const { return lastRunItems_; }
+  // The last scan that completed ended on damage instead of at the end of the collection.
+  bool damaged() const { return damaged_; }
+
+  // Starts over from the first key: the next run scans the whole collection again. Used to
+  // rescan a stream whose last scan ended on damage; damaged() holds until that scan ends.
+  void restart() {
+    state_ = kScanNotScanned;
+    bookmark_.reset();
+  }
 
   // One run of the scan (the caller has checked that it is not complete). Calls onKey(key)
   // for every key; on a yield reschedules env.task and returns yielded; at the end of the
@@ -71,6 +82,7 @@ class InputScan {
     ORO_TRACE(*env.trace, kTraceScan, " scan complete: {} resumed: {} scan: {}",
               complete(*env.parentInitialScanDone), resumed, state_);
     uint64_t handled = 0;
+    bool damaged = false;
     try {
       auto it = resumed ? coll.iterAt(*bookmark_) : coll.iter();
       while (it.valid()) {
@@ -94,7 +106,9 @@ class InputScan {
       }
     } catch (const Oro::ShmCorruptionException& e) {
       coll.handleCorruption(e);
+      damaged = true;
     }
+    damaged_ = damaged;
     lastRunItems_ = handled;
     if (env.task) {
       env.task->workCountInc(handled);
@@ -116,6 +130,7 @@ class InputScan {
   uint8_t state_ = kScanNotScanned;
   std::optional<Bookmark> bookmark_;
   uint64_t lastRunItems_ = 0;
+  bool damaged_ = false;
 };
 
 }  // namespace Routing::Multicast::DynaCode

@@ -11,6 +11,13 @@
 // parent before creation); after inputRootDel() the input counts as empty for lookups and
 // scans. A notification being handled (pending) when doDeleteAll runs is a missed
 // notification and fatal.
+//
+// Damage: a lookup that meets corruption answers "unreadable" (InputRead.h) and a scan that
+// meets it ends early; either makes the stream damaged (streamDamaged) until a scan that
+// started after the last failed read completes cleanly. The first notification of a damaged
+// stream whose scan is complete (its writer republishing) starts that scan, from the task so
+// that it never runs inside the notification; its clean end tells the parent
+// (streamRecovered), which re-merges the keys kept on the ground of damage.
 #pragma once
 
 #include <cstdint>
@@ -23,16 +30,17 @@
 
 #include <fmt/format.h>
 
+#include "merge/InputRead.h"
 #include "merge/InputScan.h"
 #include "merge/MergeSm.h"
 #include "merge/MergeSmParts.h"
 #include "merge/MergeTraceLevels.h"
 #include "platform/Assert.h"
-#include "platform/runtime/Entity.h"
 #include "platform/Error.h"
+#include "platform/Trace.h"
+#include "platform/runtime/Entity.h"
 #include "platform/runtime/Ptr.h"
 #include "platform/runtime/TaskScheduler.h"
-#include "platform/Trace.h"
 
 namespace Routing::Multicast::DynaCode {
 
@@ -117,17 +125,22 @@ class KeyedInputSm : public InputSmBase {
            fmt::format("{}-{}InputScanTask{}", parent_->typeName(), name_, stream_));
   }
 
-  // The input's current value for `key`; absent once the input has departed or when the
-  // table reports corruption (handed to its handler).
-  std::optional<Value> lookup(const Key& key) const {
-    if (departed_) return std::nullopt;
+  // The input's current value for `key`: absent once the input has departed; unreadable when
+  // the table reports corruption (handed to its handler).
+  InputRead<Value> lookup(const Key& key) const {
+    if (departed_) return {};
     try {
-      return Source::lookup(*en_, key);
+      return {Source::lookup(*en_, key)};
     } catch (const Oro::ShmCorruptionException& e) {
       Source::handleCorruption(*en_, e);
-      return std::nullopt;
+      ++failedReads_;
+      damaged_ = true;
+      return InputRead<Value>::damaged();
     }
   }
+  // A read of the input failed and no clean scan has completed since.
+  bool damaged() const { return damaged_; }
+  bool streamDamaged(size_t stream) const override { return stream == stream_ && damaged_; }
 
   // handle<Coll><n>: the per-key reaction.
   void handle(const Key& key) {
@@ -136,7 +149,7 @@ class KeyedInputSm : public InputSmBase {
     // Until the parent's initial scan is done the merge ignores every event, so the first
     // scan only walks the keys and does not pay for a lookup per key.
     if (!parent_->initialScanDone()) return;
-    event_(key, lookup(key));
+    event_(key, lookup(key).value);
   }
   // handle<Coll><n>Reactor: the notification entry.
   void handleReactor(const Key& key) {
@@ -146,6 +159,7 @@ class KeyedInputSm : public InputSmBase {
       ~Done() { --n; }
     } done{pendingNotifications_};
     handle(key);
+    if (damaged() && scan_.state() == kScanComplete) rescanAfterDamage();
   }
 
   // doInputScan<n>.
@@ -154,11 +168,21 @@ class KeyedInputSm : public InputSmBase {
     MVPN_ASSERT_MSG(en(),
                     "Sm args can only be null if marked as Optional in the SM type declaration");
     using Result = typename InputScan<Coll>::Result;
+    if (scan_.state() != kScanInterrupted) failedReadsAtScanStart_ = failedReads_;
     if (scan_.run(Coll{this}, env(), [this](const Key& key) { handle(key); }) !=
         Result::completed) {
       return;
     }
     const std::string label = scan_.completionLabel(name_);
+    if (scan_.damaged()) ++failedReads_;
+    const bool wasDamaged = damaged_;
+    damaged_ = failedReads_ != failedReadsAtScanStart_;
+    if (damaged_) {
+      ORO_TRACE(parent_->qtHandle(), kTraceLifecycle,
+                "{} scan met a damaged input: its merged entries are kept", name_);
+    } else if (wasDamaged && parent_->initialScanDone()) {
+      parent_->streamRecovered(stream_);
+    }
     if (scan_.state() == kScanComplete) taskDel();
     parent_->inputSmScanState()->streamScanIs(stream_, true);
     ORO_TRACE(parent_->qtHandle(), kTraceScan, "{} scan, and parent scan, complete.", label);
@@ -208,6 +232,19 @@ class KeyedInputSm : public InputSmBase {
     return ScanEnv{parent_->initialScanDonePtr(), task_.get(),          synchronous_,
                    &parent_->qtHandle(),          parent_->shortName(), name_};
   }
+  // A read of the input failed and the input has changed since: scan it again from the start.
+  // Its scan flag drops until then, which holds back the reconciliation.
+  void rescanAfterDamage() {
+    ORO_TRACE(parent_->qtHandle(), kTraceLifecycle, "{} rescanning after damage", name_);
+    scan_.restart();
+    parent_->inputSmScanState()->streamScanIs(stream_, false);
+    if (!task_) doInitializeTask();
+    if (task_) {
+      task_->schedule();
+    } else {
+      doInputScan();
+    }
+  }
   // In the task when there is one and the machine is not synchronous, else right here.
   void runScan() {
     if (task_ && !synchronous_) {
@@ -228,6 +265,10 @@ class KeyedInputSm : public InputSmBase {
   bool initialized_ = false;
   bool departed_ = false;
   uint32_t pendingNotifications_ = 0;
+  // Reads that met corruption, in total and when the current scan started.
+  mutable uint64_t failedReads_ = 0;
+  uint64_t failedReadsAtScanStart_ = 0;
+  mutable bool damaged_ = false;
   InputScan<Coll> scan_;
   std::unique_ptr<Oro::Task> task_;
   Oro::KeyReactor<Key> reactor_;

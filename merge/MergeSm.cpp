@@ -70,6 +70,20 @@ void MergeSm::handleReady() {
   if (outputState_->ready()) handleIdle();
 }
 
+bool MergeSm::streamDamaged(size_t stream) const {
+  for (const InputSmBase* sm : inputSms_) {
+    if (sm->streamDamaged(stream)) return true;
+  }
+  return false;
+}
+
+void MergeSm::streamRecovered(size_t stream) {
+  ORO_TRACE(*qtHandle_, kTraceLifecycle, "dyx_stream{} readable again", stream);
+  for (OutputBase* output : outputs_) {
+    if (output->mergesStream(stream)) output->remergeKept();
+  }
+}
+
 void MergeSm::doDeleteAll() {
   for (InputSmBase* sm : inputSms_) sm->doDeleteAll();
 }

@@ -20,10 +20,10 @@
 #include "merge/InputSmScanState.h"
 #include "merge/MergeSmParts.h"
 #include "merge/OutputState.h"
+#include "platform/Trace.h"
 #include "platform/runtime/Entity.h"
 #include "platform/runtime/Ptr.h"
 #include "platform/runtime/TaskScheduler.h"
-#include "platform/Trace.h"
 
 namespace Routing::Multicast::DynaCode {
 
@@ -53,6 +53,12 @@ class MergeSm : public Oro::Entity {
   InputSmScanState* inputSmScanState() const { return inputSmScanState_.get(); }
   OutputState* outputState() const { return outputState_.get(); }
   const Oro::TraceHandle& qtHandle() const { return *qtHandle_; }
+
+  // A read of `stream`'s input met damage and no clean scan has followed (see InputRead.h).
+  bool streamDamaged(size_t stream) const;
+  // A clean scan of `stream` followed damage: the outputs it feeds merge again the keys they
+  // kept on the ground of damage.
+  void streamRecovered(size_t stream);
 
   void handleInitialized();
   void handleInitialScanDone();

@@ -74,7 +74,8 @@ MergedMvpnVrfStatusSm::MergedMvpnVrfStatusSm(Oro::Ptr<const MvpnVrfStatus> mvpnV
       staticEvpnVrfStatus_(std::move(staticEvpnVrfStatus)),
       mergedVrfStatus_(std::move(mergedVrfStatus)),
       output_(this, 0, "mergedVrfStatusMvpnVrfOutput", {0, 1, 2, 3},
-              MergedVrfStatusMvpnVrfOutputColl{mergedVrfStatus_.get()}) {
+              MergedVrfStatusMvpnVrfOutputColl{mergedVrfStatus_.get()},
+              [this](const VrfId& vrfId) { merge(vrfId, kInputs); }) {
   outputIs(&output_);
 }
 
@@ -195,12 +196,35 @@ constexpr Rank kPrecedence[] = {{0, MvpnClient::bgp_, 22},
 // The no-input case quotes the rank-4 line as well.
 constexpr int kNoWinnerLine = 28;
 
-template <class Holds>
-const Rank* winnerOf(Holds&& holds) {
-  for (const Rank& r : kPrecedence) {
-    if (holds(r.stream)) return &r;
+// The rank (index in kPrecedence) of a merged client.
+size_t rankOf(MvpnClient client) {
+  for (size_t i = 0; i < std::size(kPrecedence); ++i) {
+    if (kPrecedence[i].client == client) return i;
   }
-  return nullptr;
+  return std::size(kPrecedence);
+}
+
+// The merge of a key for which input `unreadable`, ranked above the winner `w` (or any input
+// when `w` is null), could not be read (see merge/InputRead.h). The true winner ranks at
+// least as high as `w`: a missing merged entry or one of a lower rank is wrong for certain
+// and is replaced; anything else may be right and stays.
+void keepOrUpgrade(MergedMvpnVrfStatusSm& sm, const MergedMvpnVrfStatusSm::VrfId& vrfId,
+                   const Rank* w, size_t unreadable) {
+  sm.keyKept(vrfId);
+  std::optional<MvpnVrf> current;
+  try {
+    current = sm.mergedVrfStatus()->mvpnVrf(vrfId);
+  } catch (const Oro::ShmCorruptionException& e) {
+    sm.mergedVrfStatus()->mvpnVrfHandleCorruption(e.what());
+    return;
+  }
+  if (w && (!current || rankOf(current->client()) > static_cast<size_t>(w - kPrecedence))) {
+    sm.intoMergedVrfStatusMvpnVrf(vrfId, MvpnVrf(vrfId, w->client));
+    return;
+  }
+  ORO_TRACE(sm.qtHandle(), kTraceMerge,
+            "into( mergedVrfStatus.mvpnVrf[ vrfId ] ): keeping k1={}: dyx_stream{} unreadable",
+            vrfId, unreadable);
 }
 }  // namespace
 
@@ -210,37 +234,67 @@ void MergedMvpnVrfStatusSm::merge(const VrfId& vrfId, size_t heldBy) {
   ORO_TRACE(trace, kTraceMerge,
             "Line 15: merge( dyx_stream0, dyx_stream1, dyx_stream2, dyx_stream3 ): vrfId={}",
             vrfId);
+  // The winner, and whether an input ranked above it (any input when there is none) could
+  // not be read: then the decision is left to keepOrUpgrade.
+  const Rank* w = nullptr;
+  size_t unreadable = kInputs;
   if (!trace.enabled(DynaCode::kTraceMerge)) {
     // Without the trace lines that print every input, only the inputs up to the winner are
     // looked up (in precedence order), and an input that was found holding the key just
     // before is not asked again: the decision is the same.
-    const Rank* w =
-        winnerOf([&](size_t n) { return n == heldBy || inputSm(n)->lookup(vrfId).has_value(); });
+    for (const Rank& r : kPrecedence) {
+      if (r.stream == heldBy) {
+        w = &r;
+        break;
+      }
+      const auto read = inputSm(r.stream)->lookup(vrfId);
+      if (read.unreadable && unreadable == kInputs) unreadable = r.stream;
+      if (read.present()) {
+        w = &r;
+        break;
+      }
+    }
     output_.keyMerged(vrfId);
+    if (unreadable != kInputs) {
+      keepOrUpgrade(*this, vrfId, w, unreadable);
+      return;
+    }
     intoMergedVrfStatusMvpnVrf(
         vrfId, w ? std::optional<MvpnVrf>(MvpnVrf(vrfId, w->client)) : std::nullopt);
     return;
   }
   // Every input, in argument order; only presence counts, the winner's own client field is
   // not copied.
-  std::optional<MvpnVrf> in[kInputs];
+  DynaCode::InputRead<MvpnVrf> in[kInputs];
   for (size_t n = 0; n < kInputs; ++n) in[n] = inputSm(n)->lookup(vrfId);
-  const Rank* w = winnerOf([&](size_t n) { return in[n].has_value(); });
+  for (const Rank& r : kPrecedence) {
+    if (in[r.stream].unreadable && unreadable == kInputs) unreadable = r.stream;
+    if (in[r.stream].present()) {
+      w = &r;
+      break;
+    }
+  }
   const MvpnVrf myVrf(vrfId, w ? w->client : MvpnClient::staticEvpn_);
   ORO_TRACE(trace, kTraceMerge,
             "Line {}: merge( dyx_pipeline0 ): vrfId={} myVrf={} mvpnVrf={} staticMvpnVrf={} "
             "evpnVrf={} staticEvpnVrf={}",
-            w ? w->line : kNoWinnerLine, vrfId, myVrf.toStrep(), Oro::optionalStrep(in[0]),
-            Oro::optionalStrep(in[1]), Oro::optionalStrep(in[2]), Oro::optionalStrep(in[3]));
+            w ? w->line : kNoWinnerLine, vrfId, myVrf.toStrep(), Oro::optionalStrep(in[0].value),
+            Oro::optionalStrep(in[1].value), Oro::optionalStrep(in[2].value),
+            Oro::optionalStrep(in[3].value));
   std::optional<MvpnVrf> valMyVrf;
   if (w) valMyVrf = myVrf;
   ORO_TRACE(trace, kTraceMerge,
             "Line 22: merge( dyx_pipeline1, dyx_pipeline2, dyx_pipeline3, dyx_pipeline4, "
             "dyx_pipeline5 ): valMyVrf={} vrfId={} mvpnVrf={} staticMvpnVrf={} evpnVrf={} "
             "staticEvpnVrf={}",
-            Oro::optionalStrep(valMyVrf), vrfId, Oro::optionalStrep(in[0]),
-            Oro::optionalStrep(in[1]), Oro::optionalStrep(in[2]), Oro::optionalStrep(in[3]));
+            Oro::optionalStrep(valMyVrf), vrfId, Oro::optionalStrep(in[0].value),
+            Oro::optionalStrep(in[1].value), Oro::optionalStrep(in[2].value),
+            Oro::optionalStrep(in[3].value));
   output_.keyMerged(vrfId);
+  if (unreadable != kInputs) {
+    keepOrUpgrade(*this, vrfId, w, unreadable);
+    return;
+  }
   intoMergedVrfStatusMvpnVrf(vrfId, valMyVrf);
 }
 

@@ -17,10 +17,10 @@
 #include "merge/MergeSm.h"
 #include "merge/OutputReconciler.h"
 #include "platform/Error.h"
-#include "platform/runtime/Ptr.h"
-#include "platform/runtime/TaskScheduler.h"
 #include "platform/Trace.h"
 #include "platform/net/VrfId.h"
+#include "platform/runtime/Ptr.h"
+#include "platform/runtime/TaskScheduler.h"
 #include "status/MvpnVrfStatus.h"
 
 namespace Routing::Multicast {
@@ -155,6 +155,9 @@ class MergedMvpnVrfStatusSm : public DynaCode::MergeSm {
   void eventToDyx_pipeline0(const VrfId& vrfId);
   // The into clause: writes `value` under `vrfId`, or deletes the entry when absent.
   void intoMergedVrfStatusMvpnVrf(const VrfId& vrfId, const std::optional<MvpnVrf>& value);
+
+  // Records a key merged with an input unreadable, to merge it again once that input reads.
+  void keyKept(const VrfId& vrfId) { output_.keyKept(vrfId); }
 
   // Output bookkeeping of mergedVrfStatus.mvpnVrf.
   void handleMergedVrfStatusMvpnVrfOutputInputReady() { output_.handleInputReady(); }

@@ -8,14 +8,25 @@
 // writes or deletes is recorded in Seen; the walk deletes every output entry not in Seen,
 // then clears Seen and marks the output ready. With an empty output the walk is skipped.
 //
+// Damaged input: while the last scan of one of the output's streams ended on damage, the keys
+// of that input are not all known, so the output is not reconciled and not ready: nothing is
+// deleted, Seen keeps recording, and a walk that had yielded stays at its bookmark. The step
+// runs again when the stream's clean rescan sets its scan flag.
+//
+// It also holds the keys whose last merge was decided with an input unreadable
+// (merge/InputRead.h): remergeKept() merges them again once that input reads cleanly.
+//
 // OutColl concept: Key, Bookmark, iter(), iterAt(bookmark), size(), del(key) and
 // handleCorruption(const Oro::ShmCorruptionException&). KeyType wraps Key (the element type
 // of Seen; constructible from a Key, hashable with Hash).
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -25,8 +36,8 @@
 #include "merge/MergeTraceLevels.h"
 #include "merge/SeenSet.h"
 #include "platform/Error.h"
-#include "platform/runtime/TaskScheduler.h"
 #include "platform/Trace.h"
+#include "platform/runtime/TaskScheduler.h"
 
 namespace Routing::Multicast::DynaCode {
 
@@ -39,13 +50,16 @@ class OutputReconciler : public OutputBase {
   // `name` is the output's name, e.g. "mergedVrfStatusMvpnVrfOutput"; `index` its flag in the
   // output companion; `streams` the scan flags that must all be set before reconciling.
   // With traceReconciling, each reconciliation step also traces "Reconciling <name>: <flag>".
+  // `remerge` runs the output's merge rule for one key.
   OutputReconciler(MergeSm* parent, size_t index, std::string name, std::vector<size_t> streams,
-                   OutColl coll, bool traceReconciling = false)
+                   OutColl coll, std::function<void(const Key&)> remerge,
+                   bool traceReconciling = false)
       : parent_(parent),
         index_(index),
         name_(std::move(name)),
         streams_(std::move(streams)),
         coll_(std::move(coll)),
+        remerge_(std::move(remerge)),
         traceReconciling_(traceReconciling) {}
 
   const std::string& name() const { return name_; }
@@ -63,6 +77,18 @@ class OutputReconciler : public OutputBase {
   // Called by the merge for every key it writes or deletes in this output.
   void keyMerged(const Key& key) {
     if (reconciling_) seen_.insert(KeyType(key));
+  }
+  // Called by the merge for a key it decided with an input unreadable.
+  void keyKept(const Key& key) { kept_.insert(key); }
+  const std::set<Key>& kept() const { return kept_; }
+
+  bool mergesStream(size_t stream) const override {
+    return std::find(streams_.begin(), streams_.end(), stream) != streams_.end();
+  }
+  void remergeKept() override {
+    // A key still undecidable is kept again by its merge.
+    const std::set<Key> kept = std::exchange(kept_, {});
+    for (const Key& key : kept) remerge_(key);
   }
 
   void initialize() override {
@@ -92,6 +118,14 @@ class OutputReconciler : public OutputBase {
     if (!parent_->initialScanDone()) {
       parent_->handleInitialScanDone();
       return;
+    }
+    for (size_t stream : streams_) {
+      if (parent_->streamDamaged(stream)) {
+        ORO_TRACE(trace, kTraceLifecycle,
+                  "Not reconciling {}: the scan of dyx_stream{} ended on damaged input", name_,
+                  stream);
+        return;
+      }
     }
     ORO_TRACE(trace, kTraceLifecycle, "Input scans for {} complete", name_);
     if (traceReconciling_)
@@ -170,7 +204,9 @@ class OutputReconciler : public OutputBase {
   std::string name_;
   std::vector<size_t> streams_;
   OutColl coll_;
+  std::function<void(const Key&)> remerge_;
   bool traceReconciling_;
+  std::set<Key> kept_;
   SeenSet<KeyType, Hash> seen_;
   std::optional<Bookmark> bookmark_;
   bool useBookmark_ = false;
