@@ -10,6 +10,7 @@
 // reader announces the keys again and each is merged anew.
 #pragma once
 
+#include <cstdint>
 #include <optional>
 
 namespace Routing::Multicast::DynaCode {
@@ -21,6 +22,29 @@ struct InputRead {
 
   bool present() const { return value.has_value(); }
   static InputRead damaged() { return InputRead{std::nullopt, true}; }
+};
+
+// The damage bookkeeping of one stream: it is damaged from a failed read of its input until a
+// scan that started after the last failed read ends cleanly.
+class StreamDamage {
+ public:
+  bool damaged() const { return damaged_; }
+  void readFailed() {
+    ++failedReads_;
+    damaged_ = true;
+  }
+  void scanStarts() { failedReadsAtScanStart_ = failedReads_; }
+  // At the end of a scan; true when the scan was clean and followed damage.
+  bool scanEnds() {
+    const bool was = damaged_;
+    damaged_ = failedReads_ != failedReadsAtScanStart_;
+    return was && !damaged_;
+  }
+
+ private:
+  uint64_t failedReads_ = 0;
+  uint64_t failedReadsAtScanStart_ = 0;
+  bool damaged_ = false;
 };
 
 }  // namespace Routing::Multicast::DynaCode

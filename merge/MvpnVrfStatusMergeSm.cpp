@@ -1,11 +1,9 @@
 #include "merge/MvpnVrfStatusMergeSm.h"
 
-#include <array>
 #include <string_view>
 
 #include "merge/IntoClause.h"
 #include "merge/MergeTraceLevels.h"
-#include "platform/Assert.h"
 #include "platform/runtime/Optional.h"
 
 namespace Routing::Multicast::DynaCode::MergedMvpnVrfStatusSm {
@@ -26,37 +24,11 @@ namespace {
 
 using DynaCode::kTraceMerge;
 using DynaCode::MergedMvpnVrfStatusSm::MergedVrfStatusMvpnVrfOutputColl;
-using DynaCode::MergedMvpnVrfStatusSm::VrfInputSm;
-
-constexpr std::string_view kTypeName = "Routing::Multicast::MergedMvpnVrfStatusSm";
-constexpr std::string_view kShortName = "MergedMvpnVrfStatusSm";
-constexpr std::string_view kInputTypePrefix =
-    "Routing::Multicast::DynaCode::MergedMvpnVrfStatusSm::";
-
-// Per stream: the input machine's name and its from clause in trace form.
-struct StreamNames {
-  std::string_view sm;
-  std::string_view from;
-};
-constexpr std::array<StreamNames, MergedMvpnVrfStatusSm::kInputs> kStreams = {{
-    {"MvpnVrfStatusSm0", "Line 15: from( mvpnVrfStatus.mvpnVrf[] ): vrfId={}"},
-    {"StaticMvpnVrfStatusSm1", "Line 15: from( staticMvpnVrfStatus.mvpnVrf[] ): vrfId={}"},
-    {"EvpnVrfStatusSm2", "Line 15: from( evpnVrfStatus.mvpnVrf[] ): vrfId={}"},
-    {"StaticEvpnVrfStatusSm3", "Line 15: from( staticEvpnVrfStatus.mvpnVrf[] ): vrfId={}"},
-}};
-
-template <class Sm>
-Oro::Ptr<Sm> makeInputSm(MergedMvpnVrfStatusSm* parent, const MvpnVrfStatus* input, size_t n,
-                         VrfInputSm::EventFn event) {
-  return Oro::makePtr<Sm>(parent, Oro::Ptr<const MvpnVrfStatus>(input), n,
-                          std::string(kInputTypePrefix) + std::string(kStreams[n].sm),
-                          std::string(kStreams[n].sm), "mvpnVrf", std::move(event));
-}
 
 }  // namespace
 
 Oro::TraceHandle& MergedMvpnVrfStatusSm::traceHandle() {
-  static Oro::TraceHandle handle(std::string{kShortName});
+  static Oro::TraceHandle handle(std::string{DynaCode::MergedMvpnVrfStatusSm::kDesc.shortName});
   return handle;
 }
 
@@ -66,20 +38,14 @@ MergedMvpnVrfStatusSm::MergedMvpnVrfStatusSm(Oro::Ptr<const MvpnVrfStatus> mvpnV
                                              Oro::Ptr<const MvpnVrfStatus> staticEvpnVrfStatus,
                                              Oro::Ptr<MvpnVrfStatus> mergedVrfStatus,
                                              const Dyx::SmControl& dynaControl)
-    : MergeSm(std::string{kTypeName}, std::string{kShortName}, traceHandle(), dynaControl, kInputs,
-              1),
-      mvpnVrfStatus_(std::move(mvpnVrfStatus)),
-      staticMvpnVrfStatus_(std::move(staticMvpnVrfStatus)),
-      evpnVrfStatus_(std::move(evpnVrfStatus)),
-      staticEvpnVrfStatus_(std::move(staticEvpnVrfStatus)),
-      mergedVrfStatus_(std::move(mergedVrfStatus)),
-      output_(this, 0, "mergedVrfStatusMvpnVrfOutput", {0, 1, 2, 3},
-              MergedVrfStatusMvpnVrfOutputColl{mergedVrfStatus_.get()},
+    : MergeMachine(
+          {std::move(mvpnVrfStatus), std::move(staticMvpnVrfStatus), std::move(evpnVrfStatus),
+           std::move(staticEvpnVrfStatus), std::move(mergedVrfStatus)},
+          dynaControl),
+      output_(this, 0, MergedVrfStatusMvpnVrfOutputColl{arg<4>()},
               [this](const VrfId& vrfId) { merge(vrfId, kInputs); }) {
   outputIs(&output_);
 }
-
-MergedMvpnVrfStatusSm::~MergedMvpnVrfStatusSm() = default;
 
 Oro::Ptr<MergedMvpnVrfStatusSm> MergedMvpnVrfStatusSm::MergedMvpnVrfStatusSmIs(
     Oro::Ptr<const MvpnVrfStatus> mvpnVrfStatus, Oro::Ptr<const MvpnVrfStatus> staticMvpnVrfStatus,
@@ -99,86 +65,8 @@ Oro::Ptr<MergedMvpnVrfStatusSm> mergedMvpnVrfStatusSmFactory(
       std::move(staticEvpnVrfStatus), std::move(mergedVrfStatus), dynaControl);
 }
 
-void MergedMvpnVrfStatusSm::checkPointers() const {
-  MVPN_ASSERT_MSG(mergedVrfStatus(),
-                  "Pointer SM args cannot be null unless they are marked Optional");
-  MVPN_ASSERT_MSG(staticEvpnVrfStatus(),
-                  "Pointer SM args cannot be null unless they are marked Optional");
-  MVPN_ASSERT_MSG(evpnVrfStatus(),
-                  "Pointer SM args cannot be null unless they are marked Optional");
-  MVPN_ASSERT_MSG(staticMvpnVrfStatus(),
-                  "Pointer SM args cannot be null unless they are marked Optional");
-  MVPN_ASSERT_MSG(mvpnVrfStatus(),
-                  "Pointer SM args cannot be null unless they are marked Optional");
-}
-
-void MergedMvpnVrfStatusSm::createInputSms() {
-  mvpnVrfStatusSm0_ = makeInputSm<MvpnVrfStatusSm0>(
-      this, mvpnVrfStatus(), 0, [this](const VrfId& k, const std::optional<MvpnVrf>& v) {
-        streamEvent(0, k, v ? 0 : kInputs);
-      });
-  staticMvpnVrfStatusSm1_ = makeInputSm<StaticMvpnVrfStatusSm1>(
-      this, staticMvpnVrfStatus(), 1, [this](const VrfId& k, const std::optional<MvpnVrf>& v) {
-        streamEvent(1, k, v ? 1 : kInputs);
-      });
-  evpnVrfStatusSm2_ = makeInputSm<EvpnVrfStatusSm2>(
-      this, evpnVrfStatus(), 2, [this](const VrfId& k, const std::optional<MvpnVrf>& v) {
-        streamEvent(2, k, v ? 2 : kInputs);
-      });
-  staticEvpnVrfStatusSm3_ = makeInputSm<StaticEvpnVrfStatusSm3>(
-      this, staticEvpnVrfStatus(), 3, [this](const VrfId& k, const std::optional<MvpnVrf>& v) {
-        streamEvent(3, k, v ? 3 : kInputs);
-      });
-  inputSmIs(mvpnVrfStatusSm0_.get());
-  inputSmIs(staticMvpnVrfStatusSm1_.get());
-  inputSmIs(evpnVrfStatusSm2_.get());
-  inputSmIs(staticEvpnVrfStatusSm3_.get());
-}
-
-VrfInputSm* MergedMvpnVrfStatusSm::inputSm(size_t n) const {
-  switch (n) {
-    case 0:
-      return mvpnVrfStatusSm0_.get();
-    case 1:
-      return staticMvpnVrfStatusSm1_.get();
-    case 2:
-      return evpnVrfStatusSm2_.get();
-    case 3:
-      return staticEvpnVrfStatusSm3_.get();
-    default:
-      return nullptr;
-  }
-}
-
 void MergedMvpnVrfStatusSm::inputRootDel(size_t n) {
-  if (VrfInputSm* sm = inputSm(n)) sm->inputRootDel();
-}
-
-void MergedMvpnVrfStatusSm::streamEvent(size_t stream, const VrfId& vrfId, size_t heldBy) {
-  if (!initialScanDone()) return;
-  ORO_TRACE(qtHandle(), kTraceMerge, fmt::runtime(kStreams[stream].from), vrfId);
-  merge(vrfId, heldBy);
-}
-
-void MergedMvpnVrfStatusSm::eventToDyx_stream0(const VrfId& vrfId,
-                                               const std::optional<MvpnVrf>& /*value*/) {
-  streamEvent(0, vrfId, kInputs);
-}
-void MergedMvpnVrfStatusSm::eventToDyx_stream1(const VrfId& vrfId,
-                                               const std::optional<MvpnVrf>& /*value*/) {
-  streamEvent(1, vrfId, kInputs);
-}
-void MergedMvpnVrfStatusSm::eventToDyx_stream2(const VrfId& vrfId,
-                                               const std::optional<MvpnVrf>& /*value*/) {
-  streamEvent(2, vrfId, kInputs);
-}
-void MergedMvpnVrfStatusSm::eventToDyx_stream3(const VrfId& vrfId,
-                                               const std::optional<MvpnVrf>& /*value*/) {
-  streamEvent(3, vrfId, kInputs);
-}
-
-void MergedMvpnVrfStatusSm::eventToDyx_pipeline0(const VrfId& vrfId) {
-  merge(vrfId, kInputs);
+  if (VrfInput* sm = inputSm(n)) sm->inputRootDel();
 }
 
 namespace {
@@ -303,14 +191,14 @@ void MergedMvpnVrfStatusSm::intoMergedVrfStatusMvpnVrf(const VrfId& vrfId,
   if (!value) {
     ORO_TRACE(qtHandle(), kTraceMerge, "into( mergedVrfStatus.mvpnVrf[ vrfId ] ): deleting k1={}",
               vrfId);
-    mergedVrfStatus_->mvpnVrfDel(vrfId);
+    mergedVrfStatus()->mvpnVrfDel(vrfId);
     return;
   }
   DynaCode::intoKeyCheck("into( mergedVrfStatus.mvpnVrf[ vrfId ] )", value->key(), vrfId);
   ORO_TRACE(qtHandle(), kTraceMerge,
             "into( mergedVrfStatus.mvpnVrf[ vrfId ] ): inserting k1={}, value={}", vrfId,
             value->toStrep());
-  mergedVrfStatus_->mvpnVrfIs(*value);
+  mergedVrfStatus()->mvpnVrfIs(*value);
 }
 
 }  // namespace Routing::Multicast

@@ -47,20 +47,18 @@ class OutputReconciler : public OutputBase {
   using Key = typename OutColl::Key;
   using Bookmark = typename OutColl::Bookmark;
 
-  // `name` is the output's name, e.g. "mergedVrfStatusMvpnVrfOutput"; `index` its flag in the
-  // output companion; `streams` the scan flags that must all be set before reconciling.
-  // With traceReconciling, each reconciliation step also traces "Reconciling <name>: <flag>".
-  // `remerge` runs the output's merge rule for one key.
-  OutputReconciler(MergeSm* parent, size_t index, std::string name, std::vector<size_t> streams,
-                   OutColl coll, std::function<void(const Key&)> remerge,
-                   bool traceReconciling = false)
+  // Output `index` of the machine's description (its name, e.g.
+  // "mergedVrfStatusMvpnVrfOutput", the streams that must all be scanned before reconciling,
+  // whether each step traces "Reconciling <name>: <flag>"). `remerge` runs the output's merge
+  // rule for one key.
+  OutputReconciler(MergeSm* parent, size_t index, OutColl coll,
+                   std::function<void(const Key&)> remerge)
       : parent_(parent),
         index_(index),
-        name_(std::move(name)),
-        streams_(std::move(streams)),
+        desc_(parent->desc().outputs[index]),
+        name_(desc_.name),
         coll_(std::move(coll)),
-        remerge_(std::move(remerge)),
-        traceReconciling_(traceReconciling) {}
+        remerge_(std::move(remerge)) {}
 
   const std::string& name() const { return name_; }
   const OutColl& coll() const { return coll_; }
@@ -83,7 +81,8 @@ class OutputReconciler : public OutputBase {
   const std::set<Key>& kept() const { return kept_; }
 
   bool mergesStream(size_t stream) const override {
-    return std::find(streams_.begin(), streams_.end(), stream) != streams_.end();
+    const auto streams = desc_.streamList();
+    return std::find(streams.begin(), streams.end(), stream) != streams.end();
   }
   void remergeKept() override {
     // A key still undecidable is kept again by its merge.
@@ -92,17 +91,25 @@ class OutputReconciler : public OutputBase {
   }
 
   void initialize() override {
-    const size_t present = coll_.size();
+    size_t present = 0;
+    try {
+      present = coll_.size();
+    } catch (const Oro::ShmCorruptionException& e) {
+      // Nothing can be walked either; reconciling only records what the merge writes.
+      coll_.handleCorruption(e);
+      present = 1;
+    }
+    sizeAtStart_ = present;
     reconciling_ = present != 0;
     // The merging scans record about as many keys as the output holds now.
     if (reconciling_) seen_.reserve(present);
     if (Oro::TaskScheduler* scheduler = parent_->dynaControl().taskScheduler) {
+      const std::string prefix = std::string(parent_->shortName()) + "-" + name_;
       task_ = std::make_unique<Oro::Task>(scheduler, parent_->dynaControl().taskPriority,
-                                          parent_->shortName() + "-" + name_ + "Task",
-                                          [this] { handleInputReady(); });
-      releaseTask_ = std::make_unique<Oro::Task>(
-          scheduler, parent_->dynaControl().taskPriority,
-          parent_->shortName() + "-" + name_ + "SeenReleaseTask", [this] { releaseSeen(); });
+                                          prefix + "Task", [this] { handleInputReady(); });
+      releaseTask_ =
+          std::make_unique<Oro::Task>(scheduler, parent_->dynaControl().taskPriority,
+                                      prefix + "SeenReleaseTask", [this] { releaseSeen(); });
     }
   }
 
@@ -112,14 +119,14 @@ class OutputReconciler : public OutputBase {
       ORO_TRACE(trace, kTraceScan, "already ready, not reconciling.");
       return;
     }
-    for (size_t stream : streams_) {
+    for (size_t stream : desc_.streamList()) {
       if (!parent_->inputSmScanState()->streamScan(stream)) return;
     }
     if (!parent_->initialScanDone()) {
       parent_->handleInitialScanDone();
       return;
     }
-    for (size_t stream : streams_) {
+    for (size_t stream : desc_.streamList()) {
       if (parent_->streamDamaged(stream)) {
         ORO_TRACE(trace, kTraceLifecycle,
                   "Not reconciling {}: the scan of dyx_stream{} ended on damaged input", name_,
@@ -128,8 +135,9 @@ class OutputReconciler : public OutputBase {
       }
     }
     ORO_TRACE(trace, kTraceLifecycle, "Input scans for {} complete", name_);
-    if (traceReconciling_)
+    if (desc_.traceReconciling) {
       ORO_TRACE(trace, kTraceLifecycle, "Reconciling {}: {}", name_, reconciling_);
+    }
     uint64_t processed = 0;
     uint64_t deleted = 0;
     if (reconciling_ && walk(processed, deleted)) return;  // yielded
@@ -171,7 +179,8 @@ class OutputReconciler : public OutputBase {
           bookmark_ = it.bookmark();
           useBookmark_ = true;
           task_->workCountInc(processed);
-          task_->pendingWorkIs(coll_.size());
+          // An estimate: counting a two-level output exactly would walk all of it.
+          task_->pendingWorkIs(sizeAtStart_ > processedTotal_ ? sizeAtStart_ - processedTotal_ : 0);
           task_->schedule();
           ORO_TRACE(parent_->qtHandle(), kTraceScan,
                     "Yielding in reconciliation processing after processing {} items, "
@@ -201,11 +210,11 @@ class OutputReconciler : public OutputBase {
 
   MergeSm* parent_;
   size_t index_;
+  const OutputDesc& desc_;
   std::string name_;
-  std::vector<size_t> streams_;
   OutColl coll_;
   std::function<void(const Key&)> remerge_;
-  bool traceReconciling_;
+  size_t sizeAtStart_ = 0;
   std::set<Key> kept_;
   SeenSet<KeyType, Hash> seen_;
   std::optional<Bookmark> bookmark_;
