@@ -270,7 +270,7 @@ Bridging::VlanIdOrNone MvpnMapper::tunnelIdToPmsiVlan(const TunnelId& tunnelId) 
   const auto collIt = tunnelIdToTreeIdColl_.find(tunnelId);
   if (collIt == tunnelIdToTreeIdColl_.end()) return {};
   if (!mvpnIntfStatus_) return {};
-  // Only the first tree id is consulted: the trees of one tunnel serve one VRF.
+  // Only the first tree id is consulted, however many the tunnel carries.
   const MulticastTreeId* treeId = collIt->second->keyCollFirst();
   if (treeId == nullptr) return {};
   const auto vrfIt = treeIdToVrfId_.find(*treeId);
