@@ -35,6 +35,9 @@ enum ScanState : uint8_t {
   kScanInitialComplete = 3,
 };
 
+// How one run of a scan ended.
+enum class ScanResult { yielded, completed };
+
 // What a scan needs to know of the machine that runs it.
 struct ScanEnv {
   const bool* parentInitialScanDone;  // read live: it may change while the scan runs
@@ -53,7 +56,7 @@ class InputScan {
  public:
   using Key = typename Coll::Key;
   using Bookmark = typename Coll::Bookmark;
-  enum class Result { yielded, completed };
+  using Result = ScanResult;
 
   uint8_t state() const { return state_; }
   const std::optional<Bookmark>& bookmark() const { return bookmark_; }

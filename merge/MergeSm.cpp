@@ -105,6 +105,11 @@ void MergeSm::onScanStateChange(Oro::AttrId attr) {
     publish(idleAttr);
     return;
   }
+  // Only a scan that completes can complete an output's inputs: the flags cleared when the
+  // merging scans start (or a damaged stream's rescan) must not start a reconciliation of an
+  // output whose other flags are still set.
+  const size_t stream = attr - InputSmScanState::streamScanAttr(0);
+  if (!inputSmScanState_->streamScan(stream)) return;
   if (!initialScanDone_) {
     handleInitialScanDone();
     return;

@@ -41,8 +41,8 @@ class SeenArena {
 
   void* allocate(size_t bytes) {
     if (bytes < kMapThreshold) return ::operator new(bytes);
-    void* p = ::mmap(nullptr, roundUp(bytes), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS,
-                     -1, 0);
+    void* p =
+        ::mmap(nullptr, roundUp(bytes), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (p == MAP_FAILED) throw std::bad_alloc();
     return p;
   }
