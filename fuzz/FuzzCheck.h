@@ -8,10 +8,12 @@
 // through FUZZ_CHECK with the offending values. ASan and UBSan watch every step.
 #pragma once
 
+#include <compare>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <functional>
 #include <optional>
 #include <span>
 #include <string>
@@ -98,6 +100,14 @@ void checkTextRoundTrip(std::string_view text, Print print) {
   FUZZ_CHECK(print(*again) == printed, "input " + visible(text) + " printed as " +
                                            visible(printed) + ", then as " +
                                            visible(print(*again)));
+  // Equal values must be interchangeable as keys: same order, same hash.
+  if constexpr (std::three_way_comparable<T>) {
+    FUZZ_CHECK((*again <=> *v) == 0, "equal values that do not compare equal: " + printed);
+  }
+  if constexpr (requires(const T& t) { std::hash<T>{}(t); }) {
+    FUZZ_CHECK(std::hash<T>{}(*again) == std::hash<T>{}(*v),
+               "equal values, other hashes: " + printed);
+  }
 }
 
 }  // namespace Fuzz

@@ -43,14 +43,20 @@ for name in "${names[@]}"; do
   opts=(-max_total_time="$per" -timeout=10 -rss_limit_mb=2048 -print_final_stats=1
         -artifact_prefix="$crashes/")
   [[ -f "fuzz/$name.dict" ]] && opts+=(-dict="fuzz/$name.dict")
+  # A harness that maps shared memory works in a namespace of its own, removed afterwards
+  # (a crash leaves its segments behind otherwise).
+  ns="fuzz-$name-$$"
   echo "== fuzz_$name: ${per}s"
-  if "$bin" "${opts[@]}" "$work" "fuzz/corpus/$name" >"$dir/$name.log" 2>&1; then
+  if MVPN_SHM_NAMESPACE="$ns" "$bin" "${opts[@]}" "$work" "fuzz/corpus/$name" \
+      >"$dir/$name.log" 2>&1; then
+    rm -f /dev/shm/"$ns".*
     grep -E '^stat::number_of_executed_units|^stat::new_units_added' "$dir/$name.log" |
       tr '\n' ' ' | sed 's/stat:://g'
     echo
   else
+    rm -f /dev/shm/"$ns".*
     echo "fuzz_$name FAILED (log: $dir/$name.log):"
-    grep -E 'ERROR|property violated|runtime error|SUMMARY|Test unit written' "$dir/$name.log" |
+    grep -E -A1 'ERROR|property violated|runtime error|SUMMARY|Test unit written' "$dir/$name.log" |
       head -20 || true
     failed+=("$name")
   fi
