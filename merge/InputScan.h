@@ -5,7 +5,9 @@
 // Scan states: 0 not scanned, 1 interrupted (resume at the bookmark), 2 complete, 3 first scan
 // complete while the parent had not finished its initial scan (a second scan follows).
 // Invariants: the bookmark is set exactly in state 1; a yield never happens after the last
-// key (a scan with no next key completes in the same run); a synchronous scan never yields.
+// key (a scan with no next key completes in the same run); a synchronous scan never yields; a
+// scan that completes after the parent's initial scan is done (state 2) handled every key
+// after that point (one interrupted across it starts over).
 //
 // Coll concept: Key, Bookmark, iter(), iterAt(bookmark), size(), and
 // handleCorruption(const Oro::ShmCorruptionException&); its iterators have valid(), key(),
@@ -81,6 +83,12 @@ class InputScan {
   // collection moves to state 2 (parent done) or 3 and returns completed.
   template <class OnKey>
   Result run(const Coll& coll, const ScanEnv& env, OnKey&& onKey) {
+    // The keys a scan handled before the parent's initial scan was done were not merged: a
+    // scan interrupted across that point starts over.
+    if (state_ == kScanInterrupted && startedBeforeParentDone_ && *env.parentInitialScanDone) {
+      restart();
+    }
+    if (state_ != kScanInterrupted) startedBeforeParentDone_ = !*env.parentInitialScanDone;
     const bool resumed = state_ == kScanInterrupted;
     ORO_TRACE(*env.trace, kTraceScan, " scan complete: {} resumed: {} scan: {}",
               complete(*env.parentInitialScanDone), resumed, state_);
@@ -134,6 +142,7 @@ class InputScan {
   std::optional<Bookmark> bookmark_;
   uint64_t lastRunItems_ = 0;
   bool damaged_ = false;
+  bool startedBeforeParentDone_ = false;
 };
 
 }  // namespace Routing::Multicast::DynaCode

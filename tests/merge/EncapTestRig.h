@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstdint>
 #include <map>
+#include <ostream>
 #include <set>
 #include <string>
 #include <utility>
@@ -42,6 +43,12 @@ struct Contents {
   std::map<std::pair<uint32_t, uint32_t>, std::string> intfs;   // (vrf, n of intf(n))
   std::set<uint32_t> vrfs;
   bool operator==(const Contents&) const = default;
+  friend void PrintTo(const Contents& c, std::ostream* os) {
+    for (const auto& [k, d] : c.routes) *os << " r" << k.first << "/" << k.second << "=" << d;
+    for (const auto& [k, d] : c.intfs) *os << " i" << k.first << "/" << k.second << "=" << d;
+    *os << " vrfs";
+    for (uint32_t v : c.vrfs) *os << " " << v;
+  }
 };
 
 inline uint32_t numberOf(const MvpnRouteKey& k) {
