@@ -1,14 +1,13 @@
 // Model-based randomized test of MergedMcastTunnelEncapStatusSm: random histories of the three
 // writers (records written, rewritten and deleted in both collections, whole VRFs withdrawn,
 // records the merge does not read) interleaved with scheduler steps and restarts of the merging
-// reader over the merged status it left. Yields come from a time slice of zero (every scan and
-// walk yields after each key) or none, so the interleaving is the seed's alone. A synchronous
+// reader over the merged status it left. Yields come at random points from a seeded generator,
+// so the interleaving is the seed's alone. A synchronous
 // machine must follow the rule after every change once ready; every machine, once the
 // scheduler is idle, must be ready with the merged status equal to the rule applied to the
 // inputs, whatever the order of the events that led there.
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <cstdlib>
 #include <random>
 #include <string>
@@ -18,7 +17,6 @@
 namespace {
 
 using namespace EncapTest;
-using namespace std::chrono_literals;
 
 constexpr uint32_t kVrfs = 4;
 constexpr uint32_t kKeys = 4;
@@ -26,11 +24,16 @@ constexpr uint32_t kKeys = 4;
 void runHistory(uint32_t seed) {
   std::mt19937 rng(seed);
   auto pick = [&](uint32_t n) { return static_cast<uint32_t>(rng() % n); };
-  const bool yielding = pick(2) == 0;
-  Rig rig(yielding ? 0ns : std::chrono::nanoseconds(10s));
+  // Yields at random points: a task asking whether to yield is told so with probability
+  // 1/odds (1: after every key, 0: never), from a generator of its own seed.
+  const uint32_t odds[] = {1, 2, 5, 0};
+  const uint32_t yieldOdds = odds[pick(4)];
+  Rig rig;
+  rig.scheduler.yieldPolicyIs([yields = std::mt19937(seed), yieldOdds](const Oro::Task&) mutable {
+    return yieldOdds != 0 && yields() % yieldOdds == 0;
+  });
   const bool synchronous = pick(4) == 0;
-  std::string log =
-      std::string(yielding ? "yielding" : "no yields") + (synchronous ? " sync" : " async");
+  std::string log = "yield odds " + std::to_string(yieldOdds) + (synchronous ? " sync" : " async");
   auto note = [&](const std::string& what) { log += "; " + what; };
   auto data = [&] { return "d" + std::to_string(pick(3)); };
   const int routeWriters[] = {kMvpn, kStatic};
