@@ -78,9 +78,10 @@ class InputScan {
     bookmark_.reset();
   }
 
-  // One run of the scan (the caller has checked that it is not complete). Calls onKey(key)
-  // for every key; on a yield reschedules env.task and returns yielded; at the end of the
-  // collection moves to state 2 (parent done) or 3 and returns completed.
+  // One run of the scan (the caller has checked that it is not complete). Calls
+  // onKey(key, iterator) for every key (the iterator is at the key); on a yield reschedules
+  // env.task and returns yielded; at the end of the collection moves to state 2 (parent done) or 3
+  // and returns completed.
   template <class OnKey>
   Result run(const Coll& coll, const ScanEnv& env, OnKey&& onKey) {
     // The keys a scan handled before the parent's initial scan was done were not merged: a
@@ -98,7 +99,7 @@ class InputScan {
       auto it = resumed ? coll.iterAt(*bookmark_) : coll.iter();
       while (it.valid()) {
         const Key key = it.key();
-        onKey(key);
+        onKey(key, it);
         ++handled;
         it.next();
         if (!it.valid()) break;

@@ -164,7 +164,7 @@ class KeyedInput : public InputSmBase {
                     "Sm args can only be null if marked as Optional in the SM type declaration");
     using Result = typename InputScan<Coll>::Result;
     if (scan_.state() != kScanInterrupted) damage_.scanStarts();
-    if (scan_.run(Coll{this}, env(), [this](const Key& key) { handle(key); }) !=
+    if (scan_.run(Coll{this}, env(), [this](const Key& key, const auto&) { handle(key); }) !=
         Result::completed) {
       return;
     }

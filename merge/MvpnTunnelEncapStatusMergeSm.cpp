@@ -92,26 +92,6 @@ bool emptyVrf(const MvpnVrfTunnelEncapStatus& e) {
   return e.encapTunnelSize() == 0 && e.encapIntfTunnelSize() == 0;
 }
 
-// Writes `value` under (vrfId, key) of the merged status, or deletes the key (and the merged
-// VRF once both of its collections are empty).
-template <class Rule>
-void into(MergedMcastTunnelEncapStatusSm& sm, const VrfId& vrfId, const typename Rule::Key& key,
-          const std::optional<typename Rule::Value>& value) {
-  MvpnTunnelEncapStatus& merged = *sm.mergedEncap();
-  if (!value) {
-    const Oro::Ptr<MvpnVrfTunnelEncapStatus> entity = merged.vrfStatus(vrfId);
-    if (!entity) return;
-    ORO_TRACE(sm.qtHandle(), kTraceMerge, fmt::runtime(Rule::kDeleting), vrfId, key);
-    Rule::del(*entity, key);
-    if (emptyVrf(*entity)) merged.vrfStatusDel(vrfId);
-    return;
-  }
-  ORO_TRACE(sm.qtHandle(), kTraceMerge, fmt::runtime(Rule::kInserting), vrfId, key,
-            value->toStrep());
-  DynaCode::intoKeyCheck(Rule::kInto, Rule::keyOf(*value), key);
-  Rule::write(*merged.vrfStatusIs(vrfId), *value);
-}
-
 }  // namespace
 
 Oro::TraceHandle& MergedMcastTunnelEncapStatusSm::traceHandle() {
@@ -129,16 +109,23 @@ MergedMcastTunnelEncapStatusSm::MergedMcastTunnelEncapStatusSm(
                    dynaControl),
       encapTunnelOutput_(
           this, RouteRule::kOutput,
-          {arg<3>(),
-           [this](const RouteRule::OutKey& k) { deleteMerged<RouteRule>(k.vrfId(), k.inner()); }},
-          [this](const RouteRule::OutKey& k) { merge<RouteRule>(k.vrfId(), k.inner()); }),
+          {arg<3>(), [this](const RouteRule::OutKey& k) { return deleteMerged<RouteRule>(k); }},
+          [this](const RouteRule::OutKey& k) {
+            merge<RouteRule>(k.vrfId(), k.inner(), nullptr, nullptr);
+          }),
       encapIntfTunnelOutput_(
           this, IntfRule::kOutput,
-          {arg<3>(),
-           [this](const IntfRule::OutKey& k) { deleteMerged<IntfRule>(k.vrfId(), k.inner()); }},
-          [this](const IntfRule::OutKey& k) { merge<IntfRule>(k.vrfId(), k.inner()); }) {
+          {arg<3>(), [this](const IntfRule::OutKey& k) { return deleteMerged<IntfRule>(k); }},
+          [this](const IntfRule::OutKey& k) {
+            merge<IntfRule>(k.vrfId(), k.inner(), nullptr, nullptr);
+          }) {
   outputIs(&encapTunnelOutput_);
   outputIs(&encapIntfTunnelOutput_);
+  mergedVrf_.notifierIs(arg<3>());
+}
+
+MergedMcastTunnelEncapStatusSm::~MergedMcastTunnelEncapStatusSm() {
+  mergedVrf_.notifierIs(nullptr);
 }
 
 Oro::Ptr<MergedMcastTunnelEncapStatusSm>
@@ -164,27 +151,42 @@ Oro::Ptr<MergedMcastTunnelEncapStatusSm> mergedMcastTunnelEncapStatusSmFactory(
 
 void MergedMcastTunnelEncapStatusSm::eventToDyx_pipeline0(const VrfId& vrfId,
                                                           const MvpnRouteKey& routeKey) {
-  merge<RouteRule>(vrfId, routeKey);
+  merge<RouteRule>(vrfId, routeKey, nullptr, nullptr);
 }
 
 void MergedMcastTunnelEncapStatusSm::eventToDyx_pipeline1(const VrfId& vrfId,
                                                           const MvpnRouteIntfKey& routeIntfKey) {
-  merge<IntfRule>(vrfId, routeIntfKey);
+  merge<IntfRule>(vrfId, routeIntfKey, nullptr, nullptr);
+}
+
+void MergedMcastTunnelEncapStatusSm::mergeRoute(const VrfId& vrfId, const MvpnRouteKey& routeKey,
+                                                const MvpnEncapTunnel* heldStatic,
+                                                const MvpnEncapTunnel* heldOther) {
+  merge<RouteRule>(vrfId, routeKey, heldStatic, heldOther);
+}
+
+void MergedMcastTunnelEncapStatusSm::mergeIntf(const VrfId& vrfId,
+                                               const MvpnRouteIntfKey& routeIntfKey,
+                                               const MvpnEncapIntfTunnel* heldStatic,
+                                               const MvpnEncapIntfTunnel* heldOther) {
+  merge<IntfRule>(vrfId, routeIntfKey, heldStatic, heldOther);
 }
 
 void MergedMcastTunnelEncapStatusSm::intoMergedEncapVrfStatusEncapTunnel(
     const VrfId& vrfId, const MvpnRouteKey& routeKey, const std::optional<MvpnEncapTunnel>& value) {
-  into<RouteRule>(*this, vrfId, routeKey, value);
+  into<RouteRule>(vrfId, routeKey, value);
 }
 
 void MergedMcastTunnelEncapStatusSm::intoMergedEncapVrfStatusEncapIntfTunnel(
     const VrfId& vrfId, const MvpnRouteIntfKey& routeIntfKey,
     const std::optional<MvpnEncapIntfTunnel>& value) {
-  into<IntfRule>(*this, vrfId, routeIntfKey, value);
+  into<IntfRule>(vrfId, routeIntfKey, value);
 }
 
 template <class Rule>
-void MergedMcastTunnelEncapStatusSm::merge(const VrfId& vrfId, const typename Rule::Key& key) {
+void MergedMcastTunnelEncapStatusSm::merge(const VrfId& vrfId, const typename Rule::Key& key,
+                                           const typename Rule::Value* heldStatic,
+                                           const typename Rule::Value* heldOther) {
   if (!initialScanDone()) return;
   ORO_TRACE(qtHandle(), kTraceMerge, fmt::runtime(Rule::kMerge), vrfId, key);
   auto& output = [this]() -> auto& {
@@ -195,9 +197,14 @@ void MergedMcastTunnelEncapStatusSm::merge(const VrfId& vrfId, const typename Ru
     }
   }
   ();
-  const InputRead<typename Rule::Value> stat = Rule::readStatic(*this, vrfId, key);
+  const InputRead<typename Rule::Value> stat = heldStatic
+                                                   ? InputRead<typename Rule::Value>{*heldStatic}
+                                                   : Rule::readStatic(*this, vrfId, key);
   InputRead<typename Rule::Value> other;
-  if (!stat.present()) other = Rule::readOther(*this, vrfId, key);
+  if (!stat.present()) {
+    other = heldOther ? InputRead<typename Rule::Value>{*heldOther}
+                      : Rule::readOther(*this, vrfId, key);
+  }
   const std::optional<typename Rule::Value>& value = stat.present() ? stat.value : other.value;
   const typename Rule::OutKey outKey(vrfId, key);
   output.keyMerged(outKey);
@@ -214,22 +221,54 @@ void MergedMcastTunnelEncapStatusSm::merge(const VrfId& vrfId, const typename Ru
       mergedEncap()->vrfStatusHandleCorruption(e.what());
     }
     if (value && !held) {
-      into<Rule>(*this, vrfId, key, value);
+      into<Rule>(vrfId, key, value);
     } else {
       ORO_TRACE(qtHandle(), kTraceMerge, fmt::runtime(Rule::kKeeping), vrfId, key);
     }
     return;
   }
-  into<Rule>(*this, vrfId, key, value);
+  into<Rule>(vrfId, key, value);
+}
+
+// Writes `value` under (vrfId, key) of the merged status, or deletes the key (and the merged
+// VRF once both of its collections are empty).
+template <class Rule>
+void MergedMcastTunnelEncapStatusSm::into(const VrfId& vrfId, const typename Rule::Key& key,
+                                          const std::optional<typename Rule::Value>& value) {
+  if (!value) {
+    const Oro::Ptr<MvpnVrfTunnelEncapStatus> entity = mergedEncap()->vrfStatus(vrfId);
+    if (!entity) return;
+    ORO_TRACE(qtHandle(), kTraceMerge, fmt::runtime(Rule::kDeleting), vrfId, key);
+    Rule::del(*entity, key);
+    if (emptyVrf(*entity)) mergedEncap()->vrfStatusDel(vrfId);
+    return;
+  }
+  ORO_TRACE(qtHandle(), kTraceMerge, fmt::runtime(Rule::kInserting), vrfId, key, value->toStrep());
+  DynaCode::intoKeyCheck(Rule::kInto, Rule::keyOf(*value), key);
+  Rule::write(mergedVrfIs(vrfId), *value);
+}
+
+MvpnVrfTunnelEncapStatus& MergedMcastTunnelEncapStatusSm::mergedVrfIs(const VrfId& vrfId) {
+  if (!mergedVrf_.entity || mergedVrf_.vrfId != vrfId) {
+    // vrfStatusIs may announce a new VRF, which clears the cache: fill it afterwards.
+    Oro::Ptr<MvpnVrfTunnelEncapStatus> entity = mergedEncap()->vrfStatusIs(vrfId);
+    mergedVrf_.vrfId = vrfId;
+    mergedVrf_.entity = std::move(entity);
+  }
+  return *mergedVrf_.entity;
 }
 
 template <class Rule>
-void MergedMcastTunnelEncapStatusSm::deleteMerged(const VrfId& vrfId,
-                                                  const typename Rule::Key& key) {
-  const Oro::Ptr<MvpnVrfTunnelEncapStatus> entity = mergedEncap()->vrfStatus(vrfId);
-  if (!entity) return;
-  Rule::del(*entity, key);
-  if (emptyVrf(*entity)) mergedEncap()->vrfStatusDel(vrfId);
+bool MergedMcastTunnelEncapStatusSm::deleteMerged(const typename Rule::OutKey& key) {
+  const Oro::Ptr<MvpnVrfTunnelEncapStatus> entity = mergedEncap()->vrfStatus(key.vrfId());
+  if (!entity) return false;
+  const bool record = key.k1Valid();
+  if (record) Rule::del(*entity, key.inner());
+  if (emptyVrf(*entity)) {
+    mergedEncap()->vrfStatusDel(key.vrfId());
+    return true;
+  }
+  return record;
 }
 
 }  // namespace Routing::Multicast

@@ -217,6 +217,7 @@ class MergedMcastTunnelEncapStatusSm
                                  Oro::Ptr<const MvpnTunnelEncapStatus> evpnEncap,
                                  Oro::Ptr<MvpnTunnelEncapStatus> mergedEncap,
                                  const Dyx::SmControl& dynaControl);
+  ~MergedMcastTunnelEncapStatusSm() override;
 
   const MvpnTunnelEncapStatus* mvpnEncap() const { return arg<0>(); }
   const MvpnTunnelEncapStatus* staticEncap() const { return arg<1>(); }
@@ -231,28 +232,36 @@ class MergedMcastTunnelEncapStatusSm
   // Events of the four streams; the record handed in is not used, the merge looks the inputs
   // up again.
   void eventToDyx_stream0(const VrfId& vrfId, const MvpnRouteKey& routeKey,
-                          const std::optional<MvpnEncapTunnel>& value) {
-    onStream<0>(vrfId, routeKey, value);
+                          const std::optional<MvpnEncapTunnel>&) {
+    onStream<0>(vrfId, routeKey, kNoRoute);
   }
   void eventToDyx_stream1(const VrfId& vrfId, const MvpnRouteKey& routeKey,
-                          const std::optional<MvpnEncapTunnel>& value) {
-    onStream<1>(vrfId, routeKey, value);
+                          const std::optional<MvpnEncapTunnel>&) {
+    onStream<1>(vrfId, routeKey, kNoRoute);
   }
   void eventToDyx_stream2(const VrfId& vrfId, const MvpnRouteIntfKey& routeIntfKey,
-                          const std::optional<MvpnEncapIntfTunnel>& value) {
-    onStream<2>(vrfId, routeIntfKey, value);
+                          const std::optional<MvpnEncapIntfTunnel>&) {
+    onStream<2>(vrfId, routeIntfKey, kNoIntf);
   }
   void eventToDyx_stream3(const VrfId& vrfId, const MvpnRouteIntfKey& routeIntfKey,
-                          const std::optional<MvpnEncapIntfTunnel>& value) {
-    onStream<3>(vrfId, routeIntfKey, value);
+                          const std::optional<MvpnEncapIntfTunnel>&) {
+    onStream<3>(vrfId, routeIntfKey, kNoIntf);
   }
+  // An event of stream N from its input machine. `held` is the record the input has just
+  // read for the key: when present it stands for that input's lookup in the merge.
   template <size_t N, class K, class V>
-  void onStream(const VrfId& vrfId, const K& key, const std::optional<V>&) {
+  void onStream(const VrfId& vrfId, const K& key, const std::optional<V>& held) {
     if (!streamEventBegins<N>(vrfId, key)) return;
-    if constexpr (N < 2) {
-      eventToDyx_pipeline0(vrfId, key);
+    const V* h = held ? &*held : nullptr;
+    // Streams 1 and 3 are the static writer's.
+    if constexpr (N == 0) {
+      mergeRoute(vrfId, key, nullptr, h);
+    } else if constexpr (N == 1) {
+      mergeRoute(vrfId, key, h, nullptr);
+    } else if constexpr (N == 2) {
+      mergeIntf(vrfId, key, nullptr, h);
     } else {
-      eventToDyx_pipeline1(vrfId, key);
+      mergeIntf(vrfId, key, h, nullptr);
     }
   }
   // Source line 11: the route encapsulation of (vrfId, routeKey), static over MVPN.
@@ -274,11 +283,41 @@ class MergedMcastTunnelEncapStatusSm
                    MergedEncapVrfStatusEncapIntfTunnelOutput, encapIntfTunnelOutput_)
 
  private:
+  static inline const std::optional<MvpnEncapTunnel> kNoRoute;
+  static inline const std::optional<MvpnEncapIntfTunnel> kNoIntf;
+
+  // The rules with what the notifying input has just read (static, other writer; null when
+  // it read nothing or the event did not come from it).
+  void mergeRoute(const VrfId& vrfId, const MvpnRouteKey& routeKey,
+                  const MvpnEncapTunnel* heldStatic, const MvpnEncapTunnel* heldOther);
+  void mergeIntf(const VrfId& vrfId, const MvpnRouteIntfKey& routeIntfKey,
+                 const MvpnEncapIntfTunnel* heldStatic, const MvpnEncapIntfTunnel* heldOther);
   template <class Rule>
-  void merge(const VrfId& vrfId, const typename Rule::Key& key);
-  // Deletes a key of the merged status without tracing it (reconciliation).
+  void merge(const VrfId& vrfId, const typename Rule::Key& key,
+             const typename Rule::Value* heldStatic, const typename Rule::Value* heldOther);
   template <class Rule>
-  void deleteMerged(const VrfId& vrfId, const typename Rule::Key& key);
+  void into(const VrfId& vrfId, const typename Rule::Key& key,
+            const std::optional<typename Rule::Value>& value);
+  // Reconciliation: deletes a key of the merged status without tracing it, or for a key of the
+  // VRF alone, the merged VRF when it is empty. True when something was deleted.
+  template <class Rule>
+  bool deleteMerged(const typename Rule::OutKey& key);
+  // The merged VRF's entity, created when absent.
+  MvpnVrfTunnelEncapStatus& mergedVrfIs(const VrfId& vrfId);
+
+  // The merged per-VRF entity last written, dropped when the merged root announces a change
+  // of that VRF: the merges of one VRF's keys, which scans do one after the other, look the
+  // VRF up in the merged root once.
+  struct MergedVrfCache : Oro::Notifiee {
+    VrfId vrfId;
+    Oro::Ptr<MvpnVrfTunnelEncapStatus> entity;
+    void onAttributeKey(Oro::AttrId attr, const void* key) override {
+      if (attr == MvpnTunnelEncapStatus::vrfStatusAttr && keyAs<VrfId>(key) == vrfId) {
+        entity = nullptr;
+      }
+    }
+  };
+  MergedVrfCache mergedVrf_;
 
   DynaCode::MergedMcastTunnelEncapStatusSm::MergedEncapVrfStatusEncapTunnelOutput
       encapTunnelOutput_;

@@ -12,8 +12,9 @@ void MvpnVrfSource::handleCorruption(const Root& root, const Oro::ShmCorruptionE
   root.mvpnVrfHandleCorruption(e.what());
 }
 
-void MergedVrfStatusMvpnVrfOutputColl::del(const VrfId& key) const {
+bool MergedVrfStatusMvpnVrfOutputColl::del(const VrfId& key) const {
   status->mvpnVrfDel(key);
+  return true;
 }
 
 }  // namespace Routing::Multicast::DynaCode::MergedMvpnVrfStatusSm

@@ -81,8 +81,8 @@ struct MergedVrfStatusMvpnVrfOutputColl {
   MvpnVrfStatus* status;
   MvpnVrfIterator iter() const { return status->mvpnVrfIter(); }
   MvpnVrfIterator iterAt(const Bookmark& b) const { return MvpnVrfSource::iterAt(*status, b); }
-  size_t size() const { return status->mvpnVrfSize(); }
-  void del(const VrfId& key) const;
+  size_t sizeEstimate() const { return status->mvpnVrfSize(); }
+  bool del(const VrfId& key) const;
   void handleCorruption(const Oro::ShmCorruptionException& e) const {
     MvpnVrfSource::handleCorruption(*status, e);
   }

@@ -86,7 +86,7 @@ class ChildSm : public Oro::Entity {
         smKey_(smKey),
         entity_(std::move(entity)),
         name_(parent->childName()),
-        typeName_(parent->machine()->inputTypeName(name_)) {
+        typeName_(parent->childTypeName()) {
     recordVersions(std::index_sequence_for<Sources...>());
   }
   ~ChildSm() override { watcher_.notifierIs(nullptr); }
@@ -126,9 +126,10 @@ class ChildSm : public Oro::Entity {
     watcher_.notifierIs(nullptr);
   }
 
-  // handle<Coll><n>: the per-key reaction of stream k.
+  // handle<Coll><n>: the per-key reaction of stream k. A scan hands in the value its iterator
+  // is at (the entity's current record), which saves looking the key up again.
   template <size_t k>
-  void handle(const KeyAt<k>& key) {
+  void handle(const KeyAt<k>& key, const ValueAt<k>* current = nullptr) {
     if (departed_ || !parent_->initialized()) return;
     MergeSm* machine = parent_->machine();
     ORO_TRACE(machine->qtHandle(), kTraceKey, "k: {}", key);
@@ -138,7 +139,11 @@ class ChildSm : public Oro::Entity {
       std::get<k>(streams_).version = S::version(*entity_);
       // Before the initial scan is done the merge ignores every event: no lookup then.
       if (!machine->initialScanDone()) return;
-      value = S::lookup(*entity_, key);
+      if (current) {
+        value = *current;
+      } else {
+        value = S::lookup(*entity_, key);
+      }
     } catch (const Oro::ShmCorruptionException& e) {
       S::handleCorruption(*entity_, e);
       parent_->template childReadFailed<k>();
@@ -163,8 +168,9 @@ class ChildSm : public Oro::Entity {
     if (st.scan.complete(parent_->machine()->initialScanDone())) return Result::completed;
     if (st.scan.state() != kScanInterrupted) st.items = 0;
     env.inputName = name_;
-    const Result r = st.scan.run(typename Stream<SourceAt<k>>::Coll{entity_.get()}, env,
-                                 [this](const KeyAt<k>& key) { handle<k>(key); });
+    const Result r =
+        st.scan.run(typename Stream<SourceAt<k>>::Coll{entity_.get()}, env,
+                    [this](const KeyAt<k>& key, const auto& it) { handle<k>(key, &it.value()); });
     st.items += st.scan.lastRunItems();
     if (st.scan.damaged()) parent_->template childReadFailed<k>();
     if (r == Result::completed) {
@@ -284,7 +290,7 @@ class ChildSm : public Oro::Entity {
   OuterKey smKey_;
   Oro::Ptr<const Entity> entity_;
   std::string_view name_;
-  std::string typeName_;
+  std::string_view typeName_;  // the input machine's copy, shared by all its children
   bool inReactor_ = false;
   bool departed_ = false;
   std::tuple<Stream<Sources>...> streams_;
@@ -306,6 +312,7 @@ class NestedInputSm : public InputSmBase {
       : machine_(machine),
         en_(std::move(en)),
         typeName_(machine->inputTypeName(D.inputs[I].name)),
+        childTypeName_(machine->inputTypeName(D.inputs[I].childName)),
         synchronous_(machine->dynaControl().defaultSynchronous) {
     for (size_t k = 0; k < kStreams; ++k) streams_[k] = std::make_unique<Stream>();
   }
@@ -319,6 +326,7 @@ class NestedInputSm : public InputSmBase {
   const Root* en() const { return en_.get(); }
   static constexpr std::string_view name() { return D.inputs[I].name; }
   static constexpr std::string_view childName() { return D.inputs[I].childName; }
+  const std::string& childTypeName() const { return childTypeName_; }
   // The stream number of this input's k-th stream.
   static constexpr size_t streamNumber(size_t k) { return D.inputs[I].streams[k]; }
   bool initialized() const { return initialized_; }
@@ -440,8 +448,9 @@ class NestedInputSm : public InputSmBase {
     }
     if (!outerComplete<k>()) {
       if (st.scan.state() != kScanInterrupted) st.damage.scanStarts();
-      const Result r = st.scan.run(RootColl{en_.get()}, e,
-                                   [this](const OuterKey& key) { handleOuter<k>(key, true); });
+      const Result r =
+          st.scan.run(RootColl{en_.get()}, e,
+                      [this](const OuterKey& key, const auto&) { handleOuter<k>(key, true); });
       if (st.scan.damaged()) st.damage.readFailed();
       if (r == Result::yielded) return;
       if (!st.queue.empty()) {  // a child's scan yielded on the last outer key
@@ -510,6 +519,13 @@ class NestedInputSm : public InputSmBase {
   void start() override {
     if (initialized_) return;
     initialized_ = true;
+    // A child per key of the root, with room for growth: a rehash of a hundred thousand
+    // children would stop one task run for milliseconds.
+    try {
+      children_.reserve(RootSource::size(*en_) * 5 / 4);
+    } catch (const Oro::ShmCorruptionException& e) {
+      RootSource::handleCorruption(*en_, e);
+    }
     doInitializeTask();
     forEachStream([this](auto k) {
       stream<decltype(k)::value>().reactor.handler = [this](const OuterKey& key) {
@@ -695,6 +711,7 @@ class NestedInputSm : public InputSmBase {
   Machine* machine_;
   Oro::Ptr<const Root> en_;
   std::string typeName_;
+  std::string childTypeName_;
   bool synchronous_;
   bool initialized_ = false;
   std::array<std::unique_ptr<Stream>, kStreams> streams_;

@@ -16,7 +16,8 @@
 // It also holds the keys whose last merge was decided with an input unreadable
 // (merge/InputRead.h): remergeKept() merges them again once that input reads cleanly.
 //
-// OutColl concept: Key, Bookmark, iter(), iterAt(bookmark), size(), del(key) and
+// OutColl concept: Key, Bookmark, iter(), iterAt(bookmark), sizeEstimate() (about how many
+// keys it holds, 0 only when it holds none), del(key) (true when something was deleted) and
 // handleCorruption(const Oro::ShmCorruptionException&). KeyType wraps Key (the element type
 // of Seen; constructible from a Key, hashable with Hash).
 #pragma once
@@ -93,7 +94,7 @@ class OutputReconciler : public OutputBase {
   void initialize() override {
     size_t present = 0;
     try {
-      present = coll_.size();
+      present = coll_.sizeEstimate();
     } catch (const Oro::ShmCorruptionException& e) {
       // Nothing can be walked either; reconciling only records what the merge writes.
       coll_.handleCorruption(e);
@@ -190,8 +191,7 @@ class OutputReconciler : public OutputBase {
         }
         const Key key = it.key();
         it.next();  // step off the key before it may be deleted
-        if (!seen_.contains(KeyType(key))) {
-          coll_.del(key);
+        if (!seen_.contains(KeyType(key)) && coll_.del(key)) {
           ++deleted;
           ++deletedTotal_;
         }
