@@ -90,28 +90,14 @@ class MergeMachine<Derived, D, std::tuple<ArgPtrs...>, std::tuple<InputSms...>> 
 // The attributes of one output collection under its generated names (<out>, <out>Seen,
 // <out>Bookmark, <out>UseBookmark, <out>Reconciling, <out>ReconciliationTask,
 // <out>SeenReleaseTask, handle<Out>InputReady), forwarding to the OutputReconciler `member`.
-#define DYX_OUTPUT_ATTRS(out, Out, member)     \
-  void handle##Out##InputReady() {             \
-    member.handleInputReady();                 \
-  }                                            \
-  const auto& out() const {                    \
-    return member;                             \
-  }                                            \
-  const auto& out##Seen() const {              \
-    return member.seen();                      \
-  }                                            \
-  const auto& out##Bookmark() const {          \
-    return member.bookmark();                  \
-  }                                            \
-  bool out##UseBookmark() const {              \
-    return member.useBookmark();               \
-  }                                            \
-  bool out##Reconciling() const {              \
-    return member.reconciling();               \
-  }                                            \
-  Oro::Task* out##ReconciliationTask() const { \
-    return member.reconciliationTask();        \
-  }                                            \
-  Oro::Task* out##SeenReleaseTask() const {    \
-    return member.seenReleaseTask();           \
-  }
+// clang-format off
+#define DYX_OUTPUT_ATTRS(out, Out, member)                                                  \
+  void handle##Out##InputReady() { member.handleInputReady(); }                             \
+  const auto& out() const { return member; }                                                \
+  const auto& out##Seen() const { return member.seen(); }                                   \
+  const auto& out##Bookmark() const { return member.bookmark(); }                           \
+  bool out##UseBookmark() const { return member.useBookmark(); }                            \
+  bool out##Reconciling() const { return member.reconciling(); }                            \
+  Oro::Task* out##ReconciliationTask() const { return member.reconciliationTask(); }        \
+  Oro::Task* out##SeenReleaseTask() const { return member.seenReleaseTask(); }
+// clang-format on

@@ -724,90 +724,48 @@ class NestedInputSm : public InputSmBase {
 // handle<Coll><n>, handle<Coll><n>Reactor, doInputScan<n>, task<n>, task<n>Is, task<n>Del,
 // inputScanState<n>, inputScanBookmark<n>, inTask<n>, shouldYield<n>, inputScanComplete<n>,
 // onChildEvent<n>.
-#define DYX_NESTED_STREAM(Coll, n, k)                                                        \
-  static_assert(streamNumber(k) == n, "stream number of " #Coll #n);                         \
-  void handle##Coll##n(const OuterKey& key) {                                                \
-    handle<k>(key);                                                                          \
-  }                                                                                          \
-  void handle##Coll##n##Reactor(const OuterKey& key) {                                       \
-    handleReactor<k>(key);                                                                   \
-  }                                                                                          \
-  void doInputScan##n() {                                                                    \
-    doInputScan<k>();                                                                        \
-  }                                                                                          \
-  Oro::Task* task##n() const {                                                               \
-    return task<k>();                                                                        \
-  }                                                                                          \
-  void task##n##Is(Oro::TaskScheduler* s, Oro::TaskPriority p, std::string taskName) {       \
-    taskIs<k>(s, p, std::move(taskName));                                                    \
-  }                                                                                          \
-  void task##n##Del() {                                                                      \
-    taskDel<k>();                                                                            \
-  }                                                                                          \
-  uint8_t inputScanState##n() const {                                                        \
-    return inputScanState<k>();                                                              \
-  }                                                                                          \
-  const auto& inputScanBookmark##n() const {                                                 \
-    return inputScanBookmark<k>();                                                           \
-  }                                                                                          \
-  bool inTask##n() const {                                                                   \
-    return inTask<k>();                                                                      \
-  }                                                                                          \
-  bool shouldYield##n() const {                                                              \
-    return shouldYield<k>();                                                                 \
-  }                                                                                          \
-  bool inputScanComplete##n() const {                                                        \
-    return inputScanComplete<k>();                                                           \
-  }                                                                                          \
-  template <class K, class V>                                                                \
-  void onChildEvent##n(const OuterKey& outer, const K& key, const std::optional<V>& value) { \
-    onChildEvent<k>(outer, key, value);                                                      \
+// clang-format off
+#define DYX_NESTED_STREAM(Coll, n, k)                                                         \
+  static_assert(streamNumber(k) == n, "stream number of " #Coll #n);                          \
+  void handle##Coll##n(const OuterKey& key) { handle<k>(key); }                               \
+  void handle##Coll##n##Reactor(const OuterKey& key) { handleReactor<k>(key); }               \
+  void doInputScan##n() { doInputScan<k>(); }                                                 \
+  Oro::Task* task##n() const { return task<k>(); }                                            \
+  void task##n##Is(Oro::TaskScheduler* s, Oro::TaskPriority p, std::string taskName) {        \
+    taskIs<k>(s, p, std::move(taskName));                                                     \
+  }                                                                                           \
+  void task##n##Del() { taskDel<k>(); }                                                       \
+  uint8_t inputScanState##n() const { return inputScanState<k>(); }                           \
+  const auto& inputScanBookmark##n() const { return inputScanBookmark<k>(); }                 \
+  bool inTask##n() const { return inTask<k>(); }                                              \
+  bool shouldYield##n() const { return shouldYield<k>(); }                                    \
+  bool inputScanComplete##n() const { return inputScanComplete<k>(); }                        \
+  template <class K, class V>                                                                 \
+  void onChildEvent##n(const OuterKey& outer, const K& key, const std::optional<V>& value) {  \
+    onChildEvent<k>(outer, key, value);                                                       \
   }
 
 // The child map of a nested input machine `Self` under its generated name `map`:
 // <map>(key), <map>Is(entity, parent, key), <map>Del(key), <map>DelAll().
-#define DYX_CHILD_MAP(map, Self)                                                    \
-  auto* map(const OuterKey& key) const {                                            \
-    return child(key);                                                              \
-  }                                                                                 \
-  auto* map##Is(Oro::Ptr<const Entity> entity, Self* parent, const OuterKey& key) { \
-    return childIs(std::move(entity), parent, key);                                 \
-  }                                                                                 \
-  void map##Del(const OuterKey& key) {                                              \
-    childDel(key);                                                                  \
-  }                                                                                 \
-  void map##DelAll() {                                                              \
-    childDelAll();                                                                  \
-  }
+#define DYX_CHILD_MAP(map, Self)                                                              \
+  auto* map(const OuterKey& key) const { return child(key); }                                 \
+  auto* map##Is(Oro::Ptr<const Entity> entity, Self* parent, const OuterKey& key) {           \
+    return childIs(std::move(entity), parent, key);                                           \
+  }                                                                                           \
+  void map##Del(const OuterKey& key) { childDel(key); }                                       \
+  void map##DelAll() { childDelAll(); }
 
 // The numbered names of stream n (the child's k-th, following collection Coll) of a child
 // machine: handle<Coll><n>, handle<Coll><n>Reactor, doInputScan<n>, inputScanState<n>,
 // inputScanBookmark<n>, inTask<n>, shouldYield<n>, inputScanComplete<n>, version<Coll>.
-#define DYX_CHILD_STREAM(Coll, n, k)                   \
-  void handle##Coll##n(const KeyAt<k>& key) {          \
-    handle<k>(key);                                    \
-  }                                                    \
-  void handle##Coll##n##Reactor(const KeyAt<k>& key) { \
-    handleReactor<k>(key);                             \
-  }                                                    \
-  void doInputScan##n() {                              \
-    parent()->template runChildScan<k>(this);          \
-  }                                                    \
-  uint8_t inputScanState##n() const {                  \
-    return scanState<k>();                             \
-  }                                                    \
-  const auto& inputScanBookmark##n() const {           \
-    return scanBookmark<k>();                          \
-  }                                                    \
-  bool inTask##n() const {                             \
-    return parent()->template inTask<k>();             \
-  }                                                    \
-  bool shouldYield##n() const {                        \
-    return parent()->template shouldYield<k>();        \
-  }                                                    \
-  bool inputScanComplete##n() const {                  \
-    return scanComplete<k>();                          \
-  }                                                    \
-  uint32_t version##Coll() const {                     \
-    return version<k>();                               \
-  }
+#define DYX_CHILD_STREAM(Coll, n, k)                                                          \
+  void handle##Coll##n(const KeyAt<k>& key) { handle<k>(key); }                               \
+  void handle##Coll##n##Reactor(const KeyAt<k>& key) { handleReactor<k>(key); }               \
+  void doInputScan##n() { parent()->template runChildScan<k>(this); }                         \
+  uint8_t inputScanState##n() const { return scanState<k>(); }                                \
+  const auto& inputScanBookmark##n() const { return scanBookmark<k>(); }                      \
+  bool inTask##n() const { return parent()->template inTask<k>(); }                           \
+  bool shouldYield##n() const { return parent()->template shouldYield<k>(); }                 \
+  bool inputScanComplete##n() const { return scanComplete<k>(); }                             \
+  uint32_t version##Coll() const { return version<k>(); }
+// clang-format on
