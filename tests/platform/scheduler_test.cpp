@@ -320,11 +320,14 @@ struct SharedWords {
 struct SharedWordSource : Oro::WaitSource {
   SharedWordSource(SharedWords* w, TaskScheduler* sched) : words(w), s(sched) {}
   bool hasPending() const override {
+    // Read before the writer is told to go on: a write after that must find the reader
+    // asleep, not be taken for work found before sleeping.
+    const bool pending = words->data.load() != seen;
     if (inSleep) {
       words->checked.fetch_add(1);
       Oro::futexWake(&words->checked, INT32_MAX, true);
     }
-    return words->data.load() != seen;
+    return pending;
   }
   void dispatch() override {
     seen = words->data.load();
