@@ -180,6 +180,10 @@ class ChildSm : public Oro::Entity {
     }
     return r;
   }
+  // doInputScan: this child's scans of all its streams, in its input machine's task
+  // environment (a scan that yields waits in that stream's queue).
+  void doInputScan() { doInputScans(std::index_sequence_for<Sources...>()); }
+
   // The next scan of stream k starts from the first key again.
   template <size_t k>
   void restartScan() {
@@ -229,6 +233,10 @@ class ChildSm : public Oro::Entity {
     ChildSm* child_;
   };
 
+  template <size_t... k>
+  void doInputScans(std::index_sequence<k...>) {
+    (parent_->template runChildScan<k>(static_cast<typename Input::ChildType*>(this)), ...);
+  }
   template <size_t... k>
   void dispatch(Oro::AttrId attr, const void* key, std::index_sequence<k...>) {
     ((attr == SourceAt<k>::attr ? handleReactor<k>(Oro::Notifiee::keyAs<KeyAt<k>>(key)) : void()),
@@ -305,6 +313,7 @@ class NestedInputSm : public InputSmBase {
   using Root = typename RootSource::Root;
   using OuterKey = typename RootSource::Key;
   using Entity = typename RootSource::Entity;
+  using ChildType = Child;
   static constexpr size_t kStreams = D.inputs[I].streamCount;
   static_assert(kStreams == 1 || kStreams == 2, "an input machine runs one or two streams");
 

@@ -196,6 +196,10 @@ TEST(TunnelMergeLifecycle,
   EXPECT_EQ(sm2->inputScanState1(), kScanComplete);
   EXPECT_EQ(sm2->inputScanState3(), kScanComplete);
   EXPECT_EQ(sm0->task0(), nullptr);  // deleted once complete
+  // A child asked to scan again once complete has nothing to do.
+  const auto mergedBefore = rig.mergedContents();
+  sm2->childSmVrfStatusRoutingMulticastMvpnVrfTunnelEncapStatusPtrConst(VrfId(2))->doInputScan();
+  EXPECT_EQ(rig.mergedContents(), mergedBefore);
   // A VRF that appears after ready gets a child whose scan runs in the input's task.
   rig.in[kMvpn]->vrfStatusIs(VrfId(8));
   EXPECT_NE(sm0->task0(), nullptr);
