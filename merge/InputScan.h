@@ -5,12 +5,16 @@
 // Scan states: 0 not scanned, 1 interrupted (resume at the bookmark), 2 complete, 3 first scan
 // complete while the parent had not finished its initial scan (a second scan follows).
 // Invariants: the bookmark is set exactly in state 1; a yield never happens after the last
-// key (a scan with no next key completes in the same run); a synchronous scan never yields.
+// key (a scan with no next key completes in the same run); a synchronous scan never yields; a
+// scan that completes after the parent's initial scan is done (state 2) handled every key
+// after that point (one interrupted across it starts over).
 //
 // Coll concept: Key, Bookmark, iter(), iterAt(bookmark), size(), and
 // handleCorruption(const Oro::ShmCorruptionException&); its iterators have valid(), key(),
-// next() and bookmark(). A corruption reported while walking is handed to the collection's
-// handler and ends the walk as if the collection had ended.
+// next() and bookmark(). A corruption met while walking (or raised by onKey) is handed to the
+// collection's handler and ends the walk; the scan then counts as complete but damaged()
+// until a later scan of the same stream completes cleanly. The owner must not act on the
+// absence of the keys a damaged scan did not reach (see InputRead.h).
 #pragma once
 
 #include <cstdint>
@@ -21,8 +25,8 @@
 
 #include "merge/MergeTraceLevels.h"
 #include "platform/Error.h"
-#include "platform/runtime/TaskScheduler.h"
 #include "platform/Trace.h"
+#include "platform/runtime/TaskScheduler.h"
 
 namespace Routing::Multicast::DynaCode {
 
@@ -32,6 +36,9 @@ enum ScanState : uint8_t {
   kScanComplete = 2,
   kScanInitialComplete = 3,
 };
+
+// How one run of a scan ended.
+enum class ScanResult { yielded, completed };
 
 // What a scan needs to know of the machine that runs it.
 struct ScanEnv {
@@ -51,7 +58,7 @@ class InputScan {
  public:
   using Key = typename Coll::Key;
   using Bookmark = typename Coll::Bookmark;
-  enum class Result { yielded, completed };
+  using Result = ScanResult;
 
   uint8_t state() const { return state_; }
   const std::optional<Bookmark>& bookmark() const { return bookmark_; }
@@ -61,21 +68,38 @@ class InputScan {
   }
   // Items handled by the last run (for tracing and benchmarks).
   uint64_t lastRunItems() const { return lastRunItems_; }
+  // The last scan that completed ended on damage instead of at the end of the collection.
+  bool damaged() const { return damaged_; }
 
-  // One run of the scan (the caller has checked that it is not complete). Calls onKey(key)
-  // for every key; on a yield reschedules env.task and returns yielded; at the end of the
-  // collection moves to state 2 (parent done) or 3 and returns completed.
+  // Starts over from the first key: the next run scans the whole collection again. Used to
+  // rescan a stream whose last scan ended on damage; damaged() holds until that scan ends.
+  void restart() {
+    state_ = kScanNotScanned;
+    bookmark_.reset();
+  }
+
+  // One run of the scan (the caller has checked that it is not complete). Calls
+  // onKey(key, iterator) for every key (the iterator is at the key); on a yield reschedules
+  // env.task and returns yielded; at the end of the collection moves to state 2 (parent done) or 3
+  // and returns completed.
   template <class OnKey>
   Result run(const Coll& coll, const ScanEnv& env, OnKey&& onKey) {
+    // The keys a scan handled before the parent's initial scan was done were not merged: a
+    // scan interrupted across that point starts over.
+    if (state_ == kScanInterrupted && startedBeforeParentDone_ && *env.parentInitialScanDone) {
+      restart();
+    }
+    if (state_ != kScanInterrupted) startedBeforeParentDone_ = !*env.parentInitialScanDone;
     const bool resumed = state_ == kScanInterrupted;
     ORO_TRACE(*env.trace, kTraceScan, " scan complete: {} resumed: {} scan: {}",
               complete(*env.parentInitialScanDone), resumed, state_);
     uint64_t handled = 0;
+    bool damaged = false;
     try {
       auto it = resumed ? coll.iterAt(*bookmark_) : coll.iter();
       while (it.valid()) {
         const Key key = it.key();
-        onKey(key);
+        onKey(key, it);
         ++handled;
         it.next();
         if (!it.valid()) break;
@@ -94,7 +118,9 @@ class InputScan {
       }
     } catch (const Oro::ShmCorruptionException& e) {
       coll.handleCorruption(e);
+      damaged = true;
     }
+    damaged_ = damaged;
     lastRunItems_ = handled;
     if (env.task) {
       env.task->workCountInc(handled);
@@ -116,6 +142,8 @@ class InputScan {
   uint8_t state_ = kScanNotScanned;
   std::optional<Bookmark> bookmark_;
   uint64_t lastRunItems_ = 0;
+  bool damaged_ = false;
+  bool startedBeforeParentDone_ = false;
 };
 
 }  // namespace Routing::Multicast::DynaCode

@@ -1,17 +1,18 @@
 #include "merge/MergeSm.h"
 
+#include <fmt/format.h>
+
 #include "merge/MergeTraceLevels.h"
+#include "platform/Assert.h"
 
 namespace Routing::Multicast::DynaCode {
 
-MergeSm::MergeSm(std::string typeName, std::string shortName, const Oro::TraceHandle& trace,
-                 const Dyx::SmControl& control, size_t streams, size_t outputs)
-    : typeName_(std::move(typeName)),
-      shortName_(std::move(shortName)),
+MergeSm::MergeSm(const MachineDesc& desc, const Oro::TraceHandle& trace,
+                 const Dyx::SmControl& control)
+    : desc_(desc),
       qtHandle_(&trace),
       dynaControl_(control),
-      streams_(streams),
-      outputCount_(outputs),
+      streams_(desc.streams.size()),
       synchronous_(control.defaultSynchronous),
       scanStateReactor_([this](Oro::AttrId attr) { onScanStateChange(attr); }),
       outputStateReactor_([this](Oro::AttrId attr) { onOutputStateChange(attr); }) {}
@@ -34,8 +35,9 @@ void MergeSm::handleInitialized() {
   initialized_ = true;
   checkPointers();
   ORO_TRACE(*qtHandle_, kTraceLifecycle, "create local SMs");
-  inputSmScanState_ = Oro::makePtr<InputSmScanState>(typeName_ + "::InputSmScanState", streams_);
-  outputState_ = Oro::makePtr<OutputState>(typeName_ + "::OutputState", outputCount_);
+  const std::string typeName(desc_.typeName);
+  inputSmScanState_ = Oro::makePtr<InputSmScanState>(typeName + "::InputSmScanState", streams_);
+  outputState_ = Oro::makePtr<OutputState>(typeName + "::OutputState", desc_.outputs.size());
   scanStateReactor_.notifierIs(inputSmScanState_.get());
   outputStateReactor_.notifierIs(outputState_.get());
   for (OutputBase* output : outputs_) output->initialize();
@@ -44,12 +46,22 @@ void MergeSm::handleInitialized() {
   for (InputSmBase* sm : inputSms_) sm->start();
 }
 
+void MergeSm::checkPointers() const {
+  for (size_t arg = desc_.args.size(); arg-- > 0;) {
+    if (!argPresent(arg)) {
+      MVPN_FATAL(
+          fmt::format("{}() && \"Pointer SM args cannot be null unless they are marked Optional\"",
+                      desc_.args[arg]));
+    }
+  }
+}
+
 void MergeSm::handleInitialScanDone() {
   if (initialScanDone_) return;
   const size_t missing = inputSmScanState_->lastUnscannedStream();
   if (missing != streams_) {
     ORO_TRACE(*qtHandle_, kTraceScan, " dyx_stream{} scan is false", missing);
-    ORO_TRACE(*qtHandle_, kTraceScan, "Initial scan yielding for child SM {}.", shortName_);
+    ORO_TRACE(*qtHandle_, kTraceScan, "Initial scan yielding for child SM {}.", desc_.shortName);
     return;
   }
   ORO_TRACE(*qtHandle_, kTraceLifecycle,
@@ -70,6 +82,20 @@ void MergeSm::handleReady() {
   if (outputState_->ready()) handleIdle();
 }
 
+bool MergeSm::streamDamaged(size_t stream) const {
+  for (const InputSmBase* sm : inputSms_) {
+    if (sm->streamDamaged(stream)) return true;
+  }
+  return false;
+}
+
+void MergeSm::streamRecovered(size_t stream) {
+  ORO_TRACE(*qtHandle_, kTraceLifecycle, "dyx_stream{} readable again", stream);
+  for (OutputBase* output : outputs_) {
+    if (output->mergesStream(stream)) output->remergeKept();
+  }
+}
+
 void MergeSm::doDeleteAll() {
   for (InputSmBase* sm : inputSms_) sm->doDeleteAll();
 }
@@ -79,6 +105,11 @@ void MergeSm::onScanStateChange(Oro::AttrId attr) {
     publish(idleAttr);
     return;
   }
+  // Only a scan that completes can complete an output's inputs: the flags cleared when the
+  // merging scans start (or a damaged stream's rescan) must not start a reconciliation of an
+  // output whose other flags are still set.
+  const size_t stream = attr - InputSmScanState::streamScanAttr(0);
+  if (!inputSmScanState_->streamScan(stream)) return;
   if (!initialScanDone_) {
     handleInitialScanDone();
     return;

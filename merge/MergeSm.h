@@ -18,12 +18,13 @@
 #include <vector>
 
 #include "merge/InputSmScanState.h"
+#include "merge/MachineDesc.h"
 #include "merge/MergeSmParts.h"
 #include "merge/OutputState.h"
+#include "platform/Trace.h"
 #include "platform/runtime/Entity.h"
 #include "platform/runtime/Ptr.h"
 #include "platform/runtime/TaskScheduler.h"
-#include "platform/Trace.h"
 
 namespace Routing::Multicast::DynaCode {
 
@@ -36,9 +37,14 @@ class MergeSm : public Oro::Entity {
 
   ~MergeSm() override;
 
-  std::string_view typeName() const override { return typeName_; }
+  std::string_view typeName() const override { return desc_.typeName; }
   // The machine's name without namespaces, e.g. "MergedMvpnVrfStatusSm".
-  const std::string& shortName() const { return shortName_; }
+  std::string_view shortName() const { return desc_.shortName; }
+  const MachineDesc& desc() const { return desc_; }
+  // The full type name of the input (or child) machine `name`.
+  std::string inputTypeName(std::string_view name) const {
+    return std::string(desc_.inputTypePrefix) + std::string(name);
+  }
 
   const Dyx::SmControl& dynaControl() const { return dynaControl_; }
   bool initialized() const { return initialized_; }
@@ -51,8 +57,16 @@ class MergeSm : public Oro::Entity {
   bool idle() const { return ready() && (synchronous_ || inputSmScanState_->idle()); }
 
   InputSmScanState* inputSmScanState() const { return inputSmScanState_.get(); }
+  // Input machine i (in description order); null before initialisation.
+  InputSmBase* inputSmAt(size_t i) const { return i < inputSms_.size() ? inputSms_[i] : nullptr; }
   OutputState* outputState() const { return outputState_.get(); }
   const Oro::TraceHandle& qtHandle() const { return *qtHandle_; }
+
+  // A read of `stream`'s input met damage and no clean scan has followed (see InputRead.h).
+  bool streamDamaged(size_t stream) const;
+  // A clean scan of `stream` followed damage: the outputs it feeds merge again the keys they
+  // kept on the ground of damage.
+  void streamRecovered(size_t stream);
 
   void handleInitialized();
   void handleInitialScanDone();
@@ -61,12 +75,10 @@ class MergeSm : public Oro::Entity {
   void doDeleteAll();
 
  protected:
-  MergeSm(std::string typeName, std::string shortName, const Oro::TraceHandle& trace,
-          const Dyx::SmControl& control, size_t streams, size_t outputs);
+  MergeSm(const MachineDesc& desc, const Oro::TraceHandle& trace, const Dyx::SmControl& control);
 
-  // Fails the null-pointer assertion of the first missing mandatory argument, tested from
-  // the last argument back to the first.
-  virtual void checkPointers() const = 0;
+  // Whether mandatory argument `arg` (in desc().args order) is set.
+  virtual bool argPresent(size_t arg) const = 0;
   // Creates the input machines and registers each with inputSmIs.
   virtual void createInputSms() = 0;
 
@@ -74,15 +86,16 @@ class MergeSm : public Oro::Entity {
   void outputIs(OutputBase* output) { outputs_.push_back(output); }
 
  private:
+  // Fails the null-pointer assertion of the first missing mandatory argument, tested from
+  // the last argument back to the first.
+  void checkPointers() const;
   void onScanStateChange(Oro::AttrId attr);
   void onOutputStateChange(Oro::AttrId attr);
 
-  std::string typeName_;
-  std::string shortName_;
+  const MachineDesc& desc_;
   const Oro::TraceHandle* qtHandle_;
   Dyx::SmControl dynaControl_;
   size_t streams_;
-  size_t outputCount_;
   bool initialized_ = false;
   bool initialScanDone_ = false;
   bool synchronous_;

@@ -18,6 +18,9 @@ class InputSmBase : public Oro::Entity {
   virtual void rescan() = 0;
   // Replays every key of the input through the merge with no value from this input.
   virtual void doDeleteAll() = 0;
+  // A read of `stream`'s input (one this machine runs) met damage and no clean scan has
+  // followed: the input's keys are not all known.
+  virtual bool streamDamaged(size_t stream) const = 0;
 };
 
 class OutputBase {
@@ -27,6 +30,10 @@ class OutputBase {
   virtual void initialize() = 0;
   // Reconciliation step, run when the scan flags change after the initial scan.
   virtual void handleInputReady() = 0;
+  // Whether the output merges stream `stream`.
+  virtual bool mergesStream(size_t stream) const = 0;
+  // Merges again every key whose last merge was decided with an input unreadable.
+  virtual void remergeKept() = 0;
 };
 
 }  // namespace Routing::Multicast::DynaCode

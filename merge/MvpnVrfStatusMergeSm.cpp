@@ -1,11 +1,9 @@
 #include "merge/MvpnVrfStatusMergeSm.h"
 
-#include <array>
 #include <string_view>
 
 #include "merge/IntoClause.h"
 #include "merge/MergeTraceLevels.h"
-#include "platform/Assert.h"
 #include "platform/runtime/Optional.h"
 
 namespace Routing::Multicast::DynaCode::MergedMvpnVrfStatusSm {
@@ -14,8 +12,9 @@ void MvpnVrfSource::handleCorruption(const Root& root, const Oro::ShmCorruptionE
   root.mvpnVrfHandleCorruption(e.what());
 }
 
-void MergedVrfStatusMvpnVrfOutputColl::del(const VrfId& key) const {
+bool MergedVrfStatusMvpnVrfOutputColl::del(const VrfId& key) const {
   status->mvpnVrfDel(key);
+  return true;
 }
 
 }  // namespace Routing::Multicast::DynaCode::MergedMvpnVrfStatusSm
@@ -26,37 +25,11 @@ namespace {
 
 using DynaCode::kTraceMerge;
 using DynaCode::MergedMvpnVrfStatusSm::MergedVrfStatusMvpnVrfOutputColl;
-using DynaCode::MergedMvpnVrfStatusSm::VrfInputSm;
-
-constexpr std::string_view kTypeName = "Routing::Multicast::MergedMvpnVrfStatusSm";
-constexpr std::string_view kShortName = "MergedMvpnVrfStatusSm";
-constexpr std::string_view kInputTypePrefix =
-    "Routing::Multicast::DynaCode::MergedMvpnVrfStatusSm::";
-
-// Per stream: the input machine's name and its from clause in trace form.
-struct StreamNames {
-  std::string_view sm;
-  std::string_view from;
-};
-constexpr std::array<StreamNames, MergedMvpnVrfStatusSm::kInputs> kStreams = {{
-    {"MvpnVrfStatusSm0", "Line 15: from( mvpnVrfStatus.mvpnVrf[] ): vrfId={}"},
-    {"StaticMvpnVrfStatusSm1", "Line 15: from( staticMvpnVrfStatus.mvpnVrf[] ): vrfId={}"},
-    {"EvpnVrfStatusSm2", "Line 15: from( evpnVrfStatus.mvpnVrf[] ): vrfId={}"},
-    {"StaticEvpnVrfStatusSm3", "Line 15: from( staticEvpnVrfStatus.mvpnVrf[] ): vrfId={}"},
-}};
-
-template <class Sm>
-Oro::Ptr<Sm> makeInputSm(MergedMvpnVrfStatusSm* parent, const MvpnVrfStatus* input, size_t n,
-                         VrfInputSm::EventFn event) {
-  return Oro::makePtr<Sm>(parent, Oro::Ptr<const MvpnVrfStatus>(input), n,
-                          std::string(kInputTypePrefix) + std::string(kStreams[n].sm),
-                          std::string(kStreams[n].sm), "mvpnVrf", std::move(event));
-}
 
 }  // namespace
 
 Oro::TraceHandle& MergedMvpnVrfStatusSm::traceHandle() {
-  static Oro::TraceHandle handle(std::string{kShortName});
+  static Oro::TraceHandle handle(std::string{DynaCode::MergedMvpnVrfStatusSm::kDesc.shortName});
   return handle;
 }
 
@@ -66,19 +39,14 @@ MergedMvpnVrfStatusSm::MergedMvpnVrfStatusSm(Oro::Ptr<const MvpnVrfStatus> mvpnV
                                              Oro::Ptr<const MvpnVrfStatus> staticEvpnVrfStatus,
                                              Oro::Ptr<MvpnVrfStatus> mergedVrfStatus,
                                              const Dyx::SmControl& dynaControl)
-    : MergeSm(std::string{kTypeName}, std::string{kShortName}, traceHandle(), dynaControl, kInputs,
-              1),
-      mvpnVrfStatus_(std::move(mvpnVrfStatus)),
-      staticMvpnVrfStatus_(std::move(staticMvpnVrfStatus)),
-      evpnVrfStatus_(std::move(evpnVrfStatus)),
-      staticEvpnVrfStatus_(std::move(staticEvpnVrfStatus)),
-      mergedVrfStatus_(std::move(mergedVrfStatus)),
-      output_(this, 0, "mergedVrfStatusMvpnVrfOutput", {0, 1, 2, 3},
-              MergedVrfStatusMvpnVrfOutputColl{mergedVrfStatus_.get()}) {
+    : MergeMachine(
+          {std::move(mvpnVrfStatus), std::move(staticMvpnVrfStatus), std::move(evpnVrfStatus),
+           std::move(staticEvpnVrfStatus), std::move(mergedVrfStatus)},
+          dynaControl),
+      output_(this, 0, MergedVrfStatusMvpnVrfOutputColl{arg<4>()},
+              [this](const VrfId& vrfId) { merge(vrfId, kInputs); }) {
   outputIs(&output_);
 }
-
-MergedMvpnVrfStatusSm::~MergedMvpnVrfStatusSm() = default;
 
 Oro::Ptr<MergedMvpnVrfStatusSm> MergedMvpnVrfStatusSm::MergedMvpnVrfStatusSmIs(
     Oro::Ptr<const MvpnVrfStatus> mvpnVrfStatus, Oro::Ptr<const MvpnVrfStatus> staticMvpnVrfStatus,
@@ -98,86 +66,8 @@ Oro::Ptr<MergedMvpnVrfStatusSm> mergedMvpnVrfStatusSmFactory(
       std::move(staticEvpnVrfStatus), std::move(mergedVrfStatus), dynaControl);
 }
 
-void MergedMvpnVrfStatusSm::checkPointers() const {
-  MVPN_ASSERT_MSG(mergedVrfStatus(),
-                  "Pointer SM args cannot be null unless they are marked Optional");
-  MVPN_ASSERT_MSG(staticEvpnVrfStatus(),
-                  "Pointer SM args cannot be null unless they are marked Optional");
-  MVPN_ASSERT_MSG(evpnVrfStatus(),
-                  "Pointer SM args cannot be null unless they are marked Optional");
-  MVPN_ASSERT_MSG(staticMvpnVrfStatus(),
-                  "Pointer SM args cannot be null unless they are marked Optional");
-  MVPN_ASSERT_MSG(mvpnVrfStatus(),
-                  "Pointer SM args cannot be null unless they are marked Optional");
-}
-
-void MergedMvpnVrfStatusSm::createInputSms() {
-  mvpnVrfStatusSm0_ = makeInputSm<MvpnVrfStatusSm0>(
-      this, mvpnVrfStatus(), 0, [this](const VrfId& k, const std::optional<MvpnVrf>& v) {
-        streamEvent(0, k, v ? 0 : kInputs);
-      });
-  staticMvpnVrfStatusSm1_ = makeInputSm<StaticMvpnVrfStatusSm1>(
-      this, staticMvpnVrfStatus(), 1, [this](const VrfId& k, const std::optional<MvpnVrf>& v) {
-        streamEvent(1, k, v ? 1 : kInputs);
-      });
-  evpnVrfStatusSm2_ = makeInputSm<EvpnVrfStatusSm2>(
-      this, evpnVrfStatus(), 2, [this](const VrfId& k, const std::optional<MvpnVrf>& v) {
-        streamEvent(2, k, v ? 2 : kInputs);
-      });
-  staticEvpnVrfStatusSm3_ = makeInputSm<StaticEvpnVrfStatusSm3>(
-      this, staticEvpnVrfStatus(), 3, [this](const VrfId& k, const std::optional<MvpnVrf>& v) {
-        streamEvent(3, k, v ? 3 : kInputs);
-      });
-  inputSmIs(mvpnVrfStatusSm0_.get());
-  inputSmIs(staticMvpnVrfStatusSm1_.get());
-  inputSmIs(evpnVrfStatusSm2_.get());
-  inputSmIs(staticEvpnVrfStatusSm3_.get());
-}
-
-VrfInputSm* MergedMvpnVrfStatusSm::inputSm(size_t n) const {
-  switch (n) {
-    case 0:
-      return mvpnVrfStatusSm0_.get();
-    case 1:
-      return staticMvpnVrfStatusSm1_.get();
-    case 2:
-      return evpnVrfStatusSm2_.get();
-    case 3:
-      return staticEvpnVrfStatusSm3_.get();
-    default:
-      return nullptr;
-  }
-}
-
 void MergedMvpnVrfStatusSm::inputRootDel(size_t n) {
-  if (VrfInputSm* sm = inputSm(n)) sm->inputRootDel();
-}
-
-void MergedMvpnVrfStatusSm::streamEvent(size_t stream, const VrfId& vrfId, size_t heldBy) {
-  if (!initialScanDone()) return;
-  ORO_TRACE(qtHandle(), kTraceMerge, fmt::runtime(kStreams[stream].from), vrfId);
-  merge(vrfId, heldBy);
-}
-
-void MergedMvpnVrfStatusSm::eventToDyx_stream0(const VrfId& vrfId,
-                                               const std::optional<MvpnVrf>& /*value*/) {
-  streamEvent(0, vrfId, kInputs);
-}
-void MergedMvpnVrfStatusSm::eventToDyx_stream1(const VrfId& vrfId,
-                                               const std::optional<MvpnVrf>& /*value*/) {
-  streamEvent(1, vrfId, kInputs);
-}
-void MergedMvpnVrfStatusSm::eventToDyx_stream2(const VrfId& vrfId,
-                                               const std::optional<MvpnVrf>& /*value*/) {
-  streamEvent(2, vrfId, kInputs);
-}
-void MergedMvpnVrfStatusSm::eventToDyx_stream3(const VrfId& vrfId,
-                                               const std::optional<MvpnVrf>& /*value*/) {
-  streamEvent(3, vrfId, kInputs);
-}
-
-void MergedMvpnVrfStatusSm::eventToDyx_pipeline0(const VrfId& vrfId) {
-  merge(vrfId, kInputs);
+  if (VrfInput* sm = inputSm(n)) sm->inputRootDel();
 }
 
 namespace {
@@ -195,12 +85,35 @@ constexpr Rank kPrecedence[] = {{0, MvpnClient::bgp_, 22},
 // The no-input case quotes the rank-4 line as well.
 constexpr int kNoWinnerLine = 28;
 
-template <class Holds>
-const Rank* winnerOf(Holds&& holds) {
-  for (const Rank& r : kPrecedence) {
-    if (holds(r.stream)) return &r;
+// The rank (index in kPrecedence) of a merged client.
+size_t rankOf(MvpnClient client) {
+  for (size_t i = 0; i < std::size(kPrecedence); ++i) {
+    if (kPrecedence[i].client == client) return i;
   }
-  return nullptr;
+  return std::size(kPrecedence);
+}
+
+// The merge of a key for which input `unreadable`, ranked above the winner `w` (or any input
+// when `w` is null), could not be read (see merge/InputRead.h). The true winner ranks at
+// least as high as `w`: a missing merged entry or one of a lower rank is wrong for certain
+// and is replaced; anything else may be right and stays.
+void keepOrUpgrade(MergedMvpnVrfStatusSm& sm, const MergedMvpnVrfStatusSm::VrfId& vrfId,
+                   const Rank* w, size_t unreadable) {
+  sm.keyKept(vrfId);
+  std::optional<MvpnVrf> current;
+  try {
+    current = sm.mergedVrfStatus()->mvpnVrf(vrfId);
+  } catch (const Oro::ShmCorruptionException& e) {
+    sm.mergedVrfStatus()->mvpnVrfHandleCorruption(e.what());
+    return;
+  }
+  if (w && (!current || rankOf(current->client()) > static_cast<size_t>(w - kPrecedence))) {
+    sm.intoMergedVrfStatusMvpnVrf(vrfId, MvpnVrf(vrfId, w->client));
+    return;
+  }
+  ORO_TRACE(sm.qtHandle(), kTraceMerge,
+            "into( mergedVrfStatus.mvpnVrf[ vrfId ] ): keeping k1={}: dyx_stream{} unreadable",
+            vrfId, unreadable);
 }
 }  // namespace
 
@@ -210,37 +123,67 @@ void MergedMvpnVrfStatusSm::merge(const VrfId& vrfId, size_t heldBy) {
   ORO_TRACE(trace, kTraceMerge,
             "Line 15: merge( dyx_stream0, dyx_stream1, dyx_stream2, dyx_stream3 ): vrfId={}",
             vrfId);
+  // The winner, and whether an input ranked above it (any input when there is none) could
+  // not be read: then the decision is left to keepOrUpgrade.
+  const Rank* w = nullptr;
+  size_t unreadable = kInputs;
   if (!trace.enabled(DynaCode::kTraceMerge)) {
     // Without the trace lines that print every input, only the inputs up to the winner are
     // looked up (in precedence order), and an input that was found holding the key just
     // before is not asked again: the decision is the same.
-    const Rank* w =
-        winnerOf([&](size_t n) { return n == heldBy || inputSm(n)->lookup(vrfId).has_value(); });
+    for (const Rank& r : kPrecedence) {
+      if (r.stream == heldBy) {
+        w = &r;
+        break;
+      }
+      const auto read = inputSm(r.stream)->lookup(vrfId);
+      if (read.unreadable && unreadable == kInputs) unreadable = r.stream;
+      if (read.present()) {
+        w = &r;
+        break;
+      }
+    }
     output_.keyMerged(vrfId);
+    if (unreadable != kInputs) {
+      keepOrUpgrade(*this, vrfId, w, unreadable);
+      return;
+    }
     intoMergedVrfStatusMvpnVrf(
         vrfId, w ? std::optional<MvpnVrf>(MvpnVrf(vrfId, w->client)) : std::nullopt);
     return;
   }
   // Every input, in argument order; only presence counts, the winner's own client field is
   // not copied.
-  std::optional<MvpnVrf> in[kInputs];
+  DynaCode::InputRead<MvpnVrf> in[kInputs];
   for (size_t n = 0; n < kInputs; ++n) in[n] = inputSm(n)->lookup(vrfId);
-  const Rank* w = winnerOf([&](size_t n) { return in[n].has_value(); });
+  for (const Rank& r : kPrecedence) {
+    if (in[r.stream].unreadable && unreadable == kInputs) unreadable = r.stream;
+    if (in[r.stream].present()) {
+      w = &r;
+      break;
+    }
+  }
   const MvpnVrf myVrf(vrfId, w ? w->client : MvpnClient::staticEvpn_);
   ORO_TRACE(trace, kTraceMerge,
             "Line {}: merge( dyx_pipeline0 ): vrfId={} myVrf={} mvpnVrf={} staticMvpnVrf={} "
             "evpnVrf={} staticEvpnVrf={}",
-            w ? w->line : kNoWinnerLine, vrfId, myVrf.toStrep(), Oro::optionalStrep(in[0]),
-            Oro::optionalStrep(in[1]), Oro::optionalStrep(in[2]), Oro::optionalStrep(in[3]));
+            w ? w->line : kNoWinnerLine, vrfId, myVrf.toStrep(), Oro::optionalStrep(in[0].value),
+            Oro::optionalStrep(in[1].value), Oro::optionalStrep(in[2].value),
+            Oro::optionalStrep(in[3].value));
   std::optional<MvpnVrf> valMyVrf;
   if (w) valMyVrf = myVrf;
   ORO_TRACE(trace, kTraceMerge,
             "Line 22: merge( dyx_pipeline1, dyx_pipeline2, dyx_pipeline3, dyx_pipeline4, "
             "dyx_pipeline5 ): valMyVrf={} vrfId={} mvpnVrf={} staticMvpnVrf={} evpnVrf={} "
             "staticEvpnVrf={}",
-            Oro::optionalStrep(valMyVrf), vrfId, Oro::optionalStrep(in[0]),
-            Oro::optionalStrep(in[1]), Oro::optionalStrep(in[2]), Oro::optionalStrep(in[3]));
+            Oro::optionalStrep(valMyVrf), vrfId, Oro::optionalStrep(in[0].value),
+            Oro::optionalStrep(in[1].value), Oro::optionalStrep(in[2].value),
+            Oro::optionalStrep(in[3].value));
   output_.keyMerged(vrfId);
+  if (unreadable != kInputs) {
+    keepOrUpgrade(*this, vrfId, w, unreadable);
+    return;
+  }
   intoMergedVrfStatusMvpnVrf(vrfId, valMyVrf);
 }
 
@@ -249,14 +192,14 @@ void MergedMvpnVrfStatusSm::intoMergedVrfStatusMvpnVrf(const VrfId& vrfId,
   if (!value) {
     ORO_TRACE(qtHandle(), kTraceMerge, "into( mergedVrfStatus.mvpnVrf[ vrfId ] ): deleting k1={}",
               vrfId);
-    mergedVrfStatus_->mvpnVrfDel(vrfId);
+    mergedVrfStatus()->mvpnVrfDel(vrfId);
     return;
   }
   DynaCode::intoKeyCheck("into( mergedVrfStatus.mvpnVrf[ vrfId ] )", value->key(), vrfId);
   ORO_TRACE(qtHandle(), kTraceMerge,
             "into( mergedVrfStatus.mvpnVrf[ vrfId ] ): inserting k1={}, value={}", vrfId,
             value->toStrep());
-  mergedVrfStatus_->mvpnVrfIs(*value);
+  mergedVrfStatus()->mvpnVrfIs(*value);
 }
 
 }  // namespace Routing::Multicast

@@ -3,24 +3,27 @@
 // the merged status holds one MvpnVrf whose client names the winner by the fixed precedence
 // BGP, EVPN, static MVPN, static EVPN; a VRF that no writer lists is removed.
 //
-// An instance of the merge machine runtime (MergeSm) with four keyed inputs, streams 0..3 in
-// argument order, and one output collection, "mergedVrfStatusMvpnVrfOutput". Construction does
-// nothing; initializedIs(true) starts it. Every re-merged key is written again even when its
-// merged value did not change, so readers of the merged status see it as a change.
+// A merge machine of the runtime described by kDesc below: four keyed inputs, streams 0..3 in
+// argument order, and one output collection, "mergedVrfStatusMvpnVrfOutput". What is its own is
+// the precedence rule and its trace lines. Construction does nothing; initializedIs(true)
+// starts it. Every re-merged key is written again even when its merged value did not change,
+// so readers of the merged status see it as a change.
 #pragma once
 
 #include <cstddef>
 #include <optional>
 #include <string>
+#include <tuple>
 
 #include "merge/KeyedInputSm.h"
-#include "merge/MergeSm.h"
+#include "merge/MachineDesc.h"
+#include "merge/MergeMachine.h"
 #include "merge/OutputReconciler.h"
 #include "platform/Error.h"
-#include "platform/runtime/Ptr.h"
-#include "platform/runtime/TaskScheduler.h"
 #include "platform/Trace.h"
 #include "platform/net/VrfId.h"
+#include "platform/runtime/Ptr.h"
+#include "platform/runtime/TaskScheduler.h"
 #include "status/MvpnVrfStatus.h"
 
 namespace Routing::Multicast {
@@ -78,8 +81,8 @@ struct MergedVrfStatusMvpnVrfOutputColl {
   MvpnVrfStatus* status;
   MvpnVrfIterator iter() const { return status->mvpnVrfIter(); }
   MvpnVrfIterator iterAt(const Bookmark& b) const { return MvpnVrfSource::iterAt(*status, b); }
-  size_t size() const { return status->mvpnVrfSize(); }
-  void del(const VrfId& key) const;
+  size_t sizeEstimate() const { return status->mvpnVrfSize(); }
+  bool del(const VrfId& key) const;
   void handleCorruption(const Oro::ShmCorruptionException& e) const {
     MvpnVrfSource::handleCorruption(*status, e);
   }
@@ -89,19 +92,51 @@ using MergedVrfStatusMvpnVrfOutput =
     OutputReconciler<MergedVrfStatusMvpnVrfOutputColl, MergedVrfStatusMvpnVrfOutputKeyType,
                      MergedVrfStatusMvpnVrfOutputKeyHash>;
 
-using VrfInputSm = KeyedInputSm<MvpnVrfSource>;
+using VrfInput = KeyedInput<MvpnVrfSource>;
 
-// The four input machines: the generic keyed input machine under its numbered names.
-DYX_KEYED_INPUT_SM(MvpnVrfStatusSm0, VrfInputSm, MvpnVrf, 0);
-DYX_KEYED_INPUT_SM(StaticMvpnVrfStatusSm1, VrfInputSm, MvpnVrf, 1);
-DYX_KEYED_INPUT_SM(EvpnVrfStatusSm2, VrfInputSm, MvpnVrf, 2);
-DYX_KEYED_INPUT_SM(StaticEvpnVrfStatusSm3, VrfInputSm, MvpnVrf, 3);
+// The machine's description.
+inline constexpr std::string_view kArgs[] = {"mvpnVrfStatus", "staticMvpnVrfStatus",
+                                             "evpnVrfStatus", "staticEvpnVrfStatus",
+                                             "mergedVrfStatus"};
+inline constexpr InputDesc kInputs[] = {{"MvpnVrfStatusSm0", 0, {0}},
+                                        {"StaticMvpnVrfStatusSm1", 1, {1}},
+                                        {"EvpnVrfStatusSm2", 2, {2}},
+                                        {"StaticEvpnVrfStatusSm3", 3, {3}}};
+inline constexpr StreamDesc kStreams[] = {
+    {"Line 15: from( mvpnVrfStatus.mvpnVrf[] ): vrfId={}", "mvpnVrf"},
+    {"Line 15: from( staticMvpnVrfStatus.mvpnVrf[] ): vrfId={}", "mvpnVrf"},
+    {"Line 15: from( evpnVrfStatus.mvpnVrf[] ): vrfId={}", "mvpnVrf"},
+    {"Line 15: from( staticEvpnVrfStatus.mvpnVrf[] ): vrfId={}", "mvpnVrf"},
+};
+inline constexpr OutputDesc kOutputs[] = {{"mergedVrfStatusMvpnVrfOutput", {0, 1, 2, 3}, 4}};
+inline constexpr MachineDesc kDesc{"Routing::Multicast::MergedMvpnVrfStatusSm",
+                                   "MergedMvpnVrfStatusSm",
+                                   "Routing::Multicast::DynaCode::MergedMvpnVrfStatusSm::",
+                                   kArgs,
+                                   kInputs,
+                                   kStreams,
+                                   kOutputs};
+
+using Machine = Routing::Multicast::MergedMvpnVrfStatusSm;
+DYX_KEYED_INPUT_SM(MvpnVrfStatusSm0, MvpnVrfSource, Machine, kDesc, 0, MvpnVrf, 0);
+DYX_KEYED_INPUT_SM(StaticMvpnVrfStatusSm1, MvpnVrfSource, Machine, kDesc, 1, MvpnVrf, 1);
+DYX_KEYED_INPUT_SM(EvpnVrfStatusSm2, MvpnVrfSource, Machine, kDesc, 2, MvpnVrf, 2);
+DYX_KEYED_INPUT_SM(StaticEvpnVrfStatusSm3, MvpnVrfSource, Machine, kDesc, 3, MvpnVrf, 3);
 
 }  // namespace Routing::Multicast::DynaCode::MergedMvpnVrfStatusSm
 
 namespace Routing::Multicast {
 
-class MergedMvpnVrfStatusSm : public DynaCode::MergeSm {
+class MergedMvpnVrfStatusSm
+    : public DynaCode::MergeMachine<
+          MergedMvpnVrfStatusSm, DynaCode::MergedMvpnVrfStatusSm::kDesc,
+          std::tuple<Oro::Ptr<const MvpnVrfStatus>, Oro::Ptr<const MvpnVrfStatus>,
+                     Oro::Ptr<const MvpnVrfStatus>, Oro::Ptr<const MvpnVrfStatus>,
+                     Oro::Ptr<MvpnVrfStatus>>,
+          std::tuple<DynaCode::MergedMvpnVrfStatusSm::MvpnVrfStatusSm0,
+                     DynaCode::MergedMvpnVrfStatusSm::StaticMvpnVrfStatusSm1,
+                     DynaCode::MergedMvpnVrfStatusSm::EvpnVrfStatusSm2,
+                     DynaCode::MergedMvpnVrfStatusSm::StaticEvpnVrfStatusSm3>> {
  public:
   using VrfId = Vrf::VrfIdMap::VrfId;
   using MergedVrfStatusMvpnVrfOutputKeyType =
@@ -110,6 +145,7 @@ class MergedMvpnVrfStatusSm : public DynaCode::MergeSm {
   using StaticMvpnVrfStatusSm1 = DynaCode::MergedMvpnVrfStatusSm::StaticMvpnVrfStatusSm1;
   using EvpnVrfStatusSm2 = DynaCode::MergedMvpnVrfStatusSm::EvpnVrfStatusSm2;
   using StaticEvpnVrfStatusSm3 = DynaCode::MergedMvpnVrfStatusSm::StaticEvpnVrfStatusSm3;
+  using VrfInput = DynaCode::MergedMvpnVrfStatusSm::VrfInput;
   static constexpr size_t kInputs = 4;
 
   // The machine's trace handle, component "MergedMvpnVrfStatusSm".
@@ -127,72 +163,59 @@ class MergedMvpnVrfStatusSm : public DynaCode::MergeSm {
                         Oro::Ptr<const MvpnVrfStatus> evpnVrfStatus,
                         Oro::Ptr<const MvpnVrfStatus> staticEvpnVrfStatus,
                         Oro::Ptr<MvpnVrfStatus> mergedVrfStatus, const Dyx::SmControl& dynaControl);
-  ~MergedMvpnVrfStatusSm() override;
 
-  const MvpnVrfStatus* mvpnVrfStatus() const { return mvpnVrfStatus_.get(); }
-  const MvpnVrfStatus* staticMvpnVrfStatus() const { return staticMvpnVrfStatus_.get(); }
-  const MvpnVrfStatus* evpnVrfStatus() const { return evpnVrfStatus_.get(); }
-  const MvpnVrfStatus* staticEvpnVrfStatus() const { return staticEvpnVrfStatus_.get(); }
-  MvpnVrfStatus* mergedVrfStatus() const { return mergedVrfStatus_.get(); }
+  const MvpnVrfStatus* mvpnVrfStatus() const { return arg<0>(); }
+  const MvpnVrfStatus* staticMvpnVrfStatus() const { return arg<1>(); }
+  const MvpnVrfStatus* evpnVrfStatus() const { return arg<2>(); }
+  const MvpnVrfStatus* staticEvpnVrfStatus() const { return arg<3>(); }
+  MvpnVrfStatus* mergedVrfStatus() const { return arg<4>(); }
 
   // The input machines (null before initialisation).
-  MvpnVrfStatusSm0* mvpnVrfStatusSm0() const { return mvpnVrfStatusSm0_.get(); }
-  StaticMvpnVrfStatusSm1* staticMvpnVrfStatusSm1() const { return staticMvpnVrfStatusSm1_.get(); }
-  EvpnVrfStatusSm2* evpnVrfStatusSm2() const { return evpnVrfStatusSm2_.get(); }
-  StaticEvpnVrfStatusSm3* staticEvpnVrfStatusSm3() const { return staticEvpnVrfStatusSm3_.get(); }
-  // Input machine n (0..3) through the generic interface.
-  DynaCode::MergedMvpnVrfStatusSm::VrfInputSm* inputSm(size_t n) const;
+  MvpnVrfStatusSm0* mvpnVrfStatusSm0() const { return input<0>(); }
+  StaticMvpnVrfStatusSm1* staticMvpnVrfStatusSm1() const { return input<1>(); }
+  EvpnVrfStatusSm2* evpnVrfStatusSm2() const { return input<2>(); }
+  StaticEvpnVrfStatusSm3* staticEvpnVrfStatusSm3() const { return input<3>(); }
+  // Input machine n (0..3) through the interface they share.
+  VrfInput* inputSm(size_t n) const { return static_cast<VrfInput*>(inputSmAt(n)); }
 
   // The input root of stream n goes away: its keys are re-merged without it.
   void inputRootDel(size_t n);
 
   // Events of the four inputs; the value handed in is not used, the merge looks every input up.
-  void eventToDyx_stream0(const VrfId& vrfId, const std::optional<MvpnVrf>& value);
-  void eventToDyx_stream1(const VrfId& vrfId, const std::optional<MvpnVrf>& value);
-  void eventToDyx_stream2(const VrfId& vrfId, const std::optional<MvpnVrf>& value);
-  void eventToDyx_stream3(const VrfId& vrfId, const std::optional<MvpnVrf>& value);
+  void eventToDyx_stream0(const VrfId& vrfId, const std::optional<MvpnVrf>&) {
+    onStream<0>(vrfId, std::nullopt);
+  }
+  void eventToDyx_stream1(const VrfId& vrfId, const std::optional<MvpnVrf>&) {
+    onStream<1>(vrfId, std::nullopt);
+  }
+  void eventToDyx_stream2(const VrfId& vrfId, const std::optional<MvpnVrf>&) {
+    onStream<2>(vrfId, std::nullopt);
+  }
+  void eventToDyx_stream3(const VrfId& vrfId, const std::optional<MvpnVrf>&) {
+    onStream<3>(vrfId, std::nullopt);
+  }
+  // An event of input N. `value` is what the input itself has just read for the key: when
+  // present, the merge need not ask that input again.
+  template <size_t N>
+  void onStream(const VrfId& vrfId, const std::optional<MvpnVrf>& value) {
+    if (streamEventBegins<N>(vrfId)) merge(vrfId, value ? N : kInputs);
+  }
   // The merge rule for one VRF (source line 15), written into the merged status.
-  void eventToDyx_pipeline0(const VrfId& vrfId);
+  void eventToDyx_pipeline0(const VrfId& vrfId) { merge(vrfId, kInputs); }
   // The into clause: writes `value` under `vrfId`, or deletes the entry when absent.
   void intoMergedVrfStatusMvpnVrf(const VrfId& vrfId, const std::optional<MvpnVrf>& value);
+  // Records a key merged with an input unreadable, to merge it again once that input reads.
+  void keyKept(const VrfId& vrfId) { output_.keyKept(vrfId); }
 
   // Output bookkeeping of mergedVrfStatus.mvpnVrf.
-  void handleMergedVrfStatusMvpnVrfOutputInputReady() { output_.handleInputReady(); }
-  const DynaCode::MergedMvpnVrfStatusSm::MergedVrfStatusMvpnVrfOutput&
-  mergedVrfStatusMvpnVrfOutput() const {
-    return output_;
-  }
-  const auto& mergedVrfStatusMvpnVrfOutputSeen() const { return output_.seen(); }
-  const auto& mergedVrfStatusMvpnVrfOutputBookmark() const { return output_.bookmark(); }
-  bool mergedVrfStatusMvpnVrfOutputUseBookmark() const { return output_.useBookmark(); }
-  bool mergedVrfStatusMvpnVrfOutputReconciling() const { return output_.reconciling(); }
-  Oro::Task* mergedVrfStatusMvpnVrfOutputReconciliationTask() const {
-    return output_.reconciliationTask();
-  }
-  Oro::Task* mergedVrfStatusMvpnVrfOutputSeenReleaseTask() const {
-    return output_.seenReleaseTask();
-  }
-
- protected:
-  void checkPointers() const override;
-  void createInputSms() override;
+  DYX_OUTPUT_ATTRS(mergedVrfStatusMvpnVrfOutput, MergedVrfStatusMvpnVrfOutput, output_)
 
  private:
-  // An event of input `stream`. heldBy names an input that a lookup has just found holding
-  // the key (the notifying input itself), or is kInputs.
-  void streamEvent(size_t stream, const VrfId& vrfId, size_t heldBy);
+  // heldBy names an input that a lookup has just found holding the key (the notifying input
+  // itself), or is kInputs.
   void merge(const VrfId& vrfId, size_t heldBy);
 
-  Oro::Ptr<const MvpnVrfStatus> mvpnVrfStatus_;
-  Oro::Ptr<const MvpnVrfStatus> staticMvpnVrfStatus_;
-  Oro::Ptr<const MvpnVrfStatus> evpnVrfStatus_;
-  Oro::Ptr<const MvpnVrfStatus> staticEvpnVrfStatus_;
-  Oro::Ptr<MvpnVrfStatus> mergedVrfStatus_;
   DynaCode::MergedMvpnVrfStatusSm::MergedVrfStatusMvpnVrfOutput output_;
-  Oro::Ptr<MvpnVrfStatusSm0> mvpnVrfStatusSm0_;
-  Oro::Ptr<StaticMvpnVrfStatusSm1> staticMvpnVrfStatusSm1_;
-  Oro::Ptr<EvpnVrfStatusSm2> evpnVrfStatusSm2_;
-  Oro::Ptr<StaticEvpnVrfStatusSm3> staticEvpnVrfStatusSm3_;
 };
 
 Oro::Ptr<MergedMvpnVrfStatusSm> mergedMvpnVrfStatusSmFactory(

@@ -8,14 +8,26 @@
 // writes or deletes is recorded in Seen; the walk deletes every output entry not in Seen,
 // then clears Seen and marks the output ready. With an empty output the walk is skipped.
 //
-// OutColl concept: Key, Bookmark, iter(), iterAt(bookmark), size(), del(key) and
+// Damaged input: while the last scan of one of the output's streams ended on damage, the keys
+// of that input are not all known, so the output is not reconciled and not ready: nothing is
+// deleted, Seen keeps recording, and a walk that had yielded stays at its bookmark. The step
+// runs again when the stream's clean rescan sets its scan flag.
+//
+// It also holds the keys whose last merge was decided with an input unreadable
+// (merge/InputRead.h): remergeKept() merges them again once that input reads cleanly.
+//
+// OutColl concept: Key, Bookmark, iter(), iterAt(bookmark), sizeEstimate() (about how many
+// keys it holds, 0 only when it holds none), del(key) (true when something was deleted) and
 // handleCorruption(const Oro::ShmCorruptionException&). KeyType wraps Key (the element type
 // of Seen; constructible from a Key, hashable with Hash).
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -25,8 +37,8 @@
 #include "merge/MergeTraceLevels.h"
 #include "merge/SeenSet.h"
 #include "platform/Error.h"
-#include "platform/runtime/TaskScheduler.h"
 #include "platform/Trace.h"
+#include "platform/runtime/TaskScheduler.h"
 
 namespace Routing::Multicast::DynaCode {
 
@@ -36,17 +48,18 @@ class OutputReconciler : public OutputBase {
   using Key = typename OutColl::Key;
   using Bookmark = typename OutColl::Bookmark;
 
-  // `name` is the output's name, e.g. "mergedVrfStatusMvpnVrfOutput"; `index` its flag in the
-  // output companion; `streams` the scan flags that must all be set before reconciling.
-  // With traceReconciling, each reconciliation step also traces "Reconciling <name>: <flag>".
-  OutputReconciler(MergeSm* parent, size_t index, std::string name, std::vector<size_t> streams,
-                   OutColl coll, bool traceReconciling = false)
+  // Output `index` of the machine's description (its name, e.g.
+  // "mergedVrfStatusMvpnVrfOutput", the streams that must all be scanned before reconciling,
+  // whether each step traces "Reconciling <name>: <flag>"). `remerge` runs the output's merge
+  // rule for one key.
+  OutputReconciler(MergeSm* parent, size_t index, OutColl coll,
+                   std::function<void(const Key&)> remerge)
       : parent_(parent),
         index_(index),
-        name_(std::move(name)),
-        streams_(std::move(streams)),
+        desc_(parent->desc().outputs[index]),
+        name_(desc_.name),
         coll_(std::move(coll)),
-        traceReconciling_(traceReconciling) {}
+        remerge_(std::move(remerge)) {}
 
   const std::string& name() const { return name_; }
   const OutColl& coll() const { return coll_; }
@@ -64,19 +77,40 @@ class OutputReconciler : public OutputBase {
   void keyMerged(const Key& key) {
     if (reconciling_) seen_.insert(KeyType(key));
   }
+  // Called by the merge for a key it decided with an input unreadable.
+  void keyKept(const Key& key) { kept_.insert(key); }
+  const std::set<Key>& kept() const { return kept_; }
+
+  bool mergesStream(size_t stream) const override {
+    const auto streams = desc_.streamList();
+    return std::find(streams.begin(), streams.end(), stream) != streams.end();
+  }
+  void remergeKept() override {
+    // A key still undecidable is kept again by its merge.
+    const std::set<Key> kept = std::exchange(kept_, {});
+    for (const Key& key : kept) remerge_(key);
+  }
 
   void initialize() override {
-    const size_t present = coll_.size();
+    size_t present = 0;
+    try {
+      present = coll_.sizeEstimate();
+    } catch (const Oro::ShmCorruptionException& e) {
+      // Nothing can be walked either; reconciling only records what the merge writes.
+      coll_.handleCorruption(e);
+      present = 1;
+    }
+    sizeAtStart_ = present;
     reconciling_ = present != 0;
     // The merging scans record about as many keys as the output holds now.
     if (reconciling_) seen_.reserve(present);
     if (Oro::TaskScheduler* scheduler = parent_->dynaControl().taskScheduler) {
+      const std::string prefix = std::string(parent_->shortName()) + "-" + name_;
       task_ = std::make_unique<Oro::Task>(scheduler, parent_->dynaControl().taskPriority,
-                                          parent_->shortName() + "-" + name_ + "Task",
-                                          [this] { handleInputReady(); });
-      releaseTask_ = std::make_unique<Oro::Task>(
-          scheduler, parent_->dynaControl().taskPriority,
-          parent_->shortName() + "-" + name_ + "SeenReleaseTask", [this] { releaseSeen(); });
+                                          prefix + "Task", [this] { handleInputReady(); });
+      releaseTask_ =
+          std::make_unique<Oro::Task>(scheduler, parent_->dynaControl().taskPriority,
+                                      prefix + "SeenReleaseTask", [this] { releaseSeen(); });
     }
   }
 
@@ -86,16 +120,25 @@ class OutputReconciler : public OutputBase {
       ORO_TRACE(trace, kTraceScan, "already ready, not reconciling.");
       return;
     }
-    for (size_t stream : streams_) {
+    for (size_t stream : desc_.streamList()) {
       if (!parent_->inputSmScanState()->streamScan(stream)) return;
     }
     if (!parent_->initialScanDone()) {
       parent_->handleInitialScanDone();
       return;
     }
+    for (size_t stream : desc_.streamList()) {
+      if (parent_->streamDamaged(stream)) {
+        ORO_TRACE(trace, kTraceLifecycle,
+                  "Not reconciling {}: the scan of dyx_stream{} ended on damaged input", name_,
+                  stream);
+        return;
+      }
+    }
     ORO_TRACE(trace, kTraceLifecycle, "Input scans for {} complete", name_);
-    if (traceReconciling_)
+    if (desc_.traceReconciling) {
       ORO_TRACE(trace, kTraceLifecycle, "Reconciling {}: {}", name_, reconciling_);
+    }
     uint64_t processed = 0;
     uint64_t deleted = 0;
     if (reconciling_ && walk(processed, deleted)) return;  // yielded
@@ -137,7 +180,8 @@ class OutputReconciler : public OutputBase {
           bookmark_ = it.bookmark();
           useBookmark_ = true;
           task_->workCountInc(processed);
-          task_->pendingWorkIs(coll_.size());
+          // An estimate: counting a two-level output exactly would walk all of it.
+          task_->pendingWorkIs(sizeAtStart_ > processedTotal_ ? sizeAtStart_ - processedTotal_ : 0);
           task_->schedule();
           ORO_TRACE(parent_->qtHandle(), kTraceScan,
                     "Yielding in reconciliation processing after processing {} items, "
@@ -147,8 +191,7 @@ class OutputReconciler : public OutputBase {
         }
         const Key key = it.key();
         it.next();  // step off the key before it may be deleted
-        if (!seen_.contains(KeyType(key))) {
-          coll_.del(key);
+        if (!seen_.contains(KeyType(key)) && coll_.del(key)) {
           ++deleted;
           ++deletedTotal_;
         }
@@ -167,10 +210,12 @@ class OutputReconciler : public OutputBase {
 
   MergeSm* parent_;
   size_t index_;
+  const OutputDesc& desc_;
   std::string name_;
-  std::vector<size_t> streams_;
   OutColl coll_;
-  bool traceReconciling_;
+  std::function<void(const Key&)> remerge_;
+  size_t sizeAtStart_ = 0;
+  std::set<Key> kept_;
   SeenSet<KeyType, Hash> seen_;
   std::optional<Bookmark> bookmark_;
   bool useBookmark_ = false;

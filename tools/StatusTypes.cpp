@@ -3,6 +3,7 @@
 #include <atomic>
 #include <map>
 #include <memory>
+#include <unordered_set>
 
 #include <fmt/format.h>
 
@@ -13,6 +14,7 @@
 #include "status/MvpnIntfStatus.h"
 #include "status/MvpnRouteStatus.h"
 #include "status/MvpnVrfStatus.h"
+#include "tools/SafeText.h"
 
 namespace Mvpnstat {
 
@@ -45,16 +47,22 @@ struct ReaderRoot {
 
 template <class Root>
 void show(const std::string& path, bool json, FILE* out) {
+  using Key = typename Root::Key;
   ReaderRoot<Root> r(path, nullptr);
   if (!json) {
-    Oro::DumpContext dc(out);
+    Oro::DumpContext dc;
     r.root->dumpState(dc, 0);
+    fmt::print(out, "{}", displayText(dc.str(), true));
     return;
   }
   fmt::print(out, "{{\"path\": {}, \"type\": {}, \"records\": [", jsonQuote(path),
-             jsonQuote(std::string(r.root->typeName())));
+             jsonQuote(r.root->typeName()));
+  // The walk goes by slot while the writer may move a key (delete it, insert it again into a
+  // later slot): the walk can then meet it twice. The first meeting is the one listed.
+  std::unordered_set<Key> listed;
   const char* sep = "";
   for (auto it = r.root->recordIter(); it.valid(); it.next()) {
+    if (!listed.insert(it.key()).second) continue;
     fmt::print(out, "{}\n  {}", sep, recordJson(it.value()));
     sep = ",";
   }
@@ -73,7 +81,8 @@ uint64_t watch(const std::string& path, bool json, FILE* out, uint64_t maxChange
       fmt::print(out, "{{\"key\": {}, \"record\": {}}}\n", jsonQuote(key.toStrep()),
                  rec ? recordJson(*rec) : std::string("null"));
     } else {
-      fmt::print(out, "{}: {}\n", key.toStrep(), rec ? rec->toValueForm() : "deleted");
+      fmt::print(out, "{}: {}\n", displayText(key.toStrep()),
+                 rec ? displayText(rec->toValueForm()) : "deleted");
     }
     std::fflush(out);
     if (++printed == maxChanges) scheduler.stop();
@@ -102,8 +111,9 @@ std::string routeJson(const MvpnRoute& r) {
 void showTree(const std::string& path, bool json, FILE* out) {
   ReaderRoot<MvpnRouteStatus> r(path, nullptr);
   if (!json) {
-    Oro::DumpContext dc(out);
+    Oro::DumpContext dc;
     r.root->dumpState(dc, 0);
+    fmt::print(out, "{}", displayText(dc.str(), true));
     return;
   }
   fmt::print(out, "{{\"path\": {}, \"type\": {}, \"vrfs\": [", jsonQuote(path),
@@ -156,7 +166,7 @@ uint64_t watchTree(const std::string& path, bool json, FILE* out, uint64_t maxCh
       fmt::print(out, "{{\"level\": {}, \"keys\": {}, \"change\": {}}}\n", jsonQuote(level),
                  jsonQuote(keys), jsonQuote(what));
     } else {
-      fmt::print(out, "{} {}: {}\n", level, keys, what);
+      fmt::print(out, "{} {}: {}\n", level, displayText(keys), displayText(what));
     }
     std::fflush(out);
     if (++printed == maxChanges) scheduler.stop();
@@ -255,21 +265,6 @@ const std::vector<StatusType>& statusTypes() {
 
 void watchStop() {
   if (Oro::TaskScheduler* s = gWatching.load()) s->stop();
-}
-
-std::string jsonQuote(const std::string& s) {
-  std::string out = "\"";
-  for (unsigned char c : s) {
-    if (c == '"' || c == '\\') {
-      out += '\\';
-      out += static_cast<char>(c);
-    } else if (c < 0x20) {
-      out += fmt::format("\\u{:04x}", c);
-    } else {
-      out += static_cast<char>(c);
-    }
-  }
-  return out + "\"";
 }
 
 }  // namespace Mvpnstat

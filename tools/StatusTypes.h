@@ -13,7 +13,8 @@ namespace Mvpnstat {
 
 struct StatusType {
   const char* rootType;  // e.g. "Routing::Multicast::MvpnVrfStatus", as the store names it
-  // Prints the root at `path` to `out`: its dump, or one JSON document.
+  // Prints the root at `path` to `out`: its dump, or one JSON document that lists each key
+  // once even when a writer moves keys while the store is walked.
   std::function<void(const std::string& path, bool json, FILE* out)> show;
   // Prints every change at `path` as it arrives, until `stop` says so or `maxChanges`
   // changes were printed (0: no limit). Returns the number of changes printed.
@@ -24,8 +25,5 @@ const std::vector<StatusType>& statusTypes();
 
 // Stops a running watch (async-signal-safe).
 void watchStop();
-
-// Text of a JSON string literal.
-std::string jsonQuote(const std::string& s);
 
 }  // namespace Mvpnstat

@@ -5,6 +5,10 @@
 //   mvpnstat [--namespace NS] watch PATH [--json] [--count N]
 //
 // Exit status: 0 success, 1 the table is absent, damaged or of another type, 2 bad usage.
+//
+// Names read from shared memory can hold any bytes: JSON output escapes them, plain-text
+// output (and every error message) shows control characters and invalid bytes visibly.
+#include <charconv>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -18,10 +22,12 @@
 #include "platform/Error.h"
 #include "platform/shm/ShmSegment.h"
 #include "platform/shm/ShmStoreInfo.h"
+#include "tools/SafeText.h"
 #include "tools/StatusTypes.h"
 
 namespace {
 
+using Mvpnstat::displayText;
 using Mvpnstat::jsonQuote;
 using Mvpnstat::StatusType;
 
@@ -44,8 +50,23 @@ struct Args {
   std::string command;
   std::string path;
   bool json = false;
-  uint64_t count = 0;
+  uint64_t count = 0;  // 0: no limit
 };
+
+// A --count value: a whole number from 1 to 2^64-1 in plain decimal digits. A sign, spaces,
+// other characters or a number too large for 64 bits are usage errors (strtoull would take
+// "-1" as 2^64-1 and " 5" as 5).
+uint64_t parseCount(const std::string& v) {
+  uint64_t n = 0;
+  const char* end = v.data() + v.size();
+  const auto [stop, ec] = std::from_chars(v.data(), end, n);
+  const bool digitsOnly = !v.empty() && v.find_first_not_of("0123456789") == std::string::npos;
+  if (!digitsOnly || ec != std::errc() || stop != end || n == 0) {
+    throw Failure{2, fmt::format("--count needs a whole number from 1 to {}, not '{}'", UINT64_MAX,
+                                 displayText(v))};
+  }
+  return n;
+}
 
 Args parseArgs(int argc, char** argv) {
   Args a;
@@ -61,14 +82,11 @@ Args parseArgs(int argc, char** argv) {
     } else if (arg == "--namespace") {
       Oro::shmNamespaceIs(value());
     } else if (arg == "--count") {
-      const std::string v = value();
-      char* end = nullptr;
-      a.count = std::strtoull(v.c_str(), &end, 10);
-      if (v.empty() || *end != '\0') throw Failure{2, fmt::format("bad --count '{}'", v)};
+      a.count = parseCount(value());
     } else if (arg == "-h" || arg == "--help") {
       throw Failure{0, ""};
     } else if (!arg.empty() && arg[0] == '-') {
-      throw Failure{2, fmt::format("unknown option {}", arg)};
+      throw Failure{2, fmt::format("unknown option {}", displayText(arg))};
     } else {
       positional.push_back(arg);
     }
@@ -77,7 +95,7 @@ Args parseArgs(int argc, char** argv) {
   a.command = positional[0];
   const size_t wantPositional = a.command == "list" ? 1 : 2;
   if (a.command != "list" && a.command != "show" && a.command != "watch") {
-    throw Failure{2, fmt::format("unknown command '{}'", a.command)};
+    throw Failure{2, fmt::format("unknown command '{}'", displayText(a.command))};
   }
   if (positional.size() != wantPositional) {
     throw Failure{2, a.command == "list" ? "list takes no path"
@@ -149,20 +167,24 @@ void list(bool json) {
     return;
   }
   if (stores.empty()) {
-    fmt::print("no status tables in shared-memory namespace '{}'\n", Oro::shmNamespace());
+    fmt::print("no status tables in shared-memory namespace '{}'\n",
+               displayText(Oro::shmNamespace()));
     return;
   }
   for (const auto& t : stores) {
     if (!t.problem.empty()) {
-      fmt::print("{}  {}: {}\n", t.mountPath, t.damaged ? "DAMAGED" : "unreadable", t.problem);
+      fmt::print("{}  {}: {}\n", displayText(t.mountPath), t.damaged ? "DAMAGED" : "unreadable",
+                 displayText(t.problem));
       continue;
     }
     const std::string writer =
         t.writerAlive ? fmt::format("writer pid {}", t.writerPid) : std::string("no live writer");
-    fmt::print("{}  {}  {}  {}\n", t.mountPath, t.rootType, writer,
+    fmt::print("{}  {}  {}  {}\n", displayText(t.mountPath), displayText(t.rootType), writer,
                TylKetab::mountStatusName(t.mountStatus));
-    for (const auto& c : t.collections) fmt::print("    {} {} records\n", c.name, c.records);
-    for (const auto& c : t.counters) fmt::print("    {} {}\n", c.name, c.value);
+    for (const auto& c : t.collections) {
+      fmt::print("    {}  {}  {} records\n", displayText(c.name), displayText(c.typeName), c.records);
+    }
+    for (const auto& c : t.counters) fmt::print("    {} {}\n", displayText(c.name), c.value);
   }
 }
 
@@ -205,11 +227,11 @@ int main(int argc, char** argv) {
       std::fputs(kUsage, stdout);
       return 0;
     }
-    std::fprintf(stderr, "mvpnstat: %s\n", f.message.c_str());
+    std::fprintf(stderr, "mvpnstat: %s\n", displayText(f.message).c_str());
     if (f.code == 2) std::fputs(kUsage, stderr);
     return f.code;
   } catch (const Oro::Exception& e) {
-    std::fprintf(stderr, "mvpnstat: %s\n", e.what());
+    std::fprintf(stderr, "mvpnstat: %s\n", displayText(e.what()).c_str());
     return 1;
   }
 }

@@ -1,8 +1,32 @@
 #include "platform/runtime/Entity.h"
 
+#include <cxxabi.h>
+
 #include <algorithm>
+#include <cstdlib>
+#include <memory>
+#include <string>
+
+#include <fmt/format.h>
+
+#include "platform/Assert.h"
 
 namespace Oro {
+
+namespace {
+std::string readableTypeName(const std::type_info& type) {
+  int status = 0;
+  std::unique_ptr<char, decltype(&std::free)> name(
+      abi::__cxa_demangle(type.name(), nullptr, nullptr, &status), &std::free);
+  return status == 0 && name ? std::string(name.get()) : std::string(type.name());
+}
+}  // namespace
+
+void detail::keyTypeMismatch(const std::type_info& published, const std::type_info& expected) {
+  assertionFailed(fmt::format("a key published as {} reached a notifiee expecting {}",
+                              readableTypeName(published), readableTypeName(expected)),
+                  __FILE__, __LINE__);
+}
 
 Entity::~Entity() {
   for (Notifiee* n : notifiees_) {

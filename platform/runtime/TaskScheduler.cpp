@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <mutex>
+#include <thread>
 #include <unordered_map>
 #include <utility>
 
@@ -36,6 +37,11 @@ struct TaskScheduler::Impl {
   std::vector<WaitSource*> sources;
   int walkingSources = 0;
   bool sourcesHaveHoles = false;
+
+  // The scheduler thread, for post() to tell whether it is called from another one. Only
+  // ever compared with the caller's own id, so relaxed ordering suffices: a thread reads
+  // its own id here only if it stored it itself.
+  std::atomic<std::thread::id> owner{std::this_thread::get_id()};
 
   // Work handed in from other threads.
   std::mutex postMutex;
@@ -247,6 +253,9 @@ void TaskScheduler::fireTimers(Clock::time_point now) {
 
 void TaskScheduler::post(std::function<void()> fn) {
   Impl& d = *impl_;
+  if (!threadsInUse() && d.owner.load(std::memory_order_relaxed) != std::this_thread::get_id()) {
+    threadsInUseIs(true);
+  }
   {
     std::lock_guard lock(d.postMutex);
     d.posted.push_back(std::move(fn));
@@ -311,6 +320,7 @@ bool TaskScheduler::dispatchSources() {
 bool TaskScheduler::runOnce() {
   MVPN_ASSERT_MSG(!running_, "the scheduler loop cannot be entered from a task");
   Impl& d = *impl_;
+  d.owner.store(std::this_thread::get_id(), std::memory_order_relaxed);
   bool worked = false;
   if (d.hasPosted.load(std::memory_order_acquire)) worked = runPosted();
   Clock::time_point now = Clock::now();

@@ -9,10 +9,11 @@
 // scheduled from another thread (wakeup()), a due timer, or a write to a watched table.
 //
 // Invariants: everything except post(), wakeup() and stop() runs on the one scheduler
-// thread. A task is in at most one ready list, exactly while scheduled() is true. A
-// task may be destroyed at any time on the scheduler thread, even from inside its own
-// handler; a scheduler destroyed before its tasks leaves them detached (scheduler()
-// becomes null and they can no longer be scheduled).
+// thread: the thread that created the scheduler, and from its first unit of work on, the
+// thread that last ran one. A task is in at most one ready list, exactly while
+// scheduled() is true. A task may be destroyed at any time on the scheduler thread, even
+// from inside its own handler; a scheduler destroyed before its tasks leaves them
+// detached (scheduler() becomes null and they can no longer be scheduled).
 #pragma once
 
 #include <atomic>
@@ -138,7 +139,12 @@ class TaskScheduler {
   // Wake a sleeping run() from another thread (or a signal handler: it only touches
   // an atomic and makes one futex call).
   void wakeup();
-  // Run fn on the scheduler thread; callable from any thread.
+  // Run fn on the scheduler thread; callable from any thread. Posting from another thread
+  // than the scheduler's switches the process to atomic reference counts
+  // (threadsInUseIs(true)) before fn is queued, since fn's captures (Ptr<> among them)
+  // are then released on the scheduler thread while the poster may still hold copies. A
+  // thread that builds such closures should still opt in before it creates its first
+  // Ptr<>: the counts it changed before posting were not atomic.
   void post(std::function<void()> fn);
 
   uint64_t tasksRun() const { return tasksRun_; }

@@ -1026,7 +1026,10 @@ bool ShmStore::remove(uint32_t c, const uint32_t* keyWords, Record* old) {
   ShmCollection& coll = *colls_[c];
   uint32_t oldWords[kMaxRecordWords];
   uint32_t slot;
-  if (!coll.remove(keyWords, oldWords, &slot)) return false;
+  if (!coll.remove(keyWords, oldWords, &slot)) {
+    checkIntact();  // "absent" may have been read from memory lost meanwhile
+    return false;
+  }
   // Within the removal's operation: an entity's members go after the entity itself.
   if (coll.entity()) {
     fault(ShmFaultPoint::entityRemoved);

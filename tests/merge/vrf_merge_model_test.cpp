@@ -1,11 +1,11 @@
 // Model-based randomized test of MergedMvpnVrfStatusSm: random histories of the four inputs
 // (inserts, deletes, whole-root deletion, departures, reader restarts over the surviving
-// merged output) interleaved with scheduler steps under tiny and normal time slices, for
-// synchronous and asynchronous machines. Once the scheduler is idle, the merged status must
-// be the precedence function of what the machine watches, and the machine must be ready.
+// merged output) interleaved with scheduler steps, with yields at random points taken from a
+// seeded generator, for synchronous and asynchronous machines. Once the scheduler is idle, the
+// merged status must be the precedence function of what the machine watches, and the machine must
+// be ready.
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <cstdlib>
 #include <random>
 #include <string>
@@ -15,18 +15,22 @@
 namespace {
 
 using namespace MergeTest;
-using namespace std::chrono_literals;
 
 constexpr uint32_t kKeys = 24;
 
 void runHistory(uint32_t seed) {
   std::mt19937 rng(seed);
   auto pick = [&](uint32_t n) { return static_cast<uint32_t>(rng() % n); };
-  const std::chrono::nanoseconds slices[] = {0ns, 2us, 1ms};
-  Rig rig(slices[pick(3)]);
+  // Yields at random points: a task asking whether to yield is told so with probability
+  // 1/odds (1: after every key, 0: never), from a generator of its own seed.
+  const uint32_t odds[] = {1, 2, 5, 0};
+  const uint32_t yieldOdds = odds[pick(4)];
+  Rig rig;
+  rig.scheduler.yieldPolicyIs([yields = std::mt19937(seed), yieldOdds](const Oro::Task&) mutable {
+    return yieldOdds != 0 && yields() % yieldOdds == 0;
+  });
   const bool synchronous = pick(4) == 0;
-  std::string log = "slice " + std::to_string(rig.scheduler.timeSlice().count()) +
-                    (synchronous ? " sync" : " async");
+  std::string log = "yield odds " + std::to_string(yieldOdds) + (synchronous ? " sync" : " async");
   auto note = [&](const std::string& what) { log += "; " + what; };
   unsigned departed = 0;  // bit n: input n has left
 

@@ -119,10 +119,18 @@ int waitExit(pid_t pid) {
 class VrfMergeProcessTest : public ::testing::Test {
  protected:
   void SetUp() override {
+    binaryNamespace_ = Oro::shmNamespace();
     Oro::shmNamespaceIs(fmt::format("h6merge{}", ::getpid()));
     Oro::shmUnlinkNamespace();
   }
-  void TearDown() override { Oro::shmUnlinkNamespace(); }
+  // Back to the binary's namespace, which the test environment removes at the end.
+  void TearDown() override {
+    Oro::shmUnlinkNamespace();
+    Oro::shmNamespaceIs(binaryNamespace_);
+  }
+
+ private:
+  std::string binaryNamespace_;
 };
 
 TEST_F(VrfMergeProcessTest, MergedTableFollowsFourWriterProcesses) {

@@ -9,8 +9,8 @@
 
 #include "merge/MergeTestRig.h"
 #include "merge/MvpnVrfStatusMergeSm.h"
-#include "platform/runtime/Entity.h"
 #include "platform/Trace.h"
+#include "platform/runtime/Entity.h"
 
 namespace {
 

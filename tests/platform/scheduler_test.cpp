@@ -257,6 +257,36 @@ TEST(SchedulerLoop, RunWokenByPostAndStopFromAnotherThread) {
   s.waitSourceDel(&probe);
 }
 
+struct Counted : Oro::RefCounted {};
+
+// A closure posted from the scheduler's own thread leaves reference counts plain; one
+// posted from another thread switches the process to atomic counts before it is queued,
+// so the closure's Ptr is released on the scheduler thread with atomic counts.
+TEST(SchedulerLoop, PostFromAnotherThreadSwitchesToAtomicCounts) {
+  const bool before = Oro::threadsInUse();
+  Oro::threadsInUseIs(false);
+  TaskScheduler s;
+  bool ran = false;
+  s.post([&] { ran = true; });
+  s.runUntilIdle();
+  EXPECT_TRUE(ran);
+  EXPECT_FALSE(Oro::threadsInUse());
+
+  Oro::Ptr<Counted> shared = Oro::makePtr<Counted>();
+  bool atomicWhenQueued = false, atomicWhenRun = false;
+  std::thread poster([&, copy = shared] {
+    // Queued at once if the switch did not happen first: the check below sees it.
+    s.post([&, copy] { atomicWhenRun = Oro::threadsInUse(); });
+    atomicWhenQueued = Oro::threadsInUse();
+  });
+  poster.join();
+  EXPECT_TRUE(atomicWhenQueued);
+  s.runUntilIdle();
+  EXPECT_TRUE(atomicWhenRun);
+  EXPECT_EQ(shared->refs(), 1u);
+  Oro::threadsInUseIs(before);
+}
+
 TEST(SchedulerLoop, RunUntilFiresTimersAndReturnsAtItsDeadline) {
   TaskScheduler s;
   bool timerFired = false;
@@ -290,11 +320,14 @@ struct SharedWords {
 struct SharedWordSource : Oro::WaitSource {
   SharedWordSource(SharedWords* w, TaskScheduler* sched) : words(w), s(sched) {}
   bool hasPending() const override {
+    // Read before the writer is told to go on: a write after that must find the reader
+    // asleep, not be taken for work found before sleeping.
+    const bool pending = words->data.load() != seen;
     if (inSleep) {
       words->checked.fetch_add(1);
       Oro::futexWake(&words->checked, INT32_MAX, true);
     }
-    return words->data.load() != seen;
+    return pending;
   }
   void dispatch() override {
     seen = words->data.load();

@@ -270,12 +270,14 @@ TEST_F(VrfStatusDeathTest, CorruptionDuringAWriteIsFatalAfterTheHandlerDeathTest
   auto s = mvpnVrfStatusFactory("bgp");
   s->mvpnVrfCorruptionHandlerIs(
       [](const std::string& m) { fprintf(stderr, "handler saw: %s\n", m.c_str()); });
-  s->mount(ShmAttach{"c/write", ShmRole::writer});
+  // Death tests run the test again in a new process: each process damages a store of its own.
+  const std::string path = fmt::format("c/write{}", ::getpid());
+  s->mount(ShmAttach{path, ShmRole::writer});
   s->mvpnVrfIs(MvpnVrf(VrfId(1)));
-  ASSERT_TRUE(shmtest::damageTable("c/write", "mvpnVrf"));
+  ASSERT_TRUE(shmtest::damageTable(path, "mvpnVrf"));
   EXPECT_DEATH(s->mvpnVrfIs(MvpnVrf(VrfId(2))),
                "handler saw: .*corrupt(.|\n)*write of mvpnVrf met a corrupt shared memory table");
-  EXPECT_DEATH(s->mvpnVrfDel(VrfId(2)),
+  EXPECT_DEATH(s->mvpnVrfDel(VrfId(1)),
                "handler saw: .*corrupt(.|\n)*removal of mvpnVrf met a corrupt shared memory");
 }
 

@@ -1,12 +1,20 @@
-// The mvpnstat binary against tables written by this process: its dump and JSON output, and
-// its errors for an unknown path, a damaged segment and a table of another type.
+// The mvpnstat binary against tables written by this process: its dump and JSON output, its
+// errors for an unknown path, a damaged segment, a table of another type and bad usage, names
+// holding hostile bytes, and a JSON walk while a writer moves keys.
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/ioctl.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <fstream>
+#include <set>
 #include <string>
+#include <vector>
 
 #include "platform/shm/ShmSegment.h"
 #include "platform/shm/ShmTable.h"
@@ -60,8 +68,10 @@ TEST_F(MvpnstatToolTest, ShowsListsAndWatchesTables) {
 
   Result list = mvpnstat("list");
   EXPECT_EQ(list.status, 0);
-  EXPECT_NE(list.out.find(path + "/mvpnVrf  Routing::Multicast::MvpnVrf  1 records"),
+  EXPECT_NE(list.out.find(path + "  Routing::Multicast::MvpnVrfStatus  writer pid "),
             std::string::npos)
+      << list.out;
+  EXPECT_NE(list.out.find("    mvpnVrf  Routing::Multicast::MvpnVrf  1 records"), std::string::npos)
       << list.out;
   EXPECT_NE(list.out.find("mvpnVrfIs 1"), std::string::npos) << list.out;
 
@@ -106,6 +116,125 @@ TEST_F(MvpnstatToolTest, ReportsUnknownDamagedAndForeignTables) {
   Result damaged = mvpnstat("show " + path);
   EXPECT_EQ(damaged.status, 1);
   EXPECT_NE(damaged.out.find("is damaged"), std::string::npos) << damaged.out;
+}
+
+TEST_F(MvpnstatToolTest, BadCountsAreUsageErrors) {
+  const std::string watch = "watch " + MvpnVrfStatus::mountPath(Nevo::ipv4, MvpnClient::bgp_);
+  for (const char* count : {"-1", "-5", "''", "abc", "' 3'", "+3", "3x", "0", "0x10",
+                            "18446744073709551616", "99999999999999999999999"}) {
+    Result r = mvpnstat(watch + " --count " + count);
+    EXPECT_EQ(r.status, 2) << count;
+    EXPECT_NE(r.out.find("--count needs a whole number from 1 to 18446744073709551615"),
+              std::string::npos)
+        << count << ": " << r.out;
+  }
+  EXPECT_EQ(mvpnstat(watch + " --count").status, 2);
+}
+
+// True when text holds no raw control character but '\n' (C0, DEL, or C1 encoded in UTF-8).
+bool terminalSafe(const std::string& text) {
+  for (size_t i = 0; i < text.size(); ++i) {
+    const auto c = static_cast<unsigned char>(text[i]);
+    if ((c < 0x20 && c != '\n') || c == 0x7f) return false;
+    if (c == 0xc2 && i + 1 < text.size() &&
+        (static_cast<unsigned char>(text[i + 1]) & 0xe0) == 0x80) {
+      return false;
+    }
+  }
+  return true;
+}
+
+// Type and counter names come from shared memory and may hold anything: an escape sequence,
+// a bell, invalid UTF-8, a C1 control, quotes and backslashes. JSON stays valid and carries
+// every valid character (invalid bytes become U+FFFD); plain text shows them visibly.
+TEST_F(MvpnstatToolTest, HostileNamesStayValidJsonAndVisibleText) {
+  const std::string evilType = "Evil\x1b[31m\xff\"\\\xc2\x9b\xe2\x80\xa8\x7f";
+  const std::string evilCounter = "hits\x07\x1b]0;owned\x07\xc3";  // ends mid-sequence
+  const std::string path = "routing/multicast/vpn/vrfStatus/evpn";
+  Oro::ShmTable<Vrf::VrfIdMap::VrfId, uint64_t> foreign(evilType, "mvpnVrf", {});
+  foreign.attach(Oro::ShmAttach{path, Oro::ShmRole::writer});
+  foreign.counterSlot(0, evilCounter)->store(5);
+
+  Result json = mvpnstat("list --json");
+  ASSERT_EQ(json.status, 0) << json.out;
+  EXPECT_TRUE(terminalSafe(json.out)) << json.out;
+  nlohmann::json tables;
+  ASSERT_NO_THROW(tables = nlohmann::json::parse(json.out)) << json.out;
+  ASSERT_EQ(tables.size(), 1u) << json.out;
+  EXPECT_EQ(tables[0]["type"], "Evil\x1b[31m\xef\xbf\xbd\"\\\xc2\x9b\xe2\x80\xa8\x7f");
+  EXPECT_EQ(tables[0]["counters"]["hits\x07\x1b]0;owned\x07\xef\xbf\xbd"], 5);
+
+  Result plain = mvpnstat("list");
+  ASSERT_EQ(plain.status, 0) << plain.out;
+  EXPECT_TRUE(terminalSafe(plain.out)) << plain.out;
+  EXPECT_NE(plain.out.find("Evil\\x1b[31m\\xff\"\\\\\\u009b\xe2\x80\xa8\\x7f"), std::string::npos)
+      << plain.out;
+  EXPECT_NE(plain.out.find("hits\\x07\\x1b]0;owned\\x07\\xc3 5"), std::string::npos) << plain.out;
+
+  Result show = mvpnstat("show " + path);
+  EXPECT_EQ(show.status, 1);
+  EXPECT_TRUE(terminalSafe(show.out)) << show.out;
+  EXPECT_NE(show.out.find("holds a Evil\\x1b[31m"), std::string::npos) << show.out;
+}
+
+// The walk goes by slot. The tool's output pipe is left unread until it is half full, so the
+// tool is in the middle of its walk (it blocks once the pipe is full); then odd keys it has
+// passed are moved: deleted, their slot taken by a filler key, inserted again into a new
+// slot ahead of the walk. The walk meets them again, and the JSON must still list each key
+// once, with every key that was never touched.
+TEST_F(MvpnstatToolTest, ShowJsonListsEachKeyOnceWhileKeysMove) {
+  constexpr uint32_t kKeys = 20000, kMoved = 1000, kFiller = 1000000;
+  const std::string path = MvpnVrfStatus::mountPath(Nevo::ipv4, MvpnClient::bgp_);
+  auto vrfs = mvpnVrfStatusFactory(path);
+  vrfs->mount(Oro::ShmAttach{path, Oro::ShmRole::writer});
+  for (uint32_t k = 0; k < kKeys; ++k) vrfs->mvpnVrfIs(MvpnVrf(Vrf::VrfIdMap::VrfId(k)));
+
+  int fds[2];
+  ASSERT_EQ(pipe(fds), 0);
+  const std::string ns = Oro::shmNamespace();
+  const pid_t tool = fork();
+  ASSERT_GE(tool, 0);
+  if (tool == 0) {
+    dup2(fds[1], STDOUT_FILENO);
+    close(fds[0]);
+    close(fds[1]);
+    execl(MVPNSTAT_PATH, MVPNSTAT_PATH, "--namespace", ns.c_str(), "show", path.c_str(), "--json",
+          static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  close(fds[1]);
+  const int capacity = fcntl(fds[0], F_GETPIPE_SZ);
+  int available = 0, status = 0;
+  bool exited = false;
+  while (available < capacity / 2 && !exited) {
+    ASSERT_EQ(ioctl(fds[0], FIONREAD, &available), 0);
+    exited = waitpid(tool, &status, WNOHANG) == tool;
+    sched_yield();
+  }
+  for (uint32_t k = 1; k < kMoved; k += 2) {
+    vrfs->mvpnVrfDel(Vrf::VrfIdMap::VrfId(k));
+    vrfs->mvpnVrfIs(MvpnVrf(Vrf::VrfIdMap::VrfId(kFiller + k)));
+    vrfs->mvpnVrfIs(MvpnVrf(Vrf::VrfIdMap::VrfId(k)));
+  }
+  std::string out;
+  char buf[65536];
+  for (ssize_t n; (n = read(fds[0], buf, sizeof buf)) > 0;) out.append(buf, static_cast<size_t>(n));
+  close(fds[0]);
+  if (!exited) waitpid(tool, &status, 0);
+  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << out.substr(0, 2000);
+
+  nlohmann::json doc;
+  ASSERT_NO_THROW(doc = nlohmann::json::parse(out)) << out.substr(0, 2000);
+  std::set<uint32_t> keys;
+  for (const auto& record : doc["records"]) {
+    const auto key = record["key"].get<uint32_t>();
+    EXPECT_TRUE(keys.insert(key).second) << "key " << key << " listed twice";
+  }
+  for (uint32_t k = 0; k < kKeys; ++k) {
+    if (k % 2 == 0 || k >= kMoved) {
+      ASSERT_TRUE(keys.contains(k)) << "untouched key " << k;
+    }
+  }
 }
 
 }  // namespace

@@ -1,0 +1,12 @@
+// MvpnRoute value form; a range error inside an attribute must arrive as a
+// DeserializationException.
+#include "FuzzCheck.h"
+#include "types/MvpnRoute.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  Fuzz::checkTextRoundTrip<Routing::Multicast::MvpnRoute, Oro::ParseException,
+                           Oro::DeserializationException>(
+      Fuzz::asText(data, size),
+      [](const Routing::Multicast::MvpnRoute& v) { return v.toValueForm(); });
+  return 0;
+}

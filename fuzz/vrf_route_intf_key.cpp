@@ -1,0 +1,11 @@
+// MvpnVrfRouteIntfKey text form: "VRF <id> <route key> on <interface>".
+#include "FuzzCheck.h"
+#include "types/MvpnVrfRouteIntfKey.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  Fuzz::checkTextRoundTrip<Routing::Multicast::MvpnVrfRouteIntfKey, Oro::ParseException,
+                           Oro::RangeException>(
+      Fuzz::asText(data, size),
+      [](const Routing::Multicast::MvpnVrfRouteIntfKey& v) { return v.toStrep(); });
+  return 0;
+}

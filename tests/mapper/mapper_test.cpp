@@ -1,0 +1,298 @@
+// MvpnMapper: the map families (publication with old values, lookups, DelAll with and without
+// subscribers) on one map of each kind plus the wiring of every map, the key collections,
+// ready, and the PMSI VLAN lookup with every way it comes back empty, its range error and a
+// corrupt interface table.
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "common/shm_damage.h"
+#include "mapper/MvpnMapper.h"
+#include "platform/Error.h"
+#include "platform/shm/ShmTable.h"
+
+namespace Routing::Multicast {
+namespace {
+
+using Nevo::IntfId;
+using Nevo::IpGenAddr;
+using Vrf::VrfIdMap::VrfId;
+
+MvpnVrfRouteKey routeKey(int i) {
+  return MvpnVrfRouteKey(VrfId(i % 3), MvpnRouteKey(IpGenAddr::ipv4Addr(0x0a000000u + i),
+                                                    IpGenAddr::ipv4Addr(0xef000001u), false));
+}
+MulticastTreeId treeId(int i) {
+  return MulticastTreeId("tree-" + std::to_string(i));
+}
+
+Oro::Ptr<MvpnMapper> emptyMapper() {
+  return mvpnMapperFactory(mvpnIntfStatusFactory("mapper-test"),
+                           Vrf::VrfIdMap::vrfIdMapStatusFactory());
+}
+
+// Records the old-value publications of one attribute; values are copied, or kept as
+// pointers when they are entities.
+template <class K, class V>
+struct ChangeLog : Oro::Notifiee {
+  using Change = std::tuple<K, std::optional<V>, std::optional<V>>;
+  explicit ChangeLog(Oro::AttrId a) : attr(a) {}
+  Oro::AttrId attr;
+  std::vector<Change> changes;
+  std::function<void(const K&)> onChange;
+  void onAttributeOldNew(Oro::AttrId a, const void* key, const void* o, const void* n) override {
+    if (a != attr) return;
+    auto value = [](const void* p) -> std::optional<V> {
+      if (p == nullptr) return std::nullopt;
+      if constexpr (std::is_pointer_v<V>) {
+        return static_cast<V>(p);
+      } else {
+        return *static_cast<const V*>(p);
+      }
+    };
+    const K& k = *static_cast<const K*>(key);
+    changes.emplace_back(k, value(o), value(n));
+    if (onChange) onChange(k);
+  }
+};
+
+using RouteLog = ChangeLog<MvpnVrfRouteKey, TunnelId>;
+
+TEST(Mapper, ValueMapPublishesChangesOnlyWithTheOldValue) {
+  auto m = emptyMapper();
+  RouteLog log(MvpnMapper::routeKeyToTunnelIdAttr);
+  log.notifierIs(m.get());
+  m->routeKeyToTunnelIdIs(routeKey(1), TunnelId(7));
+  m->routeKeyToTunnelIdIs(routeKey(1), TunnelId(7));  // the value already stored: nothing
+  m->routeKeyToTunnelIdIs(routeKey(1), TunnelId(8));
+  EXPECT_EQ(m->routeKeyToTunnelIdDel(routeKey(2)), TunnelId());  // absent: nothing
+  EXPECT_EQ(m->routeKeyToTunnelIdGet(routeKey(1)), TunnelId(8));
+  EXPECT_EQ(m->routeKeyToTunnelIdDel(routeKey(1)), TunnelId(8));
+  EXPECT_EQ(log.changes, (std::vector<RouteLog::Change>{{routeKey(1), std::nullopt, TunnelId(7)},
+                                                        {routeKey(1), TunnelId(7), TunnelId(8)},
+                                                        {routeKey(1), TunnelId(8), std::nullopt}}));
+  EXPECT_EQ(m->routeKeyToTunnelIdGet(routeKey(1)), std::nullopt);
+}
+
+TEST(Mapper, DelAllAnnouncesEachRemovalInMapOrderOnlyToSubscribers) {
+  auto m = emptyMapper();
+  for (int i = 0; i < 20; ++i) m->routeKeyToTunnelIdIs(routeKey(i), TunnelId(1));
+  m->routeKeyToTunnelIdDelAll();  // no subscriber: emptied at once
+  EXPECT_EQ(m->routeKeyToTunnelIdSize(), 0u);
+
+  for (int i = 0; i < 20; ++i) m->routeKeyToTunnelIdIs(routeKey(i), TunnelId(1));
+  std::vector<MvpnVrfRouteKey> order;
+  for (const auto& e : m->routeKeyToTunnelIdMap()) order.push_back(e.first);
+  // A subscriber that removes another key while a removal is published: each key is still
+  // announced exactly once, and each removal is already done when it is announced.
+  RouteLog log(MvpnMapper::routeKeyToTunnelIdAttr);
+  log.onChange = [&](const MvpnVrfRouteKey& k) {
+    EXPECT_FALSE(m->routeKeyToTunnelIdHas(k));
+    if (k == order[0]) m->routeKeyToTunnelIdDel(order[5]);
+  };
+  log.notifierIs(m.get());
+  m->routeKeyToTunnelIdDelAll();
+  EXPECT_EQ(m->routeKeyToTunnelIdSize(), 0u);
+  std::vector<MvpnVrfRouteKey> want = {order[0], order[5]};  // [5] inside [0]'s announcement
+  for (size_t i = 1; i < order.size(); ++i) {
+    if (i != 5) want.push_back(order[i]);
+  }
+  std::vector<MvpnVrfRouteKey> announced;
+  for (const auto& c : log.changes) announced.push_back(std::get<0>(c));
+  EXPECT_EQ(announced, want);
+}
+
+TEST(Mapper, CollectionMapCreatesOnceAndHandsTheCollectionBack) {
+  auto m = emptyMapper();
+  ChangeLog<TunnelId, const MvpnVrfRouteKeyColl*> log(MvpnMapper::tunnelIdToRouteKeysAttr);
+  log.notifierIs(m.get());
+  const auto coll = m->tunnelIdToRouteKeysIs(TunnelId(7));
+  EXPECT_EQ(coll->tunnelId(), TunnelId(7));
+  EXPECT_EQ(m->tunnelIdToRouteKeysIs(TunnelId(7)), coll);  // the same one, not announced again
+  EXPECT_EQ(m->tunnelIdToRouteKeysDel(TunnelId(8)), nullptr);
+  EXPECT_EQ(m->tunnelIdToRouteKeysDel(TunnelId(7)), coll);
+  EXPECT_EQ(m->tunnelIdToRouteKeys(TunnelId(7)), nullptr);
+  using C = decltype(log)::Change;
+  EXPECT_EQ(log.changes, (std::vector<C>{{TunnelId(7), std::nullopt, coll.get()},
+                                         {TunnelId(7), coll.get(), std::nullopt}}));
+  EXPECT_EQ(coll->refs(), 1u);  // the mapper let go of it
+  m->tunnelIdToRouteKeysIs(TunnelId(1));
+  m->tunnelIdToRouteKeysIs(TunnelId(2));
+  log.changes.clear();
+  m->tunnelIdToRouteKeysDelAll();
+  EXPECT_EQ(log.changes.size(), 2u);
+  EXPECT_EQ(m->tunnelIdToRouteKeysSize(), 0u);
+}
+
+// Every map is wired to its own attribute id and storage, with its own default.
+// Every map is wired to its own attribute id and storage: an insertion and a DelAll publish
+// exactly two changes of that attribute. Defaults of the value maps' getters.
+TEST(Mapper, EachMapPublishesUnderItsOwnAttribute) {
+  auto m = emptyMapper();
+  const MvpnVrfRouteIntfKey intfKey(VrfId(1), MvpnRouteIntfKey(routeKey(1).key(), IntfId::vlan(3)));
+  std::vector<Oro::AttrId> published;
+  struct Log : Oro::Notifiee {
+    std::vector<Oro::AttrId>* out;
+    void onAttributeKey(Oro::AttrId a, const void*) override { out->push_back(a); }
+  } log;
+  log.out = &published;
+  log.notifierIs(m.get());
+  const std::vector<std::tuple<Oro::AttrId, std::function<void()>, std::function<void()>>> rows = {
+      {MvpnMapper::treeIdToVrfIdAttr, [&] { m->treeIdToVrfIdIs(treeId(1), VrfId(4)); },
+       [&] { m->treeIdToVrfIdDelAll(); }},
+      {MvpnMapper::tunnelIdToTreeIdCollAttr, [&] { m->tunnelIdToTreeIdCollIs(TunnelId(1)); },
+       [&] { m->tunnelIdToTreeIdCollDelAll(); }},
+      {MvpnMapper::routeKeyToTunnelIdAttr,
+       [&] { m->routeKeyToTunnelIdIs(routeKey(1), TunnelId(4)); },
+       [&] { m->routeKeyToTunnelIdDelAll(); }},
+      {MvpnMapper::routeIntfKeyToTunnelIdAttr,
+       [&] { m->routeIntfKeyToTunnelIdIs(intfKey, TunnelId(4)); },
+       [&] { m->routeIntfKeyToTunnelIdDelAll(); }},
+      {MvpnMapper::tunnelIdToRouteKeysAttr, [&] { m->tunnelIdToRouteKeysIs(TunnelId(1)); },
+       [&] { m->tunnelIdToRouteKeysDelAll(); }},
+      {MvpnMapper::tunnelIdToRouteIntfKeysAttr, [&] { m->tunnelIdToRouteIntfKeysIs(TunnelId(1)); },
+       [&] { m->tunnelIdToRouteIntfKeysDelAll(); }},
+  };
+  for (const auto& [attr, is, delAll] : rows) {
+    published.clear();
+    is();
+    delAll();
+    EXPECT_EQ(published, (std::vector<Oro::AttrId>{attr, attr})) << attr;
+  }
+  EXPECT_EQ(m->treeIdToVrfId(treeId(1)), VrfId(16777215));
+  EXPECT_EQ(m->routeIntfKeyToTunnelId(intfKey), TunnelId(0));
+}
+
+TEST(Mapper, KeyCollectionsAreLeftAloneByForwardDeletesAndAnnounceRealChanges) {
+  auto m = emptyMapper();
+  m->routeKeyToTunnelIdIs(routeKey(1), TunnelId(5));
+  const auto routes = m->tunnelIdToRouteKeysIs(TunnelId(5));
+  routes->keyCollIs(routeKey(1));
+  m->routeKeyToTunnelIdDel(routeKey(1));
+  EXPECT_TRUE(routes->keyCollHas(routeKey(1)));  // the caller's to remove
+  routes->keyCollDel(routeKey(1));
+  EXPECT_TRUE(m->tunnelIdToRouteKeysHas(TunnelId(5)));  // empty, but still there
+
+  auto trees = tunnelIdToTreeIdCollFactory(TunnelId(3));
+  std::vector<std::string> announced;
+  Oro::KeyReactor<MulticastTreeId> reactor(
+      TunnelIdToTreeIdColl::keyCollAttr,
+      [&](const MulticastTreeId& t) { announced.push_back(t.value()); });
+  reactor.notifierIs(trees.get());
+  trees->keyCollIs(treeId(1));
+  trees->keyCollIs(treeId(1));  // present: left alone, not announced
+  trees->keyCollIs(treeId(2));
+  trees->keyCollDel(treeId(9));  // absent: not announced
+  trees->keyCollDel(treeId(1));
+  trees->keyCollDelAll();
+  EXPECT_EQ(announced, (std::vector<std::string>{"tree-1", "tree-2", "tree-1", "tree-2"}));
+}
+
+TEST(Mapper, ReadyIsPublishedOnChangeWithTheOldFlag) {
+  auto mapper = emptyMapper();
+  EXPECT_FALSE(mapper->ready());
+  ChangeLog<bool, bool> oldNew(MvpnMapper::readyAttr);
+  oldNew.notifierIs(mapper.get());
+  std::vector<Oro::AttrId> plain;
+  Oro::AttrReactor attrs([&](Oro::AttrId a) { plain.push_back(a); });
+  attrs.notifierIs(mapper.get());
+  mapper->readyIs(false);  // unchanged
+  mapper->readyIs(true);
+  mapper->readyIs(true);
+  mapper->readyIs(false);
+  using C = ChangeLog<bool, bool>::Change;
+  EXPECT_EQ(oldNew.changes, (std::vector<C>{{true, false, true}, {false, true, false}}));
+  EXPECT_EQ(plain, (std::vector<Oro::AttrId>{MvpnMapper::readyAttr, MvpnMapper::readyAttr}));
+}
+
+// --- tunnelIdToPmsiVlan ---
+
+class PmsiVlanTest : public ::testing::Test {
+ protected:
+  // Tunnel t carries tree "tree-t"; trees map to VRFs; VRFs have PMSI interfaces.
+  void carry(uint64_t tunnel, const MulticastTreeId& tree, std::optional<VrfId> vrf) {
+    mapper_->tunnelIdToTreeIdCollIs(TunnelId(tunnel))->keyCollIs(tree);
+    if (vrf) mapper_->treeIdToVrfIdIs(tree, *vrf);
+  }
+  Oro::Ptr<MvpnIntfStatus> intf_ = mvpnIntfStatusFactory("pmsi");
+  Oro::Ptr<MvpnMapper> mapper_ = mvpnMapperFactory(intf_, Vrf::VrfIdMap::vrfIdMapStatusFactory());
+};
+
+TEST_F(PmsiVlanTest, EveryMissingLinkGivesNone) {
+  intf_->vrfIntfIdIs(MvpnVrfIntfId(VrfId(5), IntfId::vlan(105)));
+  intf_->vrfIntfIdIs(MvpnVrfIntfId(VrfId(7), IntfId()));
+  // Even a record under the invalid VRF id is not used for it.
+  intf_->vrfIntfIdIs(MvpnVrfIntfId(VrfId(), IntfId::vlan(999)));
+  carry(1, treeId(1), VrfId(5));
+  mapper_->tunnelIdToTreeIdCollIs(TunnelId(3));  // an empty collection
+  carry(4, treeId(4), std::nullopt);             // a tree without a VRF
+  carry(5, treeId(5), VrfId());                  // the invalid VRF id
+  carry(6, treeId(6), VrfId(6));                 // a VRF without an interface record
+  carry(7, treeId(7), VrfId(7));                 // an empty PMSI interface
+  struct Case {
+    const char* what;
+    uint64_t tunnel;
+    uint16_t vlan;
+  };
+  const std::vector<Case> cases = {
+      {"complete", 1, 105},           {"unknown tunnel", 2, 0}, {"empty collection", 3, 0},
+      {"tree without VRF", 4, 0},     {"invalid VRF id", 5, 0}, {"VRF without record", 6, 0},
+      {"empty PMSI interface", 7, 0},
+  };
+  for (const Case& c : cases) {
+    EXPECT_EQ(mapper_->tunnelIdToPmsiVlan(TunnelId(c.tunnel)).value(), c.vlan) << c.what;
+  }
+  auto blind = mvpnMapperFactory(nullptr, nullptr);
+  blind->tunnelIdToTreeIdCollIs(TunnelId(1))->keyCollIs(treeId(1));
+  blind->treeIdToVrfIdIs(treeId(1), VrfId(5));
+  EXPECT_TRUE(blind->tunnelIdToPmsiVlan(TunnelId(1)).isNone()) << "no interface status table";
+}
+
+TEST_F(PmsiVlanTest, OnlyTheFirstTreeIdIsConsulted) {
+  intf_->vrfIntfIdIs(MvpnVrfIntfId(VrfId(5), IntfId::vlan(105)));
+  intf_->vrfIntfIdIs(MvpnVrfIntfId(VrfId(9), IntfId::vlan(109)));
+  for (int i = 0; i < 8; ++i) carry(8, treeId(i), VrfId(i % 2 ? 9 : 5));
+  const MulticastTreeId first = *mapper_->tunnelIdToTreeIdColl(TunnelId(8))->keyCollFirst();
+  const uint16_t want = mapper_->treeIdToVrfId(first) == VrfId(9) ? 109 : 105;
+  EXPECT_EQ(mapper_->tunnelIdToPmsiVlan(TunnelId(8)).value(), want);
+  // Taking the first tree's VRF away empties the answer although other trees have one.
+  mapper_->treeIdToVrfIdDel(first);
+  EXPECT_TRUE(mapper_->tunnelIdToPmsiVlan(TunnelId(8)).isNone());
+}
+
+TEST_F(PmsiVlanTest, APmsiInterfaceBeyondTheVlanRangeRaises) {
+  intf_->vrfIntfIdIs(MvpnVrfIntfId(VrfId(5), IntfId::vlan(5000)));
+  carry(1, treeId(1), VrfId(5));
+  try {
+    mapper_->tunnelIdToPmsiVlan(TunnelId(1));
+    ADD_FAILURE() << "no range error";
+  } catch (const Oro::RangeException& e) {
+    EXPECT_STREQ(e.what(), "Bridging::VlanIdOrNone::value > 4094 not allowed");
+  }
+  intf_->vrfIntfIdIs(MvpnVrfIntfId(VrfId(5), IntfId::vlan(4094)));
+  EXPECT_EQ(mapper_->tunnelIdToPmsiVlan(TunnelId(1)).value(), 4094);
+}
+
+TEST_F(PmsiVlanTest, ACorruptInterfaceTableIsReportedAndGivesNone) {
+  const std::string path = "h1test/mapper/intfStatus";
+  intf_->mount(Oro::ShmAttach{path, Oro::ShmRole::writer});
+  std::vector<std::string> reports;
+  intf_->vrfIntfIdCorruptionHandlerIs([&](const std::string& m) { reports.push_back(m); });
+  intf_->vrfIntfIdIs(MvpnVrfIntfId(VrfId(5), IntfId::vlan(105)));
+  carry(1, treeId(1), VrfId(5));
+  ASSERT_EQ(mapper_->tunnelIdToPmsiVlan(TunnelId(1)).value(), 105);
+  ASSERT_TRUE(shmtest::damageTable(path, "vrfIntfId"));
+  EXPECT_TRUE(mapper_->tunnelIdToPmsiVlan(TunnelId(1)).isNone());
+  ASSERT_EQ(reports.size(), 1u);
+  EXPECT_NE(reports[0].find("corrupt"), std::string::npos) << reports[0];
+  // Lookups that stop before the table do not touch it.
+  EXPECT_TRUE(mapper_->tunnelIdToPmsiVlan(TunnelId(2)).isNone());
+  EXPECT_EQ(reports.size(), 1u);
+}
+
+}  // namespace
+}  // namespace Routing::Multicast

@@ -1,0 +1,110 @@
+// The tunnel encapsulation status entities and records: what the merge relies on (per-key
+// publication, member counts, versions, bookmarked walks, departed entities keeping
+// their records) and the records' text forms.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "merge/MvpnTunnelEncapStatus.h"
+#include "platform/net/IpAddr.h"
+
+namespace {
+
+using namespace Routing::Multicast;
+using Vrf::VrfIdMap::VrfId;
+
+MvpnRouteKey route(uint32_t group) {
+  return MvpnRouteKey(Nevo::IpGenAddr::ipv4Addr(0x0a000001), Nevo::IpGenAddr::ipv4Addr(group),
+                      false);
+}
+
+std::vector<MvpnRouteKey> keys(EncapTunnelIterator it) {
+  std::vector<MvpnRouteKey> out;
+  for (; it.valid(); it.next()) out.push_back(it.key());
+  return out;
+}
+
+TEST(EncapStatus, MutatorsPublishEveryChangedKeyAndCountMembers) {
+  auto root = mvpnTunnelEncapStatusFactory("writer");
+  std::vector<VrfId> vrfChanges;
+  Oro::KeyReactor<VrfId> vrfWatch(MvpnTunnelEncapStatus::vrfStatusAttr,
+                                  [&](const VrfId& v) { vrfChanges.push_back(v); });
+  vrfWatch.notifierIs(root.get());
+
+  auto vrf = root->vrfStatusIs(VrfId(7));
+  EXPECT_EQ(root->vrfStatusIs(VrfId(7)), vrf);  // existing: same entity, nothing published
+  std::vector<MvpnRouteKey> routeChanges;
+  Oro::KeyReactor<MvpnRouteKey> routeWatch(
+      MvpnVrfTunnelEncapStatus::encapTunnelAttr,
+      [&](const MvpnRouteKey& k) { routeChanges.push_back(k); });
+  routeWatch.notifierIs(vrf.get());
+
+  const uint32_t v0 = vrf->encapTunnelVersion();
+  vrf->encapTunnelIs(MvpnEncapTunnel(route(1), "a"));
+  vrf->encapTunnelIs(MvpnEncapTunnel(route(1), "b"));  // replaced: same member count
+  vrf->encapTunnelDel(route(2));                       // absent: nothing
+  EXPECT_EQ(vrf->encapTunnelSize(), 1u);
+  EXPECT_EQ(vrf->encapTunnel(route(1))->encapData(), "b");
+  EXPECT_EQ(vrf->encapTunnelVersion(), v0 + 2);
+  vrf->encapTunnelDel(route(1));  // the last record: the entity stays
+  EXPECT_EQ(root->vrfStatus(VrfId(7)), vrf);
+  EXPECT_EQ(routeChanges, (std::vector<MvpnRouteKey>{route(1), route(1), route(1)}));
+
+  vrf->encapIntfTunnelIs(MvpnEncapIntfTunnel(MvpnRouteIntfKey(route(3), Nevo::IntfId::vlan(5))));
+  root->vrfStatusIs(VrfId(7));
+  EXPECT_EQ(vrf->encapIntfTunnelSize(), 1u);  // vrfStatusIs on an existing VRF keeps records
+  root->vrfStatusDel(VrfId(7));
+  root->vrfStatusDel(VrfId(8));
+  EXPECT_EQ(root->vrfStatus(VrfId(7)), nullptr);
+  EXPECT_EQ(vrf->encapIntfTunnelSize(), 1u);  // kept for whoever still holds it
+  EXPECT_EQ(vrfChanges, (std::vector<VrfId>{VrfId(7), VrfId(7)}));
+}
+
+TEST(EncapStatus, WalksResumeAtABookmarkAndSurviveChanges) {
+  auto vrf = Oro::makePtr<MvpnVrfTunnelEncapStatus>(VrfId(1));
+  for (uint32_t g : {5, 1, 4, 2, 3}) vrf->encapTunnelIs(MvpnEncapTunnel(route(g)));
+  auto it = vrf->encapTunnelIter();
+  it.next();
+  const EncapTunnelBookmark at2 = it.bookmark();
+  EXPECT_EQ(keys(vrf->encapTunnelIterAt(at2)),
+            (std::vector{route(2), route(3), route(4), route(5)}));
+  // The bookmarked key and the iterator's own key removed, a key inserted behind: both go on
+  // with the next key.
+  vrf->encapTunnelDel(route(2));
+  vrf->encapTunnelIs(MvpnEncapTunnel(route(0)));
+  EXPECT_EQ(keys(vrf->encapTunnelIterAt(at2)), (std::vector{route(3), route(4), route(5)}));
+  it.next();
+  EXPECT_EQ(it.key(), route(3));
+}
+
+TEST(EncapStatus, DamagedCollectionsRaiseOnEveryRead) {
+  auto root = mvpnTunnelEncapStatusFactory("damaged");
+  auto vrf = root->vrfStatusIs(VrfId(3));
+  vrf->encapTunnelIs(MvpnEncapTunnel(route(1)));
+  vrf->encapTunnelIs(MvpnEncapTunnel(route(2)));
+  auto it = vrf->encapTunnelIter();
+  EncapStatusFaults::encapTunnelDamagedIs(*vrf, true);
+  EncapStatusFaults::vrfStatusDamagedIs(*root, true);
+  EXPECT_THROW(vrf->encapTunnel(route(1)), Oro::ShmCorruptionException);
+  EXPECT_THROW(vrf->encapTunnelSize(), Oro::ShmCorruptionException);
+  EXPECT_THROW(it.next(), Oro::ShmCorruptionException);
+  EXPECT_THROW(root->vrfStatus(VrfId(3)), Oro::ShmCorruptionException);
+  EXPECT_THROW(root->vrfStatusIter(), Oro::ShmCorruptionException);
+  EXPECT_EQ(vrf->encapIntfTunnelSize(), 0u);  // the other collection is sound
+  std::string reported;
+  vrf->encapTunnelCorruptionHandlerIs([&](const std::string& m) { reported = m; });
+  vrf->encapTunnelHandleCorruption("bad slot");
+  EXPECT_EQ(reported, "bad slot");
+}
+
+TEST(EncapRecords, TextFormIsTheValueForm) {
+  EXPECT_EQ(MvpnEncapTunnel(route(0xef010101), "it's \\x").toStrep(),
+            "Value('Routing::Multicast::MvpnEncapTunnel', ** {'routeKey': (10.0.0.1, "
+            "239.1.1.1), 'encapData': 'it\\'s \\\\x'})");
+  EXPECT_EQ(MvpnEncapIntfTunnel().toStrep(),
+            "Value('Routing::Multicast::MvpnEncapIntfTunnel', ** {'routeIntfKey': " +
+                MvpnRouteIntfKey().toStrep() + ", 'encapData': ''})");
+}
+
+}  // namespace

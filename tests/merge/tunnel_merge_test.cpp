@@ -1,0 +1,394 @@
+// MergedMcastTunnelEncapStatusSm over in-process writer statuses: the two rules (static wins,
+// whole records), merged VRFs created and deleted with their records, whole input VRFs leaving,
+// the lifecycle with child machines whose scans yield, reconciliation per output, the trace
+// lines of a lifecycle and the fatal checks.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include "merge/EncapTestRig.h"
+#include "platform/Trace.h"
+
+namespace {
+
+using namespace EncapTest;
+using namespace std::chrono_literals;
+using Routing::Multicast::DynaCode::kScanComplete;
+using ::testing::HasSubstr;
+
+struct TraceCapture {
+  TraceCapture() {
+    for (int level = 0; level <= Oro::kTraceMaxLevel; ++level) {
+      Oro::traceEnable("MergedMcastTunnelEncapStatusSm", level, true);
+    }
+    sink.install();
+  }
+  ~TraceCapture() {
+    sink.uninstall();
+    for (int level = 0; level <= Oro::kTraceMaxLevel; ++level) {
+      Oro::traceEnable("MergedMcastTunnelEncapStatusSm", level, false);
+    }
+  }
+  // The captured lines that are in `wanted`, in order.
+  std::vector<std::string> only(const std::vector<std::string>& wanted) const {
+    std::vector<std::string> out;
+    for (const auto& m : sink.messages()) {
+      if (std::find(wanted.begin(), wanted.end(), m) != wanted.end()) out.push_back(m);
+    }
+    return out;
+  }
+  Oro::TraceMemorySink sink;
+};
+
+// One step of the inputs and what the merged status holds for the key afterwards ("" when
+// nothing, and then `vrf` says whether the merged VRF survives).
+struct Step {
+  const char* what;
+  std::function<void(Rig&)> change;
+  bool intfColl;
+  uint32_t vrf, n;
+  const char* merged;
+  bool vrfLives;
+};
+
+TEST(TunnelMerge, StaticWinsWholeAndTheOtherWriterTakesOverOnDelete) {
+  const std::vector<Step> steps = {
+      {"MVPN route", [](Rig& r) { r.putRoute(kMvpn, 1, 1, "mvpn"); }, false, 1, 1, "mvpn", true},
+      {"static route wins", [](Rig& r) { r.putRoute(kStatic, 1, 1, "static"); }, false, 1, 1,
+       "static", true},
+      {"MVPN change hidden", [](Rig& r) { r.putRoute(kMvpn, 1, 1, "mvpn2"); }, false, 1, 1,
+       "static", true},
+      {"static gone: MVPN", [](Rig& r) { r.delRoute(kStatic, 1, 1); }, false, 1, 1, "mvpn2", true},
+      {"MVPN gone: VRF gone", [](Rig& r) { r.delRoute(kMvpn, 1, 1); }, false, 1, 1, "", false},
+      {"EVPN interface", [](Rig& r) { r.putIntf(kEvpn, 2, 7, "evpn"); }, true, 2, 7, "evpn", true},
+      {"static interface wins", [](Rig& r) { r.putIntf(kStatic, 2, 7, "st"); }, true, 2, 7, "st",
+       true},
+      {"EVPN change hidden", [](Rig& r) { r.putIntf(kEvpn, 2, 7, "e2"); }, true, 2, 7, "st", true},
+      {"static gone: EVPN", [](Rig& r) { r.delIntf(kStatic, 2, 7); }, true, 2, 7, "e2", true},
+      {"EVPN gone: VRF gone", [](Rig& r) { r.delIntf(kEvpn, 2, 7); }, true, 2, 7, "", false},
+      // MVPN interface and EVPN route records are no input of the merge.
+      {"MVPN interface ignored", [](Rig& r) { r.putIntf(kMvpn, 3, 1, "x"); }, true, 3, 1, "",
+       false},
+      {"EVPN route ignored", [](Rig& r) { r.putRoute(kEvpn, 3, 1, "x"); }, false, 3, 1, "", false},
+  };
+  for (bool synchronous : {false, true}) {
+    SCOPED_TRACE(synchronous ? "synchronous" : "asynchronous");
+    Rig rig;
+    rig.start(synchronous);
+    rig.settle();
+    ASSERT_TRUE(rig.sm->ready());
+    for (const Step& s : steps) {
+      SCOPED_TRACE(s.what);
+      s.change(rig);
+      const Contents got = rig.mergedContents();
+      const auto& coll = s.intfColl ? got.intfs : got.routes;
+      auto it = coll.find({s.vrf, s.n});
+      EXPECT_EQ(it == coll.end() ? "" : it->second, s.merged);
+      EXPECT_EQ(got.vrfs.count(s.vrf) == 1, s.vrfLives);
+      EXPECT_EQ(got, rig.expected());
+    }
+  }
+}
+
+TEST(TunnelMerge, MergedVrfLivesWhileEitherCollectionHoldsARecord) {
+  Rig rig;
+  rig.start(true);
+  rig.putRoute(kMvpn, 4, 1, "r");
+  rig.putIntf(kEvpn, 4, 1, "i");
+  rig.delRoute(kMvpn, 4, 1);
+  EXPECT_EQ(rig.mergedContents().vrfs.count(4), 1u);  // the interface record keeps it
+  rig.putRoute(kStatic, 4, 2, "r");
+  rig.delIntf(kEvpn, 4, 1);
+  EXPECT_EQ(rig.mergedContents().vrfs.count(4), 1u);  // and the reverse
+  // Deleting what the merged VRF does not hold, or in a VRF it does not have, changes and
+  // creates nothing.
+  int mergedChanges = 0;
+  Oro::KeyReactor<VrfId> watch(MvpnTunnelEncapStatus::vrfStatusAttr,
+                               [&](const VrfId&) { ++mergedChanges; });
+  watch.notifierIs(rig.merged.get());
+  const Contents before = rig.mergedContents();
+  rig.putRoute(kMvpn, 9, 1, "x");
+  rig.merged->vrfStatusDel(VrfId(9));  // as if the merged VRF were gone
+  mergedChanges = 0;
+  rig.sm->intoMergedEncapVrfStatusEncapTunnel(VrfId(9), route(1), std::nullopt);
+  rig.sm->intoMergedEncapVrfStatusEncapTunnel(VrfId(4), route(7), std::nullopt);
+  rig.sm->intoMergedEncapVrfStatusEncapIntfTunnel(VrfId(8), intf(1), std::nullopt);
+  EXPECT_EQ(mergedChanges, 0);
+  EXPECT_EQ(rig.mergedContents(), before);
+  rig.delRoute(kStatic, 4, 2);
+  EXPECT_EQ(rig.mergedContents().vrfs.count(4), 0u);
+}
+
+TEST(TunnelMerge, AWholeInputVrfLeavingRemergesEachOfItsKeys) {
+  for (bool synchronous : {false, true}) {
+    Rig rig;
+    for (uint32_t n = 1; n <= 4; ++n) rig.putRoute(kMvpn, 5, n, "m" + std::to_string(n));
+    rig.putRoute(kStatic, 5, 2, "s2");
+    rig.putIntf(kStatic, 5, 1, "si");
+    rig.putIntf(kEvpn, 5, 1, "ei");
+    rig.putIntf(kEvpn, 5, 3, "ei3");
+    rig.start(synchronous);
+    rig.settle();
+    rig.delVrf(kMvpn, 5);  // 1, 3, 4 disappear, 2 stays static
+    EXPECT_EQ(rig.mergedContents(), rig.expected());
+    rig.delVrf(kStatic, 5);  // static records fall back to EVPN's or go
+    EXPECT_EQ(rig.mergedContents(), rig.expected());
+    EXPECT_EQ(rig.mergedContents().intfs.at({5, 1}), "ei");
+    EXPECT_EQ(
+        rig.sm->staticEncapSm2()->childSmVrfStatusRoutingMulticastMvpnVrfTunnelEncapStatusPtrConst(
+            VrfId(5)),
+        nullptr);
+    rig.delVrf(kEvpn, 5);
+    EXPECT_TRUE(rig.mergedContents().vrfs.empty());
+  }
+}
+
+TEST(TunnelMergeLifecycle,
+     ChildScansYieldInTheirInputsTaskAndNothingIsWrittenBeforeTheInitialScan) {
+  Rig rig(0ns);  // every slice is used up after one key
+  for (uint32_t v = 1; v <= 3; ++v) {
+    for (uint32_t n = 1; n <= 3; ++n) rig.putRoute(kMvpn, v, n, "m");
+  }
+  rig.putIntf(kStatic, 2, 1, "s");
+  rig.start();
+  auto* sm0 = rig.sm->mvpnEncapSm0();
+  auto* sm2 = rig.sm->staticEncapSm2();
+  EXPECT_EQ(sm0->task0()->name(),
+            "Routing::Multicast::MergedMcastTunnelEncapStatusSm-MvpnEncapSm0InputScanTask0");
+  EXPECT_EQ(sm2->task1()->name(),
+            "Routing::Multicast::MergedMcastTunnelEncapStatusSm-StaticEncapSm2InputScanTask1");
+  EXPECT_EQ(sm2->task3()->name(),
+            "Routing::Multicast::MergedMcastTunnelEncapStatusSm-StaticEncapSm2InputScanTask3");
+  EXPECT_EQ(rig.sm->evpnEncapSm4()->task2()->name(),
+            "Routing::Multicast::MergedMcastTunnelEncapStatusSm-EvpnEncapSm4InputScanTask2");
+  EXPECT_EQ(rig.sm->mergedEncapVrfStatusEncapTunnelOutputReconciliationTask()->name(),
+            "MergedMcastTunnelEncapStatusSm-mergedEncapVrfStatusEncapTunnelOutputTask");
+  EXPECT_EQ(rig.sm->mergedEncapVrfStatusEncapIntfTunnelOutputReconciliationTask()->name(),
+            "MergedMcastTunnelEncapStatusSm-mergedEncapVrfStatusEncapIntfTunnelOutputTask");
+
+  // task0's first run: VRF 1's child scans one key and yields; its scan waits in the queue
+  // and the stream is not complete.
+  while (sm0->queuedChildScans<0>() == 0) ASSERT_TRUE(rig.scheduler.runOnce());
+  auto* child1 = sm0->childSmVrfStatusRoutingMulticastMvpnVrfTunnelEncapStatusPtrConst(VrfId(1));
+  ASSERT_NE(child1, nullptr);
+  EXPECT_EQ(child1->inputScanState0(), Routing::Multicast::DynaCode::kScanInterrupted);
+  EXPECT_TRUE(sm0->task0()->scheduled());
+  EXPECT_FALSE(rig.sm->inputSmScanState()->streamScan(0));
+
+  // Changes before the initial scan is done do not reach the merged status.
+  rig.putRoute(kMvpn, 1, 9, "early");
+  rig.putRoute(kStatic, 7, 1, "early");
+  EXPECT_TRUE(rig.mergedContents().vrfs.empty());
+  while (!rig.sm->initialScanDone()) ASSERT_TRUE(rig.scheduler.runOnce());
+  EXPECT_TRUE(rig.mergedContents().vrfs.empty());
+  EXPECT_FALSE(rig.sm->ready());
+
+  rig.settle();
+  EXPECT_TRUE(rig.sm->ready());
+  EXPECT_TRUE(rig.sm->idle());
+  EXPECT_EQ(rig.mergedContents(), rig.expected());
+  EXPECT_EQ(sm0->childSmVrfStatusRoutingMulticastMvpnVrfTunnelEncapStatusPtrConst(VrfId(3))
+                ->versionEncapTunnel(),
+            rig.in[kMvpn]->vrfStatus(VrfId(3))->encapTunnelVersion());
+  EXPECT_EQ(sm2->inputScanState1(), kScanComplete);
+  EXPECT_EQ(sm2->inputScanState3(), kScanComplete);
+  EXPECT_EQ(sm0->task0(), nullptr);  // deleted once complete
+  // A child asked to scan again once complete has nothing to do.
+  const auto mergedBefore = rig.mergedContents();
+  sm2->childSmVrfStatusRoutingMulticastMvpnVrfTunnelEncapStatusPtrConst(VrfId(2))->doInputScan();
+  EXPECT_EQ(rig.mergedContents(), mergedBefore);
+  // A VRF that appears after ready gets a child whose scan runs in the input's task.
+  rig.in[kMvpn]->vrfStatusIs(VrfId(8));
+  EXPECT_NE(sm0->task0(), nullptr);
+  rig.putRoute(kMvpn, 8, 1, "late");
+  rig.settle();
+  EXPECT_EQ(rig.mergedContents(), rig.expected());
+}
+
+TEST(TunnelMergeReconcile, RestartDeletesUnsupportedRecordsPerOutput) {
+  for (auto mode : {0, 1, 2}) {  // yielding, large slice, synchronous
+    SCOPED_TRACE(mode);
+    Rig rig(mode == 1 ? std::chrono::nanoseconds(1s) : 0ns);
+    // A merged status from an earlier life: 1/1 and 2/(intf 1) are still supported.
+    auto m1 = rig.merged->vrfStatusIs(VrfId(1));
+    m1->encapTunnelIs(MvpnEncapTunnel(route(1), "old"));
+    m1->encapTunnelIs(MvpnEncapTunnel(route(2), "stale"));
+    m1->encapIntfTunnelIs(MvpnEncapIntfTunnel(intf(3), "stale"));
+    rig.merged->vrfStatusIs(VrfId(2))->encapIntfTunnelIs(MvpnEncapIntfTunnel(intf(1), "old"));
+    rig.merged->vrfStatusIs(VrfId(6))->encapTunnelIs(MvpnEncapTunnel(route(1), "stale"));
+    rig.merged->vrfStatusIs(VrfId(7));  // an empty merged VRF goes too
+    rig.putRoute(kMvpn, 1, 1, "new");
+    rig.putIntf(kEvpn, 2, 1, "new");
+    rig.start(mode == 2);
+    // A synchronous machine has reconciled inside initializedIs.
+    EXPECT_EQ(rig.sm->mergedEncapVrfStatusEncapTunnelOutputReconciling(), mode != 2);
+    EXPECT_EQ(rig.sm->mergedEncapVrfStatusEncapIntfTunnelOutputReconciling(), mode != 2);
+    rig.settle();
+    ASSERT_TRUE(rig.sm->ready());
+    EXPECT_EQ(rig.mergedContents(), rig.expected());
+    EXPECT_EQ(rig.mergedContents().vrfs, (std::set<uint32_t>{1, 2}));
+    // Two route records, one interface record, and VRF 7 (by whichever output walks it first).
+    EXPECT_EQ(rig.sm->mergedEncapVrfStatusEncapTunnelOutput().deletedTotal() +
+                  rig.sm->mergedEncapVrfStatusEncapIntfTunnelOutput().deletedTotal(),
+              4u);
+    EXPECT_TRUE(rig.sm->mergedEncapVrfStatusEncapTunnelOutputSeen().empty());
+    EXPECT_FALSE(rig.sm->mergedEncapVrfStatusEncapIntfTunnelOutputUseBookmark());
+  }
+}
+
+TEST(TunnelMergeReconcile, EachOutputIsReadyOnItsOwnAndTheMachineWhenBothAre) {
+  Rig rig(0ns);
+  rig.merged->vrfStatusIs(VrfId(1))->encapTunnelIs(MvpnEncapTunnel(route(1), "stale"));
+  for (uint32_t n = 0; n < 5; ++n) {
+    rig.merged->vrfStatusIs(VrfId(2))->encapIntfTunnelIs(MvpnEncapIntfTunnel(intf(n), "stale"));
+  }
+  rig.start();
+  auto* state = rig.sm->outputState();
+  // The outputs reconcile in their own tasks: one is ready before the other, and the
+  // interface output's walk of five records yields with a bookmark of both levels.
+  while (!state->outputReady(0) && !state->outputReady(1)) ASSERT_TRUE(rig.scheduler.runOnce());
+  EXPECT_NE(state->outputReady(0), state->outputReady(1));
+  EXPECT_FALSE(rig.sm->ready());
+  while (!rig.sm->mergedEncapVrfStatusEncapIntfTunnelOutputUseBookmark()) {
+    ASSERT_TRUE(rig.scheduler.runOnce());
+  }
+  EXPECT_EQ(rig.sm->mergedEncapVrfStatusEncapIntfTunnelOutputBookmark()->outerKey, VrfId(2));
+  EXPECT_FALSE(rig.sm->ready());
+  rig.settle();
+  EXPECT_TRUE(state->outputReady(1));
+  EXPECT_TRUE(rig.sm->ready());
+  EXPECT_TRUE(rig.mergedContents().vrfs.empty());
+}
+
+TEST(TunnelMergeTrace, LifecycleLines) {
+  Rig rig;
+  rig.putRoute(kMvpn, 1, 1, "a");
+  rig.putRoute(kMvpn, 1, 2, "b");
+  TraceCapture trace;
+  rig.start();
+  rig.settle();
+  rig.putRoute(kStatic, 1, 1, "s");
+  rig.delRoute(kStatic, 1, 1);
+  rig.putIntf(kEvpn, 2, 1, "e");
+  rig.delIntf(kEvpn, 2, 1);
+  const std::string r1 = route(1).toStrep(), i1 = intf(1).toStrep();
+  const std::string child = "Routing::Multicast::DynaCode::MergedMcastTunnelEncapStatusSm::";
+  const std::vector<std::string> lines = {
+      "create local SMs",
+      "create non-public arg SMs",
+      child + "VrfStatusSm1::doInputScan0 scan complete. Processed 2 children.",
+      "Initial scan yielding for child SM MergedMcastTunnelEncapStatusSm.",
+      "MvpnEncapSm0 initial scan, and parent scan, complete.",
+      "Initial scan done for child SMs. Now scanning with events triggered.",
+      "Line 11: from( mvpnEncap.vrfStatus[].encapTunnel[] ): vrfId=1 routeKey=" + r1,
+      "Line 11: merge( dyx_stream0, dyx_stream1 ): vrfId=1 routeKey=" + r1,
+      "into( mergedEncap.vrfStatus[ vrfId ].encapTunnel[ routeKey ] ): inserting k1=1, k2=" + r1 +
+          ", value=" + MvpnEncapTunnel(route(1), "a").toStrep(),
+      "MvpnEncapSm0 scan, and parent scan, complete.",
+      "Input scans for mergedEncapVrfStatusEncapTunnelOutput complete",
+      "Reconciling mergedEncapVrfStatusEncapTunnelOutput: false",
+      "Input scans for mergedEncapVrfStatusEncapIntfTunnelOutput complete",
+      "Reconciling mergedEncapVrfStatusEncapIntfTunnelOutput: false",
+      "Line 11: from( staticEncap.vrfStatus[].encapTunnel[] ): vrfId=1 routeKey=" + r1,
+      "into( mergedEncap.vrfStatus[ vrfId ].encapTunnel[ routeKey ] ): inserting k1=1, k2=" + r1 +
+          ", value=" + MvpnEncapTunnel(route(1), "s").toStrep(),
+      "Line 19: from( evpnEncap.vrfStatus[].encapIntfTunnel[] ): vrfId=2 routeIntfKey=" + i1,
+      "Line 19: merge( dyx_stream2, dyx_stream3 ): vrfId=2 routeIntfKey=" + i1,
+      "into( mergedEncap.vrfStatus[ vrfId ].encapIntfTunnel[ routeIntfKey ] ): inserting k1=2, "
+      "k2=" +
+          i1 + ", value=" + MvpnEncapIntfTunnel(intf(1), "e").toStrep(),
+      "into( mergedEncap.vrfStatus[ vrfId ].encapIntfTunnel[ routeIntfKey ] ): deleting k1=2, "
+      "k2=" +
+          i1,
+  };
+  // The first time each line appears, in lifecycle order (some recur: every yielding input
+  // traces the initial-scan wait, route 1 is merged again when the static writer comes).
+  std::vector<std::string> firsts;
+  for (const auto& l : trace.only(lines)) {
+    if (std::find(firsts.begin(), firsts.end(), l) == firsts.end()) firsts.push_back(l);
+  }
+  EXPECT_EQ(firsts, lines);
+  for (const auto& line : trace.sink.lines()) {
+    EXPECT_EQ(line.component, "MergedMcastTunnelEncapStatusSm");
+  }
+}
+
+TEST(TunnelMerge, AChildIsNeverRepointedAtAnotherEntity) {
+  Rig rig;
+  rig.putRoute(kMvpn, 1, 1, "a");
+  rig.start(true);
+  auto* sm0 = rig.sm->mvpnEncapSm0();
+  auto other = Oro::makePtr<MvpnVrfTunnelEncapStatus>(VrfId(1));
+  EXPECT_THROW(
+      sm0->childSmVrfStatusRoutingMulticastMvpnVrfTunnelEncapStatusPtrConstIs(other, sm0, VrfId(1)),
+      Oro::MutatorReinstantiationException);
+  auto same = rig.in[kMvpn]->vrfStatus(VrfId(1));
+  EXPECT_EQ(
+      sm0->childSmVrfStatusRoutingMulticastMvpnVrfTunnelEncapStatusPtrConstIs(same, sm0, VrfId(1))
+          ->entity(),
+      same.get());
+}
+
+TEST(TunnelMergeDeathTest, NullPointerArgumentsAreFatalFromTheOutputBack) {
+  const char* names[4] = {"mvpnEncap", "staticEncap", "evpnEncap", "mergedEncap"};
+  for (int missing = 0; missing < 4; ++missing) {
+    Rig rig;
+    Oro::Ptr<const MvpnTunnelEncapStatus> in[3] = {rig.in[0], rig.in[1], rig.in[2]};
+    Oro::Ptr<MvpnTunnelEncapStatus> merged = rig.merged;
+    if (missing < 3) in[missing] = nullptr;
+    if (missing == 3) merged = nullptr;
+    auto sm = Routing::Multicast::mergedMcastTunnelEncapStatusSmFactory(
+        in[0], in[1], in[2], merged, Dyx::SmControl{&rig.scheduler});
+    EXPECT_DEATH(sm->initializedIs(true),
+                 HasSubstr(std::string(names[missing]) +
+                           "() && \"Pointer SM args cannot be null unless they are marked "
+                           "Optional\""));
+  }
+  Oro::TaskScheduler scheduler;
+  auto sm = Routing::Multicast::mergedMcastTunnelEncapStatusSmFactory(nullptr, nullptr, nullptr,
+                                                                      nullptr, {&scheduler});
+  EXPECT_DEATH(sm->initializedIs(true), HasSubstr("mergedEncap() && \"Pointer SM args"));
+}
+
+TEST(TunnelMergeDeathTest, IntoKeyMismatchIsFatalAndWritesNothing) {
+  Rig rig;
+  rig.start(true);
+  EXPECT_DEATH(rig.sm->intoMergedEncapVrfStatusEncapTunnel(VrfId(1), route(1),
+                                                           MvpnEncapTunnel(route(2), "x")),
+               HasSubstr("In \"into( mergedEncap.vrfStatus[ vrfId ].encapTunnel[ routeKey ] )\" "
+                         "the value inserted in the into statement has internal key: " +
+                         route(2).toStrep() +
+                         ", but the key specified in the into is: " + route(1).toStrep()));
+  EXPECT_DEATH(
+      rig.sm->intoMergedEncapVrfStatusEncapIntfTunnel(VrfId(1), intf(1),
+                                                      MvpnEncapIntfTunnel(intf(2), "x")),
+      HasSubstr("In \"into( mergedEncap.vrfStatus[ vrfId ].encapIntfTunnel[ routeIntfKey ] )\" "
+                "the value inserted in the into statement has internal key: " +
+                intf(2).toStrep()));
+  EXPECT_TRUE(rig.mergedContents().vrfs.empty());
+}
+
+TEST(TunnelMergeDeathTest, AVrfLeavingWithAChangeItsChildHasNotSeenIsFatal) {
+  for (bool intfColl : {false, true}) {
+    Rig rig;
+    const int w = intfColl ? kEvpn : kMvpn;
+    auto vrf = rig.in[w]->vrfStatusIs(VrfId(3));
+    // A reader of the input VRF subscribed before the machine, that withdraws the whole VRF
+    // when told of a change: the child has not been told yet.
+    Oro::KeyReactor<MvpnRouteKey> routes(MvpnVrfTunnelEncapStatus::encapTunnelAttr,
+                                         [&](const MvpnRouteKey&) { rig.delVrf(w, 3); });
+    Oro::KeyReactor<MvpnRouteIntfKey> intfs(MvpnVrfTunnelEncapStatus::encapIntfTunnelAttr,
+                                            [&](const MvpnRouteIntfKey&) { rig.delVrf(w, 3); });
+    (intfColl ? static_cast<Oro::Notifiee&>(intfs) : routes).notifierIs(vrf.get());
+    rig.start(true);
+    EXPECT_DEATH(intfColl ? rig.putIntf(w, 3, 1, "x") : rig.putRoute(w, 3, 1, "x"),
+                 HasSubstr(std::string("We missed notifications that happened to ") +
+                           (intfColl ? "encapIntfTunnel" : "encapTunnel") +
+                           " before the enclosing entity got deleted"));
+  }
+}
+
+}  // namespace
