@@ -246,8 +246,13 @@ void ShmStatusRoot<Traits>::recordIs(const Record& value) {
   } catch (const Oro::ShmCorruptionException& e) {
     corruptWrite("write", Traits::collection, e);
   }
-  if (oldValues()) publishOldNew(recordAttr, key, old ? &*old : nullptr, &value);
-  publishKey(recordAttr, key);
+  // In old-value mode the pair is the change's one publication (subscribers that only want the
+  // key get it from there); otherwise the key alone.
+  if (oldValues()) {
+    publishOldNew(recordAttr, key, old ? &*old : nullptr, &value);
+  } else {
+    publishKey(recordAttr, key);
+  }
   counters(0).notify.inc();
 }
 
@@ -275,8 +280,11 @@ auto ShmStatusRoot<Traits>::recordDel(const Key& key) -> Record {
     corruptWrite("removal", Traits::collection, e);
   }
   if (!found) return Record();
-  if (oldValues()) publishOldNew<Key, Record>(recordAttr, key, &removed, nullptr);
-  publishKey(recordAttr, key);
+  if (oldValues()) {
+    publishOldNew<Key, Record>(recordAttr, key, &removed, nullptr);
+  } else {
+    publishKey(recordAttr, key);
+  }
   counters(0).notify.inc();
   return removed;
 }

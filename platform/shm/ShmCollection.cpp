@@ -290,7 +290,7 @@ bool ShmCollection::alive(uint64_t ref) const {
   return gen == refGen(ref) && (loadWord(s) & kSeqOccupied);
 }
 
-uint32_t ShmCollection::seekChild(uint64_t parent, uint32_t from, uint32_t* out,
+uint32_t ShmCollection::seekChild(uint64_t parent, uint32_t from, bool after, uint32_t* out,
                                   uint32_t* seq) const {
   const ShmCollection& p = *storePtr_->colls_[parent_];
   if (!p.alive(parent)) return kNoSlot;
@@ -306,6 +306,7 @@ uint32_t ShmCollection::seekChild(uint64_t parent, uint32_t from, uint32_t* out,
     const PageEntry* e = pageEntry(from);
     const uint32_t info = e->info.load(std::memory_order_acquire);
     page = from - (from % kMinPageSlots) - headDistanceOf(info) * kMinPageSlots;
+    if (after) ++from;  // may be the next page's first slot: the chain decides where that is
   }
   const uint64_t carved = highWater();
   for (uint64_t pages = 0; pages <= carved / kMinPageSlots; ++pages) {
@@ -322,7 +323,7 @@ uint32_t ShmCollection::seekChild(uint64_t parent, uint32_t from, uint32_t* out,
     // A page that no longer belongs to the parent: the parent was removed meanwhile.
     if (e->owner.load(std::memory_order_acquire) != parent) return kNoSlot;
     const uint32_t end = page + pageSlots(cls);
-    for (uint32_t slot = std::max(from, page); slot < end; ++slot) {
+    for (uint32_t slot = std::clamp(from, page, end); slot < end; ++slot) {
       if (readSlot(slot, out, seq) && loadWord64(out) == parent) return slot;
     }
     const uint32_t next = e->next.load(std::memory_order_acquire);

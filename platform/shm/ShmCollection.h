@@ -63,7 +63,9 @@ class ShmCollection {
   bool unchanged(uint32_t slot, uint32_t seq) const;
   uint32_t seek(uint32_t from, uint32_t* out, uint32_t* seq) const;
   uint32_t find(const uint32_t* keyWords, uint32_t* out, uint32_t* seq) const;
-  uint32_t seekChild(uint64_t parent, uint32_t from, uint32_t* out, uint32_t* seq) const;
+  // The first member of `parent` at slot `from` or later in its page chain (from kNoSlot: the
+  // chain's start); with `after`, strictly after `from`, which must be in the chain.
+  uint32_t seekChild(uint64_t parent, uint32_t from, bool after, uint32_t* out, uint32_t* seq) const;
   // Side words of an entity slot (atomic words, outside the sequence lock).
   uint32_t* side(uint32_t slot) const;
   // Whether the entity `ref` (slot and generation) of this collection is alive.

@@ -34,6 +34,7 @@
 #include <vector>
 
 #include <absl/container/flat_hash_map.h>
+#include <absl/hash/hash.h>
 
 #include "platform/Hash.h"
 #include "platform/runtime/Ptr.h"
@@ -45,7 +46,13 @@ namespace Oro {
 
 template <class K>
 struct ShmKeyHash {
-  size_t operator()(const K& k) const { return k.hash(kFixedHashSeed); }
+  size_t operator()(const K& k) const {
+    if constexpr (requires { k.hash(kFixedHashSeed); }) {
+      return k.hash(kFixedHashSeed);
+    } else {
+      return absl::Hash<K>()(k);
+    }
+  }
 };
 
 // Key images of handles: the parent reference (nested collections) and the key's image.
@@ -98,7 +105,7 @@ class ShmValues : public ShmHandleBase {
         ++it_;
         loadLocal();
       } else {
-        seek(slot_ + 1);
+        step();
       }
     }
 
@@ -109,6 +116,13 @@ class ShmValues : public ShmHandleBase {
       const ShmStore& s = h_->binding_->store();
       slot_ = h_->parent_ == 0 ? s.seek(kColl, from, &rec)
                                : s.seekChild(kColl, h_->parent_, from, &rec);
+      if (slot_ != ShmStore::kNoSlot) h_->decode(rec, &key_, &value_);
+    }
+    void step() {
+      ShmStore::Record rec;
+      const ShmStore& s = h_->binding_->store();
+      slot_ = h_->parent_ == 0 ? s.seek(kColl, slot_ + 1, &rec)
+                               : s.nextChild(kColl, h_->parent_, slot_, &rec);
       if (slot_ != ShmStore::kNoSlot) h_->decode(rec, &key_, &value_);
     }
     void loadLocal() {
@@ -277,7 +291,7 @@ class ShmValues : public ShmHandleBase {
     ShmStore::Record rec;
     for (uint32_t slot = parent_ == 0 ? s.seek(kColl, 0, &rec) : s.seekChild(kColl, parent_, ShmStore::kNoSlot, &rec);
          slot != ShmStore::kNoSlot;
-         slot = parent_ == 0 ? s.seek(kColl, slot + 1, &rec) : s.seekChild(kColl, parent_, slot + 1, &rec)) {
+         slot = parent_ == 0 ? s.seek(kColl, slot + 1, &rec) : s.nextChild(kColl, parent_, slot, &rec)) {
       known_.insert_or_assign(shmKeyOf<Key>(s, kColl, rec.words), mark_);
       out.add(kColl, rec.words);
     }
@@ -353,7 +367,7 @@ class ShmEntities : public ShmHandleBase {
         ++it_;
         if (it_ != h_->localOrder_.end()) key_ = *it_;
       } else {
-        seek(slot_ + 1);
+        step();
       }
     }
 
@@ -363,6 +377,12 @@ class ShmEntities : public ShmHandleBase {
       ShmStore::Record rec;
       const ShmStore& s = h_->binding_->store();
       slot_ = h_->parent_ == 0 ? s.seek(kColl, from, &rec) : s.seekChild(kColl, h_->parent_, from, &rec);
+      if (slot_ != ShmStore::kNoSlot) key_ = shmKeyOf<Key>(s, kColl, rec.words);
+    }
+    void step() {
+      ShmStore::Record rec;
+      const ShmStore& s = h_->binding_->store();
+      slot_ = h_->parent_ == 0 ? s.seek(kColl, slot_ + 1, &rec) : s.nextChild(kColl, h_->parent_, slot_, &rec);
       if (slot_ != ShmStore::kNoSlot) key_ = shmKeyOf<Key>(s, kColl, rec.words);
     }
     const ShmEntities* h_ = nullptr;
@@ -537,7 +557,7 @@ class ShmEntities : public ShmHandleBase {
     ShmStore::Record rec;
     for (uint32_t slot = parent_ == 0 ? s.seek(kColl, 0, &rec) : s.seekChild(kColl, parent_, ShmStore::kNoSlot, &rec);
          slot != ShmStore::kNoSlot;
-         slot = parent_ == 0 ? s.seek(kColl, slot + 1, &rec) : s.seekChild(kColl, parent_, slot + 1, &rec)) {
+         slot = parent_ == 0 ? s.seek(kColl, slot + 1, &rec) : s.nextChild(kColl, parent_, slot, &rec)) {
       const Key key = shmKeyOf<Key>(s, kColl, rec.words);
       marks_[key] = mark_;
       out.add(kColl, rec.words);

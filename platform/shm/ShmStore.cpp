@@ -657,6 +657,7 @@ ShmStore ShmStore::openWriter(const std::string& mountPath, const ShmStoreSpec& 
     ShmStore s;
     s.mountPath_ = mountPath;
     s.mode_ = mode;
+    s.writable_ = true;
     s.fault(ShmFaultPoint::takeOverLocked);
     struct stat st {};
     const size_t bytes = ::fstat(fd, &st) == 0 ? static_cast<size_t>(st.st_size) : 0;
@@ -952,10 +953,18 @@ uint32_t ShmStore::seek(uint32_t c, uint32_t from, Record* out) const {
 }
 
 uint32_t ShmStore::seekChild(uint32_t c, uint64_t parent, uint32_t from, Record* out) const {
+  return walkChild(c, parent, from, false, out);
+}
+
+uint32_t ShmStore::nextChild(uint32_t c, uint64_t parent, uint32_t after, Record* out) const {
+  return walkChild(c, parent, after, true, out);
+}
+
+uint32_t ShmStore::walkChild(uint32_t c, uint64_t parent, uint32_t from, bool after, Record* out) const {
   checkIntact();
   const ShmCollection& coll = *colls_[c];
   const uint32_t slot = readWithBlob(*this, coll, out, [&](uint32_t* words, uint32_t* seq) {
-    return coll.seekChild(parent, from, words, seq);
+    return coll.seekChild(parent, from, after, words, seq);
   });
   const bool gone = slot != kNoSlot && !colls_[coll.parent()]->alive(parent);
   checkIntact();
@@ -1166,7 +1175,7 @@ uint64_t ShmStore::copyEntity(const ShmStore& from, uint32_t c, uint64_t ref, ui
       if (from.colls_[cc]->parent() != c) continue;
       Record member;
       for (uint32_t m = from.seekChild(cc, ref, kNoSlot, &member); m != kNoSlot;
-           m = from.seekChild(cc, ref, m + 1, &member)) {
+           m = from.nextChild(cc, ref, m, &member)) {
         if (from.colls_[cc]->entity()) {
           copyEntity(from, cc, from.refOf(cc, m), newRef, onEntity);
         } else {

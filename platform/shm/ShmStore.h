@@ -134,10 +134,12 @@ class ShmStore {
   uint32_t find(uint32_t c, const uint32_t* keyWords, Record* out) const;
   // Walk of a top-level collection in slot order: the first record at a slot >= from.
   uint32_t seek(uint32_t c, uint32_t from, Record* out) const;
-  // Walk of one parent's members in page-chain order: the first member at or after slot
-  // `from` (kNoSlot: from the start of the chain). kNoSlot at the end, also when the parent
+  // Walk of one parent's members in page-chain order: the first member at slot `from` or later
+  // in the chain (kNoSlot: from its start; a bookmark is a member's slot), or, with nextChild,
+  // the first one after the member at slot `after`. kNoSlot at the end, also when the parent
   // is gone.
   uint32_t seekChild(uint32_t c, uint64_t parent, uint32_t from, Record* out) const;
+  uint32_t nextChild(uint32_t c, uint64_t parent, uint32_t after, Record* out) const;
   // Copies a blob (bounds-checked; the caller checks its record did not change meanwhile).
   void readBlob(const ShmLayout::BlobRef& ref, std::string* out) const;
   // Whether an entity (slot and generation) of entity collection c is alive.
@@ -211,6 +213,7 @@ class ShmStore {
 
   void build(const ShmStoreSpec& spec, uint32_t ringCapacity, bool shared, uint64_t instance);
   void startBell();
+  uint32_t walkChild(uint32_t c, uint64_t parent, uint32_t from, bool after, Record* out) const;
   void unlinkInstance() const;
   void attach(ShmSegment header, const ShmStoreSpec* spec, bool writable);
   void recover();

@@ -42,9 +42,9 @@ class ShmTable {
 
  public:
   struct Callbacks {
-    std::function<void(const K&)> onKey;
-    std::function<void()> onMountStatus;
-    std::function<void(bool)> onQuiesced;
+    std::function<void(const K&)> onKey = {};
+    std::function<void()> onMountStatus = {};
+    std::function<void(bool)> onQuiesced = {};
   };
   using Bookmark = typename Values::Bookmark;
 

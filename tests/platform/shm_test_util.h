@@ -13,7 +13,9 @@
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
+#include "platform/shm/ShmImage.h"
 #include "platform/shm/ShmSegment.h"
+#include "platform/shm/ShmStore.h"
 
 namespace shmtest {
 
@@ -26,6 +28,22 @@ struct Rec {
   bool whole() const { return *this == of(n); }
   bool operator==(const Rec&) const = default;
 };
+
+// A writer stopped at a chosen step: the hook kills (or stops) the process the n-th time the
+// writer reaches `point`.
+struct FaultPlan {
+  Oro::ShmFaultPoint point;
+  int countdown;
+  int signal;
+};
+inline FaultPlan gFaultPlan{};
+inline void faultHook(Oro::ShmFaultPoint p) {
+  if (p == gFaultPlan.point && --gFaultPlan.countdown == 0) ::raise(gFaultPlan.signal);
+}
+inline void faultAt(Oro::ShmFaultPoint p, int nth, int signal = SIGKILL) {
+  gFaultPlan = FaultPlan{p, nth, signal};
+  Oro::shmFaultHookIs(&faultHook);
+}
 
 // Gives each test process its own segment namespace and removes its segments afterwards.
 class ShmTest : public ::testing::Test {
@@ -76,3 +94,9 @@ struct Pipe {
 };
 
 }  // namespace shmtest
+
+template <>
+struct Oro::ShmImage<shmtest::Rec> : Oro::ShmPlainImage<shmtest::Rec, Oro::shmAnyImage> {
+  static constexpr uint64_t fingerprint = shmFingerprint("shmtest::Rec{n,a,b,c:u64}", bytes);
+  static shmtest::Rec read(const std::byte* in) { return ShmPlainImage::read(in, "shmtest::Rec"); }
+};

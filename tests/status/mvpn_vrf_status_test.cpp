@@ -127,6 +127,10 @@ TEST_F(VrfStatusTest, OldValuesAreDeliveredInThatModeOnly) {
   auto s = mvpnVrfStatusFactory("x");
   OldNewRecorder rec;
   rec.notifierIs(s.get());
+  // A subscriber of keys alone hears each change once, in either mode.
+  std::vector<VrfId> keys;
+  Oro::KeyReactor<VrfId> keyOnly(MvpnVrfStatus::mvpnVrfAttr, [&](const VrfId& k) { keys.push_back(k); });
+  keyOnly.notifierIs(s.get());
   s->mvpnVrfIs(MvpnVrf(VrfId(1)));
   EXPECT_TRUE(rec.pairs.empty());
   s->oldValuesIs(true);
@@ -140,7 +144,9 @@ TEST_F(VrfStatusTest, OldValuesAreDeliveredInThatModeOnly) {
   EXPECT_EQ(rec.pairs[1].first, std::nullopt);
   EXPECT_EQ(rec.pairs[2].first, MvpnVrf(VrfId(1), MvpnClient::evpn_));
   EXPECT_EQ(rec.pairs[2].second, std::nullopt);
+  EXPECT_EQ(keys, (std::vector<VrfId>{1, 1, 2, 1}));
   rec.notifierIs(nullptr);
+  keyOnly.notifierIs(nullptr);
 }
 
 TEST_F(VrfStatusTest, ControlCarriesMountStatusAndQuiesced) {

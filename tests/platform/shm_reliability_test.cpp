@@ -1,0 +1,422 @@
+// What the shared-memory store guarantees when things go wrong: no change lost behind an
+// overrun, never two writers, readers that cannot harm writers or each other, whole records
+// and agreeing counts after a writer dies at any step, damaged stores recreated, no leftovers.
+#include <fcntl.h>
+#include <pthread.h>
+#include <pwd.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <sys/un.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <fstream>
+#include <map>
+#include <random>
+#include <set>
+#include <thread>
+
+#include "common/shm_damage.h"
+#include "platform/Error.h"
+#include "platform/runtime/TaskScheduler.h"
+#include "platform/shm/ShmBell.h"
+#include "platform/shm/ShmStore.h"
+#include "platform/shm/ShmTable.h"
+#include "platform/shm_test_util.h"
+
+namespace {
+
+using namespace shmtest;
+using namespace std::chrono_literals;
+using Oro::ShmAttach;
+using Oro::ShmFaultPoint;
+using Oro::ShmRole;
+using Oro::ShmStore;
+using Table = Oro::ShmTable<uint32_t, Rec>;
+
+class ShmReliabilityTest : public ShmTest {};
+
+// A reader's view built from its notifications: each key it is told of is looked up.
+struct ViewReader {
+  std::map<uint32_t, Rec> view;
+  Table table;
+  explicit ViewReader(const std::string& path, Oro::TaskScheduler* sched = nullptr)
+      : table("test::Rec", "recs", {[this](uint32_t k) {
+          if (auto r = table.find(k)) {
+            view[k] = *r;
+          } else {
+            view.erase(k);
+          }
+        }}) {
+    table.attach(ShmAttach{path, ShmRole::reader, sched});
+  }
+  void drain() {
+    while (table.reader()->hasPending()) table.reader()->dispatch();
+  }
+  std::map<uint32_t, Rec> truth() const {
+    std::map<uint32_t, Rec> out;
+    for (auto it = table.begin(); it.valid(); it.next()) out[it.key()] = it.value();
+    return out;
+  }
+};
+
+void fill(Table& w, uint32_t from, uint32_t n) {
+  for (uint32_t k = from; k < from + n; ++k) w.insert(k, Rec::of(k));
+}
+
+TEST_F(ShmReliabilityTest, NoDeletionIsLostBehindRepeatedOverruns) {
+  Table w("test::Rec", "recs", {});
+  w.attach(ShmAttach{"r/overrun", ShmRole::writer, nullptr, 0600, 16});
+  ViewReader r("r/overrun");
+  constexpr uint32_t K = 7;
+  w.insert(K, Rec::of(K));
+  r.drain();
+  // K goes away behind an overrun; the resynchronisation reports it, but it is back before
+  // its turn comes, so the reader looks it up present.
+  w.remove(K);
+  fill(w, 100, 40);
+  r.table.reader()->batchIs(1);
+  r.table.reader()->dispatch();
+  w.insert(K, Rec::of(K));
+  r.drain();
+  EXPECT_TRUE(r.view.count(K));
+  // It goes away again behind a second overrun: it must be reported again.
+  w.remove(K);
+  fill(w, 200, 40);
+  r.drain();
+  EXPECT_FALSE(r.view.count(K));
+  EXPECT_EQ(r.view, r.truth());
+  // The same with a seeded random history over a small key space and a tiny log.
+  std::mt19937 rng(1234);
+  for (int round = 0; round < 200; ++round) {
+    const int n = static_cast<int>(rng() % 60);
+    for (int i = 0; i < n; ++i) {
+      const uint32_t k = rng() % 50;
+      if (rng() % 2) {
+        w.insert(k, Rec::of(k + round));
+      } else {
+        w.remove(k);
+      }
+    }
+    r.table.reader()->batchIs(1 + rng() % 8);
+    for (uint32_t d = rng() % 4; d > 0 && r.table.reader()->hasPending(); --d) r.table.reader()->dispatch();
+  }
+  r.drain();
+  EXPECT_EQ(r.view, r.truth());
+}
+
+// Waits until a child has stopped itself (SIGSTOP from a fault point).
+void awaitStop(pid_t child) {
+  int status = 0;
+  ASSERT_EQ(::waitpid(child, &status, WUNTRACED), child);
+  ASSERT_TRUE(WIFSTOPPED(status));
+}
+
+TEST_F(ShmReliabilityTest, AStalledCreatorOrTakerNeverLeavesTwoWriters) {
+  const Oro::ShmStoreSpec spec = Table::spec("test::Rec", "recs");
+  auto stalledWriter = [&](ShmFaultPoint point) {
+    return forkChild([&] {
+      faultAt(point, 1, SIGSTOP);
+      try {
+        ShmStore s = ShmStore::openWriter("r/two", spec, 0600, 64);
+        return 10;  // became the writer
+      } catch (const Oro::ShmException& e) {
+        return std::string(e.what()).find("already has a live writer") != std::string::npos ? 20 : 30;
+      }
+    });
+  };
+  // A creator stopped with its store built but not yet named loses to one that comes later.
+  pid_t a = stalledWriter(ShmFaultPoint::creationBuilt);
+  awaitStop(a);
+  {
+    ShmStore b = ShmStore::openWriter("r/two", spec, 0600, 64);
+    ::kill(a, SIGCONT);
+    EXPECT_EQ(waitChild(a), 20);
+  }
+  // A writer stopped while it holds a dead writer's store keeps it: nobody takes it over,
+  // however long it stays stopped; when it goes on, it is the writer.
+  a = stalledWriter(ShmFaultPoint::takeOverLocked);
+  awaitStop(a);
+  EXPECT_THROW(ShmStore::openWriter("r/two", spec, 0600, 64), Oro::ShmException);
+  ::kill(a, SIGCONT);
+  EXPECT_EQ(waitChild(a), 10);
+}
+
+// The mappings of the store's segments in this process, with their permissions.
+std::vector<std::string> storeMappings() {
+  std::ifstream maps("/proc/self/maps");
+  std::vector<std::string> out;
+  std::string line;
+  const std::string ns = "/dev/shm/" + Oro::shmNamespace();
+  while (std::getline(maps, line)) {
+    if (line.find(ns) != std::string::npos) out.push_back(line);
+  }
+  return out;
+}
+
+TEST_F(ShmReliabilityTest, ReadersNeedNoWriteAccessAndCannotSilenceOthers) {
+  Table w("test::Rec", "recs", {});
+  w.attach(ShmAttach{"r/ro", ShmRole::writer, nullptr, 0644});
+  fill(w, 0, 1000);
+  // Another user reads a store shared read-only, and is woken by its changes.
+  Pipe ready;
+  pid_t child = forkChild([&] {
+    const passwd* nobody = ::getpwnam("nobody");
+    if (!nobody || ::setgid(nobody->pw_gid) != 0 || ::setuid(nobody->pw_uid) != 0) {
+      ready.send();
+      return 2;
+    }
+    Oro::TaskScheduler sched;
+    bool done = false;
+    Table r("test::Rec", "recs", {[&](uint32_t k) {
+              if (k == 5000) {
+                done = true;
+                sched.stop();
+              }
+            }});
+    // The mappings this reader makes (the writer's are inherited through fork): read-only.
+    const std::vector<std::string> inherited = storeMappings();
+    r.attach(ShmAttach{"r/ro", ShmRole::reader, &sched});
+    while (r.reader()->hasPending()) r.reader()->dispatch();
+    bool readOnly = true;
+    for (const std::string& m : storeMappings()) {
+      if (std::find(inherited.begin(), inherited.end(), m) != inherited.end()) continue;
+      if (m.find(" r--s ") == std::string::npos && m.find(" r--p ") == std::string::npos) {
+        fmt::print(stderr, "writable mapping: {}\n", m);
+        readOnly = false;
+      }
+    }
+    ready.send();
+    if (!readOnly) return 3;
+    sched.run();
+    return done && r.find(5000) == Rec::of(5000) ? 0 : 4;
+  });
+  ASSERT_TRUE(ready.receive());
+  // A hostile process rings the doorbell with garbage as fast as it can: it can only cause
+  // extra wake-ups, never silence the honest reader.
+  pid_t hostile = forkChild([&] {
+    const int fd = ::socket(AF_UNIX, SOCK_SEQPACKET, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    const std::string path = w.store().bellPath();
+    std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
+    if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) return 2;
+    std::mt19937 rng(7);
+    for (int i = 0; i < 2000; ++i) {
+      const uint32_t v = rng();
+      (void)!::send(fd, &v, i % 100 == 0 ? 3 : 4, MSG_NOSIGNAL);
+    }
+    return 0;
+  });
+  EXPECT_EQ(waitChild(hostile), 0);
+  w.insert(5000, Rec::of(5000));
+  EXPECT_EQ(waitChild(child), 0);
+  // A store shared with nobody: the error says why.
+  Table priv("test::Rec", "recs", {});
+  priv.attach(ShmAttach{"r/private", ShmRole::writer, nullptr, 0600});
+  child = forkChild([&] {
+    const passwd* nobody = ::getpwnam("nobody");
+    if (!nobody || ::setuid(nobody->pw_uid) != 0) return 2;
+    Table r("test::Rec", "recs", {});
+    try {
+      r.attach(ShmAttach{"r/private", ShmRole::reader});
+    } catch (const Oro::ShmPermissionException& e) {
+      return std::string(e.what()).find("permission denied") == 0 ? 0 : 3;
+    }
+    return 4;
+  });
+  EXPECT_EQ(waitChild(child), 0);
+}
+
+TEST_F(ShmReliabilityTest, AReaderThatDiesAsleepCostsTheWriterOneWakeUpAtMost) {
+  Table w("test::Rec", "recs", {});
+  w.attach(ShmAttach{"r/sleep", ShmRole::writer});
+  Pipe asleep;
+  const pid_t child = forkChild([&] {
+    Table r("test::Rec", "recs", {});
+    r.attach(ShmAttach{"r/sleep", ShmRole::reader});
+    while (r.reader()->hasPending()) r.reader()->dispatch();
+    std::vector<Oro::FutexWait> words;
+    r.reader()->sleepBegin(words);  // rings the doorbell, as a scheduler going to sleep does
+    asleep.send();
+    ::pause();
+    return 0;
+  });
+  ASSERT_TRUE(asleep.receive());
+  ::kill(child, SIGKILL);
+  waitChild(child);
+  const uint64_t before = w.store().bellWakes();
+  fill(w, 0, 10000);
+  EXPECT_LE(w.store().bellWakes() - before, 1u);
+}
+
+TEST_F(ShmReliabilityTest, ATruncatedSegmentIsDamageNotACrash) {
+  Table w("test::Rec", "recs", {});
+  std::vector<std::string> reports;
+  w.corruptionHandlerIs([&](const std::string& m) { reports.push_back(m); });
+  w.attach(ShmAttach{"r/trunc", ShmRole::writer});
+  fill(w, 0, 100);
+  Table r("test::Rec", "recs", {});
+  r.attach(ShmAttach{"r/trunc", ShmRole::reader});
+  EXPECT_EQ(r.find(5), Rec::of(5));
+  ASSERT_TRUE(damageTable("r/trunc", "recs"));
+  EXPECT_THROW(r.find(5), Oro::ShmCorruptionException);
+  EXPECT_THROW(w.insert(1, Rec::of(1)), Oro::ShmCorruptionException);
+  // A vanished process is a dead process, whatever state its /proc file was in.
+  const pid_t gone = forkChild([] { return 0; });
+  int status;
+  ::waitid(P_PID, static_cast<id_t>(gone), nullptr, WEXITED | WNOWAIT);
+  EXPECT_EQ(Oro::processStartTime(gone), 0u);  // a zombie
+  ::waitpid(gone, &status, 0);
+  EXPECT_EQ(Oro::processStartTime(gone), 0u);
+  EXPECT_NE(Oro::processStartTime(::getpid()), 0u);
+}
+
+// A writer killed at a given step of its n-th write leaves a store in which walks, lookups and
+// counts agree, every record is whole, and a new writer continues it.
+struct StepCase {
+  ShmFaultPoint point;
+  int nth;
+};
+
+void checkAgreement(const ShmStore& s, uint32_t keySpace) {
+  uint32_t walked = 0;
+  ShmStore::Record rec;
+  std::set<uint32_t> keys;
+  for (uint32_t slot = s.seek(0, 0, &rec); slot != ShmStore::kNoSlot; slot = s.seek(0, slot + 1, &rec)) {
+    Rec v;
+    std::memcpy(static_cast<void*>(&v), rec.words + 1, sizeof v);
+    EXPECT_TRUE(v.whole()) << "slot " << slot;
+    keys.insert(rec.words[0]);
+    ++walked;
+  }
+  uint32_t found = 0;
+  for (uint32_t k = 0; k < keySpace; ++k) {
+    const bool present = s.find(0, &k, nullptr) != ShmStore::kNoSlot;
+    found += present;
+    EXPECT_EQ(present, keys.count(k) == 1) << "key " << k;
+  }
+  EXPECT_EQ(s.count(0), walked);
+  EXPECT_EQ(found, walked);
+}
+
+TEST_F(ShmReliabilityTest, AWriterKilledAtAnyStepLeavesAStoreThatAgreesWithItself) {
+  const StepCase cases[] = {
+      {ShmFaultPoint::insertFilled, 300},     {ShmFaultPoint::insertIndexed, 300},
+      {ShmFaultPoint::insertCommitted, 300},  {ShmFaultPoint::rewriteJournaled, 40},
+      {ShmFaultPoint::rewriteWriting, 40},    {ShmFaultPoint::rewriteCommitted, 40},
+      {ShmFaultPoint::removeFreed, 30},       {ShmFaultPoint::removeUnindexed, 30},
+      {ShmFaultPoint::growthStep, 3},         {ShmFaultPoint::growthPublished, 2},
+      {ShmFaultPoint::chunkAdded, 2},         {ShmFaultPoint::logAppended, 500},
+  };
+  constexpr uint32_t kKeys = 2000;
+  for (const StepCase& c : cases) {
+    SCOPED_TRACE(static_cast<int>(c.point));
+    const std::string path = fmt::format("r/step{}", static_cast<int>(c.point));
+    const pid_t child = forkChild([&] {
+      Table w("test::Rec", "recs", {});
+      w.attach(ShmAttach{path, ShmRole::writer});
+      faultAt(c.point, c.nth);
+      for (uint32_t k = 0; k < kKeys; ++k) {
+        w.insert(k, Rec::of(k));
+        if (k % 10 == 0) w.insert(k / 2, Rec::of(k / 2 + 1000000));
+        if (k % 15 == 0) w.remove(k / 3);
+      }
+      return 1;  // the fault point was not reached
+    });
+    ASSERT_EQ(waitChild(child), 128 + SIGKILL);
+    checkAgreement(ShmStore::openReader(path, nullptr), kKeys);
+    ShmStore taken = ShmStore::openWriter(path, Table::spec("test::Rec", "recs"), 0600, 64);
+    checkAgreement(taken, kKeys);
+    // Nothing of the dead writer is left over: the store's segments are the ones in use.
+    size_t indexes = 0;
+    for (const std::string& n : Oro::shmNamespaceEntries()) {
+      if (n.find(path.substr(2)) != std::string::npos && n.find(".0i") != std::string::npos) ++indexes;
+    }
+    EXPECT_EQ(indexes, 1u);
+  }
+}
+
+TEST_F(ShmReliabilityTest, ADamagedStoreIsRecreatedByItsWriterAndItsReadersRecover) {
+  const Oro::ShmStoreSpec spec = Table::spec("test::Rec", "recs");
+  using Damage = std::function<void(const std::string& path)>;
+  auto instance = [](const std::string& path) {
+    ShmStore s = ShmStore::openReader(path, nullptr);
+    return s.header()->instance;
+  };
+  const std::vector<std::pair<const char*, Damage>> damages = {
+      {"index segment removed",
+       [&](const std::string& p) { Oro::ShmSegment::unlink(Oro::shmStoreSegmentName(p, instance(p), "0i1")); }},
+      {"chunk truncated", [](const std::string& p) { ASSERT_TRUE(damageTable(p, "recs")); }},
+      {"header garbage",
+       [](const std::string& p) {
+         std::fstream f("/dev/shm" + Oro::shmStoreName(p), std::ios::in | std::ios::out | std::ios::binary);
+         const std::string garbage(600, '\x5a');
+         f.write(garbage.data(), static_cast<std::streamsize>(garbage.size()));
+       }},
+      {"header emptied", [](const std::string& p) { ::truncate(("/dev/shm" + Oro::shmStoreName(p)).c_str(), 0); }},
+  };
+  for (const auto& [what, damage] : damages) {
+    SCOPED_TRACE(what);
+    const std::string path = "r/damaged";
+    {
+      Table w("test::Rec", "recs", {});
+      w.attach(ShmAttach{path, ShmRole::writer});
+      fill(w, 0, 50);
+    }
+    Oro::TaskScheduler sched;
+    bool republished = false;
+    std::vector<std::string> reports;
+    Table r("test::Rec", "recs", {[&](uint32_t k) {
+              if (k == 9999) {
+                republished = true;
+                sched.stop();
+              }
+            }});
+    r.corruptionHandlerIs([&](const std::string& m) { reports.push_back(m); });
+    r.attach(ShmAttach{path, ShmRole::reader, &sched});
+    while (r.reader()->hasPending()) r.reader()->dispatch();
+    damage(path);
+    // The writer comes back: it cannot take the damaged store over, so it builds a new one and
+    // republishes; its readers find the new store.
+    Table w("test::Rec", "recs", {});
+    w.attach(ShmAttach{path, ShmRole::writer});
+    fill(w, 0, 50);
+    w.insert(9999, Rec::of(9999));
+    // The reader looks again after growing pauses (timers); the bound only ends a failed run.
+    sched.runUntil(Oro::TaskScheduler::Clock::now() + 20s);
+    EXPECT_TRUE(republished);
+    EXPECT_EQ(r.find(10), Rec::of(10));
+    EXPECT_EQ(r.size(), 51u);
+    w.detach();
+    r.detach();
+    Oro::shmUnlinkNamespace();
+  }
+}
+
+TEST_F(ShmReliabilityTest, AWriterWhoseMainThreadEndedIsAlive) {
+  Pipe started;
+  const pid_t child = forkChild([&] {
+    std::thread worker([&] {
+      Table w("test::Rec", "recs", {});
+      w.attach(ShmAttach{"r/thread", ShmRole::writer});
+      w.insert(1, Rec::of(1));
+      started.send();
+      ::pause();
+    });
+    worker.detach();
+    // Ends the main thread alone (no unwinding through the test's frames).
+    ::syscall(SYS_exit, 0);
+    return 0;
+  });
+  ASSERT_TRUE(started.receive());
+  EXPECT_TRUE(ShmStore::openReader("r/thread", nullptr).writerAlive());
+  EXPECT_THROW(ShmStore::openWriter("r/thread", Table::spec("test::Rec", "recs"), 0600, 64),
+               Oro::ShmException);
+  ::kill(child, SIGKILL);
+  waitChild(child);
+  EXPECT_FALSE(ShmStore::openReader("r/thread", nullptr).writerAlive());
+}
+
+}  // namespace

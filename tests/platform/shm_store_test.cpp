@@ -1,0 +1,288 @@
+// The shared-memory store in one process: names, typed tables (writer, reader, control),
+// identity checks, nested collections on page chains, blobs, index growth, and the byte images
+// of keys.
+#include <gtest/gtest.h>
+
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "common/shm_damage.h"
+#include "platform/Error.h"
+#include "platform/shm/ShmStore.h"
+#include "platform/shm/ShmTable.h"
+#include "platform/shm_test_util.h"
+#include "types/MvpnVrfRouteIntfKey.h"
+
+namespace {
+
+using namespace shmtest;
+using Oro::ShmAttach;
+using Oro::ShmRole;
+using Oro::ShmStore;
+using Table = Oro::ShmTable<uint32_t, Rec>;
+
+class ShmStoreTest : public ShmTest {};
+
+void drain(Table& t) {
+  while (t.reader()->hasPending()) t.reader()->dispatch();
+}
+
+TEST_F(ShmStoreTest, NamesAreValidatedAndNamespacesCannotOverlap) {
+  for (const char* bad : {"", "/a", "a/", "a//b", "a/b c", "a/b.c", "a/b@c", "../x"}) {
+    EXPECT_THROW(Oro::shmStoreName(bad), Oro::ShmException) << bad;
+  }
+  EXPECT_EQ(Oro::shmStoreName("a/b-c/d_e"), "/" + Oro::shmNamespace() + ".a.b-c.d_e");
+  EXPECT_EQ(Oro::shmPathOfStoreName(Oro::shmStoreName("a/b").substr(1)), "a/b");
+  EXPECT_EQ(Oro::shmPathOfStoreName(Oro::shmStoreSegmentName("a/b", 7, "0k0").substr(1)), "");
+  // A namespace is letters, digits, '_' and '-': "x" and "x.y" can never share names.
+  for (const char* bad : {"", "x.y", "a/b", "sp ace", "\xff"}) {
+    EXPECT_THROW(Oro::shmNamespaceIs(bad), Oro::ShmException) << bad;
+  }
+}
+
+TEST_F(ShmStoreTest, DetachedTableInsertsReplacesRemovesAndResumesWalks) {
+  Table t("test::Rec", "recs", {});
+  EXPECT_TRUE(t.insert(1, Rec::of(1)));
+  EXPECT_FALSE(t.insert(1, Rec::of(11)));
+  std::optional<Rec> old;
+  EXPECT_FALSE(t.insert(1, Rec::of(12), &old));
+  EXPECT_EQ(old, Rec::of(11));
+  for (uint32_t k = 2; k < 1000; ++k) t.insert(k, Rec::of(k));
+  EXPECT_EQ(t.size(), 999u);
+  Rec removed;
+  EXPECT_TRUE(t.remove(500, &removed));
+  EXPECT_EQ(removed, Rec::of(500));
+  EXPECT_FALSE(t.remove(500));
+  // A walk bookmarked half way resumes at the bookmark's slot: a key removed and inserted again
+  // elsewhere meanwhile cannot make it skip anything present throughout.
+  std::set<uint32_t> seen;
+  auto it = t.begin();
+  for (int n = 0; n < 300; ++n, it.next()) seen.insert(it.key());
+  const auto mark = it.bookmark();
+  t.remove(mark.key);
+  t.insert(mark.key, Rec::of(mark.key));
+  for (auto r = t.at(mark); r.valid(); r.next()) seen.insert(r.key());
+  EXPECT_EQ(seen.size(), 998u);
+}
+
+TEST_F(ShmStoreTest, ReaderSeesWriterChangesControlFlagsAndKeysItHeldBefore) {
+  Table w("test::Rec", "recs", {});
+  w.insert(1, Rec::of(1));
+  w.attach(ShmAttach{"t/a", ShmRole::writer});
+  w.insert(2, Rec::of(2));
+  std::vector<uint32_t> keys;
+  int mounts = 0;
+  bool quiesced = false;
+  Table r("test::Rec", "recs",
+          {[&](uint32_t k) { keys.push_back(k); }, [&] { ++mounts; }, [&](bool q) { quiesced = q; }});
+  r.insert(9, Rec::of(9));  // held before: reported (absent) on the first dispatch
+  r.attach(ShmAttach{"t/a", ShmRole::reader});
+  drain(r);
+  std::sort(keys.begin(), keys.end());
+  EXPECT_EQ(keys, (std::vector<uint32_t>{1, 2, 9}));
+  EXPECT_EQ(r.find(9), std::nullopt);
+  EXPECT_EQ(r.mountStatus(), TylKetab::MountStatus::mounted);
+  keys.clear();
+  w.remove(1);
+  w.insert(3, Rec::of(3));
+  w.quiescedIs(true);
+  drain(r);
+  EXPECT_EQ(keys, (std::vector<uint32_t>{1, 3}));
+  EXPECT_TRUE(quiesced);
+  EXPECT_EQ(r.find(3), Rec::of(3));
+  EXPECT_EQ(r.size(), 2u);
+  EXPECT_EQ(r.knownKeys(), 2u);
+  // Detaching keeps the records in process memory, for both roles.
+  r.detach();
+  EXPECT_EQ(r.find(2), Rec::of(2));
+  w.detach();
+  EXPECT_EQ(w.size(), 2u);
+}
+
+TEST_F(ShmStoreTest, OneLiveWriterOneTypeOneRevision) {
+  Table w("test::Rec", "recs", {});
+  w.attach(ShmAttach{"t/one", ShmRole::writer});
+  Table second("test::Rec", "recs", {});
+  EXPECT_THROW(
+      {
+        try {
+          second.attach(ShmAttach{"t/one", ShmRole::writer});
+        } catch (const Oro::ShmException& e) {
+          EXPECT_NE(std::string(e.what()).find("already has a live writer (pid "), std::string::npos);
+          throw;
+        }
+      },
+      Oro::ShmException);
+  Oro::ShmTable<uint32_t, uint64_t> other("test::Other", "recs", {});
+  EXPECT_THROW(other.attach(ShmAttach{"t/one", ShmRole::writer}), Oro::ShmException);
+  EXPECT_THROW(other.attach(ShmAttach{"t/one", ShmRole::reader}), Oro::ShmException);
+  // Same names, another layout of the record: a program of another revision refuses the store.
+  struct Narrow {
+    uint64_t a, b, c, d;
+  };
+  Oro::ShmStoreSpec spec = Table::spec("test::Rec", "recs");
+  spec.collections[0].valueFingerprint ^= 1;
+  EXPECT_THROW(ShmStore::openReader("t/one", &spec), Oro::ShmException);
+  EXPECT_FALSE(second.attached());
+}
+
+// A store with entities (parents) whose members are values (kids) and strings (notes).
+Oro::ShmStoreSpec nestedSpec() {
+  Oro::ShmCollectionSpec parents{"parents", "test::Parent", 1, 0, Oro::ShmLayout::kCollEntities,
+                                 Oro::ShmLayout::kNoParent, 4, 0, false};
+  Oro::ShmCollectionSpec kids{"kids", "test::Kid", 2, 3, Oro::ShmLayout::kCollValues, 0, 4, 32, false};
+  Oro::ShmCollectionSpec notes{"notes", "test::Note", 4, 5, Oro::ShmLayout::kCollValues, 0, 4, 0, true};
+  return Oro::ShmStoreSpec{"test::Tree", {parents, kids, notes}};
+}
+
+uint64_t addParent(ShmStore& s, uint32_t key) {
+  uint32_t w[ShmStore::kMaxRecordWords] = {key};
+  s.put(0, w, {});
+  s.publishKey(0, w);
+  return s.refOf(0, s.find(0, w, nullptr));
+}
+
+void putMember(ShmStore& s, uint32_t c, uint64_t parent, uint32_t key, const Rec& rec,
+               std::string_view blob = {}) {
+  uint32_t w[ShmStore::kMaxRecordWords] = {static_cast<uint32_t>(parent),
+                                           static_cast<uint32_t>(parent >> 32), key};
+  if (c == 1) std::memcpy(w + 3, &rec, sizeof rec);
+  s.put(c, w, blob);
+  s.publishKey(c, w);
+}
+
+std::vector<uint32_t> members(const ShmStore& s, uint32_t c, uint64_t parent) {
+  std::vector<uint32_t> out;
+  ShmStore::Record r;
+  for (uint32_t slot = s.seekChild(c, parent, ShmStore::kNoSlot, &r); slot != ShmStore::kNoSlot;
+       slot = s.nextChild(c, parent, slot, &r)) {
+    out.push_back(r.words[2]);
+  }
+  std::sort(out.begin(), out.end());
+  return out;
+}
+
+TEST_F(ShmStoreTest, NestedMembersLiveOnTheirParentsPagesAndGoWithThem) {
+  ShmStore s = ShmStore::openWriter("t/tree", nestedSpec(), 0600, 1024);
+  const uint64_t a = addParent(s, 1);
+  const uint64_t b = addParent(s, 2);
+  for (uint32_t k = 0; k < 300; ++k) {
+    putMember(s, 1, k % 3 == 0 ? a : b, k, Rec::of(k));
+  }
+  EXPECT_EQ(s.childCount(1, a), 100u);
+  EXPECT_EQ(s.childCount(1, b), 200u);
+  EXPECT_EQ(members(s, 1, a).size(), 100u);
+  const uint32_t versionBefore = s.childVersion(1, a);
+  // A walk of one parent, stopped and resumed at a member's slot, visits every member present
+  // throughout exactly as a full walk does (pages of a live parent never move).
+  ShmStore::Record r;
+  uint32_t slot = s.seekChild(1, a, ShmStore::kNoSlot, &r);
+  for (int n = 0; n < 40; ++n) slot = s.nextChild(1, a, slot, &r);
+  uint32_t rest = 0;
+  for (uint32_t at = s.seekChild(1, a, slot, &r); at != ShmStore::kNoSlot; at = s.nextChild(1, a, at, &r)) {
+    ++rest;
+  }
+  EXPECT_EQ(rest, 60u);
+  // Members are found through their parent only; a member of a removed parent is gone.
+  uint32_t key[3] = {static_cast<uint32_t>(a), static_cast<uint32_t>(a >> 32), 3};
+  EXPECT_NE(s.find(1, key, nullptr), ShmStore::kNoSlot);
+  putMember(s, 2, a, 7, {}, "a note for parent a");
+  ShmStore reader = ShmStore::openReader("t/tree", nullptr);
+  uint32_t k1[1] = {1};
+  EXPECT_TRUE(s.remove(0, k1));
+  EXPECT_EQ(reader.find(1, key, nullptr), ShmStore::kNoSlot);
+  EXPECT_FALSE(reader.alive(0, a));
+  EXPECT_EQ(reader.childCount(1, a), 0u);
+  EXPECT_TRUE(members(reader, 1, a).empty());
+  EXPECT_EQ(reader.count(1), 200u);
+  EXPECT_EQ(reader.childCount(1, b), 200u);
+  EXPECT_NE(s.childVersion(1, b), versionBefore + 1000);  // b's counter is its own
+  // The space of the removed parent is reused: a new parent with as many members carves no
+  // new slots.
+  const uint32_t carved = s.header()->colls[1].slotHighWater.load();
+  const uint64_t c = addParent(s, 3);
+  EXPECT_NE(c, a);
+  for (uint32_t k = 0; k < 100; ++k) putMember(s, 1, c, k, Rec::of(k));
+  EXPECT_EQ(s.header()->colls[1].slotHighWater.load(), carved);
+  EXPECT_EQ(members(reader, 1, c).size(), 100u);
+}
+
+TEST_F(ShmStoreTest, BlobsAreReadWholeAndTheirSpaceIsReused) {
+  ShmStore s = ShmStore::openWriter("t/blob", nestedSpec(), 0600, 1024);
+  const uint64_t p = addParent(s, 1);
+  ShmStore reader = ShmStore::openReader("t/blob", nullptr);
+  auto note = [&](uint32_t k) {
+    uint32_t key[3] = {static_cast<uint32_t>(p), static_cast<uint32_t>(p >> 32), k};
+    ShmStore::Record r;
+    return reader.find(2, key, &r) == ShmStore::kNoSlot ? std::string("(absent)") : r.blob;
+  };
+  const std::vector<std::string> texts = {"", "x", std::string(15, 'a'), std::string(16, 'b'),
+                                          std::string(1000, 'c'),
+                                          std::string(Oro::ShmLayout::kMaxBlobBytes, 'd')};
+  for (uint32_t k = 0; k < texts.size(); ++k) putMember(s, 2, p, k, {}, texts[k]);
+  for (uint32_t k = 0; k < texts.size(); ++k) EXPECT_EQ(note(k), texts[k]) << k;
+  EXPECT_THROW(putMember(s, 2, p, 99, {}, std::string(Oro::ShmLayout::kMaxBlobBytes + 1, 'e')),
+               Oro::ShmException);
+  EXPECT_EQ(note(99), "(absent)");
+  // Replacing and removing give blocks back: churn does not grow the heap.
+  for (int round = 0; round < 2000; ++round) {
+    putMember(s, 2, p, 1000 + round % 10, {}, std::string(100 + round % 300, 'f'));
+  }
+  const uint32_t chunks = s.header()->blobChunkCount.load();
+  for (int round = 0; round < 20000; ++round) {
+    putMember(s, 2, p, 1000 + round % 10, {}, std::string(100 + round % 300, 'g'));
+  }
+  EXPECT_EQ(s.header()->blobChunkCount.load(), chunks);
+  EXPECT_EQ(note(1005), std::string(100 + 19995 % 300, 'g'));
+}
+
+TEST_F(ShmStoreTest, IndexGrowsAcrossChunksWithoutLongWritesOrLostKeys) {
+  Table w("test::Rec", "recs", {});
+  w.attach(ShmAttach{"t/grow", ShmRole::writer});
+  Table r("test::Rec", "recs", {});
+  r.attach(ShmAttach{"t/grow", ShmRole::reader});
+  constexpr uint32_t kKeys = 200000;
+  for (uint32_t k = 0; k < kKeys; ++k) {
+    w.insert(k, Rec::of(k));
+    if (k % 3 == 0 && k > 10) w.remove(k - 10);
+  }
+  size_t present = 0;
+  for (uint32_t k = 0; k < kKeys; ++k) {
+    const bool want = !(k + 10 < kKeys && (k + 10) % 3 == 0 && k + 10 > 10);
+    ASSERT_EQ(w.find(k).has_value(), want) << k;
+    ASSERT_EQ(r.find(k).has_value(), want) << k;
+    present += want;
+  }
+  EXPECT_EQ(r.size(), present);
+  const ShmStore::IndexGrowth g = w.store().indexGrowth(0);
+  EXPECT_GT(g.generationsPublished, 5u);
+  EXPECT_LE(g.maxSlotsPerWrite, 64u);  // no write rebuilt the index at once
+}
+
+TEST_F(ShmStoreTest, EqualKeysHaveOneImageAndBadImagesAreDamage) {
+  using Routing::Multicast::MvpnVrfRouteIntfKey;
+  using Routing::Multicast::MvpnRouteIntfKey;
+  static_assert(std::has_unique_object_representations_v<MvpnVrfRouteIntfKey>);
+  const auto g = Nevo::IpGenAddr::ipv4Addr(0xef010101);
+  const auto src = Nevo::IpGenAddr::ipv4Addr(0x0a000001);
+  MvpnVrfRouteIntfKey a(Vrf::VrfIdMap::VrfId(5), MvpnRouteIntfKey(src, g, Nevo::IntfId::vlan(7), false));
+  MvpnVrfRouteIntfKey b;
+  std::memset(static_cast<void*>(&b), 0x5a, sizeof b);  // whatever the memory held before
+  b = MvpnVrfRouteIntfKey();
+  b.vrfIdIs(Vrf::VrfIdMap::VrfId(5));
+  b.keyIs(MvpnRouteIntfKey(src, g, Nevo::IntfId::vlan(7), false));
+  Oro::ShmTable<MvpnVrfRouteIntfKey, uint64_t> t("test::Keys", "keys", {});
+  t.insert(a, 1);
+  t.insert(b, 2);
+  EXPECT_EQ(t.size(), 1u);
+  EXPECT_EQ(t.find(a), 2u);
+  // A flag byte of 2 where a bool lives is no value of the key: reading it is damage.
+  std::byte image[sizeof(MvpnVrfRouteIntfKey)];
+  Oro::ShmImage<MvpnVrfRouteIntfKey>::write(a, image);
+  image[8 + 48] = std::byte{2};  // after the VRF id, the padding and 48 bytes of the key
+  EXPECT_THROW(Oro::ShmImage<MvpnVrfRouteIntfKey>::read(image), Oro::ShmCorruptionException);
+}
+
+}  // namespace
