@@ -2,84 +2,181 @@
 
 #include <utility>
 
+#include "platform/shm/ShmEntityStore.h"
+
 namespace Routing::Multicast {
 
-MvpnVrfTunnelEncapStatus::MvpnVrfTunnelEncapStatus(VrfId vrfId)
+namespace TunnelEncapStore {
+
+Oro::ShmStoreSpec spec() {
+  using Oro::ShmImage;
+  using VrfId = Vrf::VrfIdMap::VrfId;
+  Oro::ShmCollectionSpec vrfs{"vrfStatus", "Routing::Multicast::MvpnVrfTunnelEncapStatus",
+                              ShmImage<VrfId>::fingerprint, 0, Oro::ShmLayout::kCollEntities,
+                              Oro::ShmLayout::kNoParent, ShmImage<VrfId>::bytes, 0, false};
+  Oro::ShmCollectionSpec routes{"encapTunnel", MvpnEncapTunnel::kTypeName,
+                                ShmImage<MvpnRouteKey>::fingerprint, EncapTunnelColl::valueFingerprint,
+                                Oro::ShmLayout::kCollValues, kVrfStatus,
+                                ShmImage<MvpnRouteKey>::bytes, 0, true};
+  Oro::ShmCollectionSpec intfs{"encapIntfTunnel", MvpnEncapIntfTunnel::kTypeName,
+                               ShmImage<MvpnRouteIntfKey>::fingerprint,
+                               EncapIntfTunnelColl::valueFingerprint, Oro::ShmLayout::kCollValues,
+                               kVrfStatus, ShmImage<MvpnRouteIntfKey>::bytes, 0, true};
+  return Oro::ShmStoreSpec{MvpnTunnelEncapStatus::kTypeName, {vrfs, routes, intfs}};
+}
+
+}  // namespace TunnelEncapStore
+
+namespace {
+ShmRootBase::MutatorCounters* rootCounters(Oro::ShmBinding* binding, uint32_t coll) {
+  if (!binding || !binding->owner()) return nullptr;
+  return &static_cast<ShmRootBase*>(binding->owner())->counters(coll);
+}
+}  // namespace
+
+// ---- MvpnVrfTunnelEncapStatus -----------------------------------------------------------------
+
+MvpnVrfTunnelEncapStatus::MvpnVrfTunnelEncapStatus(Oro::ShmBinding* binding, uint64_t ref,
+                                                   const VrfId& vrfId)
     : vrfId_(vrfId),
-      encapTunnel_("encapTunnel of VRF " + vrfId.toStrep()),
-      encapIntfTunnel_("encapIntfTunnel of VRF " + vrfId.toStrep()) {}
+      encapTunnel_(binding, ref,
+                   [this](const MvpnRouteKey& k) {
+                     publishKey(encapTunnelAttr, k);
+                     if (auto* c = counters(TunnelEncapStore::kEncapTunnel)) c->notify.inc();
+                   }),
+      encapIntfTunnel_(binding, ref, [this](const MvpnRouteIntfKey& k) {
+        publishKey(encapIntfTunnelAttr, k);
+        if (auto* c = counters(TunnelEncapStore::kEncapIntfTunnel)) c->notify.inc();
+      }) {
+  if (binding) shmBind(binding, collection, ref);
+}
+
+MvpnVrfTunnelEncapStatus::~MvpnVrfTunnelEncapStatus() = default;
+
+Oro::Ptr<MvpnVrfTunnelEncapStatus> MvpnVrfTunnelEncapStatus::make(Oro::ShmBinding* binding,
+                                                                  uint64_t ref, const VrfId& vrfId) {
+  return Oro::Ptr<MvpnVrfTunnelEncapStatus>(new MvpnVrfTunnelEncapStatus(binding, ref, vrfId));
+}
 
 std::string_view MvpnVrfTunnelEncapStatus::typeName() const {
   return "Routing::Multicast::MvpnVrfTunnelEncapStatus";
 }
 
-std::optional<MvpnEncapTunnel> MvpnVrfTunnelEncapStatus::encapTunnel(
-    const MvpnRouteKey& key) const {
-  const MvpnEncapTunnel* r = encapTunnel_.find(key);
-  return r ? std::optional<MvpnEncapTunnel>(*r) : std::nullopt;
+Oro::ShmHandleBase* MvpnVrfTunnelEncapStatus::childHandle(uint32_t coll) {
+  if (coll == TunnelEncapStore::kEncapTunnel) return &encapTunnel_;
+  if (coll == TunnelEncapStore::kEncapIntfTunnel) return &encapIntfTunnel_;
+  return nullptr;
+}
+
+void MvpnVrfTunnelEncapStatus::forEachChild(const std::function<void(Oro::ShmHandleBase&)>& fn) {
+  fn(encapTunnel_);
+  fn(encapIntfTunnel_);
+}
+
+ShmRootBase::MutatorCounters* MvpnVrfTunnelEncapStatus::counters(uint32_t coll) const {
+  return rootCounters(shmBinding(), coll);
 }
 
 void MvpnVrfTunnelEncapStatus::encapTunnelIs(const MvpnEncapTunnel& record) {
-  const MvpnRouteKey& key = encapTunnel_.put(record.routeKey(), record).routeKey();
-  publishKey(encapTunnelAttr, key);
+  if (auto* c = counters(TunnelEncapStore::kEncapTunnel)) c->is.inc();
+  encapTunnel_.insert(record);
+  publishKey(encapTunnelAttr, record.routeKey());
 }
 
 void MvpnVrfTunnelEncapStatus::encapTunnelDel(const MvpnRouteKey& key) {
-  const MvpnRouteKey k = key;  // `key` may live in the removed record
+  if (auto* c = counters(TunnelEncapStore::kEncapTunnel)) c->del.inc();
+  const MvpnRouteKey k = key;  // `key` may live in the caller's copy of the removed record
   if (encapTunnel_.remove(k)) publishKey(encapTunnelAttr, k);
 }
 
-std::optional<MvpnEncapIntfTunnel> MvpnVrfTunnelEncapStatus::encapIntfTunnel(
-    const MvpnRouteIntfKey& key) const {
-  const MvpnEncapIntfTunnel* r = encapIntfTunnel_.find(key);
-  return r ? std::optional<MvpnEncapIntfTunnel>(*r) : std::nullopt;
+void MvpnVrfTunnelEncapStatus::encapTunnelHandleCorruption(const std::string& message) const {
+  if (encapTunnelHandler_) {
+    encapTunnelHandler_(message);
+  } else if (Oro::ShmBinding* b = shmBinding()) {
+    b->handleCorruption(message);
+  }
 }
 
 void MvpnVrfTunnelEncapStatus::encapIntfTunnelIs(const MvpnEncapIntfTunnel& record) {
+  if (auto* c = counters(TunnelEncapStore::kEncapIntfTunnel)) c->is.inc();
   const MvpnRouteIntfKey key = record.routeIntfKey();
-  encapIntfTunnel_.put(key, record);
+  encapIntfTunnel_.insert(record);
   publishKey(encapIntfTunnelAttr, key);
 }
 
 void MvpnVrfTunnelEncapStatus::encapIntfTunnelDel(const MvpnRouteIntfKey& key) {
+  if (auto* c = counters(TunnelEncapStore::kEncapIntfTunnel)) c->del.inc();
   const MvpnRouteIntfKey k = key;
   if (encapIntfTunnel_.remove(k)) publishKey(encapIntfTunnelAttr, k);
 }
 
+void MvpnVrfTunnelEncapStatus::encapIntfTunnelHandleCorruption(const std::string& message) const {
+  if (encapIntfTunnelHandler_) {
+    encapIntfTunnelHandler_(message);
+  } else if (Oro::ShmBinding* b = shmBinding()) {
+    b->handleCorruption(message);
+  }
+}
+
+// ---- MvpnTunnelEncapStatus --------------------------------------------------------------------
+
+Oro::TraceHandle& MvpnTunnelEncapStatus::trace() {
+  static Oro::TraceHandle handle("MvpnTunnelEncapStatus");
+  return handle;
+}
+
 MvpnTunnelEncapStatus::MvpnTunnelEncapStatus(std::string name)
-    : name_(std::move(name)), vrfStatus_("vrfStatus of " + name_) {}
+    : ShmRootBase(std::move(name), TunnelEncapStore::spec(), trace(), vrfStatusControlAttr),
+      vrfs_(&binding(), 0, [this](const VrfId& v) {
+        publishKey(vrfStatusAttr, v);
+        counters(TunnelEncapStore::kVrfStatus).notify.inc();
+      }) {}
 
-Oro::Ptr<MvpnTunnelEncapStatus> MvpnTunnelEncapStatus::MvpnTunnelEncapStatusIs(
-    const std::string& name) {
-  return Oro::makePtr<MvpnTunnelEncapStatus>(name);
-}
+MvpnTunnelEncapStatus::~MvpnTunnelEncapStatus() = default;
 
-std::string_view MvpnTunnelEncapStatus::typeName() const {
-  return "Routing::Multicast::MvpnTunnelEncapStatus";
-}
-
-Oro::Ptr<MvpnVrfTunnelEncapStatus> MvpnTunnelEncapStatus::vrfStatus(VrfId vrfId) const {
-  const Oro::Ptr<MvpnVrfTunnelEncapStatus>* p = vrfStatus_.find(vrfId);
-  return p ? *p : nullptr;
+Oro::Ptr<MvpnTunnelEncapStatus> MvpnTunnelEncapStatus::MvpnTunnelEncapStatusIs(const std::string& name) {
+  return mvpnTunnelEncapStatusFactory(name);
 }
 
 Oro::Ptr<MvpnVrfTunnelEncapStatus> MvpnTunnelEncapStatus::vrfStatusIs(VrfId vrfId) {
-  if (const Oro::Ptr<MvpnVrfTunnelEncapStatus>* p = vrfStatus_.find(vrfId)) return *p;
-  Oro::Ptr<MvpnVrfTunnelEncapStatus> entity = Oro::makePtr<MvpnVrfTunnelEncapStatus>(vrfId);
-  vrfStatus_.put(vrfId, entity);
+  if (Oro::Ptr<MvpnVrfTunnelEncapStatus> v = vrfs_.find(vrfId)) return v;
+  counters(TunnelEncapStore::kVrfStatus).is.inc();
+  Oro::Ptr<MvpnVrfTunnelEncapStatus> v = vrfs_.insert(vrfId);
   publishKey(vrfStatusAttr, vrfId);
-  return entity;
+  return v;
 }
 
 void MvpnTunnelEncapStatus::vrfStatusDel(VrfId vrfId) {
-  // Subscribers told of the removal may still read the departing entity: it lives in
-  // `removed` until they are done.
-  Oro::Ptr<MvpnVrfTunnelEncapStatus> removed;
-  if (vrfStatus_.remove(vrfId, &removed)) publishKey(vrfStatusAttr, vrfId);
+  counters(TunnelEncapStore::kVrfStatus).del.inc();
+  // Subscribers told of the removal may still read the departing entity: it keeps its records.
+  if (vrfs_.remove(vrfId)) publishKey(vrfStatusAttr, vrfId);
 }
 
 Oro::Ptr<MvpnTunnelEncapStatus> mvpnTunnelEncapStatusFactory(const std::string& name) {
-  return MvpnTunnelEncapStatus::MvpnTunnelEncapStatusIs(name);
+  Oro::EntityHeapScope heap(Oro::ShmEntityStore::heap());
+  MvpnTunnelEncapStatus* root = new (std::nothrow) MvpnTunnelEncapStatus(name);
+  if (!root) {
+    throw Oro::NullPointerException(
+        "mvpnTunnelEncapStatusFactory: no memory for a Routing::Multicast::MvpnTunnelEncapStatus");
+  }
+  return Oro::Ptr<MvpnTunnelEncapStatus>(root);
 }
+
+namespace {
+
+Oro::Ptr<Oro::Entity> createForStore(const std::string& name,
+                                     const Oro::ShmEntityStore::Initializer* initializer) {
+  MVPN_ASSERT(initializer);
+  Oro::Ptr<MvpnTunnelEncapStatus> root = mvpnTunnelEncapStatusFactory(name);
+  if (!initializer->mountPath.empty()) root->mount(*initializer);
+  return root;
+}
+
+const bool registered =
+    Oro::ShmEntityStore::registerRoot(MvpnTunnelEncapStatus::kTypeName, &createForStore) &&
+    registerStatusRootType<MvpnTunnelEncapStatus>(MvpnTunnelEncapStatus::kTypeName,
+                                                  &mvpnTunnelEncapStatusFactory);
+
+}  // namespace
 
 }  // namespace Routing::Multicast

@@ -82,7 +82,7 @@ struct MvpnSourceColl {
   static std::string_view blobOf(const Record&) { return {}; }
 };
 
-class MvpnGroup : public Oro::Entity, public Oro::ShmNode, public Oro::HeapAllocated {
+class MvpnGroup : public Oro::Entity, public Oro::ShmNode {
  public:
   using Key = Nevo::IpGenAddr;
   static constexpr uint32_t collection = RouteStatusStore::kMvpnGroup;
@@ -135,7 +135,7 @@ class MvpnGroup : public Oro::Entity, public Oro::ShmNode, public Oro::HeapAlloc
   SourceTree sourceTree_;
 };
 
-class MvpnVrfRouteStatus : public Oro::Entity, public Oro::ShmNode, public Oro::HeapAllocated {
+class MvpnVrfRouteStatus : public Oro::Entity, public Oro::ShmNode {
  public:
   using Key = Vrf::VrfIdMap::VrfId;
   using VrfId = Vrf::VrfIdMap::VrfId;

@@ -81,6 +81,10 @@ void HeapAllocated::operator delete(void* p) noexcept {
   release(p);
 }
 
+void HeapAllocated::operator delete(void* p, size_t) noexcept {
+  release(p);
+}
+
 void HeapAllocated::operator delete(void* p, const std::nothrow_t&) noexcept {
   release(p);
 }

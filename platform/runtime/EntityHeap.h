@@ -67,6 +67,7 @@ class HeapAllocated {
   static void* operator new(size_t bytes);
   static void* operator new(size_t bytes, const std::nothrow_t&) noexcept;
   static void operator delete(void* p) noexcept;
+  static void operator delete(void* p, size_t) noexcept;
   static void operator delete(void* p, const std::nothrow_t&) noexcept;
 };
 

@@ -234,10 +234,15 @@ ShmBellServer::ShmBellServer(std::string path, mode_t mode, const std::atomic<ui
   }
 }
 
+// Registrations may still be on their way to the watcher: the writer wakes every sleeper once
+// as it goes (advancing the word first, so that a reader about to sleep does not).
 ShmBellServer::~ShmBellServer() {
   Watcher::instance().remove(state_);
   ::close(state_->listenFd);
   ::unlink(path_.c_str());
+  auto* word = const_cast<std::atomic<uint32_t>*>(state_->wakeWord);
+  word->fetch_add(1, std::memory_order_seq_cst);
+  futexWake(word, INT_MAX, /*shared=*/true);
 }
 
 void ShmBellServer::wake(uint64_t seen) {

@@ -30,6 +30,9 @@
 #include <vector>
 
 #include <absl/container/flat_hash_map.h>
+#include <fmt/format.h>
+
+#include "platform/Error.h"
 
 #include "platform/shm/CollectionControl.h"
 #include "platform/shm/ShmReader.h"
@@ -82,11 +85,20 @@ class ShmHandleBase {
   // Reader attach: forget store references, keep the keys known so far.
   virtual void forgetStore() {}
 
+  // Fault injection for tests: every read through this handle raises ShmCorruptionException,
+  // as a damaged store does (writes still work).
+  void faultyIs(bool faulty) { faulty_ = faulty; }
+  void checkReadable() const {
+    if (faulty_) [[unlikely]]
+      throw ShmCorruptionException(fmt::format("collection {} is corrupt (injected fault)", coll_));
+  }
+
  protected:
   ShmBinding* binding_;
   uint32_t coll_;
   uint64_t parent_;
   bool departed_ = false;
+  bool faulty_ = false;
 };
 
 // A process-local proxy of one entity of a store: while bound, the binding finds it by its

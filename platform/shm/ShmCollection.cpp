@@ -94,7 +94,6 @@ bool ShmCollection::lost() const {
 
 void ShmCollection::suffixesInUse(std::vector<std::string>& out) const {
   for (uint32_t c = 0; c < chunks_.size(); ++c) out.push_back(suffix('k', c));
-  if (nextChunk_.valid()) out.push_back(suffix('k', static_cast<uint32_t>(chunks_.size())));
   out.push_back(suffix('i', indexGen_));
   if (next_.seg.valid()) out.push_back(suffix('i', indexGen_ + 1));
 }
@@ -108,6 +107,12 @@ void ShmCollection::attach() {
     ownHighWater_ = false;
     hw_ = highWater();
     ownHighWater_ = true;
+    // The used part of the last chunk is committed; commit it again to know where it ends.
+    if (!chunks_.empty()) {
+      const uint32_t c = static_cast<uint32_t>(chunks_.size()) - 1;
+      lastCommitted_ = 0;
+      if (hw_ > chunkFirstSlot(c)) ensureCommitted(hw_);
+    }
   }
 }
 
@@ -164,54 +169,31 @@ void ShmCollection::addChunk() {
     throw ShmException(fmt::format("shared memory store {}: collection {} is full",
                                    storePtr_->mountPath_, storePtr_->spec_.collections[index_].name));
   }
+  // Committed a step at a time as its slots are used (ensureCommitted): neither a write that
+  // opens a chunk nor the store's memory pays for the whole chunk at once. A nested
+  // collection's page directory, at the chunk's end, is committed now.
   const size_t bytes = chunkBytes(c);
-  ShmSegment seg;
-  if (nextChunk_.valid()) {
-    seg = std::move(nextChunk_);
-    nextChunk_ = ShmSegment();
-    try {
-      seg.commit(nextChunkCommitted_, bytes - nextChunkCommitted_);
-    } catch (...) {
-      ShmSegment::unlink(seg.name());
-      throw;
-    }
-  } else {
-    seg = storePtr_->makeSegment(suffix('k', c), bytes, /*commitNow=*/true);
-  }
+  ShmSegment seg = storePtr_->makeSegment(suffix('k', c), bytes, /*commitNow=*/false);
+  const size_t slotBytes = size_t{chunkSlots(c)} * slotWords_ * 4;
+  if (nested()) seg.commit(slotBytes, bytes - slotBytes);
   uint32_t* base = reinterpret_cast<uint32_t*>(seg.data());
   chunks_.push_back(Chunk{std::move(seg), base});
+  lastCommitted_ = 0;
   desc_->chunkCount.store(c + 1, std::memory_order_release);
   storePtr_->fault(ShmFaultPoint::chunkAdded);
 }
 
-// The next chunk is created uncommitted once few slots are left in the last one, and committed
-// kCommitStep (or more) per new slot while those slots are used. Readers never see it before
-// chunkCount names it.
-void ShmCollection::prepareChunk(uint64_t slotsLeft) {
-  if (!storePtr_->shared()) return;
-  const uint32_t c = static_cast<uint32_t>(chunks_.size());
-  if (c >= kMaxChunks) return;
-  const size_t bytes = chunkBytes(c);
-  if (!nextChunk_.valid()) {
-    if (slotsLeft > 2 * (bytes / kCommitStep) + 2) return;
-    try {
-      nextChunk_ = storePtr_->makeSegment(suffix('k', c), bytes, /*commitNow=*/false);
-    } catch (const ShmException&) {
-      return;  // addChunk tries again when the chunk is needed
-    }
-    nextChunkCommitted_ = 0;
-  }
-  if (nextChunkCommitted_ >= bytes) return;
-  const size_t left = bytes - nextChunkCommitted_;
-  size_t step = std::max<size_t>(kCommitStep, (left + slotsLeft - 1) / std::max<uint64_t>(slotsLeft, 1));
-  step = std::min(left, pageRound(step));
-  try {
-    nextChunk_.commit(nextChunkCommitted_, step);
-    nextChunkCommitted_ += step;
-  } catch (const ShmException&) {
-    ShmSegment::unlink(nextChunk_.name());
-    nextChunk_ = ShmSegment();
-  }
+// Makes sure the last chunk's memory is committed up to slot `end` (exclusive), kCommitStep
+// or more at a time.
+void ShmCollection::ensureCommitted(uint32_t end) {
+  const uint32_t c = static_cast<uint32_t>(chunks_.size()) - 1;
+  const size_t need = size_t{end - chunkFirstSlot(c)} * slotWords_ * 4;
+  if (need <= lastCommitted_) return;
+  const size_t slotBytes = size_t{chunkSlots(c)} * slotWords_ * 4;
+  const size_t step = std::min(slotBytes - lastCommitted_,
+                               pageRound(std::max(need - lastCommitted_, kCommitStep)));
+  chunks_[c].seg.commit(lastCommitted_, step);
+  lastCommitted_ += step;
 }
 
 bool ShmCollection::readSlot(uint32_t slot, uint32_t* out, uint32_t* seq) const {
@@ -324,7 +306,7 @@ uint32_t ShmCollection::seekChild(uint64_t parent, uint32_t from, bool after, ui
     if (e->owner.load(std::memory_order_acquire) != parent) return kNoSlot;
     const uint32_t end = page + pageSlots(cls);
     for (uint32_t slot = std::clamp(from, page, end); slot < end; ++slot) {
-      if (readSlot(slot, out, seq) && loadWord64(out) == parent) return slot;
+      if (readSlot(slot, out, seq) && refOfWords(out) == parent) return slot;
     }
     const uint32_t next = e->next.load(std::memory_order_acquire);
     if (e->owner.load(std::memory_order_acquire) != parent) return kNoSlot;
@@ -720,12 +702,8 @@ uint32_t ShmCollection::allocTopSlot() {
     throw ShmException(fmt::format("shared memory store {}: collection {} is full",
                                    storePtr_->mountPath_, storePtr_->spec_.collections[index_].name));
   }
-  const uint64_t capacity = slotCapacity(static_cast<uint32_t>(chunks_.size()));
-  if (hw >= capacity) {
-    addChunk();
-  } else {
-    prepareChunk(capacity - hw);
-  }
+  if (hw >= slotCapacity(static_cast<uint32_t>(chunks_.size()))) addChunk();
+  ensureCommitted(hw + 1);
   hwIs(hw + 1);
   return hw;
 }
@@ -767,8 +745,8 @@ uint32_t ShmCollection::allocPage(uint32_t cls) {
       const uint32_t start = base + alignUp(hw - base, size);
       const uint32_t end = base + chunkSlots(c);
       if (uint64_t{start} + size <= end) {
+        ensureCommitted(start + size);
         carveFree(hw, start);
-        prepareChunk(end - start - size);
         hwIs(start + size);
         return start;
       }
@@ -1050,6 +1028,15 @@ void ShmCollection::reserve(uint32_t records) {
   uint64_t need = records > freeSlots_.size() ? records - freeSlots_.size() : 0;
   const uint32_t hw = hw_;
   while (slotCapacity(static_cast<uint32_t>(chunks_.size())) < hw + need) addChunk();
+  // Committed now, so that the records reserved for can be written without failing.
+  for (uint32_t c = chunkOf(hw); need != 0 && c < chunks_.size(); ++c) {
+    const uint32_t end = static_cast<uint32_t>(std::min<uint64_t>(hw + need, chunkFirstSlot(c) + chunkSlots(c)));
+    if (c + 1 == chunks_.size()) {
+      ensureCommitted(end);
+    } else if (c + 1 < chunks_.size() && end > hw) {
+      chunks_[c].seg.commit(0, size_t{chunkSlots(c)} * slotWords_ * 4);
+    }
+  }
   if (uint64_t{indexLive_} + indexTombstones_ + records > uint64_t{indexCap_} * kMaxLoadNum / kMaxLoadDen ||
       hw + need >= indexSlotLimit_) {
     buildIndex(indexCapacityFor(uint64_t{indexLive_} + records));
@@ -1060,7 +1047,6 @@ void ShmCollection::reserve(uint32_t records) {
 
 void ShmCollection::recover() {
   dropGrowth();
-  nextChunk_ = ShmSegment();
   freeSlots_.clear();
   for (auto& f : freePages_) f.clear();
   const uint32_t hw = highWater();
@@ -1106,7 +1092,7 @@ void ShmCollection::recover() {
         for (uint32_t g = 0; g < pageSlots(cls) / kMinPageSlots; ++g) kept[first / kMinPageSlots + g] = 1;
         for (uint32_t s = first; s < first + pageSlots(cls); ++s) {
           const uint32_t seq = loadWord(slotPtr(s));
-          if ((seq & kSeqOccupied) && loadWord64(slotPtr(s) + 1) == ref) {
+          if ((seq & kSeqOccupied) && refOfWords(slotPtr(s) + 1) == ref) {
             ++count;
           } else {
             if (seq & kSeqOccupied) freeSlot(s);  // a member of nobody
@@ -1172,7 +1158,7 @@ void ShmCollection::reclaimMembers(uint64_t ref,
       uint32_t* s = slotPtr(slot);
       if (!(loadWord(s) & kSeqOccupied)) continue;
       loadWords(s + 1, words, kw_ + vw_);
-      if (loadWord64(words) != ref) continue;
+      if (refOfWords(words) != ref) continue;
       onMember(slot, words);
       freeSlot(slot);
       unindex(slot, words);
@@ -1188,8 +1174,7 @@ void ShmCollection::reclaimMembers(uint64_t ref,
 }
 
 size_t ShmCollection::committedBytes() const {
-  size_t total = indexSeg_.committedBytes() + next_.seg.committedBytes() +
-                 nextChunk_.committedBytes() + retired_.committedBytes();
+  size_t total = indexSeg_.committedBytes() + next_.seg.committedBytes() + retired_.committedBytes();
   for (const Chunk& c : chunks_) total += c.seg.committedBytes();
   return total;
 }

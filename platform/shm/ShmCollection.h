@@ -121,7 +121,7 @@ class ShmCollection {
   ShmLayout::PageEntry* pageEntry(uint32_t slot) const;
   void mapChunks() const;
   void addChunk();
-  void prepareChunk(uint64_t slotsLeft);
+  void ensureCommitted(uint32_t end);
   bool keyEquals(uint32_t slot, const uint32_t* keyWords) const;
   uint64_t hashKey(const uint32_t* keyWords) const { return ShmLayout::hashWords(keyWords, kw_); }
 
@@ -226,8 +226,7 @@ class ShmCollection {
   NextIndex next_;
   ShmSegment retired_;
   size_t retiredLeft_ = 0;
-  ShmSegment nextChunk_;
-  size_t nextChunkCommitted_ = 0;
+  size_t lastCommitted_ = 0;  // bytes of the last chunk's slots committed (writer)
   uint64_t growthStartUsed_ = 0;
   uint32_t growthStartHighWater_ = 0;
   uint32_t migratedThisWrite_ = 0;

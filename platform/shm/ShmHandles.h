@@ -101,8 +101,9 @@ class ShmValues : public ShmHandleBase {
     Bookmark bookmark() const { return Bookmark{key_, slot_}; }
     void next() {
       if (!valid()) return;
+      h_->checkReadable();
       if (local_) {
-        ++it_;
+        it_ = h_->local_.upper_bound(key_);  // the current key may have been removed
         loadLocal();
       } else {
         step();
@@ -151,6 +152,7 @@ class ShmValues : public ShmHandleBase {
   }
 
   std::optional<Record> find(const Key& key) const {
+    checkReadable();
     if (departed_) {
       auto it = local_.find(key);
       return it == local_.end() ? std::nullopt : it->second;
@@ -168,6 +170,7 @@ class ShmValues : public ShmHandleBase {
   }
 
   size_t size() const {
+    checkReadable();
     if (departed_) return local_.size();
     const ShmStore& s = binding_->store();
     return parent_ == 0 ? s.count(kColl) : s.childCount(kColl, parent_);
@@ -179,6 +182,7 @@ class ShmValues : public ShmHandleBase {
   }
 
   Cursor begin() const {
+    checkReadable();
     Cursor c;
     c.h_ = this;
     if (departed_) {
@@ -193,6 +197,7 @@ class ShmValues : public ShmHandleBase {
   // Resumes where `b` was taken: the slot is where the walk stopped whatever happened to its
   // key since, so every record still at a later place is visited.
   Cursor at(const Bookmark& b) const {
+    checkReadable();
     Cursor c;
     c.h_ = this;
     if (departed_) {
@@ -309,9 +314,19 @@ class ShmValues : public ShmHandleBase {
     if (binding_->role() == ShmRole::reader) {
       for (const auto& [key, mark] : known_) local_.emplace(key, std::nullopt);
     } else {
-      for (Cursor c = begin(); c.valid(); c.next()) local_.emplace(c.key(), c.value());
+      // The records as the store has them now; a damaged store gives what could be read.
+      const bool faulty = faulty_;
+      faulty_ = false;
+      try {
+        for (Cursor c = begin(); c.valid(); c.next()) local_.emplace(c.key(), c.value());
+      } catch (const ShmCorruptionException&) {
+      }
+      faulty_ = faulty;
     }
-    version();
+    try {
+      version();
+    } catch (const ShmCorruptionException&) {
+    }
     if (parent_ == 0) binding_->topIs(kColl, nullptr);
     known_.clear();
     departed_ = true;
@@ -363,8 +378,10 @@ class ShmEntities : public ShmHandleBase {
     Bookmark bookmark() const { return Bookmark{key_, slot_}; }
     void next() {
       if (!valid()) return;
+      h_->checkReadable();
       if (local_) {
-        ++it_;
+        h_->refreshLocalOrder();
+        it_ = std::upper_bound(h_->localOrder_.begin(), h_->localOrder_.end(), key_);
         if (it_ != h_->localOrder_.end()) key_ = *it_;
       } else {
         step();
@@ -408,6 +425,7 @@ class ShmEntities : public ShmHandleBase {
   // The member proxy of `key`, null when absent (a reader's lookup of a present member
   // creates its proxy).
   Oro::Ptr<E> find(const Key& key) const {
+    checkReadable();
     if (replacing_ && *replacing_ == key) return nullptr;
     auto it = members_.find(key);
     if (departed_) return it == members_.end() ? nullptr : it->second;
@@ -427,12 +445,14 @@ class ShmEntities : public ShmHandleBase {
   bool contains(const Key& key) const { return find(key) != nullptr; }
 
   size_t size() const {
+    checkReadable();
     if (departed_) return members_.size();
     const ShmStore& s = binding_->store();
     return parent_ == 0 ? s.count(kColl) : s.childCount(kColl, parent_);
   }
 
   Cursor begin() const {
+    checkReadable();
     Cursor c;
     c.h_ = this;
     if (departed_) {
@@ -446,6 +466,7 @@ class ShmEntities : public ShmHandleBase {
     return c;
   }
   Cursor at(const Bookmark& b) const {
+    checkReadable();
     Cursor c;
     c.h_ = this;
     if (departed_) {

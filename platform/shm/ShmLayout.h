@@ -310,6 +310,11 @@ inline void loadWords(const uint32_t* src, uint32_t* dst, uint32_t n) {
 inline void storeWords(uint32_t* dst, const uint32_t* src, uint32_t n) {
   for (uint32_t i = 0; i < n; ++i) storeWord(dst + i, src[i]);
 }
+// A parent reference at the start of a key image (4-byte aligned): two word loads.
+inline uint64_t refOfWords(const uint32_t* p) {
+  return uint64_t{loadWord(p + 1)} << 32 | loadWord(p);
+}
+// 64-bit words of shared memory (8-byte aligned: the side words' counts).
 inline uint64_t loadWord64(const uint32_t* p) {
   return std::atomic_ref<uint64_t>(*reinterpret_cast<uint64_t*>(const_cast<uint32_t*>(p)))
       .load(std::memory_order_acquire);

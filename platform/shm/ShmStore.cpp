@@ -863,7 +863,7 @@ uint32_t ShmStore::countWithOp(const std::atomic<uint64_t>& word, uint32_t c, ui
       uint32_t sq;
       const bool occupied = coll.readSlot(target, words, &sq);
       // A removed member's words still name its parent; a new one names it once written.
-      if (loadWord64(coll.slotPtr(target) + 1) != parent) return n;
+      if (refOfWords(coll.slotPtr(target) + 1) != parent) return n;
       (void)occupied;
     }
     if (opKind(d) == kOpInsert && (seq & kSeqOccupied)) return n + 1;
@@ -931,12 +931,12 @@ uint32_t ShmStore::find(uint32_t c, const uint32_t* keyWords, Record* out) const
   Record scratch;
   Record* r = out ? out : &scratch;
   const ShmCollection& coll = *colls_[c];
-  if (coll.nested() && !colls_[coll.parent()]->alive(loadWord64(keyWords))) return kNoSlot;
+  if (coll.nested() && !colls_[coll.parent()]->alive(refOfWords(keyWords))) return kNoSlot;
   const uint32_t slot = readWithBlob(*this, coll, r, [&](uint32_t* words, uint32_t* seq) {
     return coll.find(keyWords, words, seq);
   });
   // A member whose parent went away meanwhile is gone with it.
-  const bool gone = slot != kNoSlot && coll.nested() && !colls_[coll.parent()]->alive(loadWord64(keyWords));
+  const bool gone = slot != kNoSlot && coll.nested() && !colls_[coll.parent()]->alive(refOfWords(keyWords));
   // Whatever was read came from memory that may have been lost while it was read.
   checkIntact();
   return gone ? kNoSlot : slot;

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -57,8 +58,12 @@ class ShmTest : public ::testing::Test {
 
 // Runs fn in a child process; returns its pid. The child exits 0 unless fn throws or fails.
 inline pid_t forkChild(const std::function<int()>& fn) {
+  const pid_t parent = ::getpid();
   pid_t pid = ::fork();
   if (pid == 0) {
+    // A child never outlives its test (a failed test must not leave it waiting forever).
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (::getppid() != parent) ::_exit(1);
     int rc = 1;
     try {
       rc = fn();
