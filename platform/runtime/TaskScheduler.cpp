@@ -363,15 +363,20 @@ void TaskScheduler::runUntil(Clock::time_point deadline) {
   loop(deadline);
 }
 
-void TaskScheduler::loop(Clock::time_point deadline) {
+bool TaskScheduler::runUntil(const std::function<bool()>& done, Clock::time_point deadline) {
+  return done() || loop(deadline, &done);
+}
+
+bool TaskScheduler::loop(Clock::time_point deadline, const std::function<bool()>* done) {
   Impl& d = *impl_;
   const bool bounded = deadline != Clock::time_point::max();
   for (;;) {
     if (d.stopRequested.load(std::memory_order_relaxed) && d.stopRequested.exchange(false)) {
-      return;
+      return false;
     }
     bool worked = runOnce();
-    if (bounded && Clock::now() >= deadline) return;
+    if (bounded && Clock::now() >= deadline) return false;
+    if (done && worked && (*done)()) return true;
     if (worked) continue;
     Clock::time_point wakeAt = deadline;
     if (!d.heap.empty()) wakeAt = std::min(wakeAt, d.heap.front().deadline);

@@ -133,6 +133,12 @@ class TaskScheduler {
   // Like run(), but returns at the latest once `deadline` has passed; work still queued
   // then stays queued for the next call.
   void runUntil(Clock::time_point deadline);
+  // Like run(), but returns as soon as `done()` holds (checked before the first unit of work
+  // and after each), or once `deadline` has passed, or on stop(). Sleeps in the kernel while
+  // idle, like run(). True when done() held before the deadline passed and no stop() came
+  // (work done after the deadline does not count: a missed wake-up stays visible).
+  bool runUntil(const std::function<bool()>& done,
+                Clock::time_point deadline = Clock::time_point::max());
   // Makes run()/runUntil() return after the current unit of work. A stop() issued while
   // no loop runs makes the next run()/runUntil() return at once.
   void stop();
@@ -169,7 +175,8 @@ class TaskScheduler {
   bool runPosted();
   void fireTimers(Clock::time_point now);
   bool dispatchSources();
-  void loop(Clock::time_point deadline);
+  // Returns true when it stopped because *done held.
+  bool loop(Clock::time_point deadline, const std::function<bool()>* done = nullptr);
   void sleepUntil(Clock::time_point wakeAt);
 };
 

@@ -254,6 +254,19 @@ TEST(SchedulerLoop, RunWokenByPostAndStopFromAnotherThread) {
   stopper.join();
   EXPECT_FALSE(hung);
   EXPECT_GE(s.sleeps(), sleepsBefore + 1);
+
+  // runUntil(done) sleeps until work arrives and returns once done() holds.
+  int posted = 0;
+  std::thread twice([&] {
+    probe.asked.acquire();
+    s.post([&] { ++posted; });
+    s.post([&] { ++posted; });
+  });
+  EXPECT_TRUE(s.runUntil([&] { return posted > 0; }));
+  twice.join();
+  EXPECT_FALSE(hung);
+  s.runUntilIdle();
+  EXPECT_EQ(posted, 2);
   s.waitSourceDel(&probe);
 }
 
