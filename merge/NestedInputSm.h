@@ -483,7 +483,11 @@ class NestedInputSm : public InputSmBase {
   }
 
   // The value of `key` in the entity of `outer`, for the merge: absent when the outer key or
-  // the key is absent, unreadable when either read meets damage.
+  // the key is absent, unreadable when either read meets damage. An entity no child follows
+  // counts as absent too: a reader in another process can find an entity before it is told
+  // of it, and may then be told of it only once it is gone again. Whatever was merged from an
+  // entity must leave with its child's doDeleteAll, so only followed entities are read; the
+  // records of one followed later come with its child's scan.
   template <size_t k, class K>
   auto lookup(const OuterKey& outer, const K& key) const {
     using S = typename Child::template SourceAt<k>;
@@ -497,6 +501,7 @@ class NestedInputSm : public InputSmBase {
       return R::damaged();
     }
     if (!entity) return R{};
+    if (const Child* c = child(outer); !c || c->entity() != entity.get()) return R{};
     try {
       return R{S::lookup(*entity, key)};
     } catch (const Oro::ShmCorruptionException& e) {

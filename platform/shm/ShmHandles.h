@@ -4,12 +4,13 @@
 //
 // Writer (or detached): mutators change the store and publish the key in its change log.
 // Reader: every change arrives through deliver(); the handle keeps the set of keys it has
-// reported present (every lookup that finds a key adds it too), so that a resynchronisation
-// reports keys that went away while the change log overran.
-// Departure: when the owning entity leaves its store (removed by the writer, or gone for this
-// reader) the handle keeps its members in process memory for whoever still holds the entity:
-// the records on the writer's side, the keys reported so far on a reader's (their records are
-// gone with the store's entity).
+// reported present (every lookup that finds a key and every walk that meets one adds it
+// too), so that a resynchronisation reports keys that went away while the change log
+// overran.
+// Departure: when the owning entity leaves its store (removed by the writer, or gone for
+// this reader) the handle keeps its members in process memory for whoever still holds the
+// entity: the records on the writer's side, the keys reported so far on a reader's (their
+// records are gone with the store's entity).
 //
 // Traits of a value collection:
 //   using Key, Record;  static constexpr uint32_t collection;   // index in the store's spec
@@ -72,8 +73,8 @@ void shmKeyImage(const ShmStore& store, uint32_t c, uint64_t parent, const Key& 
 
 template <class Key>
 Key shmKeyOf(const ShmStore& store, uint32_t c, const uint32_t* words) {
-  return ShmImage<Key>::read(
-      reinterpret_cast<const std::byte*>(words + (store.nested(c) ? ShmLayout::kParentRefWords : 0)));
+  return ShmImage<Key>::read(reinterpret_cast<const std::byte*>(
+      words + (store.nested(c) ? ShmLayout::kParentRefWords : 0)));
 }
 
 template <class Traits>
@@ -95,7 +96,9 @@ class ShmValues : public ShmHandleBase {
   class Cursor {
    public:
     Cursor() = default;
-    bool valid() const { return h_ != nullptr && (local_ ? it_ != h_->local_.end() : slot_ != ShmStore::kNoSlot); }
+    bool valid() const {
+      return h_ != nullptr && (local_ ? it_ != h_->local_.end() : slot_ != ShmStore::kNoSlot);
+    }
     const Key& key() const { return key_; }
     const Record& value() const { return value_; }
     Bookmark bookmark() const { return Bookmark{key_, slot_}; }
@@ -117,14 +120,21 @@ class ShmValues : public ShmHandleBase {
       const ShmStore& s = h_->binding_->store();
       slot_ = h_->parent_ == 0 ? s.seek(kColl, from, &rec)
                                : s.seekChild(kColl, h_->parent_, from, &rec);
-      if (slot_ != ShmStore::kNoSlot) h_->decode(rec, &key_, &value_);
+      if (slot_ != ShmStore::kNoSlot) met(rec);
     }
     void step() {
       ShmStore::Record rec;
       const ShmStore& s = h_->binding_->store();
       slot_ = h_->parent_ == 0 ? s.seek(kColl, slot_ + 1, &rec)
                                : s.nextChild(kColl, h_->parent_, slot_, &rec);
-      if (slot_ != ShmStore::kNoSlot) h_->decode(rec, &key_, &value_);
+      if (slot_ != ShmStore::kNoSlot) met(rec);
+    }
+    // A reader remembers every key a walk showed it: a key met this way may never be
+    // notified (it was there before the handle was), yet its removal must still be told
+    // when the parent goes.
+    void met(const ShmStore::Record& rec) {
+      h_->decode(rec, &key_, &value_);
+      if (h_->binding_->role() == ShmRole::reader) h_->known_.try_emplace(key_, h_->mark_);
     }
     void loadLocal() {
       if (it_ == h_->local_.end()) return;
@@ -145,6 +155,8 @@ class ShmValues : public ShmHandleBase {
       departed_ = true;
     } else if (parent == 0) {
       binding->topIs(kColl, this);
+    } else if (binding->role() == ShmRole::reader) {
+      refreshVersion();
     }
   }
   ~ShmValues() override {
@@ -175,10 +187,14 @@ class ShmValues : public ShmHandleBase {
     const ShmStore& s = binding_->store();
     return parent_ == 0 ? s.count(kColl) : s.childCount(kColl, parent_);
   }
-  // The change counter of a nested collection's members (advanced by every change).
+  // The change counter of a nested collection's members (advanced by every change). A
+  // reader's is the counter as of the last change delivered to it (the writer may be ahead),
+  // so that a subscriber that handled every delivered change has seen the counter it shows;
+  // once the parent is gone from the store, the last counter read stays.
   uint32_t version() const {
-    if (departed_ || parent_ == 0) return localVersion_;
-    return localVersion_ = binding_->store().childVersion(kColl, parent_);
+    if (departed_ || parent_ == 0 || binding_->role() == ShmRole::reader) return localVersion_;
+    refreshVersion();
+    return localVersion_;
   }
 
   Cursor begin() const {
@@ -281,6 +297,7 @@ class ShmValues : public ShmHandleBase {
   void deliver(const uint32_t* keyWords) override {
     const ShmStore& s = binding_->store();
     const Key key = shmKeyOf<Key>(s, kColl, keyWords);
+    if (parent_ != 0) refreshVersion();
     if (s.find(kColl, keyWords, nullptr) != ShmStore::kNoSlot) {
       known_.try_emplace(key, mark_);
     } else {
@@ -294,9 +311,10 @@ class ShmValues : public ShmHandleBase {
     ++mark_;
     const ShmStore& s = binding_->store();
     ShmStore::Record rec;
-    for (uint32_t slot = parent_ == 0 ? s.seek(kColl, 0, &rec) : s.seekChild(kColl, parent_, ShmStore::kNoSlot, &rec);
-         slot != ShmStore::kNoSlot;
-         slot = parent_ == 0 ? s.seek(kColl, slot + 1, &rec) : s.nextChild(kColl, parent_, slot, &rec)) {
+    for (uint32_t slot = parent_ == 0 ? s.seek(kColl, 0, &rec)
+                                      : s.seekChild(kColl, parent_, ShmStore::kNoSlot, &rec);
+         slot != ShmStore::kNoSlot; slot = parent_ == 0 ? s.seek(kColl, slot + 1, &rec)
+                                                        : s.nextChild(kColl, parent_, slot, &rec)) {
       known_.insert_or_assign(shmKeyOf<Key>(s, kColl, rec.words), mark_);
       out.add(kColl, rec.words);
     }
@@ -323,9 +341,11 @@ class ShmValues : public ShmHandleBase {
       }
       faulty_ = faulty;
     }
-    try {
-      version();
-    } catch (const ShmCorruptionException&) {
+    if (parent_ != 0 && binding_->role() != ShmRole::reader) {
+      try {
+        refreshVersion();
+      } catch (const ShmCorruptionException&) {
+      }
     }
     if (parent_ == 0) binding_->topIs(kColl, nullptr);
     known_.clear();
@@ -339,11 +359,14 @@ class ShmValues : public ShmHandleBase {
   }
 
  private:
+  void refreshVersion() const {
+    if (auto v = binding_->store().childVersion(kColl, parent_)) localVersion_ = *v;
+  }
   void decode(const ShmStore::Record& rec, Key* key, Record* value) const {
     const ShmStore& s = binding_->store();
     *key = shmKeyOf<Key>(s, kColl, rec.words);
-    *value = Traits::readRecord(*key, reinterpret_cast<const std::byte*>(rec.words + s.keyWords(kColl)),
-                                rec.blob);
+    *value = Traits::readRecord(
+        *key, reinterpret_cast<const std::byte*>(rec.words + s.keyWords(kColl)), rec.blob);
   }
 
   OnKey onKey_;
@@ -372,8 +395,11 @@ class ShmEntities : public ShmHandleBase {
   class Cursor {
    public:
     Cursor() = default;
-    bool valid() const { return h_ != nullptr && (local_ ? it_ != h_->localOrder_.end() : slot_ != ShmStore::kNoSlot); }
+    bool valid() const {
+      return h_ != nullptr && (local_ ? it_ != h_->localOrder_.end() : slot_ != ShmStore::kNoSlot);
+    }
     const Key& key() const { return key_; }
+    // Null when the member left the store since the walk met it.
     Oro::Ptr<E> value() const { return h_->find(key_); }
     Bookmark bookmark() const { return Bookmark{key_, slot_}; }
     void next() {
@@ -393,13 +419,15 @@ class ShmEntities : public ShmHandleBase {
     void seek(uint32_t from) {
       ShmStore::Record rec;
       const ShmStore& s = h_->binding_->store();
-      slot_ = h_->parent_ == 0 ? s.seek(kColl, from, &rec) : s.seekChild(kColl, h_->parent_, from, &rec);
+      slot_ = h_->parent_ == 0 ? s.seek(kColl, from, &rec)
+                               : s.seekChild(kColl, h_->parent_, from, &rec);
       if (slot_ != ShmStore::kNoSlot) key_ = shmKeyOf<Key>(s, kColl, rec.words);
     }
     void step() {
       ShmStore::Record rec;
       const ShmStore& s = h_->binding_->store();
-      slot_ = h_->parent_ == 0 ? s.seek(kColl, slot_ + 1, &rec) : s.nextChild(kColl, h_->parent_, slot_, &rec);
+      slot_ = h_->parent_ == 0 ? s.seek(kColl, slot_ + 1, &rec)
+                               : s.nextChild(kColl, h_->parent_, slot_, &rec);
       if (slot_ != ShmStore::kNoSlot) key_ = shmKeyOf<Key>(s, kColl, rec.words);
     }
     const ShmEntities* h_ = nullptr;
@@ -426,7 +454,7 @@ class ShmEntities : public ShmHandleBase {
   // creates its proxy).
   Oro::Ptr<E> find(const Key& key) const {
     checkReadable();
-    if (replacing_ && *replacing_ == key) return nullptr;
+    if (withheld_ && *withheld_ == key) return nullptr;
     auto it = members_.find(key);
     if (departed_) return it == members_.end() ? nullptr : it->second;
     const ShmStore& s = binding_->store();
@@ -545,7 +573,9 @@ class ShmEntities : public ShmHandleBase {
         members_.erase(it);
         gone->shmDepart();
       }
-      if (onKey_) onKey_(key);
+      // The writer may have created the key again since the look above; subscribers of
+      // this change must still find it absent (the creation is a change of its own).
+      tellAbsent(key);
       return;
     }
     const uint64_t ref = s.refOf(kColl, slot);
@@ -555,9 +585,7 @@ class ShmEntities : public ShmHandleBase {
       Oro::Ptr<E> gone = std::move(it->second);
       members_.erase(it);
       gone->shmDepart();
-      replacing_ = key;
-      if (onKey_) onKey_(key);
-      replacing_.reset();
+      tellAbsent(key);
       it = members_.end();
     }
     if (it == members_.end()) {
@@ -576,9 +604,10 @@ class ShmEntities : public ShmHandleBase {
     ++mark_;
     const ShmStore& s = binding_->store();
     ShmStore::Record rec;
-    for (uint32_t slot = parent_ == 0 ? s.seek(kColl, 0, &rec) : s.seekChild(kColl, parent_, ShmStore::kNoSlot, &rec);
-         slot != ShmStore::kNoSlot;
-         slot = parent_ == 0 ? s.seek(kColl, slot + 1, &rec) : s.nextChild(kColl, parent_, slot, &rec)) {
+    for (uint32_t slot = parent_ == 0 ? s.seek(kColl, 0, &rec)
+                                      : s.seekChild(kColl, parent_, ShmStore::kNoSlot, &rec);
+         slot != ShmStore::kNoSlot; slot = parent_ == 0 ? s.seek(kColl, slot + 1, &rec)
+                                                        : s.nextChild(kColl, parent_, slot, &rec)) {
       const Key key = shmKeyOf<Key>(s, kColl, rec.words);
       marks_[key] = mark_;
       out.add(kColl, rec.words);
@@ -626,6 +655,14 @@ class ShmEntities : public ShmHandleBase {
   }
 
  private:
+  void tellAbsent(const Key& key) {
+    withheld_ = key;
+    struct Release {
+      std::optional<Key>& k;
+      ~Release() { k.reset(); }
+    } release{withheld_};
+    if (onKey_) onKey_(key);
+  }
   void refreshLocalOrder() const {
     localOrder_.clear();
     for (const auto& [key, e] : members_) localOrder_.push_back(key);
@@ -636,7 +673,8 @@ class ShmEntities : public ShmHandleBase {
   mutable absl::flat_hash_map<Key, Oro::Ptr<E>, ShmKeyHash<Key>> members_;
   absl::flat_hash_map<Key, uint32_t, ShmKeyHash<Key>> marks_;
   uint32_t mark_ = 0;
-  std::optional<Key> replacing_;
+  // The key whose departure is being delivered: lookups find it absent meanwhile.
+  std::optional<Key> withheld_;
   mutable std::vector<Key> localOrder_;
 };
 

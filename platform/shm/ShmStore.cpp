@@ -76,7 +76,8 @@ bool lockedByWriter(int fd) {
 }
 
 bool sameFile(int fd, const std::string& name) {
-  struct stat a {}, b {};
+  struct stat a {
+  }, b{};
   if (::fstat(fd, &a) != 0) return false;
   if (::stat((std::string(kShmDirectory) + name).c_str(), &b) != 0) return false;
   return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
@@ -124,9 +125,10 @@ BlobRef ShmStore::blobAlloc(std::string_view bytes) {
   BlobRef ref{0, 0, 0, 0};
   if (bytes.empty()) return ref;
   if (bytes.size() > kMaxBlobBytes) {
-    throw ShmException(fmt::format("shared memory store {}: a value of {} bytes exceeds the largest "
-                                   "variable-length part ({} bytes)",
-                                   mountPath_, bytes.size(), kMaxBlobBytes));
+    throw ShmException(
+        fmt::format("shared memory store {}: a value of {} bytes exceeds the largest "
+                    "variable-length part ({} bytes)",
+                    mountPath_, bytes.size(), kMaxBlobBytes));
   }
   Blobs& b = *blobs_;
   const uint32_t cls = blobClassOf(static_cast<uint32_t>(bytes.size()));
@@ -141,7 +143,8 @@ BlobRef ShmStore::blobAlloc(std::string_view bytes) {
       if (b.chunks.empty() || b.carvePage >= blobPages(b.carveChunk)) {
         const uint32_t n = static_cast<uint32_t>(b.chunks.size());
         if (n >= kBlobMaxChunks) {
-          throw ShmException(fmt::format("shared memory store {}: the blob heap is full", mountPath_));
+          throw ShmException(
+              fmt::format("shared memory store {}: the blob heap is full", mountPath_));
         }
         ShmSegment seg = makeSegment(fmt::format("b{}", n), blobChunkBytes(n), /*commitNow=*/false);
         seg.commit(0, kBlobPageBytes);
@@ -198,10 +201,10 @@ void ShmStore::blobRead(const BlobRef& ref, std::string* out) const {
   }
   while (b.chunks.size() <= ref.chunk) {
     const uint32_t n = static_cast<uint32_t>(b.chunks.size());
-    ShmSegment seg = ShmSegment::open(segName(fmt::format("b{}", n)),
-                                      writable_ ? ShmSegment::Access::readWrite
-                                                : ShmSegment::Access::readOnly,
-                                      blobChunkBytes(n));
+    ShmSegment seg =
+        ShmSegment::open(segName(fmt::format("b{}", n)),
+                         writable_ ? ShmSegment::Access::readWrite : ShmSegment::Access::readOnly,
+                         blobChunkBytes(n));
     const auto* ch = reinterpret_cast<const BlobChunkHeader*>(seg.data());
     if (ch->magic.load(std::memory_order_acquire) != kBlobMagic || ch->chunk != n ||
         ch->pages != blobPages(n)) {
@@ -211,7 +214,8 @@ void ShmStore::blobRead(const BlobRef& ref, std::string* out) const {
   }
   const ShmSegment& seg = b.chunks[ref.chunk];
   const uint32_t page = ref.offset / kBlobPageBytes;
-  if (page == 0 || page >= blobPages(ref.chunk)) corrupt(fmt::format("bad blob offset {}", ref.offset));
+  if (page == 0 || page >= blobPages(ref.chunk))
+    corrupt(fmt::format("bad blob offset {}", ref.offset));
   const uint8_t cls =
       std::atomic_ref<uint8_t>(blobClassTable(seg)[page]).load(std::memory_order_acquire);
   if (cls >= kBlobClasses || ref.length > (kBlobMinBytes << cls) ||
@@ -320,8 +324,8 @@ ShmStore::~ShmStore() {
 }
 
 void ShmStore::corrupt(const std::string& what) const {
-  throw ShmCorruptionException(
-      fmt::format("shared memory store {} is corrupt: {}", mountPath_.empty() ? "(detached)" : mountPath_, what));
+  throw ShmCorruptionException(fmt::format("shared memory store {} is corrupt: {}",
+                                           mountPath_.empty() ? "(detached)" : mountPath_, what));
 }
 
 void ShmStore::fault(ShmFaultPoint p) const {
@@ -338,24 +342,36 @@ ShmSegment ShmStore::makeSegment(const std::string& suffix, size_t bytes, bool c
   return ShmSegment::create(segName(suffix), bytes, mode_, /*replace=*/true, commitNow);
 }
 
-uint32_t ShmStore::keyWords(uint32_t c) const { return colls_[c]->keyWords(); }
-uint32_t ShmStore::valueWords(uint32_t c) const { return colls_[c]->valueWords(); }
-bool ShmStore::nested(uint32_t c) const { return colls_[c]->nested(); }
-uint64_t ShmStore::epoch() const { return hdr_->epoch.load(std::memory_order_acquire); }
+uint32_t ShmStore::keyWords(uint32_t c) const {
+  return colls_[c]->keyWords();
+}
+uint32_t ShmStore::valueWords(uint32_t c) const {
+  return colls_[c]->valueWords();
+}
+bool ShmStore::nested(uint32_t c) const {
+  return colls_[c]->nested();
+}
+uint64_t ShmStore::epoch() const {
+  return hdr_->epoch.load(std::memory_order_acquire);
+}
 
 namespace {
 
 void validateSpec(const ShmStoreSpec& spec) {
   if (spec.collections.empty() || spec.collections.size() > kMaxCollections) {
-    throw ShmException(fmt::format("store {} declares {} collections", spec.rootType, spec.collections.size()));
+    throw ShmException(
+        fmt::format("store {} declares {} collections", spec.rootType, spec.collections.size()));
   }
   for (size_t i = 0; i < spec.collections.size(); ++i) {
     const ShmCollectionSpec& c = spec.collections[i];
     const uint32_t keyBytes = c.keyBytes + (c.parent != kNoParent ? 4 * kParentRefWords : 0);
-    if (c.name.empty() || c.name.size() >= kCollectionNameBytes || c.typeName.size() >= kTypeNameBytes ||
-        c.keyBytes == 0 || keyBytes > kMaxKeyBytes || c.valueBytes > kMaxValueBytes ||
-        (c.parent != kNoParent && (c.parent >= i || spec.collections[c.parent].kind != kCollEntities))) {
-      throw ShmException(fmt::format("store {}: collection {} has an unsupported shape", spec.rootType, c.name));
+    if (c.name.empty() || c.name.size() >= kCollectionNameBytes ||
+        c.typeName.size() >= kTypeNameBytes || c.keyBytes == 0 || keyBytes > kMaxKeyBytes ||
+        c.valueBytes > kMaxValueBytes ||
+        (c.parent != kNoParent &&
+         (c.parent >= i || spec.collections[c.parent].kind != kCollEntities))) {
+      throw ShmException(
+          fmt::format("store {}: collection {} has an unsupported shape", spec.rootType, c.name));
     }
   }
 }
@@ -416,7 +432,8 @@ Geometry headerGeometry(const ShmStoreSpec& spec, uint32_t ringCapacity) {
 
 // Fills a zeroed header segment (already in headerSeg_) for a new store; the magic is stored by
 // the caller, last.
-void ShmStore::build(const ShmStoreSpec& spec, uint32_t ringCapacity, bool shared, uint64_t instance) {
+void ShmStore::build(const ShmStoreSpec& spec, uint32_t ringCapacity, bool shared,
+                     uint64_t instance) {
   validateSpec(spec);
   spec_ = spec;
   instance_ = instance;
@@ -484,7 +501,8 @@ void ShmStore::attach(ShmSegment seg, const ShmStoreSpec* spec, bool writable) {
   const auto* h = reinterpret_cast<const Header*>(seg.data());
   if (bytes < sizeof(Header)) corrupt(fmt::format("header segment holds {} bytes", bytes));
   const uint64_t magic = h->magic.load(std::memory_order_acquire);
-  if (magic == kRetiredMagic) throw ShmException(fmt::format("shared memory store {} was replaced", mountPath_));
+  if (magic == kRetiredMagic)
+    throw ShmException(fmt::format("shared memory store {} was replaced", mountPath_));
   if (magic != kMagic) corrupt("bad magic number in the header");
   if (h->layoutVersion != kLayoutVersion) {
     throw ShmException(fmt::format(
@@ -508,7 +526,8 @@ void ShmStore::attach(ShmSegment seg, const ShmStoreSpec* spec, bool writable) {
     c.kind = d.kind;
     c.parent = d.parent;
     const uint32_t parentBytes = d.parent != kNoParent ? 4 * kParentRefWords : 0;
-    if (d.keyBytes < parentBytes) corrupt(fmt::format("collection {}: key of {} bytes", i, d.keyBytes));
+    if (d.keyBytes < parentBytes)
+      corrupt(fmt::format("collection {}: key of {} bytes", i, d.keyBytes));
     c.keyBytes = d.keyBytes - parentBytes;
     c.valueBytes = d.valueBytes;
     c.blobs = d.blobs != 0;
@@ -518,12 +537,14 @@ void ShmStore::attach(ShmSegment seg, const ShmStoreSpec* spec, bool writable) {
     auto describe = [](const ShmStoreSpec& s) {
       std::string out = s.rootType + " {";
       for (const auto& c : s.collections) {
-        out += fmt::format(" {}: {} (key {} bytes, value {} bytes, layout {:016x}/{:016x})", c.name,
-                           c.typeName, c.keyBytes, c.valueBytes, c.keyFingerprint, c.valueFingerprint);
+        out +=
+            fmt::format(" {}: {} (key {} bytes, value {} bytes, layout {:016x}/{:016x})", c.name,
+                        c.typeName, c.keyBytes, c.valueBytes, c.keyFingerprint, c.valueFingerprint);
       }
       return out + " }";
     };
-    bool same = actual.rootType == spec->rootType && actual.collections.size() == spec->collections.size();
+    bool same =
+        actual.rootType == spec->rootType && actual.collections.size() == spec->collections.size();
     for (size_t i = 0; same && i < spec->collections.size(); ++i) {
       const auto& a = actual.collections[i];
       const auto& b = spec->collections[i];
@@ -585,7 +606,9 @@ ShmStore ShmStore::openReader(const std::string& mountPath, const ShmStoreSpec* 
       return s;
     } catch (const ShmException& e) {
       // A writer replaced the store between our open and our read: open the new one.
-      if (attempt < kOpenAttempts && std::string_view(e.what()).find("was replaced") != std::string_view::npos) continue;
+      if (attempt < kOpenAttempts &&
+          std::string_view(e.what()).find("was replaced") != std::string_view::npos)
+        continue;
       throw;
     }
   }
@@ -628,13 +651,14 @@ ShmStore ShmStore::openWriter(const std::string& mountPath, const ShmStoreSpec& 
     if (fd < 0) {
       const int err = errno;
       if (err == EACCES || err == EPERM) {
-        throw ShmPermissionException(fmt::format("permission denied: cannot open shared memory "
-                                                 "store {} for writing",
-                                                 mountPath));
+        throw ShmPermissionException(
+            fmt::format("permission denied: cannot open shared memory "
+                        "store {} for writing",
+                        mountPath));
       }
       if (err != ENOENT) {
-        throw ShmException(fmt::format("cannot open shared memory store {}: {}", mountPath,
-                                       std::strerror(err)));
+        throw ShmException(
+            fmt::format("cannot open shared memory store {}: {}", mountPath, std::strerror(err)));
       }
       if (std::optional<ShmStore> s = create(/*replace=*/false)) return std::move(*s);
       continue;  // someone else created it meanwhile
@@ -646,8 +670,8 @@ ShmStore ShmStore::openWriter(const std::string& mountPath, const ShmStoreSpec& 
         (void)!::pread(fd, &pid, sizeof pid, offsetof(Header, owner));
       }
       ::close(fd);
-      throw ShmException(fmt::format("shared memory store {} already has a live writer (pid {})",
-                                     mountPath, pid));
+      throw ShmException(
+          fmt::format("shared memory store {} already has a live writer (pid {})", mountPath, pid));
     }
     if (!sameFile(fd, name)) {
       ::close(fd);  // replaced after we opened it: try the one there now
@@ -682,7 +706,7 @@ ShmStore ShmStore::openWriter(const std::string& mountPath, const ShmStoreSpec& 
         s.recover();
         s.startBell();
         s.cleanLeftovers();
-        s.publishControl();
+        s.wakeAllReaders();
         return s;
       } catch (const ShmCorruptionException&) {
         old = std::move(s.headerSeg_);
@@ -706,7 +730,8 @@ ShmStore ShmStore::openWriter(const std::string& mountPath, const ShmStoreSpec& 
       return std::move(*fresh);
     }
   }
-  throw ShmException(fmt::format("cannot open shared memory store {}: it keeps being replaced", mountPath));
+  throw ShmException(
+      fmt::format("cannot open shared memory store {}: it keeps being replaced", mountPath));
 }
 
 void ShmStore::startBell() {
@@ -729,6 +754,11 @@ void ShmStore::unlinkInstance() const {
   }
 }
 
+void ShmStore::wakeAllReaders() {
+  hdr_->wakeWord.fetch_add(1, std::memory_order_seq_cst);
+  futexWake(&hdr_->wakeWord, INT_MAX, /*shared=*/true);
+}
+
 // Marks a replaced header so that readers still mapping it notice, and wakes them.
 void ShmStore::retire(ShmSegment& old) {
   if (old.valid() && old.size() >= sizeof(Header) && !old.lost()) {
@@ -749,10 +779,12 @@ void ShmStore::cleanLeftovers() const {
   for (const auto& c : colls_) c->suffixesInUse(inUse);
   for (uint32_t n = 0; n < blobs_->chunks.size(); ++n) inUse.push_back(fmt::format("b{}", n));
   for (const std::string& n : shmNamespaceEntries()) {
-    if (n.size() <= path.size() || n.compare(0, path.size(), path) != 0 || n[path.size()] != '@') continue;
+    if (n.size() <= path.size() || n.compare(0, path.size(), path) != 0 || n[path.size()] != '@')
+      continue;
     if (n.compare(0, mine.size(), mine) == 0) {
       const std::string suffix = n.substr(mine.size());
-      if (std::find(inUse.begin(), inUse.end(), suffix) != inUse.end() || suffix == "bell") continue;
+      if (std::find(inUse.begin(), inUse.end(), suffix) != inUse.end() || suffix == "bell")
+        continue;
     }
     ::unlink((std::string(kShmDirectory) + "/" + n).c_str());
   }
@@ -891,11 +923,17 @@ uint32_t ShmStore::childCount(uint32_t c, uint64_t parent) const {
   return live ? n : 0;
 }
 
-uint32_t ShmStore::childVersion(uint32_t c, uint64_t parent) const {
+std::optional<uint32_t> ShmStore::childVersion(uint32_t c, uint64_t parent) const {
   const ShmCollection& coll = *colls_[c];
   const ShmCollection& p = *colls_[coll.parent()];
-  return loadWord(p.side(refSlot(parent)) + childBlock(coll.childIndex()) + kChildVersion,
-                  std::memory_order_acquire);
+  if (!p.alive(parent)) return std::nullopt;
+  const uint32_t v =
+      loadWord(p.side(refSlot(parent)) + childBlock(coll.childIndex()) + kChildVersion,
+               std::memory_order_acquire);
+  // Still the same parent after the read: the counter read was its own.
+  std::atomic_thread_fence(std::memory_order_acquire);
+  if (!p.alive(parent)) return std::nullopt;
+  return v;
 }
 
 namespace {
@@ -936,7 +974,8 @@ uint32_t ShmStore::find(uint32_t c, const uint32_t* keyWords, Record* out) const
     return coll.find(keyWords, words, seq);
   });
   // A member whose parent went away meanwhile is gone with it.
-  const bool gone = slot != kNoSlot && coll.nested() && !colls_[coll.parent()]->alive(refOfWords(keyWords));
+  const bool gone =
+      slot != kNoSlot && coll.nested() && !colls_[coll.parent()]->alive(refOfWords(keyWords));
   // Whatever was read came from memory that may have been lost while it was read.
   checkIntact();
   return gone ? kNoSlot : slot;
@@ -960,7 +999,8 @@ uint32_t ShmStore::nextChild(uint32_t c, uint64_t parent, uint32_t after, Record
   return walkChild(c, parent, after, true, out);
 }
 
-uint32_t ShmStore::walkChild(uint32_t c, uint64_t parent, uint32_t from, bool after, Record* out) const {
+uint32_t ShmStore::walkChild(uint32_t c, uint64_t parent, uint32_t from, bool after,
+                             Record* out) const {
   checkIntact();
   const ShmCollection& coll = *colls_[c];
   const uint32_t slot = readWithBlob(*this, coll, out, [&](uint32_t* words, uint32_t* seq) {
@@ -1199,7 +1239,8 @@ void ShmStore::copyFrom(const ShmStore& from, bool announce, const EntityFn& onE
   Record rec;
   for (uint32_t c = 0; c < from.collections(); ++c) {
     if (from.colls_[c]->nested()) continue;
-    for (uint32_t slot = from.seek(c, 0, &rec); slot != kNoSlot; slot = from.seek(c, slot + 1, &rec)) {
+    for (uint32_t slot = from.seek(c, 0, &rec); slot != kNoSlot;
+         slot = from.seek(c, slot + 1, &rec)) {
       if (from.colls_[c]->entity()) {
         copyEntity(from, c, from.refOf(c, slot), 0, onEntity);
       } else {

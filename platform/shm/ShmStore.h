@@ -26,6 +26,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -51,28 +52,28 @@ struct ShmCollectionSpec {
 };
 
 struct ShmStoreSpec {
-  std::string rootType;  // e.g. "Routing::Multicast::MvpnVrfStatus"
+  std::string rootType;                        // e.g. "Routing::Multicast::MvpnVrfStatus"
   std::vector<ShmCollectionSpec> collections;  // parents before their children
 };
 
 // Points at which a writer can be stopped by a test (fault injection).
 enum class ShmFaultPoint : uint8_t {
-  insertFilled,       // a free slot holds the record, not yet indexed
-  insertIndexed,      // indexed, not yet marked occupied
-  insertCommitted,    // occupied, counts not yet updated
-  rewriteJournaled,   // old record in the journal, slot not yet marked
-  rewriteWriting,     // slot marked and half written
-  rewriteCommitted,   // slot holds the new record, old blob not yet freed
-  removeFreed,        // slot emptied, index entry still there
-  removeUnindexed,    // index entry gone, counts not yet updated
-  entityRemoved,      // an entity's slot emptied, its members not yet reclaimed
-  pageLinked,         // a new page of a parent's chain linked
-  growthStep,         // a step of index growth done
-  growthPublished,    // a new index generation named in the header
-  chunkAdded,         // a new slot chunk named in the header
-  logAppended,        // a change-log entry written, the wake word not yet advanced
-  creationBuilt,      // a new store's segments built, header not yet renamed into place
-  takeOverLocked,     // a writer holds the lock of a store it takes over, not yet recovered
+  insertFilled,      // a free slot holds the record, not yet indexed
+  insertIndexed,     // indexed, not yet marked occupied
+  insertCommitted,   // occupied, counts not yet updated
+  rewriteJournaled,  // old record in the journal, slot not yet marked
+  rewriteWriting,    // slot marked and half written
+  rewriteCommitted,  // slot holds the new record, old blob not yet freed
+  removeFreed,       // slot emptied, index entry still there
+  removeUnindexed,   // index entry gone, counts not yet updated
+  entityRemoved,     // an entity's slot emptied, its members not yet reclaimed
+  pageLinked,        // a new page of a parent's chain linked
+  growthStep,        // a step of index growth done
+  growthPublished,   // a new index generation named in the header
+  chunkAdded,        // a new slot chunk named in the header
+  logAppended,       // a change-log entry written, the wake word not yet advanced
+  creationBuilt,     // a new store's segments built, header not yet renamed into place
+  takeOverLocked,    // a writer holds the lock of a store it takes over, not yet recovered
 };
 // Test hook, called at every fault point of every writer of the process; null in production.
 using ShmFaultHook = void (*)(ShmFaultPoint);
@@ -127,8 +128,9 @@ class ShmStore {
   // The number of records of a top-level collection, or of one parent's members.
   uint32_t count(uint32_t c) const;
   uint32_t childCount(uint32_t c, uint64_t parent) const;
-  // The change counter of one parent's members of collection c.
-  uint32_t childVersion(uint32_t c, uint64_t parent) const;
+  // The change counter of one parent's members of collection c; nullopt once that parent
+  // (slot and generation) is gone: its slot's counter then belongs to no one or to another.
+  std::optional<uint32_t> childVersion(uint32_t c, uint64_t parent) const;
   // Looks a key image up (a nested key image starts with its parent reference); fills `out`
   // (may be null) and returns the slot, or kNoSlot.
   uint32_t find(uint32_t c, const uint32_t* keyWords, Record* out) const;
@@ -219,6 +221,9 @@ class ShmStore {
   void recover();
   void cleanLeftovers() const;
   void retire(ShmSegment& old);
+  // Wakes every sleeping reader: a new writer of an existing store does so, since readers
+  // that went to sleep while no writer lived had no doorbell to ring.
+  void wakeAllReaders();
   std::string segName(const std::string& suffix) const;
   ShmSegment makeSegment(const std::string& suffix, size_t bytes, bool commitNow) const;
   void fault(ShmFaultPoint p) const;

@@ -8,10 +8,14 @@
 
 #include "merge/MvpnTunnelEncapStatus.h"
 #include "platform/net/IpAddr.h"
+#include "platform/runtime/TaskScheduler.h"
+#include "platform/shm_test_util.h"
 
 namespace {
 
 using namespace Routing::Multicast;
+using Oro::ShmAttach;
+using Oro::ShmRole;
 using Vrf::VrfIdMap::VrfId;
 
 MvpnRouteKey route(uint32_t group) {
@@ -96,6 +100,42 @@ TEST(EncapStatus, DamagedCollectionsRaiseOnEveryRead) {
   vrf->encapTunnelCorruptionHandlerIs([&](const std::string& m) { reported = m; });
   vrf->encapTunnelHandleCorruption("bad slot");
   EXPECT_EQ(reported, "bad slot");
+}
+
+class EncapStatusReader : public shmtest::ShmTest {};
+
+// What a merge needs from a reader whose VRF leaves: every record key it was shown stays
+// listed by the departed entity (so the merge can withdraw it), however the reader met the
+// record; and while the VRF's departure is delivered, the VRF is absent to every lookup even
+// when the writer has made it again meanwhile.
+TEST_F(EncapStatusReader, ADepartedVrfListsEveryKeyItShowedAndStaysAbsentWhileTold) {
+  Oro::TaskScheduler scheduler;
+  auto writer = mvpnTunnelEncapStatusFactory("writer");
+  writer->mount(ShmAttach{"t/encap", ShmRole::writer});
+  auto reader = mvpnTunnelEncapStatusFactory("reader");
+  reader->mount(ShmAttach{"t/encap", ShmRole::reader, &scheduler});
+  auto w7 = writer->vrfStatusIs(VrfId(7));
+  w7->encapTunnelIs(MvpnEncapTunnel(route(1), "a"));
+  w7->encapTunnelIs(MvpnEncapTunnel(route(2), "b"));
+  // Found and walked before any change was delivered.
+  auto r7 = reader->vrfStatus(VrfId(7));
+  ASSERT_TRUE(r7);
+  EXPECT_EQ(keys(r7->encapTunnelIter()), (std::vector{route(1), route(2)}));
+
+  std::vector<bool> foundWhileTold;
+  Oro::KeyReactor<VrfId> watch(MvpnTunnelEncapStatus::vrfStatusAttr, [&](const VrfId& v) {
+    if (!writer->vrfStatus(v)) writer->vrfStatusIs(v);  // the writer is faster than us
+    foundWhileTold.push_back(reader->vrfStatus(v) != nullptr);
+  });
+  watch.notifierIs(reader.get());
+  writer->vrfStatusDel(VrfId(7));
+  scheduler.runUntilIdle();
+  EXPECT_EQ(keys(r7->encapTunnelIter()), (std::vector{route(1), route(2)}));
+  EXPECT_FALSE(r7->encapTunnel(route(1)));  // the records themselves went with the store's VRF
+  ASSERT_FALSE(foundWhileTold.empty());
+  EXPECT_FALSE(foundWhileTold.front());
+  EXPECT_TRUE(foundWhileTold.back());  // the new VRF, told as a change of its own
+  EXPECT_NE(reader->vrfStatus(VrfId(7)), r7);
 }
 
 TEST(EncapRecords, TextFormIsTheValueForm) {

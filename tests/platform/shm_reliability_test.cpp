@@ -2,13 +2,13 @@
 // overrun, never two writers, readers that cannot harm writers or each other, whole records
 // and agreeing counts after a writer dies at any step, damaged stores recreated, no leftovers.
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <pthread.h>
 #include <pwd.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/un.h>
-#include <gtest/gtest.h>
 
 #include <atomic>
 #include <fstream>
@@ -43,12 +43,12 @@ struct ViewReader {
   Table table;
   explicit ViewReader(const std::string& path, Oro::TaskScheduler* sched = nullptr)
       : table("test::Rec", "recs", {[this](uint32_t k) {
-          if (auto r = table.find(k)) {
-            view[k] = *r;
-          } else {
-            view.erase(k);
-          }
-        }}) {
+                if (auto r = table.find(k)) {
+                  view[k] = *r;
+                } else {
+                  view.erase(k);
+                }
+              }}) {
     table.attach(ShmAttach{path, ShmRole::reader, sched});
   }
   void drain() {
@@ -100,7 +100,8 @@ TEST_F(ShmReliabilityTest, NoDeletionIsLostBehindRepeatedOverruns) {
       }
     }
     r.table.reader()->batchIs(1 + rng() % 8);
-    for (uint32_t d = rng() % 4; d > 0 && r.table.reader()->hasPending(); --d) r.table.reader()->dispatch();
+    for (uint32_t d = rng() % 4; d > 0 && r.table.reader()->hasPending(); --d)
+      r.table.reader()->dispatch();
   }
   r.drain();
   EXPECT_EQ(r.view, r.truth());
@@ -122,7 +123,8 @@ TEST_F(ShmReliabilityTest, AStalledCreatorOrTakerNeverLeavesTwoWriters) {
         ShmStore s = ShmStore::openWriter("r/two", spec, 0600, 64);
         return 10;  // became the writer
       } catch (const Oro::ShmException& e) {
-        return std::string(e.what()).find("already has a live writer") != std::string::npos ? 20 : 30;
+        return std::string(e.what()).find("already has a live writer") != std::string::npos ? 20
+                                                                                            : 30;
       }
     });
   };
@@ -251,6 +253,30 @@ TEST_F(ShmReliabilityTest, AReaderThatDiesAsleepCostsTheWriterOneWakeUpAtMost) {
   EXPECT_LE(w.store().bellWakes() - before, 1u);
 }
 
+// A reader that goes to sleep while its writer is dead finds no doorbell to ring; the next
+// writer, taking the store over, wakes it without being asked.
+TEST_F(ShmReliabilityTest, AReaderAsleepWithoutWriterIsWokenByTheNextOne) {
+  const pid_t first = forkChild([]() -> int {
+    Table w("test::Rec", "recs", {});
+    w.attach(ShmAttach{"r/orphan", ShmRole::writer});
+    fill(w, 0, 10);
+    ::_exit(0);  // no clean-up, like a crash
+  });
+  ASSERT_EQ(waitChild(first), 0);
+  Table r("test::Rec", "recs", {});
+  r.attach(ShmAttach{"r/orphan", ShmRole::reader});
+  while (r.reader()->hasPending()) r.reader()->dispatch();
+  std::vector<Oro::FutexWait> words;
+  r.reader()->sleepBegin(words);
+  ASSERT_EQ(words.size(), 1u);
+  EXPECT_EQ(words[0].word->load(), words[0].expected);  // a sleep would last
+
+  Table next("test::Rec", "recs", {});
+  next.attach(ShmAttach{"r/orphan", ShmRole::writer});
+  EXPECT_NE(words[0].word->load(), words[0].expected);  // the sleep ends (or never starts)
+  EXPECT_EQ(r.find(3), Rec::of(3));
+}
+
 TEST_F(ShmReliabilityTest, ATruncatedSegmentIsDamageNotACrash) {
   Table w("test::Rec", "recs", {});
   std::vector<std::string> reports;
@@ -284,7 +310,8 @@ void checkAgreement(const ShmStore& s, uint32_t keySpace) {
   uint32_t walked = 0;
   ShmStore::Record rec;
   std::set<uint32_t> keys;
-  for (uint32_t slot = s.seek(0, 0, &rec); slot != ShmStore::kNoSlot; slot = s.seek(0, slot + 1, &rec)) {
+  for (uint32_t slot = s.seek(0, 0, &rec); slot != ShmStore::kNoSlot;
+       slot = s.seek(0, slot + 1, &rec)) {
     Rec v;
     std::memcpy(static_cast<void*>(&v), rec.words + 1, sizeof v);
     EXPECT_TRUE(v.whole()) << "slot " << slot;
@@ -303,12 +330,12 @@ void checkAgreement(const ShmStore& s, uint32_t keySpace) {
 
 TEST_F(ShmReliabilityTest, AWriterKilledAtAnyStepLeavesAStoreThatAgreesWithItself) {
   const StepCase cases[] = {
-      {ShmFaultPoint::insertFilled, 300},     {ShmFaultPoint::insertIndexed, 300},
-      {ShmFaultPoint::insertCommitted, 300},  {ShmFaultPoint::rewriteJournaled, 40},
-      {ShmFaultPoint::rewriteWriting, 40},    {ShmFaultPoint::rewriteCommitted, 40},
-      {ShmFaultPoint::removeFreed, 30},       {ShmFaultPoint::removeUnindexed, 30},
-      {ShmFaultPoint::growthStep, 3},         {ShmFaultPoint::growthPublished, 2},
-      {ShmFaultPoint::chunkAdded, 2},         {ShmFaultPoint::logAppended, 500},
+      {ShmFaultPoint::insertFilled, 300},    {ShmFaultPoint::insertIndexed, 300},
+      {ShmFaultPoint::insertCommitted, 300}, {ShmFaultPoint::rewriteJournaled, 40},
+      {ShmFaultPoint::rewriteWriting, 40},   {ShmFaultPoint::rewriteCommitted, 40},
+      {ShmFaultPoint::removeFreed, 30},      {ShmFaultPoint::removeUnindexed, 30},
+      {ShmFaultPoint::growthStep, 3},        {ShmFaultPoint::growthPublished, 2},
+      {ShmFaultPoint::chunkAdded, 2},        {ShmFaultPoint::logAppended, 500},
   };
   constexpr uint32_t kKeys = 2000;
   for (const StepCase& c : cases) {
@@ -332,7 +359,8 @@ TEST_F(ShmReliabilityTest, AWriterKilledAtAnyStepLeavesAStoreThatAgreesWithItsel
     // Nothing of the dead writer is left over: the store's segments are the ones in use.
     size_t indexes = 0;
     for (const std::string& n : Oro::shmNamespaceEntries()) {
-      if (n.find(path.substr(2)) != std::string::npos && n.find(".0i") != std::string::npos) ++indexes;
+      if (n.find(path.substr(2)) != std::string::npos && n.find(".0i") != std::string::npos)
+        ++indexes;
     }
     EXPECT_EQ(indexes, 1u);
   }
@@ -347,15 +375,19 @@ TEST_F(ShmReliabilityTest, ADamagedStoreIsRecreatedByItsWriterAndItsReadersRecov
   };
   const std::vector<std::pair<const char*, Damage>> damages = {
       {"index segment removed",
-       [&](const std::string& p) { Oro::ShmSegment::unlink(Oro::shmStoreSegmentName(p, instance(p), "0i1")); }},
+       [&](const std::string& p) {
+         Oro::ShmSegment::unlink(Oro::shmStoreSegmentName(p, instance(p), "0i1"));
+       }},
       {"chunk truncated", [](const std::string& p) { ASSERT_TRUE(damageTable(p, "recs")); }},
       {"header garbage",
        [](const std::string& p) {
-         std::fstream f("/dev/shm" + Oro::shmStoreName(p), std::ios::in | std::ios::out | std::ios::binary);
+         std::fstream f("/dev/shm" + Oro::shmStoreName(p),
+                        std::ios::in | std::ios::out | std::ios::binary);
          const std::string garbage(600, '\x5a');
          f.write(garbage.data(), static_cast<std::streamsize>(garbage.size()));
        }},
-      {"header emptied", [](const std::string& p) { ::truncate(("/dev/shm" + Oro::shmStoreName(p)).c_str(), 0); }},
+      {"header emptied",
+       [](const std::string& p) { ::truncate(("/dev/shm" + Oro::shmStoreName(p)).c_str(), 0); }},
   };
   for (const auto& [what, damage] : damages) {
     SCOPED_TRACE(what);

@@ -75,8 +75,9 @@ TEST_F(ShmStoreTest, ReaderSeesWriterChangesControlFlagsAndKeysItHeldBefore) {
   std::vector<uint32_t> keys;
   int mounts = 0;
   bool quiesced = false;
-  Table r("test::Rec", "recs",
-          {[&](uint32_t k) { keys.push_back(k); }, [&] { ++mounts; }, [&](bool q) { quiesced = q; }});
+  Table r(
+      "test::Rec", "recs",
+      {[&](uint32_t k) { keys.push_back(k); }, [&] { ++mounts; }, [&](bool q) { quiesced = q; }});
   r.insert(9, Rec::of(9));  // held before: reported (absent) on the first dispatch
   r.attach(ShmAttach{"t/a", ShmRole::reader});
   drain(r);
@@ -110,7 +111,8 @@ TEST_F(ShmStoreTest, OneLiveWriterOneTypeOneRevision) {
         try {
           second.attach(ShmAttach{"t/one", ShmRole::writer});
         } catch (const Oro::ShmException& e) {
-          EXPECT_NE(std::string(e.what()).find("already has a live writer (pid "), std::string::npos);
+          EXPECT_NE(std::string(e.what()).find("already has a live writer (pid "),
+                    std::string::npos);
           throw;
         }
       },
@@ -130,10 +132,13 @@ TEST_F(ShmStoreTest, OneLiveWriterOneTypeOneRevision) {
 
 // A store with entities (parents) whose members are values (kids) and strings (notes).
 Oro::ShmStoreSpec nestedSpec() {
-  Oro::ShmCollectionSpec parents{"parents", "test::Parent", 1, 0, Oro::ShmLayout::kCollEntities,
-                                 Oro::ShmLayout::kNoParent, 4, 0, false};
-  Oro::ShmCollectionSpec kids{"kids", "test::Kid", 2, 3, Oro::ShmLayout::kCollValues, 0, 4, 32, false};
-  Oro::ShmCollectionSpec notes{"notes", "test::Note", 4, 5, Oro::ShmLayout::kCollValues, 0, 4, 0, true};
+  Oro::ShmCollectionSpec parents{
+      "parents", "test::Parent", 1, 0, Oro::ShmLayout::kCollEntities, Oro::ShmLayout::kNoParent, 4,
+      0,         false};
+  Oro::ShmCollectionSpec kids{"kids", "test::Kid", 2,  3,    Oro::ShmLayout::kCollValues,
+                              0,      4,           32, false};
+  Oro::ShmCollectionSpec notes{"notes", "test::Note", 4, 5, Oro::ShmLayout::kCollValues, 0, 4,
+                               0,       true};
   return Oro::ShmStoreSpec{"test::Tree", {parents, kids, notes}};
 }
 
@@ -174,14 +179,15 @@ TEST_F(ShmStoreTest, NestedMembersLiveOnTheirParentsPagesAndGoWithThem) {
   EXPECT_EQ(s.childCount(1, a), 100u);
   EXPECT_EQ(s.childCount(1, b), 200u);
   EXPECT_EQ(members(s, 1, a).size(), 100u);
-  const uint32_t versionBefore = s.childVersion(1, a);
+  const uint32_t versionBefore = s.childVersion(1, a).value();
   // A walk of one parent, stopped and resumed at a member's slot, visits every member present
   // throughout exactly as a full walk does (pages of a live parent never move).
   ShmStore::Record r;
   uint32_t slot = s.seekChild(1, a, ShmStore::kNoSlot, &r);
   for (int n = 0; n < 40; ++n) slot = s.nextChild(1, a, slot, &r);
   uint32_t rest = 0;
-  for (uint32_t at = s.seekChild(1, a, slot, &r); at != ShmStore::kNoSlot; at = s.nextChild(1, a, at, &r)) {
+  for (uint32_t at = s.seekChild(1, a, slot, &r); at != ShmStore::kNoSlot;
+       at = s.nextChild(1, a, at, &r)) {
     ++rest;
   }
   EXPECT_EQ(rest, 60u);
@@ -199,6 +205,7 @@ TEST_F(ShmStoreTest, NestedMembersLiveOnTheirParentsPagesAndGoWithThem) {
   EXPECT_EQ(reader.count(1), 200u);
   EXPECT_EQ(reader.childCount(1, b), 200u);
   EXPECT_NE(s.childVersion(1, b), versionBefore + 1000);  // b's counter is its own
+  EXPECT_FALSE(reader.childVersion(1, a).has_value());    // a's slot counts for no one now
   // The space of the removed parent is reused: a new parent with as many members carves no
   // new slots.
   const uint32_t carved = s.header()->colls[1].slotHighWater.load();
@@ -206,6 +213,7 @@ TEST_F(ShmStoreTest, NestedMembersLiveOnTheirParentsPagesAndGoWithThem) {
   EXPECT_NE(c, a);
   for (uint32_t k = 0; k < 100; ++k) putMember(s, 1, c, k, Rec::of(k));
   EXPECT_EQ(s.header()->colls[1].slotHighWater.load(), carved);
+  EXPECT_FALSE(reader.childVersion(1, a).has_value());  // even when c took a's slot
   EXPECT_EQ(members(reader, 1, c).size(), 100u);
 }
 
@@ -218,7 +226,10 @@ TEST_F(ShmStoreTest, BlobsAreReadWholeAndTheirSpaceIsReused) {
     ShmStore::Record r;
     return reader.find(2, key, &r) == ShmStore::kNoSlot ? std::string("(absent)") : r.blob;
   };
-  const std::vector<std::string> texts = {"", "x", std::string(15, 'a'), std::string(16, 'b'),
+  const std::vector<std::string> texts = {"",
+                                          "x",
+                                          std::string(15, 'a'),
+                                          std::string(16, 'b'),
                                           std::string(1000, 'c'),
                                           std::string(Oro::ShmLayout::kMaxBlobBytes, 'd')};
   for (uint32_t k = 0; k < texts.size(); ++k) putMember(s, 2, p, k, {}, texts[k]);
@@ -262,12 +273,13 @@ TEST_F(ShmStoreTest, IndexGrowsAcrossChunksWithoutLongWritesOrLostKeys) {
 }
 
 TEST_F(ShmStoreTest, EqualKeysHaveOneImageAndBadImagesAreDamage) {
-  using Routing::Multicast::MvpnVrfRouteIntfKey;
   using Routing::Multicast::MvpnRouteIntfKey;
+  using Routing::Multicast::MvpnVrfRouteIntfKey;
   static_assert(std::has_unique_object_representations_v<MvpnVrfRouteIntfKey>);
   const auto g = Nevo::IpGenAddr::ipv4Addr(0xef010101);
   const auto src = Nevo::IpGenAddr::ipv4Addr(0x0a000001);
-  MvpnVrfRouteIntfKey a(Vrf::VrfIdMap::VrfId(5), MvpnRouteIntfKey(src, g, Nevo::IntfId::vlan(7), false));
+  MvpnVrfRouteIntfKey a(Vrf::VrfIdMap::VrfId(5),
+                        MvpnRouteIntfKey(src, g, Nevo::IntfId::vlan(7), false));
   MvpnVrfRouteIntfKey b;
   std::memset(static_cast<void*>(&b), 0x5a, sizeof b);  // whatever the memory held before
   b = MvpnVrfRouteIntfKey();
