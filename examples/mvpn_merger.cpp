@@ -1,13 +1,19 @@
-// A merging reader agent for demos: attaches to the four writers' VRF status tables (IPv4) as
-// a reader, runs MergedMvpnVrfStatusSm on its scheduler and publishes the merged VRF status
-// at MERGED_PATH (default "routing/multicast/vpn/vrfStatus/merged"), until SIGINT/SIGTERM.
-// Set MVPN_TRACE=MergedMvpnVrfStatusSm/1-5 to follow the machine.
+// A merging reader agent for demos, until SIGINT/SIGTERM.
 //
-//   mvpn_merger [MERGED_PATH]
+//   mvpn_merger vrf [MERGED_PATH]     the four writers' VRF statuses (IPv4) into the merged VRF
+//                                     status (default "routing/multicast/vpn/vrfStatus/merged")
+//   mvpn_merger encap                 the mvpn, static and evpn tunnel encapsulation statuses
+//                                     into the merged one
+//
+// The writers' tables must exist: the merger attaches to them as a reader. Set
+// MVPN_TRACE=MergedMvpnVrfStatusSm/1-5 (or MergedMcastTunnelEncapStatusSm/...) to follow a
+// machine.
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <string>
 
+#include "merge/MvpnTunnelEncapStatusMergeSm.h"
 #include "merge/MvpnVrfStatusMergeSm.h"
 #include "platform/Error.h"
 #include "platform/runtime/TaskScheduler.h"
@@ -23,17 +29,60 @@ extern "C" void onSignal(int) {
   if (gScheduler) gScheduler->stop();
 }
 
-Oro::Ptr<const MvpnVrfStatus> reader(MvpnClient client, Oro::TaskScheduler* scheduler) {
-  const std::string path = MvpnVrfStatus::mountPath(Nevo::ipv4, client);
-  auto root = mvpnVrfStatusFactory(path);
-  root->mount(Oro::ShmAttach{path, Oro::ShmRole::reader, scheduler});
+template <class Root, class Factory>
+Oro::Ptr<Root> mounted(Factory factory, const std::string& path, Oro::ShmRole role,
+                       Oro::TaskScheduler* scheduler) {
+  auto root = factory(path);
+  root->mount(Oro::ShmAttach{path, role, scheduler, 0644});
   return root;
+}
+
+int mergeVrfs(const std::string& mergedPath, Oro::TaskScheduler& scheduler) {
+  auto reader = [&](MvpnClient client) -> Oro::Ptr<const MvpnVrfStatus> {
+    return mounted<MvpnVrfStatus>(mvpnVrfStatusFactory,
+                                  MvpnVrfStatus::mountPath(Nevo::ipv4, client),
+                                  Oro::ShmRole::reader, &scheduler);
+  };
+  auto merged =
+      mounted<MvpnVrfStatus>(mvpnVrfStatusFactory, mergedPath, Oro::ShmRole::writer, nullptr);
+  auto sm = mergedMvpnVrfStatusSmFactory(
+      reader(MvpnClient::bgp_), reader(MvpnClient::staticMvpn_), reader(MvpnClient::evpn_),
+      reader(MvpnClient::staticEvpn_), merged,
+      Dyx::SmControl{&scheduler, Oro::TaskPriority::normal, false});
+  sm->initializedIs(true);
+  scheduler.run();
+  std::fprintf(stderr, "mvpn_merger: stopping, merged status %s ready, %zu VRFs\n",
+               sm->ready() ? "was" : "was not", merged->mvpnVrfSize());
+  return 0;
+}
+
+int mergeEncaps(Oro::TaskScheduler& scheduler) {
+  auto reader = [&](const char* writer) -> Oro::Ptr<const MvpnTunnelEncapStatus> {
+    return mounted<MvpnTunnelEncapStatus>(mvpnTunnelEncapStatusFactory,
+                                          MvpnTunnelEncapStatus::mountPath(writer),
+                                          Oro::ShmRole::reader, &scheduler);
+  };
+  auto merged = mounted<MvpnTunnelEncapStatus>(mvpnTunnelEncapStatusFactory,
+                                               MvpnTunnelEncapStatus::mountPath("merged"),
+                                               Oro::ShmRole::writer, nullptr);
+  auto sm = mergedMcastTunnelEncapStatusSmFactory(
+      reader("mvpn"), reader("static"), reader("evpn"), merged,
+      Dyx::SmControl{&scheduler, Oro::TaskPriority::normal, false});
+  sm->initializedIs(true);
+  scheduler.run();
+  std::fprintf(stderr, "mvpn_merger: stopping, merged status %s ready, %zu VRFs\n",
+               sm->ready() ? "was" : "was not", merged->vrfStatusSize());
+  return 0;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  const std::string mergedPath = argc > 1 ? argv[1] : "routing/multicast/vpn/vrfStatus/merged";
+  const std::string what = argc > 1 ? argv[1] : "";
+  if ((what != "vrf" && what != "encap") || (what == "encap" && argc > 2) || argc > 3) {
+    std::fprintf(stderr, "usage: mvpn_merger vrf [MERGED_PATH] | mvpn_merger encap\n");
+    return 2;
+  }
   Oro::TaskScheduler scheduler;
   gScheduler = &scheduler;
   struct sigaction sa {};
@@ -41,19 +90,12 @@ int main(int argc, char** argv) {
   sigaction(SIGINT, &sa, nullptr);
   sigaction(SIGTERM, &sa, nullptr);
   try {
-    auto merged = mvpnVrfStatusFactory(mergedPath);
-    merged->mount(Oro::ShmAttach{mergedPath, Oro::ShmRole::writer});
-    auto sm = mergedMvpnVrfStatusSmFactory(
-        reader(MvpnClient::bgp_, &scheduler), reader(MvpnClient::staticMvpn_, &scheduler),
-        reader(MvpnClient::evpn_, &scheduler), reader(MvpnClient::staticEvpn_, &scheduler), merged,
-        Dyx::SmControl{&scheduler, Oro::TaskPriority::normal, false});
-    sm->initializedIs(true);
-    scheduler.run();
-    std::fprintf(stderr, "mvpn_merger: stopping, merged status %s ready, %zu VRFs\n",
-                 sm->ready() ? "was" : "was not", merged->mvpnVrfSize());
+    if (what == "vrf") {
+      return mergeVrfs(argc > 2 ? argv[2] : "routing/multicast/vpn/vrfStatus/merged", scheduler);
+    }
+    return mergeEncaps(scheduler);
   } catch (const Oro::Exception& e) {
     std::fprintf(stderr, "mvpn_merger: %s\n", e.what());
     return 1;
   }
-  return 0;
 }

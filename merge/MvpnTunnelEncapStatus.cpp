@@ -11,17 +11,33 @@ namespace TunnelEncapStore {
 Oro::ShmStoreSpec spec() {
   using Oro::ShmImage;
   using VrfId = Vrf::VrfIdMap::VrfId;
-  Oro::ShmCollectionSpec vrfs{"vrfStatus", "Routing::Multicast::MvpnVrfTunnelEncapStatus",
-                              ShmImage<VrfId>::fingerprint, 0, Oro::ShmLayout::kCollEntities,
-                              Oro::ShmLayout::kNoParent, ShmImage<VrfId>::bytes, 0, false};
-  Oro::ShmCollectionSpec routes{"encapTunnel", MvpnEncapTunnel::kTypeName,
-                                ShmImage<MvpnRouteKey>::fingerprint, EncapTunnelColl::valueFingerprint,
-                                Oro::ShmLayout::kCollValues, kVrfStatus,
-                                ShmImage<MvpnRouteKey>::bytes, 0, true};
-  Oro::ShmCollectionSpec intfs{"encapIntfTunnel", MvpnEncapIntfTunnel::kTypeName,
+  Oro::ShmCollectionSpec vrfs{"vrfStatus",
+                              "Routing::Multicast::MvpnVrfTunnelEncapStatus",
+                              ShmImage<VrfId>::fingerprint,
+                              0,
+                              Oro::ShmLayout::kCollEntities,
+                              Oro::ShmLayout::kNoParent,
+                              ShmImage<VrfId>::bytes,
+                              0,
+                              false};
+  Oro::ShmCollectionSpec routes{"encapTunnel",
+                                MvpnEncapTunnel::kTypeName,
+                                ShmImage<MvpnRouteKey>::fingerprint,
+                                EncapTunnelColl::valueFingerprint,
+                                Oro::ShmLayout::kCollValues,
+                                kVrfStatus,
+                                ShmImage<MvpnRouteKey>::bytes,
+                                0,
+                                true};
+  Oro::ShmCollectionSpec intfs{"encapIntfTunnel",
+                               MvpnEncapIntfTunnel::kTypeName,
                                ShmImage<MvpnRouteIntfKey>::fingerprint,
-                               EncapIntfTunnelColl::valueFingerprint, Oro::ShmLayout::kCollValues,
-                               kVrfStatus, ShmImage<MvpnRouteIntfKey>::bytes, 0, true};
+                               EncapIntfTunnelColl::valueFingerprint,
+                               Oro::ShmLayout::kCollValues,
+                               kVrfStatus,
+                               ShmImage<MvpnRouteIntfKey>::bytes,
+                               0,
+                               true};
   return Oro::ShmStoreSpec{MvpnTunnelEncapStatus::kTypeName, {vrfs, routes, intfs}};
 }
 
@@ -54,7 +70,8 @@ MvpnVrfTunnelEncapStatus::MvpnVrfTunnelEncapStatus(Oro::ShmBinding* binding, uin
 MvpnVrfTunnelEncapStatus::~MvpnVrfTunnelEncapStatus() = default;
 
 Oro::Ptr<MvpnVrfTunnelEncapStatus> MvpnVrfTunnelEncapStatus::make(Oro::ShmBinding* binding,
-                                                                  uint64_t ref, const VrfId& vrfId) {
+                                                                  uint64_t ref,
+                                                                  const VrfId& vrfId) {
   return Oro::Ptr<MvpnVrfTunnelEncapStatus>(new MvpnVrfTunnelEncapStatus(binding, ref, vrfId));
 }
 
@@ -134,7 +151,8 @@ MvpnTunnelEncapStatus::MvpnTunnelEncapStatus(std::string name)
 
 MvpnTunnelEncapStatus::~MvpnTunnelEncapStatus() = default;
 
-Oro::Ptr<MvpnTunnelEncapStatus> MvpnTunnelEncapStatus::MvpnTunnelEncapStatusIs(const std::string& name) {
+Oro::Ptr<MvpnTunnelEncapStatus> MvpnTunnelEncapStatus::MvpnTunnelEncapStatusIs(
+    const std::string& name) {
   return mvpnTunnelEncapStatusFactory(name);
 }
 
@@ -150,6 +168,13 @@ void MvpnTunnelEncapStatus::vrfStatusDel(VrfId vrfId) {
   counters(TunnelEncapStore::kVrfStatus).del.inc();
   // Subscribers told of the removal may still read the departing entity: it keeps its records.
   if (vrfs_.remove(vrfId)) publishKey(vrfStatusAttr, vrfId);
+}
+
+std::string MvpnTunnelEncapStatus::mountPath(std::string_view writer) {
+  if (writer != "mvpn" && writer != "static" && writer != "evpn" && writer != "merged") {
+    throw Oro::RangeException("unknown tunnel encapsulation writer: " + std::string(writer));
+  }
+  return "routing/multicast/vpn/tunnelEncapStatus/" + std::string(writer);
 }
 
 Oro::Ptr<MvpnTunnelEncapStatus> mvpnTunnelEncapStatusFactory(const std::string& name) {

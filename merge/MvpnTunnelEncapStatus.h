@@ -93,7 +93,7 @@ class MvpnVrfTunnelEncapStatus : public Oro::Entity, public Oro::ShmNode {
   static constexpr uint32_t kVersionMask = (uint32_t{1} << 23) - 1;
 
   static Oro::Ptr<MvpnVrfTunnelEncapStatus> make(Oro::ShmBinding* binding, uint64_t ref,
-                                                  const VrfId& vrfId);
+                                                 const VrfId& vrfId);
   // An entity of no store: its collections live in process memory, ordered by key.
   explicit MvpnVrfTunnelEncapStatus(VrfId vrfId) : MvpnVrfTunnelEncapStatus(nullptr, 0, vrfId) {}
   ~MvpnVrfTunnelEncapStatus() override;
@@ -164,6 +164,10 @@ class MvpnTunnelEncapStatus : public ShmRootBase, public Oro::HeapAllocated {
   explicit MvpnTunnelEncapStatus(std::string name);
   ~MvpnTunnelEncapStatus() override;
   static Oro::Ptr<MvpnTunnelEncapStatus> MvpnTunnelEncapStatusIs(const std::string& name);
+  // Where the status of `writer` is mounted: "routing/multicast/vpn/tunnelEncapStatus/" and
+  // the writer's name ("mvpn", "static", "evpn" or "merged"; others raise
+  // Oro::RangeException).
+  static std::string mountPath(std::string_view writer);
   std::string_view typeName() const override { return kTypeName; }
 
   // The VRF's entity, or null.

@@ -1,11 +1,12 @@
 #!/usr/bin/env bash
 # Demo: four writer agents publish their VRF status (one also the PMSI interfaces) in shared
-# memory, a merging reader folds them into the merged VRF status, and mvpnstat shows it all.
+# memory, a merging reader folds them into the merged VRF status; then three writers publish
+# tunnel encapsulations and a second merging reader folds those. mvpnstat shows it all.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/deps.sh
 cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DMVPN_BUILD_TOOLS=ON >/dev/null
-cmake --build build -j2 --target mvpnstat mvpn_writer mvpn_merger
+cmake --build build -j2 --target mvpnstat mvpn_writer mvpn_encap_writer mvpn_merger
 
 B=build
 export MVPN_SHM_NAMESPACE="mvpndemo$$"
@@ -44,7 +45,7 @@ say "mvpnstat show routing/multicast/vpn/intfStatus --json"
 $B/mvpnstat show routing/multicast/vpn/intfStatus --json
 
 say "A merging reader starts (trace of its lifecycle on stderr)"
-MVPN_TRACE=MergedMvpnVrfStatusSm/1 $B/mvpn_merger $vrf/merged & pids+=($!)
+MVPN_TRACE=MergedMvpnVrfStatusSm/1 $B/mvpn_merger vrf $vrf/merged & pids+=($!)
 await $vrf/merged '"key": 10'
 say "mvpnstat show $vrf/merged --json   (precedence: bgp, evpn, staticMvpn, staticEvpn)"
 $B/mvpnstat show $vrf/merged --json
@@ -59,3 +60,20 @@ sleep 0.2; kill $watcher 2>/dev/null || true; wait $watcher 2>/dev/null || true
 cat /tmp/"$MVPN_SHM_NAMESPACE".watch; rm -f /tmp/"$MVPN_SHM_NAMESPACE".watch
 say "mvpnstat show $vrf/merged --json"
 $B/mvpnstat show $vrf/merged --json
+
+encap=routing/multicast/vpn/tunnelEncapStatus
+say "Tunnel encapsulation writers: mvpn and static both hold (10.0.0.1, 239.1.1.1) in VRF 3, evpn an interface record"
+$B/mvpn_encap_writer mvpn route:3:10.0.0.1,239.1.1.1=mvpn-A route:3:10.0.0.2,239.1.1.2=mvpn-B hold & pids+=($!)
+$B/mvpn_encap_writer static route:3:10.0.0.1,239.1.1.1=static-A hold & static=$!; pids+=($static)
+$B/mvpn_encap_writer evpn intf:4:10.0.0.9,239.2.2.2@Vlan104=evpn-C hold & pids+=($!)
+await $encap/mvpn mvpn-B; await $encap/static static-A; await $encap/evpn evpn-C
+say "A second merging reader folds them (static first, then mvpn, then evpn)"
+$B/mvpn_merger encap & pids+=($!)
+await $encap/merged evpn-C
+say "mvpnstat show $encap/merged"
+$B/mvpnstat show $encap/merged
+say "The static writer stops and withdraws its VRF: mvpn's record takes its place"
+kill "$static"; wait "$static" 2>/dev/null || true
+$B/mvpn_encap_writer static novrf:3
+await $encap/merged mvpn-A
+$B/mvpnstat show $encap/merged --json

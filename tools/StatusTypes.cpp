@@ -7,10 +7,11 @@
 
 #include <fmt/format.h>
 
+#include "merge/MvpnTunnelEncapStatus.h"
 #include "platform/DumpContext.h"
 #include "platform/runtime/Entity.h"
-#include "platform/shm/ShmBinding.h"
 #include "platform/runtime/TaskScheduler.h"
+#include "platform/shm/ShmBinding.h"
 #include "status/MvpnIntfStatus.h"
 #include "status/MvpnRouteStatus.h"
 #include "status/MvpnVrfStatus.h"
@@ -94,6 +95,16 @@ uint64_t watch(const std::string& path, bool json, FILE* out, uint64_t maxChange
   return printed;
 }
 
+// Hands every key notification of one entity (any attribute) to a function.
+class AnyKeyReactor : public Oro::Notifiee {
+ public:
+  explicit AnyKeyReactor(std::function<void(Oro::AttrId, const void*)> fn) : fn_(std::move(fn)) {}
+  void onAttributeKey(Oro::AttrId a, const void* key) override { fn_(a, key); }
+
+ private:
+  std::function<void(Oro::AttrId, const void*)> fn_;
+};
+
 std::string sourceJson(const MvpnSource& s) {
   return fmt::format("{{\"source\": {}, \"umhPrefix\": {}, \"flags\": {}}}",
                      jsonQuote(s.source().toStrep()), jsonQuote(s.umhPrefix().toStrep()),
@@ -166,7 +177,7 @@ uint64_t watchTree(const std::string& path, bool json, FILE* out, uint64_t maxCh
       fmt::print(out, "{{\"level\": {}, \"keys\": {}, \"change\": {}}}\n", jsonQuote(level),
                  jsonQuote(keys), jsonQuote(what));
     } else {
-      fmt::print(out, "{} {}: {}\n", level, displayText(keys), displayText(what));
+      fmt::print(out, "{}: {}\n", displayText(keys), displayText(what));
     }
     std::fflush(out);
     if (++printed == maxChanges) scheduler.stop();
@@ -181,14 +192,6 @@ uint64_t watchTree(const std::string& path, bool json, FILE* out, uint64_t maxCh
     std::map<Nevo::IpGenAddr, GroupWatch> groups;
   };
   std::map<uint32_t, VrfWatch> vrfs;
-  class TreeReactor : public Oro::Notifiee {
-   public:
-    explicit TreeReactor(std::function<void(Oro::AttrId, const void*)> fn) : fn_(std::move(fn)) {}
-    void onAttributeKey(Oro::AttrId a, const void* key) override { fn_(a, key); }
-
-   private:
-    std::function<void(Oro::AttrId, const void*)> fn_;
-  };
   auto watchGroup = [&](VrfWatch& vw, uint32_t vrfId, const Nevo::IpGenAddr& g) {
     Oro::Ptr<MvpnGroup> group = vw.vrf->mvpnGroup(g);
     if (!group) {
@@ -199,14 +202,16 @@ uint64_t watchTree(const std::string& path, bool json, FILE* out, uint64_t maxCh
     if (gw.group == group) return;
     gw.group = group;
     MvpnGroup* gp = group.get();
-    gw.reactor = std::make_unique<TreeReactor>([&emit, gp, vrfId](Oro::AttrId a, const void* key) {
-      const auto& source = *static_cast<const Nevo::IpGenAddr*>(key);
-      const bool shared = a == MvpnGroup::sharedTreeAttr;
-      const auto rec = shared ? gp->sharedTree(source) : gp->sourceTree(source);
-      emit(shared ? "sharedTree" : "sourceTree",
-           fmt::format("vrf {} group {} source {}", vrfId, gp->group().toStrep(), source.toStrep()),
-           rec ? rec->toStrep() : "deleted");
-    });
+    gw.reactor =
+        std::make_unique<AnyKeyReactor>([&emit, gp, vrfId](Oro::AttrId a, const void* key) {
+          const auto& source = *static_cast<const Nevo::IpGenAddr*>(key);
+          const bool shared = a == MvpnGroup::sharedTreeAttr;
+          const auto rec = shared ? gp->sharedTree(source) : gp->sourceTree(source);
+          emit(shared ? "sharedTree" : "sourceTree",
+               fmt::format("vrf {} group {} {} {}", vrfId, gp->group().toStrep(),
+                           shared ? "sharedTree" : "sourceTree", source.toStrep()),
+               rec ? rec->toStrep() : "deleted");
+        });
     gw.reactor->notifierIs(gp);
   };
   auto watchVrf = [&](uint32_t vrfId) {
@@ -220,7 +225,7 @@ uint64_t watchTree(const std::string& path, bool json, FILE* out, uint64_t maxCh
     vw.vrf = vrf;
     vw.groups.clear();
     MvpnVrfRouteStatus* vp = vrf.get();
-    vw.reactor = std::make_unique<TreeReactor>([&, vp, vrfId](Oro::AttrId a, const void* key) {
+    vw.reactor = std::make_unique<AnyKeyReactor>([&, vp, vrfId](Oro::AttrId a, const void* key) {
       if (a == MvpnVrfRouteStatus::mvpnRouteAttr) {
         const auto& k = *static_cast<const MvpnRouteKey*>(key);
         const auto rec = vp->mvpnRoute(k);
@@ -229,7 +234,8 @@ uint64_t watchTree(const std::string& path, bool json, FILE* out, uint64_t maxCh
       } else if (a == MvpnVrfRouteStatus::mvpnGroupAttr) {
         const auto& g = *static_cast<const Nevo::IpGenAddr*>(key);
         const bool present = vp->mvpnGroup(g) != nullptr;
-        emit("group", fmt::format("vrf {} group {}", vrfId, g.toStrep()), present ? "present" : "deleted");
+        emit("group", fmt::format("vrf {} group {}", vrfId, g.toStrep()),
+             present ? "present" : "deleted");
         watchGroup(vrfs[vrfId], vrfId, g);
       }
     });
@@ -239,6 +245,117 @@ uint64_t watchTree(const std::string& path, bool json, FILE* out, uint64_t maxCh
     const bool present = r.root->vrfRouteStatus(v) != nullptr;
     emit("vrf", fmt::format("vrf {}", v.value()), present ? "present" : "deleted");
     watchVrf(v.value());
+  });
+  rootReactor.notifierIs(r.root.get());
+  gWatching.store(&scheduler);
+  scheduler.run();
+  gWatching.store(nullptr);
+  return printed;
+}
+
+// A tunnel encapsulation status: per VRF its route and interface encapsulations.
+void showEncap(const std::string& path, bool json, FILE* out) {
+  ReaderRoot<MvpnTunnelEncapStatus> r(path, nullptr);
+  if (json) {
+    fmt::print(out, "{{\"path\": {}, \"type\": {}, \"vrfs\": [", jsonQuote(path),
+               jsonQuote(std::string(r.root->typeName())));
+  } else {
+    fmt::print(out, "MvpnTunnelEncapStatus #{}:\n", r.root->vrfStatusSize());
+  }
+  const char* vsep = "";
+  for (auto v = r.root->vrfStatusIter(); v.valid(); v.next()) {
+    Oro::Ptr<MvpnVrfTunnelEncapStatus> vrf = v.value();
+    if (!vrf) continue;
+    if (json) {
+      fmt::print(out, "{}\n  {{\"vrfId\": {}, \"encapTunnel\": [", vsep, vrf->vrfId().value());
+    } else {
+      fmt::print(out, "  VRF ID: {}\n    Encap tunnels #{}\n", vrf->vrfId().value(),
+                 vrf->encapTunnelSize());
+    }
+    const char* sep = "";
+    for (auto it = vrf->encapTunnelIter(); it.valid(); it.next()) {
+      const MvpnEncapTunnel rec = it.value();
+      if (json) {
+        fmt::print(out, "{}\n    {{\"routeKey\": {}, \"encapData\": {}}}", sep,
+                   jsonQuote(rec.routeKey().toStrep()), jsonQuote(rec.encapData()));
+      } else {
+        fmt::print(out, "      {}\n", displayText(rec.toStrep()));
+      }
+      sep = ",";
+    }
+    if (json) {
+      fmt::print(out, "{}], \"encapIntfTunnel\": [", *sep ? "\n  " : "");
+    } else {
+      fmt::print(out, "    Encap interface tunnels #{}\n", vrf->encapIntfTunnelSize());
+    }
+    sep = "";
+    for (auto it = vrf->encapIntfTunnelIter(); it.valid(); it.next()) {
+      const MvpnEncapIntfTunnel rec = it.value();
+      if (json) {
+        fmt::print(out, "{}\n    {{\"routeIntfKey\": {}, \"encapData\": {}}}", sep,
+                   jsonQuote(rec.routeIntfKey().toStrep()), jsonQuote(rec.encapData()));
+      } else {
+        fmt::print(out, "      {}\n", displayText(rec.toStrep()));
+      }
+      sep = ",";
+    }
+    if (json) fmt::print(out, "{}]}}", *sep ? "\n  " : "");
+    vsep = ",";
+  }
+  if (json) fmt::print(out, "{}]}}\n", *vsep ? "\n" : "");
+}
+
+// Each change of an encapsulation status: VRFs coming and going, and every route and
+// interface key of the VRFs present.
+uint64_t watchEncap(const std::string& path, bool json, FILE* out, uint64_t maxChanges) {
+  Oro::TaskScheduler scheduler;
+  ReaderRoot<MvpnTunnelEncapStatus> r(path, &scheduler);
+  uint64_t printed = 0;
+  auto emit = [&](const char* level, const std::string& keys, const std::string& what) {
+    if (json) {
+      fmt::print(out, "{{\"level\": {}, \"keys\": {}, \"change\": {}}}\n", jsonQuote(level),
+                 jsonQuote(keys), jsonQuote(what));
+    } else {
+      fmt::print(out, "{}: {}\n", displayText(keys), displayText(what));
+    }
+    std::fflush(out);
+    if (++printed == maxChanges) scheduler.stop();
+  };
+  struct VrfWatch {
+    Oro::Ptr<MvpnVrfTunnelEncapStatus> vrf;
+    std::unique_ptr<AnyKeyReactor> reactor;
+  };
+  std::map<uint32_t, VrfWatch> vrfs;
+  auto watchVrf = [&](VrfId vrfId) {
+    Oro::Ptr<MvpnVrfTunnelEncapStatus> vrf = r.root->vrfStatus(vrfId);
+    if (!vrf) {
+      vrfs.erase(vrfId.value());
+      return;
+    }
+    VrfWatch& vw = vrfs[vrfId.value()];
+    if (vw.vrf == vrf) return;
+    vw.vrf = vrf;
+    MvpnVrfTunnelEncapStatus* vp = vrf.get();
+    vw.reactor = std::make_unique<AnyKeyReactor>([&emit, vp](Oro::AttrId a, const void* key) {
+      const uint32_t id = vp->vrfId().value();
+      if (a == MvpnVrfTunnelEncapStatus::encapTunnelAttr) {
+        const auto& k = *static_cast<const MvpnRouteKey*>(key);
+        const auto rec = vp->encapTunnel(k);
+        emit("encapTunnel", fmt::format("vrf {} encapTunnel {}", id, k.toStrep()),
+             rec ? rec->toStrep() : "deleted");
+      } else if (a == MvpnVrfTunnelEncapStatus::encapIntfTunnelAttr) {
+        const auto& k = *static_cast<const MvpnRouteIntfKey*>(key);
+        const auto rec = vp->encapIntfTunnel(k);
+        emit("encapIntfTunnel", fmt::format("vrf {} encapIntfTunnel {}", id, k.toStrep()),
+             rec ? rec->toStrep() : "deleted");
+      }
+    });
+    vw.reactor->notifierIs(vp);
+  };
+  Oro::KeyReactor<VrfId> rootReactor(MvpnTunnelEncapStatus::vrfStatusAttr, [&](const VrfId& v) {
+    const bool present = r.root->vrfStatus(v) != nullptr;
+    emit("vrf", fmt::format("vrf {}", v.value()), present ? "present" : "deleted");
+    watchVrf(v);
   });
   rootReactor.notifierIs(r.root.get());
   gWatching.store(&scheduler);
@@ -259,6 +376,7 @@ const std::vector<StatusType>& statusTypes() {
       makeType<MvpnVrfStatus>(MvpnVrfStatusTraits::typeName),
       makeType<MvpnIntfStatus>(MvpnIntfStatusTraits::typeName),
       StatusType{MvpnRouteStatus::kTypeName, &showTree, &watchTree},
+      StatusType{MvpnTunnelEncapStatus::kTypeName, &showEncap, &watchEncap},
   };
   return types;
 }

@@ -10,15 +10,19 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <fstream>
 #include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
+#include "merge/MvpnTunnelEncapStatus.h"
 #include "platform/shm/ShmSegment.h"
 #include "platform/shm/ShmTable.h"
 #include "status/MvpnIntfStatus.h"
+#include "status/MvpnRouteStatus.h"
 #include "status/MvpnVrfStatus.h"
 
 namespace Routing::Multicast {
@@ -81,6 +85,85 @@ TEST_F(MvpnstatToolTest, ShowsListsAndWatchesTables) {
   EXPECT_EQ(watch.out, "7: Value('Routing::Multicast::MvpnVrf', ** {'key': 7, 'client': evpn})\n");
 }
 
+// The lines of a watch, sorted: a reader's first dispatch reports what is present in store
+// order, which is not the order of writing.
+std::vector<std::string> sortedLines(const std::string& text) {
+  std::vector<std::string> lines;
+  std::istringstream in(text);
+  for (std::string l; std::getline(in, l);) lines.push_back(l);
+  std::sort(lines.begin(), lines.end());
+  return lines;
+}
+
+// Statuses with entities inside: the route status tree and a tunnel encapsulation status.
+TEST_F(MvpnstatToolTest, ShowsAndWatchesNestedStatuses) {
+  using Vrf::VrfIdMap::VrfId;
+  const auto v4 = Nevo::IpGenAddr::ipv4Addr;
+  const std::string treePath = MvpnRouteStatus::mountPath(Nevo::ipv4, MvpnClient::bgp_);
+  auto tree = mvpnRouteStatusFactory(treePath);
+  tree->mount(Oro::ShmAttach{treePath, Oro::ShmRole::writer});
+  tree->vrfRouteStatusIs(VrfId(3))->mvpnSourceIs(v4(0xef000001), v4(0x0a000001),
+                                                 Nevo::IpGenPrefix(v4(0x0a000000), 8), true,
+                                                 MvpnSource::SourceFlags(1));
+
+  Result treeJson = mvpnstat("show " + treePath + " --json");
+  ASSERT_EQ(treeJson.status, 0) << treeJson.out;
+  const auto doc = nlohmann::json::parse(treeJson.out);
+  ASSERT_EQ(doc["vrfs"].size(), 1u);
+  EXPECT_EQ(doc["vrfs"][0]["vrfId"], 3);
+  const auto& group = doc["vrfs"][0]["groups"][0];
+  EXPECT_EQ(group["group"], "239.0.0.1");
+  EXPECT_EQ(group["sharedTree"][0]["source"], "10.0.0.1");
+  EXPECT_EQ(group["sharedTree"][0]["umhPrefix"], "10.0.0.0/8");
+  EXPECT_TRUE(group["sourceTree"].empty());
+
+  Result treeWatch = mvpnstat("watch " + treePath + " --count 3");
+  EXPECT_EQ(treeWatch.status, 0);
+  const auto treeLines = sortedLines(treeWatch.out);
+  ASSERT_EQ(treeLines.size(), 3u) << treeWatch.out;
+  EXPECT_EQ(treeLines[0], "vrf 3 group 239.0.0.1 sharedTree 10.0.0.1: " +
+                              tree->vrfRouteStatus(VrfId(3))
+                                  ->mvpnSource(v4(0xef000001), v4(0x0a000001), true)
+                                  .toStrep());
+  EXPECT_EQ(treeLines[1], "vrf 3 group 239.0.0.1: present");
+  EXPECT_EQ(treeLines[2], "vrf 3: present");
+
+  const std::string encapPath = MvpnTunnelEncapStatus::mountPath("static");
+  EXPECT_THROW(MvpnTunnelEncapStatus::mountPath("bgp"), Oro::RangeException);
+  auto encap = mvpnTunnelEncapStatusFactory("static");
+  encap->mount(Oro::ShmAttach{encapPath, Oro::ShmRole::writer});
+  const MvpnRouteKey rk(v4(0x0a000001), v4(0xef000001), false);
+  const MvpnEncapTunnel route(rk, "ingress \"a\"");
+  const MvpnEncapIntfTunnel intf(MvpnRouteIntfKey(rk, Nevo::IntfId::vlan(5)), "vx");
+  encap->vrfStatusIs(VrfId(1))->encapTunnelIs(route);
+  encap->vrfStatusIs(VrfId(2))->encapIntfTunnelIs(intf);
+
+  Result encapText = mvpnstat("show " + encapPath);
+  EXPECT_EQ(encapText.status, 0);
+  EXPECT_NE(encapText.out.find("  VRF ID: 1\n    Encap tunnels #1\n      " + route.toStrep() +
+                               "\n    Encap interface tunnels #0\n"),
+            std::string::npos)
+      << encapText.out;
+  Result encapJson = mvpnstat("show " + encapPath + " --json");
+  ASSERT_EQ(encapJson.status, 0) << encapJson.out;
+  const auto edoc = nlohmann::json::parse(encapJson.out);
+  ASSERT_EQ(edoc["vrfs"].size(), 2u);
+  for (const auto& v : edoc["vrfs"]) {
+    if (v["vrfId"] == 1) {
+      EXPECT_EQ(v["encapTunnel"][0]["encapData"], "ingress \"a\"");
+    } else {
+      EXPECT_EQ(v["encapIntfTunnel"][0]["routeIntfKey"], intf.routeIntfKey().toStrep());
+    }
+  }
+  Result encapWatch = mvpnstat("watch " + encapPath + " --count 4");
+  EXPECT_EQ(encapWatch.status, 0);
+  EXPECT_EQ(sortedLines(encapWatch.out),
+            (std::vector<std::string>{
+                "vrf 1 encapTunnel " + rk.toStrep() + ": " + route.toStrep(), "vrf 1: present",
+                "vrf 2 encapIntfTunnel " + intf.routeIntfKey().toStrep() + ": " + intf.toStrep(),
+                "vrf 2: present"}));
+}
+
 TEST_F(MvpnstatToolTest, ReportsUnknownDamagedAndForeignTables) {
   Result unknown = mvpnstat("show routing/multicast/vpn/vrfStatus/bgp");
   EXPECT_EQ(unknown.status, 1);
@@ -94,8 +177,7 @@ TEST_F(MvpnstatToolTest, ReportsUnknownDamagedAndForeignTables) {
   foreign.attach(Oro::ShmAttach{"routing/multicast/vpn/vrfStatus/evpn", Oro::ShmRole::writer});
   Result other = mvpnstat("show routing/multicast/vpn/vrfStatus/evpn");
   EXPECT_EQ(other.status, 1);
-  EXPECT_NE(other.out.find("holds a Test::Other, which mvpnstat does not know"),
-            std::string::npos)
+  EXPECT_NE(other.out.find("holds a Test::Other, which mvpnstat does not know"), std::string::npos)
       << other.out;
 
   // A header overwritten with garbage.
