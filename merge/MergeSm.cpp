@@ -41,6 +41,7 @@ void MergeSm::handleInitialized() {
   scanStateReactor_.notifierIs(inputSmScanState_.get());
   outputStateReactor_.notifierIs(outputState_.get());
   for (OutputBase* output : outputs_) output->initialize();
+  outputsPrepare();
   ORO_TRACE(*qtHandle_, kTraceLifecycle, "create non-public arg SMs");
   createInputSms();
   for (InputSmBase* sm : inputSms_) sm->start();

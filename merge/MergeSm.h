@@ -81,6 +81,8 @@ class MergeSm : public Oro::Entity {
   virtual bool argPresent(size_t arg) const = 0;
   // Creates the input machines and registers each with inputSmIs.
   virtual void createInputSms() = 0;
+  // Before the inputs start: a machine may prepare its outputs for what the inputs hold.
+  virtual void outputsPrepare() {}
 
   void inputSmIs(InputSmBase* sm) { inputSms_.push_back(sm); }
   void outputIs(OutputBase* output) { outputs_.push_back(output); }

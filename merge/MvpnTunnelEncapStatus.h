@@ -177,6 +177,8 @@ class MvpnTunnelEncapStatus : public ShmRootBase, public Oro::HeapAllocated {
   // Removes the VRF's entity; an absent VRF changes and publishes nothing.
   void vrfStatusDel(VrfId vrfId);
   size_t vrfStatusSize() const { return vrfs_.size(); }
+  // Room for n VRF entities in this process (see ShmEntities::reserve).
+  void vrfStatusReserve(size_t n) { vrfs_.reserve(n); }
   VrfStatusIterator vrfStatusIter() const { return vrfs_.begin(); }
   VrfStatusIterator vrfStatusIterAt(const VrfStatusBookmark& b) const { return vrfs_.at(b); }
   void vrfStatusHandleCorruption(const std::string& message) const { handleCorruption(message); }

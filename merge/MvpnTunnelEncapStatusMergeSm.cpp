@@ -248,6 +248,20 @@ void MergedMcastTunnelEncapStatusSm::into(const VrfId& vrfId, const typename Rul
   Rule::write(mergedVrfIs(vrfId), *value);
 }
 
+// Every merged VRF is some input's VRF: room for all of them up front keeps the creation of
+// a hundred thousand merged VRFs from stopping one task run for a rehash.
+void MergedMcastTunnelEncapStatusSm::outputsPrepare() {
+  size_t vrfs = 0;
+  for (const MvpnTunnelEncapStatus* in : {mvpnEncap(), staticEncap(), evpnEncap()}) {
+    try {
+      vrfs += in->vrfStatusSize();
+    } catch (const Oro::ShmCorruptionException&) {
+      // The input's scan reports it.
+    }
+  }
+  mergedEncap()->vrfStatusReserve(vrfs + vrfs / 4);
+}
+
 MvpnVrfTunnelEncapStatus& MergedMcastTunnelEncapStatusSm::mergedVrfIs(const VrfId& vrfId) {
   if (!mergedVrf_.entity || mergedVrf_.vrfId != vrfId) {
     // vrfStatusIs may announce a new VRF, which clears the cache: fill it afterwards.

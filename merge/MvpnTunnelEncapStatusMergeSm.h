@@ -218,6 +218,7 @@ class MergedMcastTunnelEncapStatusSm
                                  Oro::Ptr<MvpnTunnelEncapStatus> mergedEncap,
                                  const Dyx::SmControl& dynaControl);
   ~MergedMcastTunnelEncapStatusSm() override;
+  void outputsPrepare() override;
 
   const MvpnTunnelEncapStatus* mvpnEncap() const { return arg<0>(); }
   const MvpnTunnelEncapStatus* staticEncap() const { return arg<1>(); }

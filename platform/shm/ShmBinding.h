@@ -156,6 +156,8 @@ class ShmBinding : private ShmReader::Sink {
   void nodeIs(uint32_t c, uint64_t ref, ShmNode* node);
   void nodeDel(uint32_t c, uint64_t ref, ShmNode* node);
   ShmNode* node(uint32_t c, uint64_t ref) const;
+  // Room for n proxies of collection c, so that registering them never rehashes at once.
+  void nodesReserve(uint32_t c, size_t n) { nodes_.at(c).reserve(n); }
 
   // Mount status and quiesced flag (writer sets; every role reads).
   void mountStatusIs(TylKetab::MountStatus status);
