@@ -7,7 +7,11 @@
 //   +N          declare VRF N                  -N          withdraw VRF N
 //   intf:N=IF   PMSI interface IF of VRF N     nointf:N    remove VRF N's PMSI interface
 //   sleep:MS    wait MS milliseconds           hold        stay up until SIGINT/SIGTERM
-// The interface status table is opened (as its writer) at the first intf step.
+//   shared:V:G,S=UMH   source S of group G in VRF V's shared tree (UMH a prefix, e.g. 10.0.0.0/8)
+//   source:V:G,S=UMH   the same in the source tree
+//   nogroup:V:G        remove group G of VRF V with both its trees
+// The interface status table is opened (as its writer) at the first intf step, the route
+// status tree at the first shared, source or nogroup step.
 #include <poll.h>
 #include <sys/signalfd.h>
 
@@ -20,10 +24,13 @@
 #include "platform/CharRange.h"
 #include "platform/Error.h"
 #include "platform/net/IntfId.h"
+#include "platform/net/IpAddr.h"
 #include "status/MvpnIntfStatus.h"
+#include "status/MvpnRouteStatus.h"
 #include "status/MvpnVrfStatus.h"
 
 using namespace Routing::Multicast;
+using Vrf::VrfIdMap::VrfId;
 
 namespace {
 
@@ -32,6 +39,14 @@ uint32_t number(const std::string& text) {
   const unsigned long v = std::stoul(text, &used);
   if (used != text.size()) throw Oro::ParseException("not a number: " + text);
   return static_cast<uint32_t>(v);
+}
+
+template <class T>
+T parsed(const std::string& text, const char* what) {
+  Oro::CharRange in(text);
+  T v(in);
+  if (!in.atEnd()) throw Oro::ParseException(std::string("not ") + what + ": " + text);
+  return v;
 }
 
 // Blocks until SIGINT or SIGTERM (delivered through a signalfd, so nothing polls).
@@ -70,6 +85,13 @@ int main(int argc, char** argv) {
     auto vrfs = mvpnVrfStatusFactory(path);
     vrfs->mount(Oro::ShmAttach{path, Oro::ShmRole::writer});
     Oro::Ptr<MvpnIntfStatus> intfs;
+    Oro::Ptr<MvpnRouteStatus> tree;
+    auto treeIs = [&] {
+      if (tree) return;
+      const std::string treePath = MvpnRouteStatus::mountPath(Nevo::ipv4, client);
+      tree = mvpnRouteStatusFactory(treePath);
+      tree->mount(Oro::ShmAttach{treePath, Oro::ShmRole::writer});
+    };
     for (int i = 2; i < argc; ++i) {
       const std::string step = argv[i];
       if (step == "hold") {
@@ -93,6 +115,27 @@ int main(int argc, char** argv) {
           std::string intfText = step.substr(eq + 1);
           Oro::CharRange intfIn(intfText);
           intfs->vrfIntfIdIs(MvpnVrfIntfId(number(step.substr(5, eq - 5)), Nevo::IntfId(intfIn)));
+        }
+      } else if (step.rfind("shared:", 0) == 0 || step.rfind("source:", 0) == 0) {
+        // shared:V:G,S=UMH or source:V:G,S=UMH
+        const size_t colon = step.find(':', 7), comma = step.find(','), eq = step.find('=');
+        if (colon == std::string::npos || comma == std::string::npos || eq == std::string::npos ||
+            !(colon < comma && comma < eq)) {
+          throw Oro::ParseException("shared|source:V:G,S=UMH expected: " + step);
+        }
+        treeIs();
+        tree->vrfRouteStatusIs(VrfId(number(step.substr(7, colon - 7))))
+            ->mvpnSourceIs(
+                parsed<Nevo::IpGenAddr>(step.substr(colon + 1, comma - colon - 1), "an address"),
+                parsed<Nevo::IpGenAddr>(step.substr(comma + 1, eq - comma - 1), "an address"),
+                parsed<Nevo::IpGenPrefix>(step.substr(eq + 1), "a prefix"), step[1] == 'h',
+                MvpnSource::SourceFlags());
+      } else if (step.rfind("nogroup:", 0) == 0) {
+        const size_t colon = step.find(':', 8);
+        if (colon == std::string::npos) throw Oro::ParseException("nogroup:V:G expected: " + step);
+        treeIs();
+        if (auto vrf = tree->vrfRouteStatus(VrfId(number(step.substr(8, colon - 8))))) {
+          vrf->mvpnGroupDel(parsed<Nevo::IpGenAddr>(step.substr(colon + 1), "an address"));
         }
       } else {
         throw Oro::ParseException("unknown step: " + step);

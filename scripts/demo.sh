@@ -28,17 +28,24 @@ await() {
   echo "timed out waiting for $2 at $1" >&2; return 1
 }
 
-say "Writers publish: bgp {5,6}, staticMvpn {7,8}, evpn {7,9} + PMSI interfaces, staticEvpn {10,5}"
+say "Writers publish: bgp {5,6}, staticMvpn {7,8} + a route status tree, evpn {7,9} + PMSI interfaces, staticEvpn {10,5}"
 $B/mvpn_writer bgp +5 +6 hold & pids+=($!)
-$B/mvpn_writer staticMvpn +7 +8 hold & pids+=($!)
+$B/mvpn_writer staticMvpn +7 +8 shared:7:239.1.1.1,10.0.0.1=10.0.0.0/8 \
+  source:7:239.1.1.1,10.0.0.2=10.0.0.0/16 source:8:239.2.2.2,10.0.0.3=10.0.0.0/24 hold & pids+=($!)
 $B/mvpn_writer evpn +7 +9 intf:5=Vlan105 intf:7=Vlan107 hold & pids+=($!)
 $B/mvpn_writer staticEvpn +10 +5 hold & pids+=($!)
 await $vrf/bgp '"key": 6'; await $vrf/staticMvpn '"key": 8'
 await $vrf/evpn '"key": 9'; await $vrf/staticEvpn '"key": 5'
 await routing/multicast/vpn/intfStatus Vlan107
 
+await routing/multicast/vpn/routeStatus/staticMvpn 239.2.2.2
+
 say "mvpnstat list"
 $B/mvpnstat list
+say "MVPN_TOGGLE_MvpnGroupTylModel=1 mvpnstat show routing/multicast/vpn/routeStatus/staticMvpn   (a route status tree, group model)"
+MVPN_TOGGLE_MvpnGroupTylModel=1 $B/mvpnstat show routing/multicast/vpn/routeStatus/staticMvpn
+say "mvpnstat show routing/multicast/vpn/routeStatus/staticMvpn --json"
+$B/mvpnstat show routing/multicast/vpn/routeStatus/staticMvpn --json
 say "mvpnstat show $vrf/evpn"
 $B/mvpnstat show $vrf/evpn
 say "mvpnstat show routing/multicast/vpn/intfStatus --json"
