@@ -8,37 +8,37 @@ namespace Routing::Multicast {
 
 namespace TunnelEncapStore {
 
-Oro::ShmStoreSpec spec() {
+Oro::ShmStoreSchema schema() {
   using Oro::ShmImage;
   using VrfId = Vrf::VrfIdMap::VrfId;
-  Oro::ShmCollectionSpec vrfs{"vrfStatus",
-                              "Routing::Multicast::MvpnVrfTunnelEncapStatus",
-                              ShmImage<VrfId>::fingerprint,
-                              0,
-                              Oro::ShmLayout::kCollEntities,
-                              Oro::ShmLayout::kNoParent,
-                              ShmImage<VrfId>::bytes,
-                              0,
-                              false};
-  Oro::ShmCollectionSpec routes{"encapTunnel",
-                                MvpnEncapTunnel::kTypeName,
-                                ShmImage<MvpnRouteKey>::fingerprint,
-                                EncapTunnelColl::valueFingerprint,
-                                Oro::ShmLayout::kCollValues,
-                                kVrfStatus,
-                                ShmImage<MvpnRouteKey>::bytes,
+  Oro::ShmCollectionSchema vrfs{"vrfStatus",
+                                "Routing::Multicast::MvpnVrfTunnelEncapStatus",
+                                ShmImage<VrfId>::fingerprint,
                                 0,
-                                true};
-  Oro::ShmCollectionSpec intfs{"encapIntfTunnel",
-                               MvpnEncapIntfTunnel::kTypeName,
-                               ShmImage<MvpnRouteIntfKey>::fingerprint,
-                               EncapIntfTunnelColl::valueFingerprint,
-                               Oro::ShmLayout::kCollValues,
-                               kVrfStatus,
-                               ShmImage<MvpnRouteIntfKey>::bytes,
-                               0,
-                               true};
-  return Oro::ShmStoreSpec{MvpnTunnelEncapStatus::kTypeName, {vrfs, routes, intfs}};
+                                Oro::ShmLayout::kCollEntities,
+                                Oro::ShmLayout::kNoParent,
+                                ShmImage<VrfId>::bytes,
+                                0,
+                                false};
+  Oro::ShmCollectionSchema routes{"encapTunnel",
+                                  MvpnEncapTunnel::kTypeName,
+                                  ShmImage<MvpnRouteKey>::fingerprint,
+                                  EncapTunnelColl::valueFingerprint,
+                                  Oro::ShmLayout::kCollValues,
+                                  kVrfStatus,
+                                  ShmImage<MvpnRouteKey>::bytes,
+                                  0,
+                                  true};
+  Oro::ShmCollectionSchema intfs{"encapIntfTunnel",
+                                 MvpnEncapIntfTunnel::kTypeName,
+                                 ShmImage<MvpnRouteIntfKey>::fingerprint,
+                                 EncapIntfTunnelColl::valueFingerprint,
+                                 Oro::ShmLayout::kCollValues,
+                                 kVrfStatus,
+                                 ShmImage<MvpnRouteIntfKey>::bytes,
+                                 0,
+                                 true};
+  return Oro::ShmStoreSchema{MvpnTunnelEncapStatus::kTypeName, {vrfs, routes, intfs}};
 }
 
 }  // namespace TunnelEncapStore
@@ -143,7 +143,7 @@ Oro::TraceHandle& MvpnTunnelEncapStatus::trace() {
 }
 
 MvpnTunnelEncapStatus::MvpnTunnelEncapStatus(std::string name)
-    : ShmRootBase(std::move(name), TunnelEncapStore::spec(), trace(), vrfStatusControlAttr),
+    : ShmRootBase(std::move(name), TunnelEncapStore::schema(), trace(), vrfStatusControlAttr),
       vrfs_(&binding(), 0, [this](const VrfId& v) {
         publishKey(vrfStatusAttr, v);
         counters(TunnelEncapStore::kVrfStatus).notify.inc();

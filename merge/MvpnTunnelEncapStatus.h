@@ -45,7 +45,7 @@ namespace TunnelEncapStore {
 inline constexpr uint32_t kVrfStatus = 0;
 inline constexpr uint32_t kEncapTunnel = 1;
 inline constexpr uint32_t kEncapIntfTunnel = 2;
-Oro::ShmStoreSpec spec();
+Oro::ShmStoreSchema schema();
 }  // namespace TunnelEncapStore
 
 // Stored records: the key is the record's own key; encapData is the record's variable part.

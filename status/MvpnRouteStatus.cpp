@@ -11,14 +11,14 @@ using Nevo::IpGenPrefix;
 
 namespace RouteStatusStore {
 
-Oro::ShmStoreSpec spec() {
-  using Oro::ShmCollectionSpec;
+Oro::ShmStoreSchema schema() {
+  using Oro::ShmCollectionSchema;
   using Oro::ShmImage;
-  Oro::ShmStoreSpec s;
+  Oro::ShmStoreSchema s;
   s.rootType = MvpnRouteStatus::kTypeName;
-  auto coll = [](const char* name, const char* type, uint32_t kind, uint32_t parent,
-                 uint64_t keyFp, uint32_t keyBytes, uint64_t valueFp, uint32_t valueBytes) {
-    ShmCollectionSpec c;
+  auto coll = [](const char* name, const char* type, uint32_t kind, uint32_t parent, uint64_t keyFp,
+                 uint32_t keyBytes, uint64_t valueFp, uint32_t valueBytes) {
+    ShmCollectionSchema c;
     c.name = name;
     c.typeName = type;
     c.kind = kind;
@@ -386,7 +386,7 @@ Oro::TraceHandle& MvpnRouteStatus::trace() {
 }
 
 MvpnRouteStatus::MvpnRouteStatus(std::string name)
-    : ShmRootBase(std::move(name), RouteStatusStore::spec(), trace(), vrfRouteStatusControlAttr),
+    : ShmRootBase(std::move(name), RouteStatusStore::schema(), trace(), vrfRouteStatusControlAttr),
       vrfs_(&binding(), 0, [this](VrfId v) { vrfRouteStatusNotify(v); }) {}
 
 MvpnRouteStatus::~MvpnRouteStatus() = default;

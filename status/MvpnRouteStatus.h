@@ -48,7 +48,7 @@ inline constexpr uint32_t kMvpnRoute = 1;
 inline constexpr uint32_t kMvpnGroup = 2;
 inline constexpr uint32_t kSharedTree = 3;
 inline constexpr uint32_t kSourceTree = 4;
-Oro::ShmStoreSpec spec();
+Oro::ShmStoreSchema schema();
 }  // namespace RouteStatusStore
 
 // Stored records: the key is the collection key; the value holds the rest.

@@ -2,16 +2,17 @@
 
 namespace Routing::Multicast {
 
-ShmRootBase::ShmRootBase(std::string name, Oro::ShmStoreSpec spec, const Oro::TraceHandle& trace,
-                         Oro::AttrId controlAttr)
+ShmRootBase::ShmRootBase(std::string name, Oro::ShmStoreSchema schema,
+                         const Oro::TraceHandle& trace, Oro::AttrId controlAttr)
     : name_(std::move(name)),
       trace_(&trace),
       controlAttr_(controlAttr),
-      binding_(std::move(spec), Oro::ShmBinding::Callbacks{[this] { notifyMountStatus(); },
-                                                           [this](bool q) { notifyQuiesced(q); }}),
+      binding_(std::move(schema),
+               Oro::ShmBinding::Callbacks{[this] { notifyMountStatus(); },
+                                          [this](bool q) { notifyQuiesced(q); }}),
       control_(new TylKetab::CollectionControl()) {
   binding_.ownerIs(this);
-  for (const Oro::ShmCollectionSpec& c : binding_.spec().collections) {
+  for (const Oro::ShmCollectionSchema& c : binding_.schema().collections) {
     counters_.push_back(std::make_unique<MutatorCounters>(c.name, name_));
   }
   zeroRefs_.notifierIs(this);

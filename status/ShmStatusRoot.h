@@ -59,7 +59,7 @@ class ShmRootZeroReferencesNotifiee : public Oro::Notifiee {
 
 class ShmRootBase : public Oro::Entity {
  public:
-  ShmRootBase(std::string name, Oro::ShmStoreSpec spec, const Oro::TraceHandle& trace,
+  ShmRootBase(std::string name, Oro::ShmStoreSchema schema, const Oro::TraceHandle& trace,
               Oro::AttrId controlAttr);
   ~ShmRootBase() override;
 
@@ -143,15 +143,15 @@ bool registerStatusRootType(std::string_view typeName,
 
 // The store layout of a root with one value collection described by Traits.
 template <class Traits>
-Oro::ShmStoreSpec singleCollectionSpec() {
-  Oro::ShmCollectionSpec c;
+Oro::ShmStoreSchema singleCollectionSchema() {
+  Oro::ShmCollectionSchema c;
   c.name = Traits::collection;
   c.typeName = Traits::recordTypeName;
   c.keyFingerprint = Oro::ShmImage<typename Traits::Key>::fingerprint;
   c.valueFingerprint = Traits::valueFingerprint;
   c.keyBytes = Oro::ShmImage<typename Traits::Key>::bytes;
   c.valueBytes = Traits::valueBytes;
-  return Oro::ShmStoreSpec{Traits::typeName, {c}};
+  return Oro::ShmStoreSchema{Traits::typeName, {c}};
 }
 
 // The root with one keyed collection of records. Traits: Key, Record, the names (typeName,
@@ -185,7 +185,8 @@ class ShmStatusRoot : public ShmRootBase {
   static constexpr Oro::AttrId controlAttr = Traits::controlAttr;
 
   explicit ShmStatusRoot(std::string name)
-      : ShmRootBase(std::move(name), singleCollectionSpec<Traits>(), trace(), Traits::controlAttr),
+      : ShmRootBase(std::move(name), singleCollectionSchema<Traits>(), trace(),
+                    Traits::controlAttr),
         values_(&binding(), 0, [this](const Key& k) { recordNotify(k); }) {}
 
   std::string_view typeName() const override { return Traits::typeName; }

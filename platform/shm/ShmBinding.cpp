@@ -15,12 +15,12 @@ constexpr std::chrono::milliseconds kFirstRetry{10};
 constexpr std::chrono::milliseconds kMaxRetry{1000};
 }  // namespace
 
-ShmBinding::ShmBinding(ShmStoreSpec spec, Callbacks callbacks)
-    : spec_(std::move(spec)),
+ShmBinding::ShmBinding(ShmStoreSchema schema, Callbacks callbacks)
+    : schema_(std::move(schema)),
       callbacks_(std::move(callbacks)),
-      store_(ShmStore::detached(spec_)),
-      top_(spec_.collections.size(), nullptr),
-      nodes_(spec_.collections.size()) {}
+      store_(ShmStore::detached(schema_)),
+      top_(schema_.collections.size(), nullptr),
+      nodes_(schema_.collections.size()) {}
 
 ShmBinding::~ShmBinding() {
   *alive_ = false;
@@ -87,7 +87,7 @@ void ShmBinding::attach(const ShmAttach& how) {
   if (attached()) detach();
   if (how.role == ShmRole::detached) return;
   if (how.role == ShmRole::writer) {
-    ShmStore fresh = ShmStore::openWriter(how.mountPath, spec_, how.mode, how.ringCapacity);
+    ShmStore fresh = ShmStore::openWriter(how.mountPath, schema_, how.mode, how.ringCapacity);
     std::vector<std::tuple<uint32_t, uint64_t, uint64_t>> moves;
     try {
       fresh.copyFrom(store_, /*announce=*/true,
@@ -104,7 +104,7 @@ void ShmBinding::attach(const ShmAttach& how) {
     mountStatusIs(TylKetab::MountStatus::mounted);
     return;
   }
-  ShmStore fresh = ShmStore::openReader(how.mountPath, &spec_);
+  ShmStore fresh = ShmStore::openReader(how.mountPath, &schema_);
   // The records held so far are not the store's: the handles keep their keys (reported on
   // the first dispatch) and the proxies leave the store they were in.
   for (ShmHandleBase* h : top_) {
@@ -126,7 +126,7 @@ void ShmBinding::detach() {
   reader_.reset();
   const bool wasWriter = role_ == ShmRole::writer;
   if (wasWriter) store_.mountStatusIs(static_cast<uint32_t>(TylKetab::MountStatus::notMounted));
-  ShmStore local = ShmStore::detached(spec_);
+  ShmStore local = ShmStore::detached(schema_);
   std::vector<std::tuple<uint32_t, uint64_t, uint64_t>> moves;
   try {
     local.copyFrom(store_, /*announce=*/false,
@@ -171,7 +171,7 @@ void ShmBinding::handleCorruption(const std::string& message) const {
 void ShmBinding::deliverKey(uint32_t c, const uint32_t* keyWords) {
   if (c >= top_.size()) return;
   ShmHandleBase* h = nullptr;
-  const uint32_t parent = spec_.collections[c].parent;
+  const uint32_t parent = schema_.collections[c].parent;
   if (parent == ShmLayout::kNoParent) {
     h = top_[c];
   } else {
@@ -218,7 +218,7 @@ void ShmBinding::readerFailed(const std::string& message, bool replaced) {
 void ShmBinding::retryReader() {
   ShmStore fresh;
   try {
-    fresh = ShmStore::openReader(mountPath_, &spec_);
+    fresh = ShmStore::openReader(mountPath_, &schema_);
   } catch (const ShmException&) {
     readerFailed("", /*replaced=*/false);
     return;

@@ -133,7 +133,7 @@ class ShmBinding : private ShmReader::Sink {
     std::function<void(bool quiesced)> onQuiesced;
   };
 
-  ShmBinding(ShmStoreSpec spec, Callbacks callbacks);
+  ShmBinding(ShmStoreSchema schema, Callbacks callbacks);
   ~ShmBinding() override;
   ShmBinding(const ShmBinding&) = delete;
   ShmBinding& operator=(const ShmBinding&) = delete;
@@ -144,7 +144,7 @@ class ShmBinding : private ShmReader::Sink {
   ShmRole role() const { return role_; }
   bool writable() const { return role_ != ShmRole::reader; }
   const std::string& mountPath() const { return mountPath_; }
-  const ShmStoreSpec& spec() const { return spec_; }
+  const ShmStoreSchema& schema() const { return schema_; }
   ShmStore& store() { return store_; }
   const ShmStore& store() const { return store_; }
   ShmReader* reader() const { return reader_.get(); }
@@ -198,7 +198,7 @@ class ShmBinding : private ShmReader::Sink {
   void retryReader();
   void rebindAll(const std::vector<std::tuple<uint32_t, uint64_t, uint64_t>>& moves);
 
-  ShmStoreSpec spec_;
+  ShmStoreSchema schema_;
   Callbacks callbacks_;
   ShmRole role_ = ShmRole::detached;
   std::string mountPath_;

@@ -167,7 +167,8 @@ void ShmCollection::addChunk() {
   const uint32_t c = static_cast<uint32_t>(chunks_.size());
   if (c >= kMaxChunks) {
     throw ShmException(fmt::format("shared memory store {}: collection {} is full",
-                                   storePtr_->mountPath_, storePtr_->spec_.collections[index_].name));
+                                   storePtr_->mountPath_,
+                                   storePtr_->schema_.collections[index_].name));
   }
   // Committed a step at a time as its slots are used (ensureCommitted): neither a write that
   // opens a chunk nor the store's memory pays for the whole chunk at once. A nested
@@ -700,7 +701,8 @@ uint32_t ShmCollection::allocTopSlot() {
   const uint32_t hw = hw_;
   if (hw >= kMaxSlots) {
     throw ShmException(fmt::format("shared memory store {}: collection {} is full",
-                                   storePtr_->mountPath_, storePtr_->spec_.collections[index_].name));
+                                   storePtr_->mountPath_,
+                                   storePtr_->schema_.collections[index_].name));
   }
   if (hw >= slotCapacity(static_cast<uint32_t>(chunks_.size()))) addChunk();
   ensureCommitted(hw + 1);
@@ -756,7 +758,8 @@ uint32_t ShmCollection::allocPage(uint32_t cls) {
     }
     if (hw >= kMaxSlots - size) {
       throw ShmException(fmt::format("shared memory store {}: collection {} is full",
-                                     storePtr_->mountPath_, storePtr_->spec_.collections[index_].name));
+                                     storePtr_->mountPath_,
+                                     storePtr_->schema_.collections[index_].name));
     }
     addChunk();
   }
@@ -815,8 +818,9 @@ uint32_t ShmCollection::allocSlot(const uint32_t* keyWords) {
   if (!nested()) return allocTopSlot();
   const uint64_t parent = uint64_t{keyWords[1]} << 32 | keyWords[0];
   if (!storePtr_->colls_[parent_]->alive(parent)) {
-    throw ShmException(fmt::format("shared memory store {}: collection {}: the parent entity is gone",
-                                   storePtr_->mountPath_, storePtr_->spec_.collections[index_].name));
+    throw ShmException(
+        fmt::format("shared memory store {}: collection {}: the parent entity is gone",
+                    storePtr_->mountPath_, storePtr_->schema_.collections[index_].name));
   }
   return allocMember(parent);
 }

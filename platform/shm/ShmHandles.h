@@ -13,7 +13,7 @@
 // records are gone with the store's entity).
 //
 // Traits of a value collection:
-//   using Key, Record;  static constexpr uint32_t collection;   // index in the store's spec
+//   using Key, Record;  static constexpr uint32_t collection;   // index in the store's schema
 //   static Key keyOf(const Record&);
 //   static constexpr uint32_t valueBytes; static constexpr uint64_t valueFingerprint;
 //   static void writeValue(const Record&, std::byte* out);

@@ -296,7 +296,7 @@ ShmStore& ShmStore::operator=(ShmStore&& o) noexcept {
   if (this == &o) return *this;
   bell_.reset();
   colls_.clear();
-  spec_ = std::move(o.spec_);
+  schema_ = std::move(o.schema_);
   mountPath_ = std::move(o.mountPath_);
   instance_ = o.instance_;
   mode_ = o.mode_;
@@ -357,21 +357,21 @@ uint64_t ShmStore::epoch() const {
 
 namespace {
 
-void validateSpec(const ShmStoreSpec& spec) {
-  if (spec.collections.empty() || spec.collections.size() > kMaxCollections) {
-    throw ShmException(
-        fmt::format("store {} declares {} collections", spec.rootType, spec.collections.size()));
+void validateSchema(const ShmStoreSchema& schema) {
+  if (schema.collections.empty() || schema.collections.size() > kMaxCollections) {
+    throw ShmException(fmt::format("store {} declares {} collections", schema.rootType,
+                                   schema.collections.size()));
   }
-  for (size_t i = 0; i < spec.collections.size(); ++i) {
-    const ShmCollectionSpec& c = spec.collections[i];
+  for (size_t i = 0; i < schema.collections.size(); ++i) {
+    const ShmCollectionSchema& c = schema.collections[i];
     const uint32_t keyBytes = c.keyBytes + (c.parent != kNoParent ? 4 * kParentRefWords : 0);
     if (c.name.empty() || c.name.size() >= kCollectionNameBytes ||
         c.typeName.size() >= kTypeNameBytes || c.keyBytes == 0 || keyBytes > kMaxKeyBytes ||
         c.valueBytes > kMaxValueBytes ||
         (c.parent != kNoParent &&
-         (c.parent >= i || spec.collections[c.parent].kind != kCollEntities))) {
+         (c.parent >= i || schema.collections[c.parent].kind != kCollEntities))) {
       throw ShmException(
-          fmt::format("store {}: collection {} has an unsupported shape", spec.rootType, c.name));
+          fmt::format("store {}: collection {} has an unsupported shape", schema.rootType, c.name));
     }
   }
 }
@@ -381,10 +381,10 @@ void validateSpec(const ShmStoreSpec& spec) {
 struct CollGeometry {
   uint32_t keyWords, valueWords, children, childIndex, sideWords, slotWords;
 };
-std::vector<CollGeometry> geometryOf(const ShmStoreSpec& spec) {
-  std::vector<CollGeometry> g(spec.collections.size());
-  for (size_t i = 0; i < spec.collections.size(); ++i) {
-    const ShmCollectionSpec& c = spec.collections[i];
+std::vector<CollGeometry> geometryOf(const ShmStoreSchema& schema) {
+  std::vector<CollGeometry> g(schema.collections.size());
+  for (size_t i = 0; i < schema.collections.size(); ++i) {
+    const ShmCollectionSchema& c = schema.collections[i];
     g[i].keyWords = words(c.keyBytes) + (c.parent != kNoParent ? kParentRefWords : 0);
     g[i].valueWords = words(c.valueBytes) + (c.blobs ? kBlobRefWords : 0);
     if (c.parent != kNoParent) g[i].childIndex = g[c.parent].children++;
@@ -399,9 +399,9 @@ std::vector<CollGeometry> geometryOf(const ShmStoreSpec& spec) {
     x.slotWords = body + x.sideWords;
     if (x.children != 0) x.slotWords = alignUp(x.slotWords, 2);
   }
-  for (size_t i = 0; i < spec.collections.size(); ++i) {
+  for (size_t i = 0; i < schema.collections.size(); ++i) {
     // An entity collection without children still keeps its generation in side words.
-    if (spec.collections[i].kind == kCollEntities && g[i].children == 0) {
+    if (schema.collections[i].kind == kCollEntities && g[i].children == 0) {
       uint32_t body = alignUp(1 + g[i].keyWords + g[i].valueWords, 2);
       g[i].sideWords = sideWordsFor(0);
       g[i].slotWords = body + g[i].sideWords;
@@ -410,8 +410,8 @@ std::vector<CollGeometry> geometryOf(const ShmStoreSpec& spec) {
   return g;
 }
 
-Geometry headerGeometry(const ShmStoreSpec& spec, uint32_t ringCapacity) {
-  const auto cg = geometryOf(spec);
+Geometry headerGeometry(const ShmStoreSchema& schema, uint32_t ringCapacity) {
+  const auto cg = geometryOf(schema);
   Geometry g{};
   uint32_t maxKey = 0, maxRecord = 0;
   for (const auto& c : cg) {
@@ -432,12 +432,12 @@ Geometry headerGeometry(const ShmStoreSpec& spec, uint32_t ringCapacity) {
 
 // Fills a zeroed header segment (already in headerSeg_) for a new store; the magic is stored by
 // the caller, last.
-void ShmStore::build(const ShmStoreSpec& spec, uint32_t ringCapacity, bool shared,
+void ShmStore::build(const ShmStoreSchema& schema, uint32_t ringCapacity, bool shared,
                      uint64_t instance) {
-  validateSpec(spec);
-  spec_ = spec;
+  validateSchema(schema);
+  schema_ = schema;
   instance_ = instance;
-  const Geometry g = headerGeometry(spec, ringCapacity);
+  const Geometry g = headerGeometry(schema, ringCapacity);
   if (!headerSeg_.valid()) headerSeg_ = ShmSegment::anonymous(g.bytes);
   (void)shared;
   hdr_ = new (headerSeg_.data()) Header();
@@ -445,8 +445,8 @@ void ShmStore::build(const ShmStoreSpec& spec, uint32_t ringCapacity, bool share
   hdr_->headerBytes = static_cast<uint32_t>(headerSeg_.size());
   hdr_->instance = instance;
   copyName(hdr_->mountPath, kPathBytes, mountPath_);
-  copyName(hdr_->rootType, kTypeNameBytes, spec.rootType);
-  hdr_->collectionCount = static_cast<uint32_t>(spec.collections.size());
+  copyName(hdr_->rootType, kTypeNameBytes, schema.rootType);
+  hdr_->collectionCount = static_cast<uint32_t>(schema.collections.size());
   hdr_->ringCapacity = g.ringCap;
   hdr_->ringEntryWords = g.ringEntryWords;
   hdr_->ringOffset = g.ringOffset;
@@ -455,9 +455,9 @@ void ShmStore::build(const ShmStoreSpec& spec, uint32_t ringCapacity, bool share
   hdr_->mode = static_cast<uint32_t>(mode_);
   hdr_->owner.store(static_cast<uint64_t>(::getpid()), std::memory_order_relaxed);
   hdr_->epoch.store(1, std::memory_order_relaxed);
-  const auto cg = geometryOf(spec);
-  for (size_t i = 0; i < spec.collections.size(); ++i) {
-    const ShmCollectionSpec& c = spec.collections[i];
+  const auto cg = geometryOf(schema);
+  for (size_t i = 0; i < schema.collections.size(); ++i) {
+    const ShmCollectionSchema& c = schema.collections[i];
     CollectionDesc& d = hdr_->colls[i];
     copyName(d.name, kCollectionNameBytes, c.name);
     copyName(d.typeName, kTypeNameBytes, c.typeName);
@@ -483,20 +483,20 @@ void ShmStore::build(const ShmStoreSpec& spec, uint32_t ringCapacity, bool share
   writable_ = true;
   blobs_ = std::make_unique<Blobs>();
   colls_.clear();
-  for (uint32_t i = 0; i < spec.collections.size(); ++i) {
+  for (uint32_t i = 0; i < schema.collections.size(); ++i) {
     colls_.push_back(std::make_unique<ShmCollection>(*this, i));
   }
   for (auto& c : colls_) c->buildIndex(kMinIndexCapacity);
 }
 
-ShmStore ShmStore::detached(const ShmStoreSpec& spec) {
+ShmStore ShmStore::detached(const ShmStoreSchema& schema) {
   ShmStore s;
-  s.build(spec, kMinRingCapacity, /*shared=*/false, 0);
+  s.build(schema, kMinRingCapacity, /*shared=*/false, 0);
   s.hdr_->magic.store(kMagic, std::memory_order_release);
   return s;
 }
 
-void ShmStore::attach(ShmSegment seg, const ShmStoreSpec* spec, bool writable) {
+void ShmStore::attach(ShmSegment seg, const ShmStoreSchema* schema, bool writable) {
   const size_t bytes = seg.size();
   const auto* h = reinterpret_cast<const Header*>(seg.data());
   if (bytes < sizeof(Header)) corrupt(fmt::format("header segment holds {} bytes", bytes));
@@ -514,11 +514,11 @@ void ShmStore::attach(ShmSegment seg, const ShmStoreSpec* spec, bool writable) {
   const uint32_t count = h->collectionCount;
   if (count == 0 || count > kMaxCollections) corrupt(fmt::format("{} collections", count));
   // The store's own description of its collections.
-  ShmStoreSpec actual;
+  ShmStoreSchema actual;
   actual.rootType = rootType;
   for (uint32_t i = 0; i < count; ++i) {
     const CollectionDesc& d = h->colls[i];
-    ShmCollectionSpec c;
+    ShmCollectionSchema c;
     c.name = nameOf(d.name, kCollectionNameBytes);
     c.typeName = nameOf(d.typeName, kTypeNameBytes);
     c.keyFingerprint = d.keyFingerprint;
@@ -533,8 +533,8 @@ void ShmStore::attach(ShmSegment seg, const ShmStoreSpec* spec, bool writable) {
     c.blobs = d.blobs != 0;
     actual.collections.push_back(c);
   }
-  if (spec) {
-    auto describe = [](const ShmStoreSpec& s) {
+  if (schema) {
+    auto describe = [](const ShmStoreSchema& s) {
       std::string out = s.rootType + " {";
       for (const auto& c : s.collections) {
         out +=
@@ -543,22 +543,22 @@ void ShmStore::attach(ShmSegment seg, const ShmStoreSpec* spec, bool writable) {
       }
       return out + " }";
     };
-    bool same =
-        actual.rootType == spec->rootType && actual.collections.size() == spec->collections.size();
-    for (size_t i = 0; same && i < spec->collections.size(); ++i) {
+    bool same = actual.rootType == schema->rootType &&
+                actual.collections.size() == schema->collections.size();
+    for (size_t i = 0; same && i < schema->collections.size(); ++i) {
       const auto& a = actual.collections[i];
-      const auto& b = spec->collections[i];
+      const auto& b = schema->collections[i];
       same = a.name == b.name && a.typeName == b.typeName && a.keyFingerprint == b.keyFingerprint &&
              a.valueFingerprint == b.valueFingerprint && a.kind == b.kind && a.parent == b.parent &&
              a.keyBytes == b.keyBytes && a.valueBytes == b.valueBytes && a.blobs == b.blobs;
     }
     if (!same) {
       throw ShmException(fmt::format("shared memory store {} holds {}, not {}", mountPath_,
-                                     describe(actual), describe(*spec)));
+                                     describe(actual), describe(*schema)));
     }
   }
   try {
-    validateSpec(actual);
+    validateSchema(actual);
   } catch (const ShmException& e) {
     corrupt(e.what());
   }
@@ -577,7 +577,7 @@ void ShmStore::attach(ShmSegment seg, const ShmStoreSpec* spec, bool writable) {
       h->ringOffset != g.ringOffset || h->headerBytes != bytes || bytes < g.bytes) {
     corrupt("inconsistent header geometry");
   }
-  spec_ = spec ? *spec : actual;
+  schema_ = schema ? *schema : actual;
   instance_ = h->instance;
   mode_ = static_cast<mode_t>(h->mode & 07777);
   headerSeg_ = std::move(seg);
@@ -595,14 +595,14 @@ void ShmStore::attach(ShmSegment seg, const ShmStoreSpec* spec, bool writable) {
   lossesSeen_ = ShmGuard::losses();
 }
 
-ShmStore ShmStore::openReader(const std::string& mountPath, const ShmStoreSpec* spec) {
+ShmStore ShmStore::openReader(const std::string& mountPath, const ShmStoreSchema* schema) {
   const std::string name = shmStoreName(mountPath);
   for (int attempt = 0;; ++attempt) {
     ShmStore s;
     s.mountPath_ = mountPath;
     ShmSegment seg = ShmSegment::open(name, ShmSegment::Access::readOnly, 8);
     try {
-      s.attach(std::move(seg), spec, /*writable=*/false);
+      s.attach(std::move(seg), schema, /*writable=*/false);
       return s;
     } catch (const ShmException& e) {
       // A writer replaced the store between our open and our read: open the new one.
@@ -614,9 +614,9 @@ ShmStore ShmStore::openReader(const std::string& mountPath, const ShmStoreSpec* 
   }
 }
 
-ShmStore ShmStore::openWriter(const std::string& mountPath, const ShmStoreSpec& spec, mode_t mode,
-                              uint32_t ringCapacity) {
-  validateSpec(spec);
+ShmStore ShmStore::openWriter(const std::string& mountPath, const ShmStoreSchema& schema,
+                              mode_t mode, uint32_t ringCapacity) {
+  validateSchema(schema);
   const std::string name = shmStoreName(mountPath);
   // A new store: every segment is built under this instance's names, the header under a
   // temporary name, then renamed into place - unless another process got there first.
@@ -628,10 +628,10 @@ ShmStore ShmStore::openWriter(const std::string& mountPath, const ShmStoreSpec& 
     s.instance_ = instance;
     const std::string temp = shmStoreSegmentName(mountPath, instance, "new");
     try {
-      s.headerSeg_ = ShmSegment::create(temp, headerGeometry(spec, ringCapacity).bytes, mode,
+      s.headerSeg_ = ShmSegment::create(temp, headerGeometry(schema, ringCapacity).bytes, mode,
                                         /*replace=*/true);
       if (!lockWriter(s.headerSeg_.fd())) throw ShmException("cannot lock a new store");
-      s.build(spec, ringCapacity, /*shared=*/true, instance);
+      s.build(schema, ringCapacity, /*shared=*/true, instance);
       s.startBell();
       s.fault(ShmFaultPoint::creationBuilt);
       s.hdr_->magic.store(kMagic, std::memory_order_release);
@@ -695,13 +695,13 @@ ShmStore ShmStore::openWriter(const std::string& mountPath, const ShmStoreSpec& 
       if (bytes < sizeof(Header)) s.corrupt(fmt::format("header segment holds {} bytes", bytes));
       const auto* h = reinterpret_cast<const Header*>(old.data());
       if (h->magic.load(std::memory_order_acquire) == kMagic &&
-          nameOf(h->rootType, kTypeNameBytes) != spec.rootType) {
+          nameOf(h->rootType, kTypeNameBytes) != schema.rootType) {
         throw ShmException(fmt::format("shared memory store {} holds a {}, not a {}", mountPath,
-                                       nameOf(h->rootType, kTypeNameBytes), spec.rootType));
+                                       nameOf(h->rootType, kTypeNameBytes), schema.rootType));
       }
       ShmSegment header = std::move(old);
       try {
-        s.attach(std::move(header), &spec, /*writable=*/true);
+        s.attach(std::move(header), &schema, /*writable=*/true);
         s.writable_ = true;
         s.recover();
         s.startBell();

@@ -39,7 +39,7 @@ namespace Oro {
 class ShmBellServer;
 class ShmCollection;
 
-struct ShmCollectionSpec {
+struct ShmCollectionSchema {
   std::string name;      // e.g. "mvpnVrf"
   std::string typeName;  // the record type, e.g. "Routing::Multicast::MvpnVrf"
   uint64_t keyFingerprint = 0;
@@ -51,9 +51,9 @@ struct ShmCollectionSpec {
   bool blobs = false;  // records carry a variable-length part
 };
 
-struct ShmStoreSpec {
+struct ShmStoreSchema {
   std::string rootType;                        // e.g. "Routing::Multicast::MvpnVrfStatus"
-  std::vector<ShmCollectionSpec> collections;  // parents before their children
+  std::vector<ShmCollectionSchema> collections;  // parents before their children
 };
 
 // Points at which a writer can be stopped by a test (fault injection).
@@ -91,24 +91,24 @@ class ShmStore {
   ~ShmStore();
 
   // An empty store in process memory.
-  static ShmStore detached(const ShmStoreSpec& spec);
+  static ShmStore detached(const ShmStoreSchema& schema);
   // A writer's store: creates it; takes over one whose writer is dead (recovering the
   // journaled slot, reclaiming what a dead writer left half done, advancing the epoch);
   // recreates one that is damaged. A live writer, or a store of another type at the path:
   // ShmException (and nothing changes).
-  static ShmStore openWriter(const std::string& mountPath, const ShmStoreSpec& spec, mode_t mode,
-                             uint32_t ringCapacity);
-  // A reader's mapping of an existing store (read-only). With a spec, the store must hold
+  static ShmStore openWriter(const std::string& mountPath, const ShmStoreSchema& schema,
+                             mode_t mode, uint32_t ringCapacity);
+  // A reader's mapping of an existing store (read-only). With a schema, the store must hold
   // exactly those collections (names, types and layout fingerprints); without one (tools) it
   // is taken as it is.
-  static ShmStore openReader(const std::string& mountPath, const ShmStoreSpec* spec);
+  static ShmStore openReader(const std::string& mountPath, const ShmStoreSchema* schema);
 
   bool valid() const { return hdr_ != nullptr; }
   bool shared() const { return headerSeg_.named(); }
   bool writable() const { return writable_; }
   const std::string& mountPath() const { return mountPath_; }
   const ShmLayout::Header* header() const { return hdr_; }
-  const ShmStoreSpec& spec() const { return spec_; }
+  const ShmStoreSchema& schema() const { return schema_; }
   uint32_t collections() const { return static_cast<uint32_t>(colls_.size()); }
   uint32_t keyWords(uint32_t c) const;    // including a nested collection's parent reference
   uint32_t valueWords(uint32_t c) const;  // including the blob reference
@@ -196,7 +196,7 @@ class ShmStore {
   // Whether the writer of a store opened by a reader is alive (holds the store's lock).
   bool writerAlive() const;
 
-  // Copies every record of `from` (same spec) into this store, translating nested parent
+  // Copies every record of `from` (same schema) into this store, translating nested parent
   // references; `onEntity(c, oldRef, newRef)` is told every entity copied. With `announce`,
   // each key is published. Reserves the top-level collections first.
   using EntityFn = std::function<void(uint32_t c, uint64_t oldRef, uint64_t newRef)>;
@@ -213,11 +213,11 @@ class ShmStore {
   friend class ShmCollection;
   struct Blobs;
 
-  void build(const ShmStoreSpec& spec, uint32_t ringCapacity, bool shared, uint64_t instance);
+  void build(const ShmStoreSchema& schema, uint32_t ringCapacity, bool shared, uint64_t instance);
   void startBell();
   uint32_t walkChild(uint32_t c, uint64_t parent, uint32_t from, bool after, Record* out) const;
   void unlinkInstance() const;
-  void attach(ShmSegment header, const ShmStoreSpec* spec, bool writable);
+  void attach(ShmSegment header, const ShmStoreSchema* schema, bool writable);
   void recover();
   void cleanLeftovers() const;
   void retire(ShmSegment& old);
@@ -242,7 +242,7 @@ class ShmStore {
   void blobRead(const ShmLayout::BlobRef& ref, std::string* out) const;
   void blobRebuild();
 
-  ShmStoreSpec spec_;
+  ShmStoreSchema schema_;
   std::string mountPath_;
   uint64_t instance_ = 0;
   mode_t mode_ = 0600;

@@ -37,15 +37,15 @@ ShmStoreInfo shmStoreInfo(const std::string& mountPath) {
   const Header* h = s.header();
   ShmStoreInfo info;
   info.mountPath = mountPath;
-  info.rootType = s.spec().rootType;
+  info.rootType = s.schema().rootType;
   for (uint32_t c = 0; c < s.collections(); ++c) {
-    const ShmCollectionSpec& spec = s.spec().collections[c];
+    const ShmCollectionSchema& schema = s.schema().collections[c];
     ShmCollectionInfo ci;
-    ci.name = spec.name;
-    ci.typeName = spec.typeName;
-    ci.keyBytes = spec.keyBytes;
-    ci.valueBytes = spec.valueBytes;
-    if (spec.parent != kNoParent) ci.parent = s.spec().collections[spec.parent].name;
+    ci.name = schema.name;
+    ci.typeName = schema.typeName;
+    ci.keyBytes = schema.keyBytes;
+    ci.valueBytes = schema.valueBytes;
+    if (schema.parent != kNoParent) ci.parent = s.schema().collections[schema.parent].name;
     ci.records = s.count(c);
     info.collections.push_back(std::move(ci));
   }

@@ -63,26 +63,27 @@ class ShmTable {
     typename Values::Cursor c_;
   };
 
-  static ShmStoreSpec spec(const std::string& typeName, const std::string& collection) {
-    ShmCollectionSpec c;
+  static ShmStoreSchema schema(const std::string& typeName, const std::string& collection) {
+    ShmCollectionSchema c;
     c.name = collection;
     c.typeName = typeName;
     c.keyFingerprint = ShmImage<K>::fingerprint;
     c.valueFingerprint = ShmImage<V>::fingerprint;
     c.keyBytes = ShmImage<K>::bytes;
     c.valueBytes = ShmImage<V>::bytes;
-    return ShmStoreSpec{typeName, {c}};
+    return ShmStoreSchema{typeName, {c}};
   }
 
   ShmTable(const std::string& typeName, const std::string& collection, Callbacks cb)
       : callbacks_(std::move(cb)),
-        binding_(spec(typeName, collection),
-                 ShmBinding::Callbacks{[this] {
-                                         if (callbacks_.onMountStatus) callbacks_.onMountStatus();
-                                       },
-                                       [this](bool q) {
-                                         if (callbacks_.onQuiesced) callbacks_.onQuiesced(q);
-                                       }}),
+        binding_(schema(typeName, collection), ShmBinding::Callbacks{[this] {
+                                                                       if (callbacks_.onMountStatus)
+                                                                         callbacks_.onMountStatus();
+                                                                     },
+                                                                     [this](bool q) {
+                                                                       if (callbacks_.onQuiesced)
+                                                                         callbacks_.onQuiesced(q);
+                                                                     }}),
         values_(&binding_, 0, [this](const K& k) {
           if (callbacks_.onKey) callbacks_.onKey(k);
         }) {}

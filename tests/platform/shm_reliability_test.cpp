@@ -115,12 +115,12 @@ void awaitStop(pid_t child) {
 }
 
 TEST_F(ShmReliabilityTest, AStalledCreatorOrTakerNeverLeavesTwoWriters) {
-  const Oro::ShmStoreSpec spec = Table::spec("test::Rec", "recs");
+  const Oro::ShmStoreSchema schema = Table::schema("test::Rec", "recs");
   auto stalledWriter = [&](ShmFaultPoint point) {
     return forkChild([&] {
       faultAt(point, 1, SIGSTOP);
       try {
-        ShmStore s = ShmStore::openWriter("r/two", spec, 0600, 64);
+        ShmStore s = ShmStore::openWriter("r/two", schema, 0600, 64);
         return 10;  // became the writer
       } catch (const Oro::ShmException& e) {
         return std::string(e.what()).find("already has a live writer") != std::string::npos ? 20
@@ -132,7 +132,7 @@ TEST_F(ShmReliabilityTest, AStalledCreatorOrTakerNeverLeavesTwoWriters) {
   pid_t a = stalledWriter(ShmFaultPoint::creationBuilt);
   awaitStop(a);
   {
-    ShmStore b = ShmStore::openWriter("r/two", spec, 0600, 64);
+    ShmStore b = ShmStore::openWriter("r/two", schema, 0600, 64);
     ::kill(a, SIGCONT);
     EXPECT_EQ(waitChild(a), 20);
   }
@@ -140,7 +140,7 @@ TEST_F(ShmReliabilityTest, AStalledCreatorOrTakerNeverLeavesTwoWriters) {
   // however long it stays stopped; when it goes on, it is the writer.
   a = stalledWriter(ShmFaultPoint::takeOverLocked);
   awaitStop(a);
-  EXPECT_THROW(ShmStore::openWriter("r/two", spec, 0600, 64), Oro::ShmException);
+  EXPECT_THROW(ShmStore::openWriter("r/two", schema, 0600, 64), Oro::ShmException);
   ::kill(a, SIGCONT);
   EXPECT_EQ(waitChild(a), 10);
 }
@@ -354,7 +354,7 @@ TEST_F(ShmReliabilityTest, AWriterKilledAtAnyStepLeavesAStoreThatAgreesWithItsel
     });
     ASSERT_EQ(waitChild(child), 128 + SIGKILL);
     checkAgreement(ShmStore::openReader(path, nullptr), kKeys);
-    ShmStore taken = ShmStore::openWriter(path, Table::spec("test::Rec", "recs"), 0600, 64);
+    ShmStore taken = ShmStore::openWriter(path, Table::schema("test::Rec", "recs"), 0600, 64);
     checkAgreement(taken, kKeys);
     // Nothing of the dead writer is left over: the store's segments are the ones in use.
     size_t indexes = 0;
@@ -367,7 +367,7 @@ TEST_F(ShmReliabilityTest, AWriterKilledAtAnyStepLeavesAStoreThatAgreesWithItsel
 }
 
 TEST_F(ShmReliabilityTest, ADamagedStoreIsRecreatedByItsWriterAndItsReadersRecover) {
-  const Oro::ShmStoreSpec spec = Table::spec("test::Rec", "recs");
+  const Oro::ShmStoreSchema schema = Table::schema("test::Rec", "recs");
   using Damage = std::function<void(const std::string& path)>;
   auto instance = [](const std::string& path) {
     ShmStore s = ShmStore::openReader(path, nullptr);
@@ -444,7 +444,7 @@ TEST_F(ShmReliabilityTest, AWriterWhoseMainThreadEndedIsAlive) {
   });
   ASSERT_TRUE(started.receive());
   EXPECT_TRUE(ShmStore::openReader("r/thread", nullptr).writerAlive());
-  EXPECT_THROW(ShmStore::openWriter("r/thread", Table::spec("test::Rec", "recs"), 0600, 64),
+  EXPECT_THROW(ShmStore::openWriter("r/thread", Table::schema("test::Rec", "recs"), 0600, 64),
                Oro::ShmException);
   ::kill(child, SIGKILL);
   waitChild(child);

@@ -124,22 +124,22 @@ TEST_F(ShmStoreTest, OneLiveWriterOneTypeOneRevision) {
   struct Narrow {
     uint64_t a, b, c, d;
   };
-  Oro::ShmStoreSpec spec = Table::spec("test::Rec", "recs");
-  spec.collections[0].valueFingerprint ^= 1;
-  EXPECT_THROW(ShmStore::openReader("t/one", &spec), Oro::ShmException);
+  Oro::ShmStoreSchema schema = Table::schema("test::Rec", "recs");
+  schema.collections[0].valueFingerprint ^= 1;
+  EXPECT_THROW(ShmStore::openReader("t/one", &schema), Oro::ShmException);
   EXPECT_FALSE(second.attached());
 }
 
 // A store with entities (parents) whose members are values (kids) and strings (notes).
-Oro::ShmStoreSpec nestedSpec() {
-  Oro::ShmCollectionSpec parents{
+Oro::ShmStoreSchema nestedSchema() {
+  Oro::ShmCollectionSchema parents{
       "parents", "test::Parent", 1, 0, Oro::ShmLayout::kCollEntities, Oro::ShmLayout::kNoParent, 4,
       0,         false};
-  Oro::ShmCollectionSpec kids{"kids", "test::Kid", 2,  3,    Oro::ShmLayout::kCollValues,
-                              0,      4,           32, false};
-  Oro::ShmCollectionSpec notes{"notes", "test::Note", 4, 5, Oro::ShmLayout::kCollValues, 0, 4,
-                               0,       true};
-  return Oro::ShmStoreSpec{"test::Tree", {parents, kids, notes}};
+  Oro::ShmCollectionSchema kids{"kids", "test::Kid", 2,  3,    Oro::ShmLayout::kCollValues,
+                                0,      4,           32, false};
+  Oro::ShmCollectionSchema notes{"notes", "test::Note", 4, 5, Oro::ShmLayout::kCollValues, 0, 4,
+                                 0,       true};
+  return Oro::ShmStoreSchema{"test::Tree", {parents, kids, notes}};
 }
 
 uint64_t addParent(ShmStore& s, uint32_t key) {
@@ -170,7 +170,7 @@ std::vector<uint32_t> members(const ShmStore& s, uint32_t c, uint64_t parent) {
 }
 
 TEST_F(ShmStoreTest, NestedMembersLiveOnTheirParentsPagesAndGoWithThem) {
-  ShmStore s = ShmStore::openWriter("t/tree", nestedSpec(), 0600, 1024);
+  ShmStore s = ShmStore::openWriter("t/tree", nestedSchema(), 0600, 1024);
   const uint64_t a = addParent(s, 1);
   const uint64_t b = addParent(s, 2);
   for (uint32_t k = 0; k < 300; ++k) {
@@ -218,7 +218,7 @@ TEST_F(ShmStoreTest, NestedMembersLiveOnTheirParentsPagesAndGoWithThem) {
 }
 
 TEST_F(ShmStoreTest, BlobsAreReadWholeAndTheirSpaceIsReused) {
-  ShmStore s = ShmStore::openWriter("t/blob", nestedSpec(), 0600, 1024);
+  ShmStore s = ShmStore::openWriter("t/blob", nestedSchema(), 0600, 1024);
   const uint64_t p = addParent(s, 1);
   ShmStore reader = ShmStore::openReader("t/blob", nullptr);
   auto note = [&](uint32_t k) {
