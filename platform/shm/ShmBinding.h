@@ -94,6 +94,13 @@ class ShmHandleBase {
   }
 
  protected:
+  // The walk of this handle's members in the store: the top-level collection in slot order,
+  // or one parent's page chain. firstSlot starts it at `from` (walkStart() for the first
+  // member), nextSlot goes on after `slot`; both give kNoSlot at the end.
+  uint32_t walkStart() const { return parent_ == 0 ? 0 : ShmStore::kNoSlot; }
+  uint32_t firstSlot(uint32_t from, ShmStore::Record* rec) const;
+  uint32_t nextSlot(uint32_t slot, ShmStore::Record* rec) const;
+
   ShmBinding* binding_;
   uint32_t coll_;
   uint64_t parent_;
@@ -218,5 +225,15 @@ class ShmBinding : private ShmReader::Sink {
   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
   void* owner_ = nullptr;
 };
+
+inline uint32_t ShmHandleBase::firstSlot(uint32_t from, ShmStore::Record* rec) const {
+  const ShmStore& s = binding_->store();
+  return parent_ == 0 ? s.seek(coll_, from, rec) : s.seekChild(coll_, parent_, from, rec);
+}
+
+inline uint32_t ShmHandleBase::nextSlot(uint32_t slot, ShmStore::Record* rec) const {
+  const ShmStore& s = binding_->store();
+  return parent_ == 0 ? s.seek(coll_, slot + 1, rec) : s.nextChild(coll_, parent_, slot, rec);
+}
 
 }  // namespace Oro

@@ -117,16 +117,12 @@ class ShmValues : public ShmHandleBase {
     friend class ShmValues;
     void seek(uint32_t from) {
       ShmStore::Record rec;
-      const ShmStore& s = h_->binding_->store();
-      slot_ = h_->parent_ == 0 ? s.seek(kColl, from, &rec)
-                               : s.seekChild(kColl, h_->parent_, from, &rec);
+      slot_ = h_->firstSlot(from, &rec);
       if (slot_ != ShmStore::kNoSlot) met(rec);
     }
     void step() {
       ShmStore::Record rec;
-      const ShmStore& s = h_->binding_->store();
-      slot_ = h_->parent_ == 0 ? s.seek(kColl, slot_ + 1, &rec)
-                               : s.nextChild(kColl, h_->parent_, slot_, &rec);
+      slot_ = h_->nextSlot(slot_, &rec);
       if (slot_ != ShmStore::kNoSlot) met(rec);
     }
     // A reader remembers every key a walk showed it: a key met this way may never be
@@ -206,7 +202,7 @@ class ShmValues : public ShmHandleBase {
       c.it_ = local_.begin();
       c.loadLocal();
     } else {
-      c.seek(parent_ == 0 ? 0 : ShmStore::kNoSlot);
+      c.seek(walkStart());
     }
     return c;
   }
@@ -311,10 +307,8 @@ class ShmValues : public ShmHandleBase {
     ++mark_;
     const ShmStore& s = binding_->store();
     ShmStore::Record rec;
-    for (uint32_t slot = parent_ == 0 ? s.seek(kColl, 0, &rec)
-                                      : s.seekChild(kColl, parent_, ShmStore::kNoSlot, &rec);
-         slot != ShmStore::kNoSlot; slot = parent_ == 0 ? s.seek(kColl, slot + 1, &rec)
-                                                        : s.nextChild(kColl, parent_, slot, &rec)) {
+    for (uint32_t slot = firstSlot(walkStart(), &rec); slot != ShmStore::kNoSlot;
+         slot = nextSlot(slot, &rec)) {
       known_.insert_or_assign(shmKeyOf<Key>(s, kColl, rec.words), mark_);
       out.add(kColl, rec.words);
     }
@@ -418,17 +412,13 @@ class ShmEntities : public ShmHandleBase {
     friend class ShmEntities;
     void seek(uint32_t from) {
       ShmStore::Record rec;
-      const ShmStore& s = h_->binding_->store();
-      slot_ = h_->parent_ == 0 ? s.seek(kColl, from, &rec)
-                               : s.seekChild(kColl, h_->parent_, from, &rec);
-      if (slot_ != ShmStore::kNoSlot) key_ = shmKeyOf<Key>(s, kColl, rec.words);
+      slot_ = h_->firstSlot(from, &rec);
+      if (slot_ != ShmStore::kNoSlot) key_ = shmKeyOf<Key>(h_->binding_->store(), kColl, rec.words);
     }
     void step() {
       ShmStore::Record rec;
-      const ShmStore& s = h_->binding_->store();
-      slot_ = h_->parent_ == 0 ? s.seek(kColl, slot_ + 1, &rec)
-                               : s.nextChild(kColl, h_->parent_, slot_, &rec);
-      if (slot_ != ShmStore::kNoSlot) key_ = shmKeyOf<Key>(s, kColl, rec.words);
+      slot_ = h_->nextSlot(slot_, &rec);
+      if (slot_ != ShmStore::kNoSlot) key_ = shmKeyOf<Key>(h_->binding_->store(), kColl, rec.words);
     }
     const ShmEntities* h_ = nullptr;
     bool local_ = false;
@@ -492,7 +482,7 @@ class ShmEntities : public ShmHandleBase {
       c.it_ = localOrder_.begin();
       if (c.it_ != localOrder_.end()) c.key_ = *c.it_;
     } else {
-      c.seek(parent_ == 0 ? 0 : ShmStore::kNoSlot);
+      c.seek(walkStart());
     }
     return c;
   }
@@ -613,10 +603,8 @@ class ShmEntities : public ShmHandleBase {
     ++mark_;
     const ShmStore& s = binding_->store();
     ShmStore::Record rec;
-    for (uint32_t slot = parent_ == 0 ? s.seek(kColl, 0, &rec)
-                                      : s.seekChild(kColl, parent_, ShmStore::kNoSlot, &rec);
-         slot != ShmStore::kNoSlot; slot = parent_ == 0 ? s.seek(kColl, slot + 1, &rec)
-                                                        : s.nextChild(kColl, parent_, slot, &rec)) {
+    for (uint32_t slot = firstSlot(walkStart(), &rec); slot != ShmStore::kNoSlot;
+         slot = nextSlot(slot, &rec)) {
       const Key key = shmKeyOf<Key>(s, kColl, rec.words);
       marks_[key] = mark_;
       out.add(kColl, rec.words);
