@@ -157,21 +157,7 @@ pid_t startMerger() {
   });
 }
 
-class TunnelMergeProcessTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    binaryNamespace_ = Oro::shmNamespace();
-    Oro::shmNamespaceIs(fmt::format("h7encap{}", ::getpid()));
-    Oro::shmUnlinkNamespace();
-  }
-  void TearDown() override {
-    Oro::shmUnlinkNamespace();
-    Oro::shmNamespaceIs(binaryNamespace_);
-  }
-
- private:
-  std::string binaryNamespace_;
-};
+class TunnelMergeProcessTest : public shmtest::ShmTest {};
 
 TEST_F(TunnelMergeProcessTest, MergedStatusFollowsThreeWriterProcesses) {
   // A merger that died left stale records in both collections, and a wrong one.

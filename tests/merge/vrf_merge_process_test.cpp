@@ -74,22 +74,7 @@ void script(int w, int phase, const Ops& ops) {
   }
 }
 
-class VrfMergeProcessTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    binaryNamespace_ = Oro::shmNamespace();
-    Oro::shmNamespaceIs(fmt::format("h6merge{}", ::getpid()));
-    Oro::shmUnlinkNamespace();
-  }
-  // Back to the binary's namespace, which the test environment removes at the end.
-  void TearDown() override {
-    Oro::shmUnlinkNamespace();
-    Oro::shmNamespaceIs(binaryNamespace_);
-  }
-
- private:
-  std::string binaryNamespace_;
-};
+class VrfMergeProcessTest : public shmtest::ShmTest {};
 
 TEST_F(VrfMergeProcessTest, MergedTableFollowsFourWriterProcesses) {
   // An earlier reader wrote a merged table and died without cleaning up.

@@ -50,10 +50,18 @@ inline void faultAt(Oro::ShmFaultPoint p, int nth, int signal = SIGKILL) {
 class ShmTest : public ::testing::Test {
  protected:
   void SetUp() override {
+    previous_ = Oro::shmNamespace();
     Oro::shmNamespaceIs(fmt::format("h4test{}", ::getpid()));
     Oro::shmUnlinkNamespace();
   }
-  void TearDown() override { Oro::shmUnlinkNamespace(); }
+  // Back to the namespace the binary had, which its test environment removes at the end.
+  void TearDown() override {
+    Oro::shmUnlinkNamespace();
+    Oro::shmNamespaceIs(previous_);
+  }
+
+ private:
+  std::string previous_;
 };
 
 // Runs fn in a child process; returns its pid. The child exits 0 unless fn throws or fails.
