@@ -22,6 +22,7 @@
 #include <thread>
 
 #include "merge/MvpnTunnelEncapStatus.h"
+#include "examples/ExampleSteps.h"
 #include "platform/CharRange.h"
 #include "platform/Error.h"
 #include "platform/net/IntfId.h"
@@ -29,22 +30,11 @@
 
 using namespace Routing::Multicast;
 using Vrf::VrfIdMap::VrfId;
+using example::hold;
+using example::number;
+using example::parsed;
 
 namespace {
-
-uint32_t number(const std::string& text) {
-  size_t used = 0;
-  const unsigned long v = std::stoul(text, &used);
-  if (used != text.size() || v > UINT32_MAX) throw Oro::ParseException("not a number: " + text);
-  return static_cast<uint32_t>(v);
-}
-
-Nevo::IpGenAddr address(const std::string& text) {
-  Oro::CharRange in(text);
-  Nevo::IpGenAddr a(in);
-  if (!in.atEnd()) throw Oro::ParseException("not an address: " + text);
-  return a;
-}
 
 // "V:S,G" or "V:S,G@IF", followed by "=DATA" when `withData`.
 struct Target {
@@ -72,7 +62,8 @@ Target target(const std::string& text, bool withData) {
   if (at != std::string::npos) t.intf = rest.substr(at + 1);
   const std::string group =
       rest.substr(comma + 1, (at == std::string::npos ? rest.size() : at) - comma - 1);
-  t.route = MvpnRouteKey(address(rest.substr(colon + 1, comma - colon - 1)), address(group), false);
+  t.route = MvpnRouteKey(parsed<Nevo::IpGenAddr>(rest.substr(colon + 1, comma - colon - 1), "an address"),
+                         parsed<Nevo::IpGenAddr>(group, "an address"), false);
   return t;
 }
 
@@ -81,19 +72,6 @@ MvpnRouteIntfKey intfKey(const Target& t) {
   std::string text = t.intf;
   Oro::CharRange in(text);
   return MvpnRouteIntfKey(t.route, Nevo::IntfId(in));
-}
-
-// Blocks until SIGINT or SIGTERM (blocked in main, read through a signalfd: nothing polls).
-void hold() {
-  sigset_t set;
-  sigemptyset(&set);
-  sigaddset(&set, SIGINT);
-  sigaddset(&set, SIGTERM);
-  int fd = signalfd(-1, &set, SFD_CLOEXEC);
-  signalfd_siginfo info;
-  while (read(fd, &info, sizeof info) < 0 && errno == EINTR) {
-  }
-  close(fd);
 }
 
 bool startsWith(const std::string& s, const char* prefix) {
@@ -107,11 +85,7 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "usage: mvpn_encap_writer mvpn|static|evpn STEP...\n");
     return 2;
   }
-  sigset_t set;
-  sigemptyset(&set);
-  sigaddset(&set, SIGINT);
-  sigaddset(&set, SIGTERM);
-  sigprocmask(SIG_BLOCK, &set, nullptr);
+  example::blockStopSignals();
   try {
     const std::string writer = argv[1];
     if (writer == "merged") throw Oro::RangeException("the merged status has its own writer");

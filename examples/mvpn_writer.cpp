@@ -21,6 +21,7 @@
 #include <string>
 #include <thread>
 
+#include "examples/ExampleSteps.h"
 #include "platform/CharRange.h"
 #include "platform/Error.h"
 #include "platform/net/IntfId.h"
@@ -31,36 +32,11 @@
 
 using namespace Routing::Multicast;
 using Vrf::VrfIdMap::VrfId;
+using example::hold;
+using example::number;
+using example::parsed;
 
 namespace {
-
-uint32_t number(const std::string& text) {
-  size_t used = 0;
-  const unsigned long v = std::stoul(text, &used);
-  if (used != text.size()) throw Oro::ParseException("not a number: " + text);
-  return static_cast<uint32_t>(v);
-}
-
-template <class T>
-T parsed(const std::string& text, const char* what) {
-  Oro::CharRange in(text);
-  T v(in);
-  if (!in.atEnd()) throw Oro::ParseException(std::string("not ") + what + ": " + text);
-  return v;
-}
-
-// Blocks until SIGINT or SIGTERM (delivered through a signalfd, so nothing polls).
-void hold() {
-  sigset_t set;
-  sigemptyset(&set);
-  sigaddset(&set, SIGINT);
-  sigaddset(&set, SIGTERM);
-  int fd = signalfd(-1, &set, SFD_CLOEXEC);
-  signalfd_siginfo info;
-  while (read(fd, &info, sizeof info) < 0 && errno == EINTR) {
-  }
-  close(fd);
-}
 
 }  // namespace
 
@@ -69,12 +45,7 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "usage: mvpn_writer CLIENT STEP...\n");
     return 2;
   }
-  // Block the signals hold() waits for before anything else, so none is lost.
-  sigset_t set;
-  sigemptyset(&set);
-  sigaddset(&set, SIGINT);
-  sigaddset(&set, SIGTERM);
-  sigprocmask(SIG_BLOCK, &set, nullptr);
+  example::blockStopSignals();
   try {
     MvpnClient client;
     std::string clientText = argv[1];
