@@ -70,29 +70,50 @@ void show(const std::string& path, bool json, FILE* out) {
   fmt::print(out, "{}]}}\n", *sep ? "\n" : "");
 }
 
+// What every watch shares: its scheduler, the count of changes printed and the stop after
+// the last one wanted.
+struct Watch {
+  Watch(FILE* o, bool j, uint64_t max) : out(o), json(j), maxChanges(max) {}
+  FILE* out;
+  bool json;
+  uint64_t maxChanges;
+  Oro::TaskScheduler scheduler;
+  uint64_t printed = 0;
+
+  // One change printed as it is (a line of text or one JSON object).
+  void line(const std::string& text) {
+    fmt::print(out, "{}\n", text);
+    std::fflush(out);
+    if (++printed == maxChanges) scheduler.stop();
+  }
+  // A change of a nested status: its level, the keys from the VRF down, the new value.
+  void change(const std::string& level, const std::string& keys, const std::string& what) {
+    line(json ? fmt::format("{{\"level\": {}, \"keys\": {}, \"change\": {}}}", jsonQuote(level),
+                            jsonQuote(keys), jsonQuote(what))
+              : fmt::format("{}: {}", displayText(keys), displayText(what)));
+  }
+  uint64_t run() {
+    gWatching.store(&scheduler);
+    scheduler.run();
+    gWatching.store(nullptr);
+    return printed;
+  }
+};
+
 template <class Root>
 uint64_t watch(const std::string& path, bool json, FILE* out, uint64_t maxChanges) {
   using Key = typename Root::Key;
-  Oro::TaskScheduler scheduler;
-  ReaderRoot<Root> r(path, &scheduler);
-  uint64_t printed = 0;
+  Watch w(out, json, maxChanges);
+  ReaderRoot<Root> r(path, &w.scheduler);
   Oro::KeyReactor<Key> reactor(Root::recordAttr, [&](const Key& key) {
     const auto rec = r.root->record(key);
-    if (json) {
-      fmt::print(out, "{{\"key\": {}, \"record\": {}}}\n", jsonQuote(key.toStrep()),
-                 rec ? recordJson(*rec) : std::string("null"));
-    } else {
-      fmt::print(out, "{}: {}\n", displayText(key.toStrep()),
-                 rec ? displayText(rec->toValueForm()) : "deleted");
-    }
-    std::fflush(out);
-    if (++printed == maxChanges) scheduler.stop();
+    w.line(json ? fmt::format("{{\"key\": {}, \"record\": {}}}", jsonQuote(key.toStrep()),
+                              rec ? recordJson(*rec) : std::string("null"))
+                : fmt::format("{}: {}", displayText(key.toStrep()),
+                              rec ? displayText(rec->toValueForm()) : "deleted"));
   });
   reactor.notifierIs(r.root.get());
-  gWatching.store(&scheduler);
-  scheduler.run();
-  gWatching.store(nullptr);
-  return printed;
+  return w.run();
 }
 
 // Hands every key notification of one entity (any attribute) to a function.
@@ -169,19 +190,8 @@ void showTree(const std::string& path, bool json, FILE* out) {
 // Each change of the tree, named by its level and keys; the watch follows VRFs and groups as
 // they come and go.
 uint64_t watchTree(const std::string& path, bool json, FILE* out, uint64_t maxChanges) {
-  Oro::TaskScheduler scheduler;
-  ReaderRoot<MvpnRouteStatus> r(path, &scheduler);
-  uint64_t printed = 0;
-  auto emit = [&](const std::string& level, const std::string& keys, const std::string& what) {
-    if (json) {
-      fmt::print(out, "{{\"level\": {}, \"keys\": {}, \"change\": {}}}\n", jsonQuote(level),
-                 jsonQuote(keys), jsonQuote(what));
-    } else {
-      fmt::print(out, "{}: {}\n", displayText(keys), displayText(what));
-    }
-    std::fflush(out);
-    if (++printed == maxChanges) scheduler.stop();
-  };
+  Watch w(out, json, maxChanges);
+  ReaderRoot<MvpnRouteStatus> r(path, &w.scheduler);
   struct GroupWatch {
     Oro::Ptr<MvpnGroup> group;
     std::unique_ptr<Oro::Notifiee> reactor;
@@ -203,11 +213,11 @@ uint64_t watchTree(const std::string& path, bool json, FILE* out, uint64_t maxCh
     gw.group = group;
     MvpnGroup* gp = group.get();
     gw.reactor =
-        std::make_unique<AnyKeyReactor>([&emit, gp, vrfId](Oro::AttrId a, const void* key) {
+        std::make_unique<AnyKeyReactor>([&w, gp, vrfId](Oro::AttrId a, const void* key) {
           const auto& source = *static_cast<const Nevo::IpGenAddr*>(key);
           const bool shared = a == MvpnGroup::sharedTreeAttr;
           const auto rec = shared ? gp->sharedTree(source) : gp->sourceTree(source);
-          emit(shared ? "sharedTree" : "sourceTree",
+          w.change(shared ? "sharedTree" : "sourceTree",
                fmt::format("vrf {} group {} {} {}", vrfId, gp->group().toStrep(),
                            shared ? "sharedTree" : "sourceTree", source.toStrep()),
                rec ? rec->toStrep() : "deleted");
@@ -229,12 +239,12 @@ uint64_t watchTree(const std::string& path, bool json, FILE* out, uint64_t maxCh
       if (a == MvpnVrfRouteStatus::mvpnRouteAttr) {
         const auto& k = *static_cast<const MvpnRouteKey*>(key);
         const auto rec = vp->mvpnRoute(k);
-        emit("route", fmt::format("vrf {} route {}", vrfId, k.toStrep()),
+        w.change("route", fmt::format("vrf {} route {}", vrfId, k.toStrep()),
              rec ? rec->toStrep() : "deleted");
       } else if (a == MvpnVrfRouteStatus::mvpnGroupAttr) {
         const auto& g = *static_cast<const Nevo::IpGenAddr*>(key);
         const bool present = vp->mvpnGroup(g) != nullptr;
-        emit("group", fmt::format("vrf {} group {}", vrfId, g.toStrep()),
+        w.change("group", fmt::format("vrf {} group {}", vrfId, g.toStrep()),
              present ? "present" : "deleted");
         watchGroup(vrfs[vrfId], vrfId, g);
       }
@@ -243,14 +253,11 @@ uint64_t watchTree(const std::string& path, bool json, FILE* out, uint64_t maxCh
   };
   Oro::KeyReactor<VrfId> rootReactor(MvpnRouteStatus::vrfRouteStatusAttr, [&](const VrfId& v) {
     const bool present = r.root->vrfRouteStatus(v) != nullptr;
-    emit("vrf", fmt::format("vrf {}", v.value()), present ? "present" : "deleted");
+    w.change("vrf", fmt::format("vrf {}", v.value()), present ? "present" : "deleted");
     watchVrf(v.value());
   });
   rootReactor.notifierIs(r.root.get());
-  gWatching.store(&scheduler);
-  scheduler.run();
-  gWatching.store(nullptr);
-  return printed;
+  return w.run();
 }
 
 // A tunnel encapsulation status: per VRF its route and interface encapsulations.
@@ -308,19 +315,8 @@ void showEncap(const std::string& path, bool json, FILE* out) {
 // Each change of an encapsulation status: VRFs coming and going, and every route and
 // interface key of the VRFs present.
 uint64_t watchEncap(const std::string& path, bool json, FILE* out, uint64_t maxChanges) {
-  Oro::TaskScheduler scheduler;
-  ReaderRoot<MvpnTunnelEncapStatus> r(path, &scheduler);
-  uint64_t printed = 0;
-  auto emit = [&](const char* level, const std::string& keys, const std::string& what) {
-    if (json) {
-      fmt::print(out, "{{\"level\": {}, \"keys\": {}, \"change\": {}}}\n", jsonQuote(level),
-                 jsonQuote(keys), jsonQuote(what));
-    } else {
-      fmt::print(out, "{}: {}\n", displayText(keys), displayText(what));
-    }
-    std::fflush(out);
-    if (++printed == maxChanges) scheduler.stop();
-  };
+  Watch w(out, json, maxChanges);
+  ReaderRoot<MvpnTunnelEncapStatus> r(path, &w.scheduler);
   struct VrfWatch {
     Oro::Ptr<MvpnVrfTunnelEncapStatus> vrf;
     std::unique_ptr<AnyKeyReactor> reactor;
@@ -336,17 +332,17 @@ uint64_t watchEncap(const std::string& path, bool json, FILE* out, uint64_t maxC
     if (vw.vrf == vrf) return;
     vw.vrf = vrf;
     MvpnVrfTunnelEncapStatus* vp = vrf.get();
-    vw.reactor = std::make_unique<AnyKeyReactor>([&emit, vp](Oro::AttrId a, const void* key) {
+    vw.reactor = std::make_unique<AnyKeyReactor>([&w, vp](Oro::AttrId a, const void* key) {
       const uint32_t id = vp->vrfId().value();
       if (a == MvpnVrfTunnelEncapStatus::encapTunnelAttr) {
         const auto& k = *static_cast<const MvpnRouteKey*>(key);
         const auto rec = vp->encapTunnel(k);
-        emit("encapTunnel", fmt::format("vrf {} encapTunnel {}", id, k.toStrep()),
+        w.change("encapTunnel", fmt::format("vrf {} encapTunnel {}", id, k.toStrep()),
              rec ? rec->toStrep() : "deleted");
       } else if (a == MvpnVrfTunnelEncapStatus::encapIntfTunnelAttr) {
         const auto& k = *static_cast<const MvpnRouteIntfKey*>(key);
         const auto rec = vp->encapIntfTunnel(k);
-        emit("encapIntfTunnel", fmt::format("vrf {} encapIntfTunnel {}", id, k.toStrep()),
+        w.change("encapIntfTunnel", fmt::format("vrf {} encapIntfTunnel {}", id, k.toStrep()),
              rec ? rec->toStrep() : "deleted");
       }
     });
@@ -354,14 +350,11 @@ uint64_t watchEncap(const std::string& path, bool json, FILE* out, uint64_t maxC
   };
   Oro::KeyReactor<VrfId> rootReactor(MvpnTunnelEncapStatus::vrfStatusAttr, [&](const VrfId& v) {
     const bool present = r.root->vrfStatus(v) != nullptr;
-    emit("vrf", fmt::format("vrf {}", v.value()), present ? "present" : "deleted");
+    w.change("vrf", fmt::format("vrf {}", v.value()), present ? "present" : "deleted");
     watchVrf(v);
   });
   rootReactor.notifierIs(r.root.get());
-  gWatching.store(&scheduler);
-  scheduler.run();
-  gWatching.store(nullptr);
-  return printed;
+  return w.run();
 }
 
 template <class Root>
