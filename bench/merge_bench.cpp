@@ -9,6 +9,7 @@
 #include <chrono>
 #include <string>
 
+#include "TaskRuns.h"
 #include "merge/MvpnVrfStatusMergeSm.h"
 #include "platform/runtime/TaskScheduler.h"
 #include "status/MvpnVrfStatus.h"
@@ -116,13 +117,6 @@ void BM_MergeBaselineWriterOnly(benchmark::State& state) {
 }
 BENCHMARK(BM_MergeBaselineWriterOnly);
 
-// Thread CPU time: unlike the wall clock it leaves out time the OS gave to other processes.
-double threadCpuSeconds() {
-  timespec ts{};
-  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
-  return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
-}
-
 // Baseline: the table operations of one merge done by hand, without the machine: the
 // writer's write, the lookups the merge makes (the notifying input, BGP) and the merged write.
 void BM_MergeBaselineSameTableOps(benchmark::State& state) {
@@ -150,9 +144,7 @@ void BM_MergeLongestTaskRun(benchmark::State& state) {
   const bool restart = state.range(1) != 0;
   Oro::Ptr<MvpnVrfStatus> merged;
   const auto slice = std::chrono::microseconds(state.range(0));
-  const double sliceSeconds = std::chrono::duration<double>(slice).count();
-  double worstWall = 0, worstCpu = 0;
-  uint64_t runs = 0, over = 0;
+  bench::TaskRunMeter meter(slice);
   for (auto _ : state) {
     state.PauseTiming();
     merged = Routing::Multicast::mvpnVrfStatusFactory("bench-merged-slice");
@@ -165,26 +157,13 @@ void BM_MergeLongestTaskRun(benchmark::State& state) {
     Oro::TaskScheduler scheduler(slice);
     auto sm = makeSm(inputs, merged, scheduler);
     sm->initializedIs(true);
-    for (;;) {
-      const auto start = Clock::now();
-      const double cpuStart = threadCpuSeconds();
-      if (!scheduler.runOnce()) break;
-      const double cpu = threadCpuSeconds() - cpuStart;
-      const double wall = std::chrono::duration<double>(Clock::now() - start).count();
-      worstWall = std::max(worstWall, wall / sliceSeconds);
-      worstCpu = std::max(worstCpu, cpu / sliceSeconds);
-      if (cpu > 2 * sliceSeconds) ++over;
-      ++runs;
-    }
+    meter.runUntilIdle(scheduler);
     if (!sm->ready()) state.SkipWithError("machine not ready");
     state.PauseTiming();
     sm = nullptr;
     state.ResumeTiming();
   }
-  state.counters["maxWallOverSlice"] = worstWall;
-  state.counters["maxCpuOverSlice"] = worstCpu;
-  state.counters["runsOver2xSlice"] = static_cast<double>(over);
-  state.counters["taskRuns"] = static_cast<double>(runs);
+  meter.report(state);
 }
 BENCHMARK(BM_MergeLongestTaskRun)
     ->Args({200, 0})

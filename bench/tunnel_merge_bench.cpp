@@ -17,6 +17,7 @@
 #include <chrono>
 #include <string>
 
+#include "TaskRuns.h"
 #include "merge/MvpnTunnelEncapStatusMergeSm.h"
 #include "platform/net/IpAddr.h"
 #include "platform/runtime/TaskScheduler.h"
@@ -240,13 +241,6 @@ void BM_TunnelMergeBaselineVrfByHand(benchmark::State& state) {
 }
 BENCHMARK(BM_TunnelMergeBaselineVrfByHand)->Unit(benchmark::kMicrosecond);
 
-// Thread CPU time: unlike the wall clock it leaves out time the OS gave to other processes.
-double threadCpuSeconds() {
-  timespec ts{};
-  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
-  return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
-}
-
 // The longest task run from construction to ready as a multiple of the slice (arg 0: slice in
 // microseconds), by thread CPU time and wall clock, the runs over twice the slice, and the time
 // initializedIs takes before the first task runs. Arg 1 selects a restart over a grown merged
@@ -255,9 +249,8 @@ void BM_TunnelMergeLongestTaskRun(benchmark::State& state) {
   Inputs& in = Inputs::get();
   const bool restart = state.range(1) != 0;
   const auto slice = std::chrono::microseconds(state.range(0));
-  const double sliceSeconds = std::chrono::duration<double>(slice).count();
-  double worstWall = 0, worstCpu = 0, initCpu = 0;
-  uint64_t runs = 0, over = 0;
+  bench::TaskRunMeter meter(slice);
+  double initCpu = 0;
   for (auto _ : state) {
     state.PauseTiming();
     auto merged = status("bench-merged-slice");
@@ -272,30 +265,17 @@ void BM_TunnelMergeLongestTaskRun(benchmark::State& state) {
     state.ResumeTiming();
     Oro::TaskScheduler scheduler(slice);
     auto sm = makeSm(in, merged, scheduler);
-    const double initStart = threadCpuSeconds();
+    const double initStart = bench::threadCpuSeconds();
     sm->initializedIs(true);
-    initCpu = std::max(initCpu, threadCpuSeconds() - initStart);
-    for (;;) {
-      const auto start = Clock::now();
-      const double cpuStart = threadCpuSeconds();
-      if (!scheduler.runOnce()) break;
-      const double cpu = threadCpuSeconds() - cpuStart;
-      const double wall = std::chrono::duration<double>(Clock::now() - start).count();
-      worstWall = std::max(worstWall, wall / sliceSeconds);
-      worstCpu = std::max(worstCpu, cpu / sliceSeconds);
-      if (cpu > 2 * sliceSeconds) ++over;
-      ++runs;
-    }
+    initCpu = std::max(initCpu, bench::threadCpuSeconds() - initStart);
+    meter.runUntilIdle(scheduler);
     if (!sm->ready()) state.SkipWithError("machine not ready");
     state.PauseTiming();
     sm = nullptr;
     merged = nullptr;
     state.ResumeTiming();
   }
-  state.counters["maxWallOverSlice"] = worstWall;
-  state.counters["maxCpuOverSlice"] = worstCpu;
-  state.counters["runsOver2xSlice"] = static_cast<double>(over);
-  state.counters["taskRuns"] = static_cast<double>(runs);
+  meter.report(state);
   state.counters["initializedIsMs"] = initCpu * 1e3;
 }
 BENCHMARK(BM_TunnelMergeLongestTaskRun)
