@@ -50,7 +50,7 @@ inline constexpr uint64_t kMagic = 0x3152545350564d4dull;         // "MMVPSTR1"
 inline constexpr uint64_t kRetiredMagic = 0x44414544504d4dull;    // "MMPDEAD": replaced store
 inline constexpr uint64_t kIndexMagic = 0x31584449534e504dull;    // "MPNSIDX1"
 inline constexpr uint64_t kBlobMagic = 0x31424f4c42504d4dull;     // "MMPBLOB1"
-inline constexpr uint32_t kLayoutVersion = 3;
+inline constexpr uint32_t kLayoutVersion = 4;
 
 inline constexpr uint32_t kTypeNameBytes = 96;
 inline constexpr uint32_t kPathBytes = 208;
@@ -157,16 +157,21 @@ struct CollectionDesc {
   uint32_t sideWords;
   uint32_t slotWords;   // 1 + keyWords + valueWords + sideWords
   uint32_t reserved0;
+  // Read by readers on every lookup; written only when the table grows.
   std::atomic<uint32_t> chunkCount;
   std::atomic<uint32_t> indexGeneration;
-  std::atomic<uint32_t> slotHighWater;  // top level: slots [0, highWater) have been used
-  std::atomic<uint32_t> reserved1;
-  std::atomic<uint64_t> count;          // records | operation tag << 32
-  uint64_t reserved2;
+  uint64_t reserved1[3];
+  // Written by the writer on every insert or removal, on a line of their own: a reader's
+  // lookups must not pull the line these share away from the writer on every write.
+  alignas(64) std::atomic<uint32_t> slotHighWater;  // top level: slots [0, highWater) used
+  std::atomic<uint32_t> reserved2;
+  std::atomic<uint64_t> count;  // records | operation tag << 32
+  uint64_t reserved3[6];
 };
-static_assert(sizeof(CollectionDesc) == 256);
+static_assert(sizeof(CollectionDesc) == 320);
 static_assert(offsetof(CollectionDesc, chunkCount) == 224);
-static_assert(offsetof(CollectionDesc, count) % 8 == 0);
+static_assert(offsetof(CollectionDesc, slotHighWater) == 256);
+static_assert(offsetof(CollectionDesc, count) == 264);
 
 struct Header {
   std::atomic<uint64_t> magic;  // stored last when a store is created
@@ -220,7 +225,8 @@ static_assert(offsetof(Header, ringHead) == 448);
 static_assert(offsetof(Header, journalSeq) == 512);
 static_assert(offsetof(Header, counters) == 640);
 static_assert(offsetof(Header, colls) % 64 == 0);
-static_assert(sizeof(Header) == 640 + kCounters * sizeof(CounterCell) + kMaxCollections * 256);
+static_assert(sizeof(Header) ==
+              640 + kCounters * sizeof(CounterCell) + kMaxCollections * sizeof(CollectionDesc));
 
 // The operation descriptor: collection, kind and slot of the operation in progress.
 inline constexpr uint64_t kOpInsert = 1;
