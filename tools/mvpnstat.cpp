@@ -3,8 +3,10 @@
 //   mvpnstat [--namespace NS] list [--json]
 //   mvpnstat [--namespace NS] show PATH [--json]
 //   mvpnstat [--namespace NS] watch PATH [--json] [--count N]
+//   mvpnstat [--namespace NS] remove PATH
 //
-// Exit status: 0 success, 1 the table is absent, damaged or of another type, 2 bad usage.
+// Exit status: 0 success, 1 the table is absent, damaged or of another type (or, for remove,
+// has a live writer), 2 bad usage.
 //
 // Names read from shared memory can hold any bytes: JSON output escapes them, plain-text
 // output (and every error message) shows control characters and invalid bytes visibly.
@@ -35,11 +37,13 @@ constexpr const char* kUsage =
     "usage: mvpnstat [--namespace NS] list [--json]\n"
     "       mvpnstat [--namespace NS] show PATH [--json]\n"
     "       mvpnstat [--namespace NS] watch PATH [--json] [--count N]\n"
+    "       mvpnstat [--namespace NS] remove PATH\n"
     "\n"
     "  list   the status tables present, with record counts, counters and writers\n"
     "  show   the status root at mount path PATH in its dump format\n"
     "  watch  each change at PATH as it arrives (key, new record or \"deleted\"),\n"
-    "         until interrupted or N changes were printed\n";
+    "         until interrupted or N changes were printed\n"
+    "  remove the table at PATH and all its segments, when its writer is dead\n";
 
 struct Failure {
   int code;
@@ -94,7 +98,7 @@ Args parseArgs(int argc, char** argv) {
   if (positional.empty()) throw Failure{2, "no command given"};
   a.command = positional[0];
   const size_t wantPositional = a.command == "list" ? 1 : 2;
-  if (a.command != "list" && a.command != "show" && a.command != "watch") {
+  if (a.command != "list" && a.command != "show" && a.command != "watch" && a.command != "remove") {
     throw Failure{2, fmt::format("unknown command '{}'", displayText(a.command))};
   }
   if (positional.size() != wantPositional) {
@@ -188,6 +192,26 @@ void list(bool json) {
   }
 }
 
+// Removes a table whose writer is dead, whatever state it is in (damaged, of a type the tool
+// does not know, half created): that is when it is left behind.
+int removeTable(const std::string& path) {
+  try {
+    Oro::shmValidatePath(path);
+    const size_t removed = Oro::shmRemoveStore(path);
+    fmt::print("removed {} ({} shared-memory {})\n", displayText(path), removed,
+               removed == 1 ? "file" : "files");
+  } catch (const Oro::ShmPermissionException& e) {
+    throw Failure{1, e.what()};
+  } catch (const Oro::ShmException& e) {
+    if (std::string_view(e.what()).find("no shared memory store") != std::string_view::npos) {
+      throw Failure{1, fmt::format("no status table at {} (shared-memory namespace '{}')", path,
+                                   Oro::shmNamespace())};
+    }
+    throw Failure{1, fmt::format("{}: not removed", e.what())};
+  }
+  return 0;
+}
+
 extern "C" void onSignal(int) {
   Mvpnstat::watchStop();
 }
@@ -198,6 +222,7 @@ int run(int argc, char** argv) {
     list(a.json);
     return 0;
   }
+  if (a.command == "remove") return removeTable(a.path);
   const StatusType& type = resolve(a.path);
   try {
     if (a.command == "show") {

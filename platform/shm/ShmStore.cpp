@@ -790,6 +790,87 @@ void ShmStore::cleanLeftovers() const {
   }
 }
 
+size_t ShmStore::remove(const std::string& mountPath) {
+  const std::string name = shmStoreName(mountPath);
+  const std::string prefix = name.substr(1) + "@";
+  auto leftovers = [&] {
+    std::vector<std::string> out;
+    for (const std::string& n : shmNamespaceEntries()) {
+      if (n.compare(0, prefix.size(), prefix) == 0) out.push_back(n);
+    }
+    return out;
+  };
+  // A writer creating a store builds it under its own instance and a locked temporary header:
+  // those segments are alive and stay.
+  auto creating = [&](const std::vector<std::string>& names) {
+    std::vector<std::string> instances;
+    for (const std::string& n : names) {
+      const size_t dot = n.find('.', prefix.size());
+      if (dot == std::string::npos || n.compare(dot, std::string::npos, ".new") != 0) continue;
+      const int fd = ::shm_open(("/" + n).c_str(), O_RDONLY | O_CLOEXEC, 0);
+      if (fd < 0) continue;
+      if (lockedByWriter(fd)) instances.push_back(n.substr(0, dot + 1));
+      ::close(fd);
+    }
+    return instances;
+  };
+  auto unlinkDead = [&](const std::vector<std::string>& names) {
+    const std::vector<std::string> live = creating(names);
+    size_t removed = 0;
+    for (const std::string& n : names) {
+      const bool alive = std::any_of(live.begin(), live.end(), [&](const std::string& p) {
+        return n.compare(0, p.size(), p) == 0;
+      });
+      if (!alive && ::unlink((std::string(kShmDirectory) + "/" + n).c_str()) == 0) ++removed;
+    }
+    return removed;
+  };
+  for (int attempt = 0; attempt < kOpenAttempts; ++attempt) {
+    const int fd = ::shm_open(name.c_str(), O_RDWR | O_CLOEXEC, 0);
+    if (fd < 0) {
+      const int err = errno;
+      if (err == EACCES || err == EPERM) {
+        throw ShmPermissionException(
+            fmt::format("permission denied: cannot remove shared memory store {}", mountPath));
+      }
+      if (err != ENOENT) {
+        throw ShmException(
+            fmt::format("cannot open shared memory store {}: {}", mountPath, std::strerror(err)));
+      }
+      // No header: only what writers that died while creating it left behind.
+      const size_t removed = unlinkDead(leftovers());
+      if (removed == 0) throw ShmException(fmt::format("no shared memory store at {}", mountPath));
+      return removed;
+    }
+    // Holding the write lock, nobody can take the store over while it is taken apart.
+    if (!lockWriter(fd)) {
+      uint64_t pid = 0;
+      struct stat st {};
+      if (::fstat(fd, &st) == 0 && static_cast<size_t>(st.st_size) >= sizeof(Header)) {
+        (void)!::pread(fd, &pid, sizeof pid, offsetof(Header, owner));
+      }
+      ::close(fd);
+      throw ShmException(
+          fmt::format("shared memory store {} has a live writer (pid {})", mountPath, pid));
+    }
+    if (!sameFile(fd, name)) {
+      ::close(fd);  // replaced after we opened it: look at the one there now
+      continue;
+    }
+    // The lock lasts as long as the descriptor, which the mapping keeps until the end.
+    struct stat st {};
+    const size_t bytes = ::fstat(fd, &st) == 0 ? static_cast<size_t>(st.st_size) : 0;
+    ShmSegment header = ShmSegment::map(fd, name, std::max(bytes, ShmSegment::pageBytes()),
+                                        ShmSegment::Access::readWrite);
+    // Readers still mapping it notice at their next look, as when a writer replaces it.
+    if (bytes >= sizeof(Header)) retire(header);
+    size_t removed = ::unlink((std::string(kShmDirectory) + name).c_str()) == 0 ? 1 : 0;
+    removed += unlinkDead(leftovers());
+    return removed;
+  }
+  throw ShmException(fmt::format("shared memory store {} keeps being replaced", mountPath));
+}
+
 // A new writer continues a store: it finishes or undoes the journaled write, rebuilds its
 // bookkeeping from the slots (reclaiming what the dead writer left half done), and advances
 // the epoch so that readers resynchronise.

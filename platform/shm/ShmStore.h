@@ -102,6 +102,12 @@ class ShmStore {
   // exactly those collections (names, types and layout fingerprints); without one (tools) it
   // is taken as it is.
   static ShmStore openReader(const std::string& mountPath, const ShmStoreSchema* schema);
+  // Removes the store at `mountPath` and every segment its writers left, when no writer is
+  // alive: the write lock is taken first, so no writer can take the store over meanwhile, and
+  // readers still mapping it see it retired. Returns the number of names removed.
+  // ShmException when a writer is alive (naming its pid) or when there is nothing at the path;
+  // ShmPermissionException when this user may not remove it.
+  static size_t remove(const std::string& mountPath);
 
   bool valid() const { return hdr_ != nullptr; }
   bool shared() const { return headerSeg_.named(); }
@@ -220,7 +226,7 @@ class ShmStore {
   void attach(ShmSegment header, const ShmStoreSchema* schema, bool writable);
   void recover();
   void cleanLeftovers() const;
-  void retire(ShmSegment& old);
+  static void retire(ShmSegment& old);
   // Wakes every sleeping reader: a new writer of an existing store does so, since readers
   // that went to sleep while no writer lived had no doorbell to ring.
   void wakeAllReaders();

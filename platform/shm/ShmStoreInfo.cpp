@@ -86,4 +86,8 @@ std::vector<ShmStoreInfo> listShmStores() {
   return out;
 }
 
+size_t shmRemoveStore(const std::string& mountPath) {
+  return ShmStore::remove(mountPath);
+}
+
 }  // namespace Oro

@@ -47,5 +47,8 @@ ShmStoreInfo shmStoreInfo(const std::string& mountPath);
 // Every store of the current namespace, sorted by mount path; damaged and unreadable stores are
 // listed with their problem.
 std::vector<ShmStoreInfo> listShmStores();
+// Removes the store at a mount path whose writer is dead, with every segment its writers left
+// (see ShmStore::remove). Returns the number of names removed from the shared-memory directory.
+size_t shmRemoveStore(const std::string& mountPath);
 
 }  // namespace Oro

@@ -1,6 +1,7 @@
 // The mvpnstat binary against tables written by this process: its dump and JSON output, its
 // errors for an unknown path, a damaged segment, a table of another type and bad usage, names
 // holding hostile bytes, and a JSON walk while a writer moves keys.
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
@@ -9,6 +10,8 @@
 #include <sys/ioctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include <csignal>
 
 #include <algorithm>
 #include <cstdio>
@@ -198,6 +201,62 @@ TEST_F(MvpnstatToolTest, ReportsUnknownDamagedAndForeignTables) {
   Result damaged = mvpnstat("show " + path);
   EXPECT_EQ(damaged.status, 1);
   EXPECT_NE(damaged.out.find("is damaged"), std::string::npos) << damaged.out;
+  // Its writer is gone: a damaged table is removed like any other.
+  EXPECT_EQ(mvpnstat("remove " + path).status, 0);
+  EXPECT_EQ(mvpnstat("show " + path).status, 1);
+}
+
+// The shared-memory files of the table at `path`: its header and every segment named after it.
+std::vector<std::string> filesOf(const std::string& path) {
+  const std::string name = Oro::shmStoreName(path).substr(1);
+  std::vector<std::string> out;
+  for (const std::string& n : Oro::shmNamespaceEntries()) {
+    if (n == name || n.rfind(name + "@", 0) == 0) out.push_back(n);
+  }
+  return out;
+}
+
+TEST_F(MvpnstatToolTest, RemoveRefusesALiveWriterAndLeavesNothingOfADeadOne) {
+  const std::string path = MvpnVrfStatus::mountPath(Nevo::ipv4, MvpnClient::evpn_);
+  int ready[2];
+  ASSERT_EQ(::pipe(ready), 0);
+  const pid_t writer = ::fork();
+  if (writer == 0) {
+    auto vrfs = mvpnVrfStatusFactory(path);
+    vrfs->mount(Oro::ShmAttach{path, Oro::ShmRole::writer});
+    // Enough records for several chunks and index generations.
+    for (uint32_t v = 1; v <= 50000; ++v) vrfs->mvpnVrfIs(MvpnVrf(Vrf::VrfIdMap::VrfId(v)));
+    (void)!::write(ready[1], "x", 1);
+    for (;;) ::pause();
+  }
+  char c;
+  ASSERT_EQ(::read(ready[0], &c, 1), 1);
+  const size_t files = filesOf(path).size();
+  EXPECT_GE(files, 4u);  // header, slot chunk, index, doorbell
+
+  Result refused = mvpnstat("remove " + path);
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_NE(refused.out.find(fmt::format("has a live writer (pid {}): not removed", writer)),
+            std::string::npos)
+      << refused.out;
+  EXPECT_EQ(filesOf(path).size(), files);
+  EXPECT_EQ(mvpnstat("show " + path).status, 0);
+
+  ::kill(writer, SIGKILL);
+  ::waitpid(writer, nullptr, 0);
+  // A writer that died while creating another instance left segments without a header.
+  const std::string stray = Oro::shmStoreSegmentName(path, 0x1234, "0k0");
+  Oro::ShmSegment::create(stray, 4096, 0600, false);
+  Result removed = mvpnstat("remove " + path);
+  EXPECT_EQ(removed.status, 0) << removed.out;
+  EXPECT_EQ(removed.out, fmt::format("removed {} ({} shared-memory files)\n", path, files + 1));
+  EXPECT_EQ(filesOf(path), std::vector<std::string>{});
+
+  Result again = mvpnstat("remove " + path);
+  EXPECT_EQ(again.status, 1);
+  EXPECT_NE(again.out.find("no status table at " + path), std::string::npos) << again.out;
+  ::close(ready[0]);
+  ::close(ready[1]);
 }
 
 TEST_F(MvpnstatToolTest, BadCountsAreUsageErrors) {
