@@ -4,7 +4,7 @@
 #   scripts/deps.sh fuzz   that, and clang with its libFuzzer runtime (scripts/fuzz.sh)
 set -euo pipefail
 pkgs=(cmake ninja-build g++ libfmt-dev libgtest-dev libgmock-dev libbenchmark-dev libabsl-dev
-      libprotobuf-dev protobuf-compiler nlohmann-json3-dev)
+      libprotobuf-dev protobuf-compiler nlohmann-json3-dev libcpp-httplib-dev prometheus)
 case "${1:-}" in
   "") ;;
   fuzz) pkgs+=(clang libclang-rt-dev) ;;

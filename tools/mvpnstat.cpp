@@ -4,6 +4,7 @@
 //   mvpnstat [--namespace NS] show PATH [--json]
 //   mvpnstat [--namespace NS] watch PATH [--json] [--count N]
 //   mvpnstat [--namespace NS] remove PATH
+//   mvpnstat [--namespace NS] metrics [--listen ADDRESS:PORT]
 //
 // Exit status: 0 success, 1 the table is absent, damaged or of another type (or, for remove,
 // has a live writer), 2 bad usage.
@@ -16,6 +17,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -24,6 +26,7 @@
 #include "platform/Error.h"
 #include "platform/shm/ShmSegment.h"
 #include "platform/shm/ShmStoreInfo.h"
+#include "tools/Metrics.h"
 #include "tools/SafeText.h"
 #include "tools/StatusTypes.h"
 
@@ -38,12 +41,15 @@ constexpr const char* kUsage =
     "       mvpnstat [--namespace NS] show PATH [--json]\n"
     "       mvpnstat [--namespace NS] watch PATH [--json] [--count N]\n"
     "       mvpnstat [--namespace NS] remove PATH\n"
+    "       mvpnstat [--namespace NS] metrics [--listen ADDRESS:PORT]\n"
     "\n"
     "  list   the status tables present, with record counts, counters and writers\n"
     "  show   the status root at mount path PATH in its dump format\n"
     "  watch  each change at PATH as it arrives (key, new record or \"deleted\"),\n"
     "         until interrupted or N changes were printed\n"
-    "  remove the table at PATH and all its segments, when its writer is dead\n";
+    "  remove the table at PATH and all its segments, when its writer is dead\n"
+    "  metrics every table's record counts, counters and writer in the Prometheus\n"
+    "         text format; with --listen, served over HTTP at /metrics until interrupted\n";
 
 struct Failure {
   int code;
@@ -55,6 +61,7 @@ struct Args {
   std::string path;
   bool json = false;
   uint64_t count = 0;  // 0: no limit
+  std::string listen;  // metrics: ADDRESS:PORT to serve at, empty: print once
 };
 
 // A --count value: a whole number from 1 to 2^64-1 in plain decimal digits. A sign, spaces,
@@ -87,6 +94,8 @@ Args parseArgs(int argc, char** argv) {
       Oro::shmNamespaceIs(value());
     } else if (arg == "--count") {
       a.count = parseCount(value());
+    } else if (arg == "--listen") {
+      a.listen = value();
     } else if (arg == "-h" || arg == "--help") {
       throw Failure{0, ""};
     } else if (!arg.empty() && arg[0] == '-') {
@@ -97,13 +106,17 @@ Args parseArgs(int argc, char** argv) {
   }
   if (positional.empty()) throw Failure{2, "no command given"};
   a.command = positional[0];
-  const size_t wantPositional = a.command == "list" ? 1 : 2;
-  if (a.command != "list" && a.command != "show" && a.command != "watch" && a.command != "remove") {
+  const bool pathless = a.command == "list" || a.command == "metrics";
+  const size_t wantPositional = pathless ? 1 : 2;
+  if (!pathless && a.command != "show" && a.command != "watch" && a.command != "remove") {
     throw Failure{2, fmt::format("unknown command '{}'", displayText(a.command))};
   }
   if (positional.size() != wantPositional) {
-    throw Failure{2, a.command == "list" ? "list takes no path"
-                                         : fmt::format("{} needs exactly one PATH", a.command)};
+    throw Failure{2, pathless ? fmt::format("{} takes no path", a.command)
+                              : fmt::format("{} needs exactly one PATH", a.command)};
+  }
+  if (!a.listen.empty() && a.command != "metrics") {
+    throw Failure{2, "--listen goes with metrics only"};
   }
   if (wantPositional == 2) a.path = positional[1];
   return a;
@@ -223,6 +236,20 @@ int run(int argc, char** argv) {
     return 0;
   }
   if (a.command == "remove") return removeTable(a.path);
+  if (a.command == "metrics") {
+    if (a.listen.empty()) {
+      fmt::print("{}", Mvpnstat::metricsText());
+      return 0;
+    }
+    try {
+      Mvpnstat::serveMetrics(a.listen);
+    } catch (const std::invalid_argument& e) {
+      throw Failure{2, e.what()};
+    } catch (const std::runtime_error& e) {
+      throw Failure{1, e.what()};
+    }
+    return 0;
+  }
   const StatusType& type = resolve(a.path);
   try {
     if (a.command == "show") {

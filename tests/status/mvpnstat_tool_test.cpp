@@ -49,6 +49,23 @@ Result mvpnstat(const std::string& args) {
   return r;
 }
 
+// promtool's verdict on a metrics exposition.
+Result promtool(const std::string& exposition) {
+  char file[] = "/tmp/mvpnstat-metrics-XXXXXX";
+  const int fd = ::mkstemp(file);
+  (void)!::write(fd, exposition.data(), exposition.size());
+  ::close(fd);
+  FILE* p = popen(fmt::format("promtool check metrics < {} 2>&1", file).c_str(), "r");
+  Result r{-1, {}};
+  char buf[4096];
+  size_t n;
+  while ((n = fread(buf, 1, sizeof buf, p)) > 0) r.out.append(buf, n);
+  const int st = pclose(p);
+  r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+  ::unlink(file);
+  return r;
+}
+
 class MvpnstatToolTest : public ::testing::Test {
  protected:
   void SetUp() override { Oro::shmUnlinkNamespace(); }
@@ -86,6 +103,18 @@ TEST_F(MvpnstatToolTest, ShowsListsAndWatchesTables) {
   Result watch = mvpnstat("watch " + path + " --count 1");
   EXPECT_EQ(watch.status, 0);
   EXPECT_EQ(watch.out, "7: Value('Routing::Multicast::MvpnVrf', ** {'key': 7, 'client': evpn})\n");
+
+  Result metrics = mvpnstat("metrics");
+  EXPECT_EQ(metrics.status, 0);
+  for (const std::string& line :
+       {"mvpn_table_records{path=\"" + path +
+            "\",collection=\"mvpnVrf\",type=\"Routing::Multicast::MvpnVrf\"} 1\n",
+        "mvpn_table_writer_events_total{path=\"" + path + "\",name=\"mvpnVrfIs\"} 1\n",
+        "mvpn_table_writer_alive{path=\"" + path + "\"} 1\n",
+        "mvpn_table_writer_takeovers{path=\"" + path + "\"} 0\n"}) {
+    EXPECT_NE(metrics.out.find(line), std::string::npos) << line << metrics.out;
+  }
+  EXPECT_EQ(promtool(metrics.out).status, 0) << promtool(metrics.out).out;
 }
 
 // The lines of a watch, sorted: a reader's first dispatch reports what is present in store
@@ -201,6 +230,8 @@ TEST_F(MvpnstatToolTest, ReportsUnknownDamagedAndForeignTables) {
   Result damaged = mvpnstat("show " + path);
   EXPECT_EQ(damaged.status, 1);
   EXPECT_NE(damaged.out.find("is damaged"), std::string::npos) << damaged.out;
+  EXPECT_NE(mvpnstat("metrics").out.find("mvpn_table_up{path=\"" + path + "\"} 0\n"),
+            std::string::npos);
   // Its writer is gone: a damaged table is removed like any other.
   EXPECT_EQ(mvpnstat("remove " + path).status, 0);
   EXPECT_EQ(mvpnstat("show " + path).status, 1);
@@ -316,6 +347,16 @@ TEST_F(MvpnstatToolTest, HostileNamesStayValidJsonAndVisibleText) {
   EXPECT_EQ(show.status, 1);
   EXPECT_TRUE(terminalSafe(show.out)) << show.out;
   EXPECT_NE(show.out.find("holds a Evil\\x1b[31m"), std::string::npos) << show.out;
+
+  // The exposition stays valid: promtool reads it, label values read as the plain text.
+  Result metrics = mvpnstat("metrics");
+  ASSERT_EQ(metrics.status, 0) << metrics.out;
+  EXPECT_TRUE(terminalSafe(metrics.out)) << metrics.out;
+  EXPECT_NE(metrics.out.find("mvpn_table_writer_events_total{path=\"" + path +
+                             "\",name=\"hits\\\\x07\\\\x1b]0;owned\\\\x07\\\\xc3\"} 5\n"),
+            std::string::npos)
+      << metrics.out;
+  EXPECT_EQ(promtool(metrics.out).status, 0) << promtool(metrics.out).out;
 }
 
 // The walk goes by slot. The tool's output pipe is left unread until it is half full, so the
