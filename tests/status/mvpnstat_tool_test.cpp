@@ -36,10 +36,9 @@ struct Result {
   std::string out;
 };
 
-Result mvpnstat(const std::string& args) {
-  const std::string cmd =
-      std::string(MVPNSTAT_PATH) + " --namespace " + Oro::shmNamespace() + " " + args + " 2>&1";
-  FILE* p = popen(cmd.c_str(), "r");
+// A shell command's exit status and its output, stderr included.
+Result run(const std::string& command) {
+  FILE* p = popen((command + " 2>&1").c_str(), "r");
   Result r{-1, {}};
   char buf[4096];
   size_t n;
@@ -49,19 +48,17 @@ Result mvpnstat(const std::string& args) {
   return r;
 }
 
+Result mvpnstat(const std::string& args) {
+  return run(std::string(MVPNSTAT_PATH) + " --namespace " + Oro::shmNamespace() + " " + args);
+}
+
 // promtool's verdict on a metrics exposition.
 Result promtool(const std::string& exposition) {
   char file[] = "/tmp/mvpnstat-metrics-XXXXXX";
   const int fd = ::mkstemp(file);
   (void)!::write(fd, exposition.data(), exposition.size());
   ::close(fd);
-  FILE* p = popen(fmt::format("promtool check metrics < {} 2>&1", file).c_str(), "r");
-  Result r{-1, {}};
-  char buf[4096];
-  size_t n;
-  while ((n = fread(buf, 1, sizeof buf, p)) > 0) r.out.append(buf, n);
-  const int st = pclose(p);
-  r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+  Result r = run(fmt::format("promtool check metrics < {}", file));
   ::unlink(file);
   return r;
 }
