@@ -75,6 +75,17 @@ bool lockedByWriter(int fd) {
   return fl.l_type != F_UNLCK;
 }
 
+// The pid a store's header names as its writer, read through a descriptor (0 when the header
+// is too short to hold it).
+uint64_t ownerOf(int fd) {
+  uint64_t pid = 0;
+  struct stat st {};
+  if (::fstat(fd, &st) == 0 && static_cast<size_t>(st.st_size) >= sizeof(Header)) {
+    (void)!::pread(fd, &pid, sizeof pid, offsetof(Header, owner));
+  }
+  return pid;
+}
+
 bool sameFile(int fd, const std::string& name) {
   struct stat a {
   }, b{};
@@ -664,11 +675,7 @@ ShmStore ShmStore::openWriter(const std::string& mountPath, const ShmStoreSchema
       continue;  // someone else created it meanwhile
     }
     if (!lockWriter(fd)) {
-      uint64_t pid = 0;
-      struct stat st {};
-      if (::fstat(fd, &st) == 0 && static_cast<size_t>(st.st_size) >= sizeof(Header)) {
-        (void)!::pread(fd, &pid, sizeof pid, offsetof(Header, owner));
-      }
+      const uint64_t pid = ownerOf(fd);
       ::close(fd);
       throw ShmException(
           fmt::format("shared memory store {} already has a live writer (pid {})", mountPath, pid));
@@ -844,11 +851,7 @@ size_t ShmStore::remove(const std::string& mountPath) {
     }
     // Holding the write lock, nobody can take the store over while it is taken apart.
     if (!lockWriter(fd)) {
-      uint64_t pid = 0;
-      struct stat st {};
-      if (::fstat(fd, &st) == 0 && static_cast<size_t>(st.st_size) >= sizeof(Header)) {
-        (void)!::pread(fd, &pid, sizeof pid, offsetof(Header, owner));
-      }
+      const uint64_t pid = ownerOf(fd);
       ::close(fd);
       throw ShmException(
           fmt::format("shared memory store {} has a live writer (pid {})", mountPath, pid));
