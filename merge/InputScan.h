@@ -70,6 +70,10 @@ class InputScan {
   uint64_t lastRunItems() const { return lastRunItems_; }
   // The last scan that completed ended on damage instead of at the end of the collection.
   bool damaged() const { return damaged_; }
+  // Progress of the current (or last) scan: keys handled, and the collection's size when last
+  // looked at (the keys handled, once the scan is complete).
+  uint64_t scanned() const { return scanned_; }
+  uint64_t total() const { return total_; }
 
   // Starts over from the first key: the next run scans the whole collection again. Used to
   // rescan a stream whose last scan ended on damage; damaged() holds until that scan ends.
@@ -95,7 +99,9 @@ class InputScan {
               complete(*env.parentInitialScanDone), resumed, state_);
     uint64_t handled = 0;
     bool damaged = false;
+    if (!resumed) scanned_ = 0;
     try {
+      if (!resumed) total_ = coll.size();
       auto it = resumed ? coll.iterAt(*bookmark_) : coll.iter();
       while (it.valid()) {
         const Key key = it.key();
@@ -110,6 +116,8 @@ class InputScan {
           state_ = kScanInterrupted;
           bookmark_ = it.bookmark();
           lastRunItems_ = handled;
+          scanned_ += handled;
+          total_ = total;
           env.task->workCountInc(handled);
           env.task->pendingWorkIs(total);
           env.task->schedule();
@@ -122,6 +130,8 @@ class InputScan {
     }
     damaged_ = damaged;
     lastRunItems_ = handled;
+    scanned_ += handled;
+    if (!damaged) total_ = scanned_;
     if (env.task) {
       env.task->workCountInc(handled);
       env.task->pendingWorkIs(0);
@@ -142,6 +152,8 @@ class InputScan {
   uint8_t state_ = kScanNotScanned;
   std::optional<Bookmark> bookmark_;
   uint64_t lastRunItems_ = 0;
+  uint64_t scanned_ = 0;
+  uint64_t total_ = 0;
   bool damaged_ = false;
   bool startedBeforeParentDone_ = false;
 };

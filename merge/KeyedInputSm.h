@@ -164,10 +164,10 @@ class KeyedInput : public InputSmBase {
                     "Sm args can only be null if marked as Optional in the SM type declaration");
     using Result = typename InputScan<Coll>::Result;
     if (scan_.state() != kScanInterrupted) damage_.scanStarts();
-    if (scan_.run(Coll{this}, env(), [this](const Key& key, const auto&) { handle(key); }) !=
-        Result::completed) {
-      return;
-    }
+    const Result r =
+        scan_.run(Coll{this}, env(), [this](const Key& key, const auto&) { handle(key); });
+    machine_->scanProgressIs(stream_, scan_.scanned(), scan_.total());
+    if (r != Result::completed) return;
     const std::string label = scan_.completionLabel(name());
     if (scan_.damaged()) damage_.readFailed();
     if (!damage_.scanEnds()) {

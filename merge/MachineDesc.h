@@ -54,6 +54,7 @@ struct MachineDesc {
   std::span<const InputDesc> inputs;
   std::span<const StreamDesc> streams;
   std::span<const OutputDesc> outputs;
+  std::string_view rule = {};  // the merge rule in one line, for the merged status's readers
 };
 
 }  // namespace Routing::Multicast::DynaCode

@@ -10,6 +10,7 @@
 #pragma once
 
 #include <cstddef>
+#include <string>
 #include <tuple>
 #include <utility>
 
@@ -21,6 +22,7 @@
 #include "platform/Trace.h"
 #include "platform/runtime/Ptr.h"
 #include "platform/runtime/TaskScheduler.h"
+#include "platform/shm/ShmBinding.h"
 
 namespace Routing::Multicast::DynaCode {
 
@@ -66,6 +68,20 @@ class MergeMachine<Derived, D, std::tuple<ArgPtrs...>, std::tuple<InputSms...>> 
   }
 
   void createInputSms() override { createInputSms(std::index_sequence_for<InputSms...>()); }
+
+  // The machine writes its last argument.
+  Oro::ShmBinding* outputBinding() const override {
+    auto* out = std::get<sizeof...(ArgPtrs) - 1>(args_).get();
+    return out ? &out->binding() : nullptr;
+  }
+  std::string argPath(size_t arg) const override {
+    return std::apply(
+        [arg](const auto&... p) {
+          const std::string paths[] = {(p ? p->binding().mountPath() : std::string())...};
+          return paths[arg];
+        },
+        args_);
+  }
 
  private:
   template <size_t... I>

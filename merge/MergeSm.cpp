@@ -1,9 +1,12 @@
 #include "merge/MergeSm.h"
 
+#include <algorithm>
+
 #include <fmt/format.h>
 
 #include "merge/MergeTraceLevels.h"
 #include "platform/Assert.h"
+#include "platform/shm/ShmBinding.h"
 
 namespace Routing::Multicast::DynaCode {
 
@@ -41,10 +44,59 @@ void MergeSm::handleInitialized() {
   scanStateReactor_.notifierIs(inputSmScanState_.get());
   outputStateReactor_.notifierIs(outputState_.get());
   for (OutputBase* output : outputs_) output->initialize();
+  Oro::ShmMergeDescription record{std::string(desc_.typeName), std::string(desc_.rule), {}, {}, {}};
+  for (const InputDesc& in : desc_.inputs) {
+    record.inputs.push_back({std::string(desc_.args[in.arg]), argPath(in.arg)});
+  }
+  for (size_t n = 0; n < streams_; ++n) {
+    for (size_t i = 0; i < desc_.inputs.size(); ++i) {
+      const InputDesc& in = desc_.inputs[i];
+      if (in.streams[0] == n || (in.streamCount > 1 && in.streams[1] == n)) {
+        record.streamInput.push_back(static_cast<uint8_t>(i));
+      }
+    }
+  }
+  for (const OutputDesc& out : desc_.outputs) record.outputs.emplace_back(out.name);
+  recorder_ = std::make_unique<Oro::ShmMergeRecorder>(std::move(record));
+  recordState();
   outputsPrepare();
   ORO_TRACE(*qtHandle_, kTraceLifecycle, "create non-public arg SMs");
   createInputSms();
   for (InputSmBase* sm : inputSms_) sm->start();
+}
+
+void MergeSm::recordState() {
+  if (!recorder_) return;
+  Oro::ShmBinding* out = outputBinding();
+  if (!out) return;
+  uint32_t bits = initialized_ ? Oro::ShmLayout::kMergeInitialized : 0;
+  if (initialScanDone_) bits |= Oro::ShmLayout::kMergeInitialScanDone;
+  if (ready()) bits |= Oro::ShmLayout::kMergeReady;
+  for (size_t o = 0; o < outputs_.size() && o < Oro::ShmLayout::kMergeOutputs; ++o) {
+    const auto oo = static_cast<uint32_t>(o);
+    if (outputState_->outputReady(o)) bits |= Oro::ShmLayout::mergeOutputReady(oo);
+    if (outputs_[o]->reconciling()) bits |= Oro::ShmLayout::mergeOutputReconciling(oo);
+  }
+  for (size_t n = 0; n < streams_ && n < Oro::ShmLayout::kMergeStreams; ++n) {
+    const auto nn = static_cast<uint32_t>(n);
+    if (inputSmScanState_->streamScan(n)) bits |= Oro::ShmLayout::mergeStreamScanned(nn);
+    if (streamDamaged(n)) bits |= Oro::ShmLayout::mergeStreamDamaged(nn);
+  }
+  recorder_->stateIs(out->store(), bits);
+}
+
+void MergeSm::scanProgressIs(size_t stream, uint64_t scanned, uint64_t total) {
+  Oro::ShmBinding* out = recorder_ ? outputBinding() : nullptr;
+  if (out) recorder_->streamProgressIs(out->store(), static_cast<uint32_t>(stream), scanned, total);
+}
+
+void MergeSm::reconcileProgressIs(size_t output, uint64_t walked, uint64_t total,
+                                  uint64_t deleted) {
+  Oro::ShmBinding* out = recorder_ ? outputBinding() : nullptr;
+  if (out) {
+    recorder_->outputProgressIs(out->store(), static_cast<uint32_t>(output),
+                                {walked, std::max(walked, total), deleted});
+  }
 }
 
 void MergeSm::checkPointers() const {
@@ -69,6 +121,7 @@ void MergeSm::handleInitialScanDone() {
             "Initial scan done for child SMs. Now scanning with events triggered.");
   initialScanDone_ = true;
   publish(initialScanDoneAttr);
+  recordState();
   for (size_t n = 0; n < streams_; ++n) inputSmScanState_->streamScanIs(n, false);
   for (InputSmBase* sm : inputSms_) sm->rescan();
 }
@@ -79,6 +132,7 @@ void MergeSm::handleIdle() {
 
 void MergeSm::handleReady() {
   outputState_->handleReady();
+  recordState();
   publish(readyAttr);
   if (outputState_->ready()) handleIdle();
 }
@@ -110,6 +164,7 @@ void MergeSm::onScanStateChange(Oro::AttrId attr) {
   // merging scans start (or a damaged stream's rescan) must not start a reconciliation of an
   // output whose other flags are still set.
   const size_t stream = attr - InputSmScanState::streamScanAttr(0);
+  recordState();
   if (!inputSmScanState_->streamScan(stream)) return;
   if (!initialScanDone_) {
     handleInitialScanDone();
@@ -119,7 +174,11 @@ void MergeSm::onScanStateChange(Oro::AttrId attr) {
 }
 
 void MergeSm::onOutputStateChange(Oro::AttrId attr) {
-  if (attr == OutputState::readyAttr) handleReady();
+  if (attr == OutputState::readyAttr) {
+    handleReady();
+    return;
+  }
+  recordState();
 }
 
 }  // namespace Routing::Multicast::DynaCode

@@ -13,6 +13,7 @@
 #pragma once
 
 #include <cstddef>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -25,6 +26,11 @@
 #include "platform/runtime/Entity.h"
 #include "platform/runtime/Ptr.h"
 #include "platform/runtime/TaskScheduler.h"
+#include "platform/shm/ShmMergeInfo.h"
+
+namespace Oro {
+class ShmBinding;
+}
 
 namespace Routing::Multicast::DynaCode {
 
@@ -68,6 +74,11 @@ class MergeSm : public Oro::Entity {
   // kept on the ground of damage.
   void streamRecovered(size_t stream);
 
+  // Progress of the current scan of `stream` and of output `output`'s reconciliation, for the
+  // merge record of the output store.
+  void scanProgressIs(size_t stream, uint64_t scanned, uint64_t total);
+  void reconcileProgressIs(size_t output, uint64_t walked, uint64_t total, uint64_t deleted);
+
   void handleInitialized();
   void handleInitialScanDone();
   void handleIdle();
@@ -83,6 +94,10 @@ class MergeSm : public Oro::Entity {
   virtual void createInputSms() = 0;
   // Before the inputs start: a machine may prepare its outputs for what the inputs hold.
   virtual void outputsPrepare() {}
+  // The binding of the root the machine writes (its merge record goes there), and the mount
+  // path of argument `arg` ("" when it is not in shared memory).
+  virtual Oro::ShmBinding* outputBinding() const = 0;
+  virtual std::string argPath(size_t arg) const = 0;
 
   void inputSmIs(InputSmBase* sm) { inputSms_.push_back(sm); }
   void outputIs(OutputBase* output) { outputs_.push_back(output); }
@@ -93,6 +108,8 @@ class MergeSm : public Oro::Entity {
   void checkPointers() const;
   void onScanStateChange(Oro::AttrId attr);
   void onOutputStateChange(Oro::AttrId attr);
+  // Writes the state bits into the merge record of the output store.
+  void recordState();
 
   const MachineDesc& desc_;
   const Oro::TraceHandle* qtHandle_;
@@ -107,6 +124,7 @@ class MergeSm : public Oro::Entity {
   Oro::AttrReactor outputStateReactor_;
   std::vector<InputSmBase*> inputSms_;  // owned by the derived machine
   std::vector<OutputBase*> outputs_;    // owned by the derived machine
+  std::unique_ptr<Oro::ShmMergeRecorder> recorder_;
 };
 
 }  // namespace Routing::Multicast::DynaCode

@@ -34,6 +34,8 @@ class OutputBase {
   virtual bool mergesStream(size_t stream) const = 0;
   // Merges again every key whose last merge was decided with an input unreadable.
   virtual void remergeKept() = 0;
+  // Stale entries are still to be walked (or are being walked).
+  virtual bool reconciling() const = 0;
 };
 
 }  // namespace Routing::Multicast::DynaCode

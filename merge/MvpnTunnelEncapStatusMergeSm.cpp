@@ -205,7 +205,7 @@ void MergedMcastTunnelEncapStatusSm::merge(const VrfId& vrfId, const typename Ru
     other = heldOther ? InputRead<typename Rule::Value>{*heldOther}
                       : Rule::readOther(*this, vrfId, key);
   }
-  const std::optional<typename Rule::Value>& value = stat.present() ? stat.value : other.value;
+  const std::optional<typename Rule::Value> value = staticWins(stat.value, other.value);
   const typename Rule::OutKey outKey(vrfId, key);
   output.keyMerged(outKey);
   if (stat.unreadable || (!stat.present() && other.unreadable)) {

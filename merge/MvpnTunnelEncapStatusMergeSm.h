@@ -110,6 +110,14 @@ using MergedEncapVrfStatusEncapIntfTunnelOutput =
                      MergedEncapVrfStatusEncapIntfTunnelOutputKeyType,
                      OutputKeyHash<MergedEncapVrfStatusEncapIntfTunnelOutputKeyType>>;
 
+// The merge rule of both collections: the static writer's record, whole, when it has one;
+// else the other writer's (MVPN for encapTunnel, EVPN for encapIntfTunnel); else none. The
+// machine and the tools' audit decide with this same function.
+template <class V>
+std::optional<V> staticWins(const std::optional<V>& fromStatic, const std::optional<V>& other) {
+  return fromStatic ? fromStatic : other;
+}
+
 // The machine's description.
 inline constexpr std::string_view kArgs[] = {"mvpnEncap", "staticEncap", "evpnEncap",
                                              "mergedEncap"};
@@ -133,7 +141,10 @@ inline constexpr MachineDesc kDesc{"Routing::Multicast::MergedMcastTunnelEncapSt
                                    kArgs,
                                    kInputs,
                                    kStreams,
-                                   kOutputs};
+                                   kOutputs,
+                                   "static wins: encapTunnel from staticEncap else mvpnEncap, "
+                                   "encapIntfTunnel from staticEncap else evpnEncap, whole "
+                                   "records"};
 
 using Machine = Routing::Multicast::MergedMcastTunnelEncapStatusSm;
 class VrfStatusSm1;

@@ -71,17 +71,8 @@ void MergedMvpnVrfStatusSm::inputRootDel(size_t n) {
 }
 
 namespace {
-// The precedence of the inputs, best first (deliberately not the argument order: EVPN ranks
-// above static MVPN), with the merged client and the source line its trace quotes.
-struct Rank {
-  size_t stream;
-  MvpnClient client;
-  int line;
-};
-constexpr Rank kPrecedence[] = {{0, MvpnClient::bgp_, 22},
-                                {2, MvpnClient::evpn_, 24},
-                                {1, MvpnClient::staticMvpn_, 26},
-                                {3, MvpnClient::staticEvpn_, 28}};
+using DynaCode::MergedMvpnVrfStatusSm::kPrecedence;
+using DynaCode::MergedMvpnVrfStatusSm::Rank;
 // The no-input case quotes the rank-4 line as well.
 constexpr int kNoWinnerLine = 28;
 
@@ -131,38 +122,28 @@ void MergedMvpnVrfStatusSm::merge(const VrfId& vrfId, size_t heldBy) {
     // Without the trace lines that print every input, only the inputs up to the winner are
     // looked up (in precedence order), and an input that was found holding the key just
     // before is not asked again: the decision is the same.
-    for (const Rank& r : kPrecedence) {
-      if (r.stream == heldBy) {
-        w = &r;
-        break;
-      }
-      const auto read = inputSm(r.stream)->lookup(vrfId);
-      if (read.unreadable && unreadable == kInputs) unreadable = r.stream;
-      if (read.present()) {
-        w = &r;
-        break;
-      }
-    }
+    w = DynaCode::MergedMvpnVrfStatusSm::vrfWinner([&](size_t stream) {
+      if (stream == heldBy) return true;
+      const auto read = inputSm(stream)->lookup(vrfId);
+      if (read.unreadable && unreadable == kInputs) unreadable = stream;
+      return read.present();
+    });
     output_.keyMerged(vrfId);
     if (unreadable != kInputs) {
       keepOrUpgrade(*this, vrfId, w, unreadable);
       return;
     }
-    intoMergedVrfStatusMvpnVrf(
-        vrfId, w ? std::optional<MvpnVrf>(MvpnVrf(vrfId, w->client)) : std::nullopt);
+    intoMergedVrfStatusMvpnVrf(vrfId, DynaCode::MergedMvpnVrfStatusSm::mergedVrfOf(vrfId, w));
     return;
   }
   // Every input, in argument order; only presence counts, the winner's own client field is
   // not copied.
   DynaCode::InputRead<MvpnVrf> in[kInputs];
   for (size_t n = 0; n < kInputs; ++n) in[n] = inputSm(n)->lookup(vrfId);
-  for (const Rank& r : kPrecedence) {
-    if (in[r.stream].unreadable && unreadable == kInputs) unreadable = r.stream;
-    if (in[r.stream].present()) {
-      w = &r;
-      break;
-    }
-  }
+  w = DynaCode::MergedMvpnVrfStatusSm::vrfWinner([&](size_t stream) {
+    if (in[stream].unreadable && unreadable == kInputs) unreadable = stream;
+    return in[stream].present();
+  });
   const MvpnVrf myVrf(vrfId, w ? w->client : MvpnClient::staticEvpn_);
   ORO_TRACE(trace, kTraceMerge,
             "Line {}: merge( dyx_pipeline0 ): vrfId={} myVrf={} mvpnVrf={} staticMvpnVrf={} "
@@ -170,8 +151,7 @@ void MergedMvpnVrfStatusSm::merge(const VrfId& vrfId, size_t heldBy) {
             w ? w->line : kNoWinnerLine, vrfId, myVrf.toStrep(), Oro::optionalStrep(in[0].value),
             Oro::optionalStrep(in[1].value), Oro::optionalStrep(in[2].value),
             Oro::optionalStrep(in[3].value));
-  std::optional<MvpnVrf> valMyVrf;
-  if (w) valMyVrf = myVrf;
+  const std::optional<MvpnVrf> valMyVrf = DynaCode::MergedMvpnVrfStatusSm::mergedVrfOf(vrfId, w);
   ORO_TRACE(trace, kTraceMerge,
             "Line 22: merge( dyx_pipeline1, dyx_pipeline2, dyx_pipeline3, dyx_pipeline4, "
             "dyx_pipeline5 ): valMyVrf={} vrfId={} mvpnVrf={} staticMvpnVrf={} evpnVrf={} "

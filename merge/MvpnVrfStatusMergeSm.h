@@ -94,6 +94,33 @@ using MergedVrfStatusMvpnVrfOutput =
 
 using VrfInput = KeyedInput<MvpnVrfSource>;
 
+// The merge rule: the inputs (by stream) in precedence order, best first (deliberately not
+// the argument order: EVPN ranks above static MVPN), each with the client a merged VRF names
+// when it wins and the source line its trace quotes. The machine and the tools' audit decide
+// with these same functions.
+struct Rank {
+  size_t stream;
+  MvpnClient client;
+  int line;
+};
+inline constexpr Rank kPrecedence[] = {{0, MvpnClient::bgp_, 22},
+                                       {2, MvpnClient::evpn_, 24},
+                                       {1, MvpnClient::staticMvpn_, 26},
+                                       {3, MvpnClient::staticEvpn_, 28}};
+// The winner: the first rank whose input `lists(stream)` says holds the VRF (inputs are
+// asked in precedence order and no further than the winner), or null.
+template <class Lists>
+const Rank* vrfWinner(Lists&& lists) {
+  for (const Rank& r : kPrecedence) {
+    if (lists(r.stream)) return &r;
+  }
+  return nullptr;
+}
+// The merged record of a VRF won by `w` (none when no input lists it).
+inline std::optional<MvpnVrf> mergedVrfOf(VrfId vrfId, const Rank* w) {
+  return w ? std::optional<MvpnVrf>(MvpnVrf(vrfId, w->client)) : std::nullopt;
+}
+
 // The machine's description.
 inline constexpr std::string_view kArgs[] = {"mvpnVrfStatus", "staticMvpnVrfStatus",
                                              "evpnVrfStatus", "staticEvpnVrfStatus",
@@ -115,7 +142,10 @@ inline constexpr MachineDesc kDesc{"Routing::Multicast::MergedMvpnVrfStatusSm",
                                    kArgs,
                                    kInputs,
                                    kStreams,
-                                   kOutputs};
+                                   kOutputs,
+                                   "precedence: the first of mvpnVrfStatus, evpnVrfStatus, "
+                                   "staticMvpnVrfStatus, staticEvpnVrfStatus that lists the VRF "
+                                   "names its client"};
 
 using Machine = Routing::Multicast::MergedMvpnVrfStatusSm;
 DYX_KEYED_INPUT_SM(MvpnVrfStatusSm0, MvpnVrfSource, Machine, kDesc, 0, MvpnVrf, 0);

@@ -460,6 +460,7 @@ class NestedInputSm : public InputSmBase {
       const Result r =
           st.scan.run(RootColl{en_.get()}, e,
                       [this](const OuterKey& key, const auto&) { handleOuter<k>(key, true); });
+      machine_->scanProgressIs(streamNumber(k), st.scan.scanned(), st.scan.total());
       if (st.scan.damaged()) st.damage.readFailed();
       if (r == Result::yielded) return;
       if (!st.queue.empty()) {  // a child's scan yielded on the last outer key

@@ -67,7 +67,7 @@ class OutputReconciler : public OutputBase {
   const SeenSet<KeyType, Hash>& seen() const { return seen_; }
   const std::optional<Bookmark>& bookmark() const { return bookmark_; }
   bool useBookmark() const { return useBookmark_; }
-  bool reconciling() const { return reconciling_; }
+  bool reconciling() const override { return reconciling_; }
   Oro::Task* reconciliationTask() const { return task_.get(); }
   // Totals over the whole reconciliation (the trace reports the last task run only).
   uint64_t processedTotal() const { return processedTotal_; }
@@ -183,6 +183,7 @@ class OutputReconciler : public OutputBase {
           // An estimate: counting a two-level output exactly would walk all of it.
           task_->pendingWorkIs(sizeAtStart_ > processedTotal_ ? sizeAtStart_ - processedTotal_ : 0);
           task_->schedule();
+          parent_->reconcileProgressIs(index_, processedTotal_, sizeAtStart_, deletedTotal_);
           ORO_TRACE(parent_->qtHandle(), kTraceScan,
                     "Yielding in reconciliation processing after processing {} items, "
                     "including {} deletions .",
@@ -205,6 +206,7 @@ class OutputReconciler : public OutputBase {
       task_->workCountInc(processed);
       task_->pendingWorkIs(0);
     }
+    parent_->reconcileProgressIs(index_, processedTotal_, sizeAtStart_, deletedTotal_);
     return false;
   }
 

@@ -72,6 +72,30 @@ std::string metricsText() {
                "gauge",
                "Writers that took the status table over after its previous writer died.",
                {}};
+  Family merger{"mvpn_merger_info",
+                "gauge",
+                "The merge machine writing a merged status table, and its rule (always 1).",
+                {}};
+  Family phase{"mvpn_merger_phase",
+               "gauge",
+               "1 for the phase the merge machine is in, 0 for the others.",
+               {}};
+  Family scanned{"mvpn_merger_input_scanned_keys",
+                 "gauge",
+                 "Keys the current scan of a merge machine's input stream has handled.",
+                 {}};
+  Family inputKeys{"mvpn_merger_input_keys",
+                   "gauge",
+                   "Keys in a merge machine's input stream when its scan last looked.",
+                   {}};
+  Family walked{"mvpn_merger_reconciled_entries",
+                "gauge",
+                "Output entries the merge machine's reconciliation has walked.",
+                {}};
+  Family staleDeleted{"mvpn_merger_stale_deleted_total",
+                      "counter",
+                      "Stale output entries the merge machine's reconciliation deleted.",
+                      {}};
   for (const Oro::ShmStoreInfo& t : Oro::listShmStores()) {
     const std::string path = fmt::format("path=\"{}\"", label(t.mountPath));
     up.add(path, t.problem.empty() ? 1 : 0);
@@ -91,9 +115,32 @@ std::string metricsText() {
     bytes.add(path, t.committedBytes);
     // The first writer starts the epoch at 1; each take-over advances it.
     epoch.add(path, t.epoch > 0 ? t.epoch - 1 : 0);
+    if (!t.merge) continue;
+    const Oro::ShmMergeState& m = *t.merge;
+    merger.add(fmt::format("{},type=\"{}\",rule=\"{}\"", path, label(m.desc.machineType),
+                           label(m.desc.rule)),
+               1);
+    for (const char* p :
+         {"not running", "starting", "initial scan", "scanning", "reconciling", "ready"}) {
+      phase.add(fmt::format("{},phase=\"{}\"", path, p), m.phase() == p ? 1 : 0);
+    }
+    for (size_t s = 0; s < m.streams.size(); ++s) {
+      const uint8_t in = m.desc.streamInput[s];
+      const std::string labels =
+          fmt::format("{},stream=\"{}\",input=\"{}\"", path, s,
+                      label(in < m.desc.inputs.size() ? m.desc.inputs[in].name : ""));
+      scanned.add(labels, m.streams[s].done);
+      inputKeys.add(labels, m.streams[s].total);
+    }
+    for (size_t o = 0; o < m.outputs.size(); ++o) {
+      const std::string labels = fmt::format("{},output=\"{}\"", path, label(m.desc.outputs[o]));
+      walked.add(labels, m.outputs[o].done);
+      staleDeleted.add(labels, m.outputs[o].deleted);
+    }
   }
   std::string out;
-  for (const Family* f : {&up, &info, &alive, &records, &counters, &bytes, &epoch}) {
+  for (const Family* f : {&up, &info, &alive, &records, &counters, &bytes, &epoch, &merger, &phase,
+                          &scanned, &inputKeys, &walked, &staleDeleted}) {
     f->writeTo(out);
   }
   return out;

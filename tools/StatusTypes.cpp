@@ -15,6 +15,7 @@
 #include "status/MvpnIntfStatus.h"
 #include "status/MvpnRouteStatus.h"
 #include "status/MvpnVrfStatus.h"
+#include "tools/MergerView.h"
 #include "tools/SafeText.h"
 
 namespace Mvpnstat {
@@ -34,6 +35,14 @@ std::string recordJson(const MvpnVrf& r) {
 std::string recordJson(const MvpnVrfIntfId& r) {
   return fmt::format("{{\"key\": {}, \"pmsiIntfId\": {}}}", r.key().value(),
                      jsonQuote(r.pmsiIntfId().toStrep()));
+}
+
+// The start of a table's JSON document: its path, its type and, for a merged status, its
+// merger ("{"path": ..., "type": ..., ["merger": {...}, ]").
+std::string jsonHead(const std::string& path, std::string_view type) {
+  const auto m = mergerOf(path);
+  return fmt::format("{{\"path\": {}, \"type\": {}, {}", jsonQuote(path), jsonQuote(type),
+                     m ? fmt::format("\"merger\": {}, ", mergerJson(*m)) : std::string());
 }
 
 // A reader instance of Root attached to the table at `path`; unmounted when it goes.
@@ -56,8 +65,7 @@ void show(const std::string& path, bool json, FILE* out) {
     fmt::print(out, "{}", displayText(dc.str(), true));
     return;
   }
-  fmt::print(out, "{{\"path\": {}, \"type\": {}, \"records\": [", jsonQuote(path),
-             jsonQuote(r.root->typeName()));
+  fmt::print(out, "{}\"records\": [", jsonHead(path, r.root->typeName()));
   // The walk goes by slot while the writer may move a key (delete it, insert it again into a
   // later slot): the walk can then meet it twice. The first meeting is the one listed.
   std::unordered_set<Key> listed;
@@ -92,6 +100,23 @@ struct Watch {
                             jsonQuote(keys), jsonQuote(what))
               : fmt::format("{}: {}", displayText(keys), displayText(what)));
   }
+  // Reports the transitions of a merged status's merger ("merger: ready") as changes.
+  void followMerger(Oro::ShmBinding& b) {
+    auto state = [&b] {
+      return Oro::shmReadMergeState(*b.store().header(), b.store().writerAlive());
+    };
+    if (const auto m = state()) lastMergerPhase = m->phase();
+    b.mergeStateHandlerIs([this, state](uint32_t) {
+      const auto m = state();
+      if (!m || m->phase() == lastMergerPhase) return;
+      lastMergerPhase = m->phase();
+      line(json ? fmt::format("{{\"merger\": {}, \"progress\": {}}}", jsonQuote(m->phase()),
+                              jsonQuote(m->phaseText()))
+                : fmt::format("merger: {}", m->phaseText()));
+    });
+  }
+  std::string lastMergerPhase;
+
   uint64_t run() {
     gWatching.store(&scheduler);
     scheduler.run();
@@ -113,6 +138,7 @@ uint64_t watch(const std::string& path, bool json, FILE* out, uint64_t maxChange
                               rec ? displayText(rec->toValueForm()) : "deleted"));
   });
   reactor.notifierIs(r.root.get());
+  w.followMerger(r.root->binding());
   return w.run();
 }
 
@@ -148,8 +174,7 @@ void showTree(const std::string& path, bool json, FILE* out) {
     fmt::print(out, "{}", displayText(dc.str(), true));
     return;
   }
-  fmt::print(out, "{{\"path\": {}, \"type\": {}, \"vrfs\": [", jsonQuote(path),
-             jsonQuote(std::string(r.root->typeName())));
+  fmt::print(out, "{}\"vrfs\": [", jsonHead(path, r.root->typeName()));
   const char* vsep = "";
   for (auto v = r.root->vrfRouteStatusIter(); v.valid(); v.next()) {
     Oro::Ptr<MvpnVrfRouteStatus> vrf = v.value();
@@ -257,6 +282,7 @@ uint64_t watchTree(const std::string& path, bool json, FILE* out, uint64_t maxCh
     watchVrf(v.value());
   });
   rootReactor.notifierIs(r.root.get());
+  w.followMerger(r.root->binding());
   return w.run();
 }
 
@@ -264,8 +290,7 @@ uint64_t watchTree(const std::string& path, bool json, FILE* out, uint64_t maxCh
 void showEncap(const std::string& path, bool json, FILE* out) {
   ReaderRoot<MvpnTunnelEncapStatus> r(path, nullptr);
   if (json) {
-    fmt::print(out, "{{\"path\": {}, \"type\": {}, \"vrfs\": [", jsonQuote(path),
-               jsonQuote(std::string(r.root->typeName())));
+    fmt::print(out, "{}\"vrfs\": [", jsonHead(path, r.root->typeName()));
   } else {
     fmt::print(out, "MvpnTunnelEncapStatus #{}:\n", r.root->vrfStatusSize());
   }
@@ -354,6 +379,7 @@ uint64_t watchEncap(const std::string& path, bool json, FILE* out, uint64_t maxC
     watchVrf(v);
   });
   rootReactor.notifierIs(r.root.get());
+  w.followMerger(r.root->binding());
   return w.run();
 }
 

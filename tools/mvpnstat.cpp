@@ -3,11 +3,13 @@
 //   mvpnstat [--namespace NS] list [--json]
 //   mvpnstat [--namespace NS] show PATH [--json]
 //   mvpnstat [--namespace NS] watch PATH [--json] [--count N]
+//   mvpnstat [--namespace NS] explain PATH KEY [--json]
+//   mvpnstat [--namespace NS] check [PATH] [--json]
 //   mvpnstat [--namespace NS] remove PATH
 //   mvpnstat [--namespace NS] metrics [--listen ADDRESS:PORT]
 //
-// Exit status: 0 success, 1 the table is absent, damaged or of another type (or, for remove,
-// has a live writer), 2 bad usage.
+// Exit status: 0 success, 1 the table is absent, damaged or of another type (for remove: has
+// a live writer; for check: anything inconsistent or damaged), 2 bad usage.
 //
 // Names read from shared memory can hold any bytes: JSON output escapes them, plain-text
 // output (and every error message) shows control characters and invalid bytes visibly.
@@ -26,6 +28,8 @@
 #include "platform/Error.h"
 #include "platform/shm/ShmSegment.h"
 #include "platform/shm/ShmStoreInfo.h"
+#include "tools/Audit.h"
+#include "tools/MergerView.h"
 #include "tools/Metrics.h"
 #include "tools/SafeText.h"
 #include "tools/StatusTypes.h"
@@ -40,6 +44,8 @@ constexpr const char* kUsage =
     "usage: mvpnstat [--namespace NS] list [--json]\n"
     "       mvpnstat [--namespace NS] show PATH [--json]\n"
     "       mvpnstat [--namespace NS] watch PATH [--json] [--count N]\n"
+    "       mvpnstat [--namespace NS] explain PATH KEY [--json]\n"
+    "       mvpnstat [--namespace NS] check [PATH] [--json]\n"
     "       mvpnstat [--namespace NS] remove PATH\n"
     "       mvpnstat [--namespace NS] metrics [--listen ADDRESS:PORT]\n"
     "\n"
@@ -47,6 +53,10 @@ constexpr const char* kUsage =
     "  show   the status root at mount path PATH in its dump format\n"
     "  watch  each change at PATH as it arrives (key, new record or \"deleted\"),\n"
     "         until interrupted or N changes were printed\n"
+    "  explain for a merged status at PATH and one KEY: every input's record, the\n"
+    "         rule's winner and whether the merged record agrees\n"
+    "  check  every merged status (or the one at PATH) recomputed from its inputs, and\n"
+    "         the integrity of every table; exit status 1 when anything is wrong\n"
     "  remove the table at PATH and all its segments, when its writer is dead\n"
     "  metrics every table's record counts, counters and writer in the Prometheus\n"
     "         text format; with --listen, served over HTTP at /metrics until interrupted\n";
@@ -59,6 +69,7 @@ struct Failure {
 struct Args {
   std::string command;
   std::string path;
+  std::string key;  // explain
   bool json = false;
   uint64_t count = 0;  // 0: no limit
   std::string listen;  // metrics: ADDRESS:PORT to serve at, empty: print once
@@ -106,19 +117,29 @@ Args parseArgs(int argc, char** argv) {
   }
   if (positional.empty()) throw Failure{2, "no command given"};
   a.command = positional[0];
-  const bool pathless = a.command == "list" || a.command == "metrics";
-  const size_t wantPositional = pathless ? 1 : 2;
-  if (!pathless && a.command != "show" && a.command != "watch" && a.command != "remove") {
+  // Positional arguments after the command: PATH, PATH KEY, or an optional PATH.
+  size_t minArgs = 1, maxArgs = 1;
+  if (a.command == "list" || a.command == "metrics") {
+    minArgs = maxArgs = 0;
+  } else if (a.command == "explain") {
+    minArgs = maxArgs = 2;
+  } else if (a.command == "check") {
+    minArgs = 0;
+  } else if (a.command != "show" && a.command != "watch" && a.command != "remove") {
     throw Failure{2, fmt::format("unknown command '{}'", displayText(a.command))};
   }
-  if (positional.size() != wantPositional) {
-    throw Failure{2, pathless ? fmt::format("{} takes no path", a.command)
-                              : fmt::format("{} needs exactly one PATH", a.command)};
+  const size_t given = positional.size() - 1;
+  if (given < minArgs || given > maxArgs) {
+    throw Failure{2, maxArgs == 0   ? fmt::format("{} takes no path", a.command)
+                     : maxArgs == 2 ? fmt::format("{} needs PATH and KEY", a.command)
+                     : minArgs == 0 ? fmt::format("{} takes at most one PATH", a.command)
+                                    : fmt::format("{} needs exactly one PATH", a.command)};
   }
+  if (given >= 1) a.path = positional[1];
+  if (given == 2) a.key = positional[2];
   if (!a.listen.empty() && a.command != "metrics") {
     throw Failure{2, "--listen goes with metrics only"};
   }
-  if (wantPositional == 2) a.path = positional[1];
   return a;
 }
 
@@ -174,10 +195,10 @@ void list(bool json) {
       }
       fmt::print(
           "{}\n  {{\"path\": {}, \"type\": {}, \"collections\": [{}], "
-          "\"writerPid\": {}, \"writerAlive\": {}, \"mountStatus\": {}, \"counters\": {{{}}}}}",
+          "\"writerPid\": {}, \"writerAlive\": {}, \"mountStatus\": {}, \"counters\": {{{}}}{}}}",
           sep, jsonQuote(t.mountPath), jsonQuote(t.rootType), colls, t.writerPid,
           t.writerAlive ? "true" : "false", jsonQuote(TylKetab::mountStatusName(t.mountStatus)),
-          counters);
+          counters, t.merge ? ", \"merger\": " + Mvpnstat::mergerJson(*t.merge) : "");
       sep = ",";
     }
     fmt::print("{}]\n", stores.empty() ? "" : "\n");
@@ -199,9 +220,11 @@ void list(bool json) {
     fmt::print("{}  {}  {}  {}\n", displayText(t.mountPath), displayText(t.rootType), writer,
                TylKetab::mountStatusName(t.mountStatus));
     for (const auto& c : t.collections) {
-      fmt::print("    {}  {}  {} records\n", displayText(c.name), displayText(c.typeName), c.records);
+      fmt::print("    {}  {}  {} records\n", displayText(c.name), displayText(c.typeName),
+                 c.records);
     }
     for (const auto& c : t.counters) fmt::print("    {} {}\n", displayText(c.name), c.value);
+    if (t.merge) fmt::print("{}", Mvpnstat::mergerText(*t.merge, "    "));
   }
 }
 
@@ -236,6 +259,32 @@ int run(int argc, char** argv) {
     return 0;
   }
   if (a.command == "remove") return removeTable(a.path);
+  if (a.command == "explain" || a.command == "check") {
+    if (!a.path.empty()) {
+      try {
+        Oro::shmValidatePath(a.path);
+      } catch (const Oro::ShmException& e) {
+        throw Failure{1, e.what()};
+      }
+    }
+    try {
+      if (a.command == "explain") {
+        Mvpnstat::explain(a.path, a.key, a.json);
+        return 0;
+      }
+      return Mvpnstat::check(a.path.empty() ? std::nullopt : std::optional(a.path), a.json) ? 0 : 1;
+    } catch (const Oro::ParseException& e) {
+      throw Failure{2, e.what()};
+    } catch (const Oro::ShmCorruptionException& e) {
+      throw Failure{1, fmt::format("the table at {} is damaged: {}", a.path, e.what())};
+    } catch (const Oro::ShmException& e) {
+      if (!Oro::ShmSegment::exists(Oro::shmStoreName(a.path))) {
+        throw Failure{1, fmt::format("no status table at {} (shared-memory namespace '{}')", a.path,
+                                     Oro::shmNamespace())};
+      }
+      throw Failure{1, e.what()};
+    }
+  }
   if (a.command == "metrics") {
     if (a.listen.empty()) {
       fmt::print("{}", Mvpnstat::metricsText());
@@ -253,6 +302,11 @@ int run(int argc, char** argv) {
   const StatusType& type = resolve(a.path);
   try {
     if (a.command == "show") {
+      if (!a.json) {
+        if (const auto m = Mvpnstat::mergerOf(a.path)) {
+          fmt::print("{}", Mvpnstat::mergerText(*m, ""));
+        }
+      }
       type.show(a.path, a.json, stdout);
     } else {
       struct sigaction sa {};

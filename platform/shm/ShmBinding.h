@@ -180,6 +180,10 @@ class ShmBinding : private ShmReader::Sink {
   void corruptionHandlerIs(std::function<void(const std::string&)> handler) {
     corruptionHandler_ = std::move(handler);
   }
+  // Reader: called when the state bits of the store's merge record change (see ShmMergeInfo.h).
+  void mergeStateHandlerIs(std::function<void(uint32_t bits)> handler) {
+    mergeStateHandler_ = std::move(handler);
+  }
   // Hands a corruption report to the handler (readers report too, hence const).
   void handleCorruption(const std::string& message) const;
   uint64_t corruptions() const { return corruptions_; }
@@ -200,6 +204,9 @@ class ShmBinding : private ShmReader::Sink {
   void resyncKeys(ShmResync& out) override;
   void deliverMountStatus(uint32_t status) override;
   void deliverQuiesced(bool quiesced) override;
+  void deliverMergeState(uint32_t bits) override {
+    if (mergeStateHandler_) mergeStateHandler_(bits);
+  }
   void readerFailed(const std::string& message, bool replaced) override;
 
   void retryReader();
@@ -209,6 +216,7 @@ class ShmBinding : private ShmReader::Sink {
   Callbacks callbacks_;
   ShmRole role_ = ShmRole::detached;
   std::string mountPath_;
+  std::function<void(uint32_t)> mergeStateHandler_;
   ShmStore store_;
   std::unique_ptr<ShmReader> reader_;
   TaskScheduler* scheduler_ = nullptr;

@@ -5,7 +5,7 @@
 //    collection descriptors, the writer's identity, mount status, quiesced flag, epoch, the
 //    operation word pair, the change log (one entry per changed key, naming its collection),
 //    the wake-up word readers sleep on, a one-record journal sized for the largest record, and
-//    named counters;
+//    named counters, and the merge record of a merged status (see MergeInfo);
 //  - per collection c, slot chunks "<ns>.<path>@<instance>.<c>k<n>" (chunk n holds
 //    kBaseChunkSlots << n slots, so a slot number is stable for the store's life) and index
 //    generations "...@<instance>.<c>i<g>" (open addressing over uint32 entries);
@@ -50,7 +50,7 @@ inline constexpr uint64_t kMagic = 0x3152545350564d4dull;         // "MMVPSTR1"
 inline constexpr uint64_t kRetiredMagic = 0x44414544504d4dull;    // "MMPDEAD": replaced store
 inline constexpr uint64_t kIndexMagic = 0x31584449534e504dull;    // "MPNSIDX1"
 inline constexpr uint64_t kBlobMagic = 0x31424f4c42504d4dull;     // "MMPBLOB1"
-inline constexpr uint32_t kLayoutVersion = 4;
+inline constexpr uint32_t kLayoutVersion = 5;
 
 inline constexpr uint32_t kTypeNameBytes = 96;
 inline constexpr uint32_t kPathBytes = 208;
@@ -173,6 +173,64 @@ static_assert(offsetof(CollectionDesc, chunkCount) == 224);
 static_assert(offsetof(CollectionDesc, slotHighWater) == 256);
 static_assert(offsetof(CollectionDesc, count) == 264);
 
+// The merge record: what the merge machine writing this store merges and how far it is. Only
+// a merged status has one. The description (machine type, rule, inputs, outputs) is written
+// under `seq` (odd while written, 0 when never written) for the epoch in `epoch`: a record of
+// an earlier epoch belongs to a writer that is gone. The progress words are written one at a
+// time by the merger, each atomically.
+inline constexpr uint32_t kMergeInputs = 6;
+inline constexpr uint32_t kMergeStreams = 8;
+inline constexpr uint32_t kMergeOutputs = 4;
+inline constexpr uint32_t kMergeNameBytes = 64;
+inline constexpr uint32_t kMergeRuleBytes = 192;
+
+// Bits of MergeInfo::state.
+inline constexpr uint32_t kMergeInitialized = 1;
+inline constexpr uint32_t kMergeInitialScanDone = 2;
+inline constexpr uint32_t kMergeReady = 4;
+inline constexpr uint32_t mergeOutputReady(uint32_t output) {
+  return 1u << (8 + output);
+}
+inline constexpr uint32_t mergeOutputReconciling(uint32_t output) {
+  return 1u << (12 + output);
+}
+inline constexpr uint32_t mergeStreamScanned(uint32_t stream) {
+  return 1u << (16 + stream);
+}
+inline constexpr uint32_t mergeStreamDamaged(uint32_t stream) {
+  return 1u << (24 + stream);
+}
+
+struct MergeInputDesc {
+  char name[kMergeNameBytes];  // the argument it is, e.g. "staticMvpnVrfStatus"
+  char path[kPathBytes];       // its mount path ("" when it is not in shared memory)
+};
+
+struct MergeProgressCell {
+  std::atomic<uint64_t> done;     // keys scanned by the current scan / output entries walked
+  std::atomic<uint64_t> total;    // keys the input held when last looked / output entries
+  std::atomic<uint64_t> deleted;  // outputs: stale entries deleted by the reconciliation
+  uint64_t reserved;
+};
+
+struct MergeInfo {
+  std::atomic<uint32_t> seq;
+  uint32_t inputs;
+  uint32_t streams;
+  uint32_t outputs;
+  std::atomic<uint64_t> epoch;
+  char machineType[kTypeNameBytes];
+  char rule[kMergeRuleBytes];
+  uint8_t streamInput[kMergeStreams];  // the input each stream reads
+  MergeInputDesc input[kMergeInputs];
+  char outputName[kMergeOutputs][kMergeNameBytes];
+  alignas(64) std::atomic<uint32_t> state;
+  std::atomic<uint32_t> reserved;
+  MergeProgressCell stream[kMergeStreams];
+  MergeProgressCell output[kMergeOutputs];
+};
+static_assert(offsetof(MergeInfo, state) % 64 == 0);
+
 struct Header {
   std::atomic<uint64_t> magic;  // stored last when a store is created
   uint32_t layoutVersion;
@@ -216,6 +274,7 @@ struct Header {
 
   alignas(64) CounterCell counters[kCounters];
   CollectionDesc colls[kMaxCollections];
+  MergeInfo merge;
   // journal (journalWords words) at journalOffset, ring at ringOffset
 };
 // The writer's identity, its operation and change log, and the journal each have a cache line
@@ -225,7 +284,7 @@ static_assert(offsetof(Header, ringHead) == 448);
 static_assert(offsetof(Header, journalSeq) == 512);
 static_assert(offsetof(Header, counters) == 640);
 static_assert(offsetof(Header, colls) % 64 == 0);
-static_assert(sizeof(Header) ==
+static_assert(offsetof(Header, merge) ==
               640 + kCounters * sizeof(CounterCell) + kMaxCollections * sizeof(CollectionDesc));
 
 // The operation descriptor: collection, kind and slot of the operation in progress.

@@ -57,7 +57,8 @@ bool ShmReader::hasPending() const {
   return queued() || store_.ringHead() != tail_ || store_.epoch() != epoch_ ||
          h->magic.load(std::memory_order_acquire) != kMagic ||
          h->mountStatus.load(std::memory_order_acquire) != seenMount_ ||
-         h->quiesced.load(std::memory_order_acquire) != seenQuiesced_;
+         h->quiesced.load(std::memory_order_acquire) != seenQuiesced_ ||
+         h->merge.state.load(std::memory_order_acquire) != seenMerge_;
 }
 
 void ShmReader::sleepBegin(std::vector<FutexWait>& words) {
@@ -184,6 +185,12 @@ void ShmReader::deliver() {
   if (quiesced != seenQuiesced_) {
     seenQuiesced_ = quiesced;
     sink_.deliverQuiesced(quiesced != 0);
+    if (!*alive || failed_) return;
+  }
+  const uint32_t merge = h->merge.state.load(std::memory_order_acquire);
+  if (merge != seenMerge_) {
+    seenMerge_ = merge;
+    sink_.deliverMergeState(merge);
     if (!*alive || failed_) return;
   }
   if (!queued()) {

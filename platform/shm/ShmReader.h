@@ -58,6 +58,8 @@ class ShmReader : public WaitSource {
     virtual void resyncKeys(ShmResync& out) = 0;
     virtual void deliverMountStatus(uint32_t status) = 0;
     virtual void deliverQuiesced(bool quiesced) = 0;
+    // The state bits of the store's merge record changed (a merged status's merger moved on).
+    virtual void deliverMergeState(uint32_t /*bits*/) {}
     // The store is damaged or was replaced: the reader delivers nothing more.
     virtual void readerFailed(const std::string& message, bool replaced) = 0;
   };
@@ -99,6 +101,7 @@ class ShmReader : public WaitSource {
   uint64_t attachEpoch_ = 0;
   uint32_t seenMount_ = 0;
   uint32_t seenQuiesced_ = 0;
+  uint32_t seenMerge_ = 0;
   bool failed_ = false;
   bool shortSleep_ = false;  // the doorbell could not be rung: sleep briefly
   std::vector<uint32_t> queue_;  // entries of entryWords_ words: collection, key image

@@ -178,6 +178,8 @@ class ShmStore {
 
   // The 64-bit counter `index` of the header, named `name` (for tools); writer only, else null.
   std::atomic<uint64_t>* counterSlot(uint32_t index, std::string_view name);
+  // The header's merge record (see ShmMergeInfo.h); writer of a shared store only, else null.
+  ShmLayout::MergeInfo* mergeInfo() { return writable_ && shared() ? &hdr_->merge : nullptr; }
 
   // ---- change log (readers) ----
   uint64_t ringHead() const;

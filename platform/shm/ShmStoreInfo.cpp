@@ -60,6 +60,7 @@ ShmStoreInfo shmStoreInfo(const std::string& mountPath) {
   info.quiesced = h->quiesced.load(std::memory_order_acquire) != 0;
   info.epoch = s.epoch();
   info.committedBytes = s.committedBytes();
+  info.merge = shmReadMergeState(*h, info.writerAlive);
   return info;
 }
 

@@ -4,10 +4,12 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "platform/shm/CollectionControl.h"
+#include "platform/shm/ShmMergeInfo.h"
 
 namespace Oro {
 
@@ -36,6 +38,7 @@ struct ShmStoreInfo {
   bool quiesced = false;
   uint64_t epoch = 0;
   size_t committedBytes = 0;
+  std::optional<ShmMergeState> merge;  // a merged status: its merger's record
   // A store that cannot be read: why (damage, permission), and nothing else is filled in.
   std::string problem;
   bool damaged = false;

@@ -1,0 +1,148 @@
+#include "tools/Audit.h"
+
+#include <vector>
+
+#include <fmt/format.h>
+
+#include "merge/MergeAudit.h"
+#include "platform/Error.h"
+#include "platform/shm/ShmStoreInfo.h"
+#include "tools/MergerView.h"
+#include "tools/SafeText.h"
+
+namespace Mvpnstat {
+
+using Routing::Multicast::AuditReport;
+using Routing::Multicast::Explanation;
+using Routing::Multicast::MergeAudit;
+
+namespace {
+
+std::string orAbsent(const std::optional<std::string>& s) {
+  return s ? displayText(*s) : std::string("absent");
+}
+std::string jsonOrNull(const std::optional<std::string>& s) {
+  return s ? jsonQuote(*s) : std::string("null");
+}
+
+// The audit of the merged status described by `m`.
+const MergeAudit& auditOf(const Oro::ShmMergeState& m) {
+  const MergeAudit* a = Routing::Multicast::mergeAuditFor(m.desc.machineType);
+  if (!a) {
+    throw Oro::Exception(
+        fmt::format("no audit knows the merge machine {}", displayText(m.desc.machineType)));
+  }
+  return *a;
+}
+
+}  // namespace
+
+void explain(const std::string& path, const std::string& key, bool json) {
+  const Oro::ShmStoreInfo info = Oro::shmStoreInfo(path);
+  if (!info.merge) {
+    throw Oro::Exception(
+        fmt::format("the table at {} is not a merged status (no merge record)", displayText(path)));
+  }
+  const Oro::ShmMergeState& m = *info.merge;
+  const MergeAudit& audit = auditOf(m);
+  Explanation e;
+  try {
+    e = audit.explain(m, path, key);
+  } catch (const Oro::ParseException& x) {
+    throw Oro::ParseException(
+        fmt::format("cannot read '{}' as {}: {}", displayText(key), audit.keySyntax(), x.what()));
+  } catch (const Oro::RangeException& x) {
+    throw Oro::ParseException(
+        fmt::format("cannot read '{}' as {}: {}", displayText(key), audit.keySyntax(), x.what()));
+  }
+  if (json) {
+    std::string inputs;
+    for (const auto& in : e.inputs) {
+      inputs += fmt::format("{}{{\"input\": {}, \"path\": {}, \"record\": {}}}",
+                            inputs.empty() ? "" : ", ", jsonQuote(in.input), jsonQuote(in.path),
+                            jsonOrNull(in.record));
+    }
+    fmt::print(
+        "{{\"path\": {}, \"collection\": {}, \"key\": {}, \"rule\": {}, \"inputs\": [{}], "
+        "\"winner\": {}, \"expected\": {}, \"merged\": {}, \"agrees\": {}, \"merger\": {}}}\n",
+        jsonQuote(path), jsonQuote(e.collection), jsonQuote(e.key), jsonQuote(m.desc.rule), inputs,
+        jsonOrNull(e.winner), jsonOrNull(e.expected), jsonOrNull(e.merged), e.agrees(),
+        mergerJson(m));
+    return;
+  }
+  fmt::print("{} {} {}\n", displayText(path), e.collection, displayText(e.key));
+  fmt::print("  rule: {}\n", displayText(m.desc.rule));
+  for (const auto& in : e.inputs) {
+    fmt::print("  {} ({}): {}\n", displayText(in.input), displayText(in.path), orAbsent(in.record));
+  }
+  fmt::print("  winner: {}\n", e.winner ? displayText(*e.winner) : std::string("none"));
+  fmt::print("  expected: {}\n", orAbsent(e.expected));
+  fmt::print("  merged: {} ({})\n", orAbsent(e.merged), e.agrees() ? "agrees" : "DISAGREES");
+  fmt::print("  merger: {}\n", m.phaseText());
+}
+
+bool check(const std::optional<std::string>& path, bool json) {
+  std::vector<Oro::ShmStoreInfo> tables;
+  if (path) {
+    tables.push_back(Oro::shmStoreInfo(*path));
+  } else {
+    tables = Oro::listShmStores();
+  }
+  bool ok = true;
+  std::string jsonTables;
+  for (const Oro::ShmStoreInfo& t : tables) {
+    std::string line;
+    std::string detail;
+    std::string jsonMerge = "null";
+    if (!t.problem.empty()) {
+      ok = false;
+      line = fmt::format("{}: {}", t.damaged ? "DAMAGED" : "unreadable", displayText(t.problem));
+    } else if (t.merge) {
+      const Oro::ShmMergeState& m = *t.merge;
+      if (!m.ready()) {
+        line = fmt::format("merger {} not ready ({}): merged entries not compared",
+                           displayText(m.desc.machineType), m.phaseText());
+        jsonMerge = fmt::format("{{\"ready\": false, \"phase\": {}}}", jsonQuote(m.phaseText()));
+      } else {
+        const AuditReport r = auditOf(m).check(m, t.mountPath);
+        if (r.problems) ok = false;
+        line = fmt::format(
+            "merger {} ready: {} keys checked, {}", displayText(m.desc.machineType), r.keysChecked,
+            r.problems ? fmt::format("{} inconsistent", r.problems) : std::string("consistent"));
+        std::string findings;
+        for (const auto& f : r.findings) {
+          detail += fmt::format("    {} {} {}: expected {}, found {}\n", f.kind, f.collection,
+                                displayText(f.key),
+                                f.expected.empty() ? "nothing" : displayText(f.expected),
+                                f.found.empty() ? "nothing" : displayText(f.found));
+          findings += fmt::format(
+              "{}{{\"kind\": {}, \"collection\": {}, \"key\": {}, \"expected\": {}, \"found\": "
+              "{}}}",
+              findings.empty() ? "" : ", ", jsonQuote(f.kind), jsonQuote(f.collection),
+              jsonQuote(f.key), f.expected.empty() ? "null" : jsonQuote(f.expected),
+              f.found.empty() ? "null" : jsonQuote(f.found));
+        }
+        jsonMerge = fmt::format(
+            "{{\"ready\": true, \"keysChecked\": {}, \"problems\": {}, \"findings\": [{}]}}",
+            r.keysChecked, r.problems, findings);
+      }
+    } else {
+      line = "not a merged status";
+    }
+    if (json) {
+      jsonTables +=
+          fmt::format("{}\n  {{\"path\": {}, \"damaged\": {}, \"problem\": {}, \"merge\": {}}}",
+                      jsonTables.empty() ? "" : ",", jsonQuote(t.mountPath), t.damaged,
+                      t.problem.empty() ? "null" : jsonQuote(t.problem), jsonMerge);
+    } else {
+      fmt::print("{}: {}\n{}", displayText(t.mountPath), line, detail);
+    }
+  }
+  if (json) {
+    fmt::print("{{\"ok\": {}, \"tables\": [{}{}]}}\n", ok, jsonTables,
+               jsonTables.empty() ? "" : "\n");
+  }
+  return ok;
+}
+
+}  // namespace Mvpnstat
