@@ -6,7 +6,9 @@
 //  - shared memory per record at every size from 10k to 10M vs 2 x (record + key);
 //  - a reader's first dispatch over 1M records vs a walk of them;
 //  - the route status tree: mvpnSourceIs into 10k VRFs x 10 groups x 10 sources vs nested
-//    hash maps, a new reader attaching to it, and shared memory per source.
+//    hash maps, a new reader attaching to it, and shared memory per source;
+//  - an integrity check of a 1M-record store (flat, and the 1M-source tree) vs a walk of every
+//    record of the same store through the engine's reader API.
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <time.h>
@@ -15,6 +17,8 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <functional>
+#include <string>
 #include <climits>
 #include <vector>
 
@@ -26,6 +30,7 @@
 #include "platform/runtime/TaskScheduler.h"
 #include "platform/shm/ShmSegment.h"
 #include "platform/shm/ShmTable.h"
+#include "platform/shm/ShmVerify.h"
 #include "status/MvpnRouteStatus.h"
 #include "status/MvpnVrfStatus.h"
 
@@ -460,5 +465,77 @@ void BM_TreeReaderReadyAt1M(benchmark::State& state) {
   root->unmount();
 }
 BENCHMARK(BM_TreeReaderReadyAt1M)->Unit(benchmark::kMillisecond)->Iterations(2);
+
+// ---- integrity check ------------------------------------------------------------------------
+
+// Every record of a store through the reader API: top-level collections in slot order, each
+// entity's members through its page chains.
+uint64_t walkStore(const Oro::ShmStore& s) {
+  Oro::ShmStore::Record rec;
+  uint64_t n = 0;
+  std::function<void(uint32_t, uint64_t)> members = [&](uint32_t c, uint64_t ref) {
+    for (uint32_t cc = 0; cc < s.collections(); ++cc) {
+      if (s.schema().collections[cc].parent != c) continue;
+      const bool entity = s.schema().collections[cc].kind == Oro::ShmLayout::kCollEntities;
+      for (uint32_t m = s.seekChild(cc, ref, Oro::ShmStore::kNoSlot, &rec);
+           m != Oro::ShmStore::kNoSlot; m = s.nextChild(cc, ref, m, &rec)) {
+        ++n;
+        if (entity) members(cc, s.refOf(cc, m));
+      }
+    }
+  };
+  for (uint32_t c = 0; c < s.collections(); ++c) {
+    if (s.nested(c)) continue;
+    const bool entity = s.schema().collections[c].kind == Oro::ShmLayout::kCollEntities;
+    for (uint32_t slot = s.seek(c, 0, &rec); slot != Oro::ShmStore::kNoSlot;
+         slot = s.seek(c, slot + 1, &rec)) {
+      ++n;
+      if (entity) members(c, s.refOf(c, slot));
+    }
+  }
+  return n;
+}
+
+// shmVerifyStore of one store next to a reader's walk of the same store, in the same iteration.
+void verifyVsWalk(benchmark::State& state, const std::string& path) {
+  double verifyMs = 0, walkMs = 0;
+  size_t records = 0;
+  for (auto _ : state) {
+    const uint64_t t0 = nowNs();
+    const Oro::ShmIntegrityReport r = Oro::shmVerifyStore(path);
+    const uint64_t t1 = nowNs();
+    const Oro::ShmStore s = Oro::ShmStore::openReader(path, nullptr);
+    const uint64_t walked = walkStore(s);
+    const uint64_t t2 = nowNs();
+    if (!r.ok() || r.recordsChecked != walked)
+      state.SkipWithError("the check disagrees with the walk");
+    records = r.recordsChecked;
+    verifyMs += static_cast<double>(t1 - t0) / 1e6;
+    walkMs += static_cast<double>(t2 - t1) / 1e6;
+  }
+  const auto n = static_cast<double>(state.iterations());
+  state.counters["records"] = static_cast<double>(records);
+  state.counters["verify_ms"] = verifyMs / n;
+  state.counters["walk_ms"] = walkMs / n;
+  state.counters["verify_per_walk"] = verifyMs / walkMs;
+}
+
+void BM_VerifyOf1M(benchmark::State& state) {
+  BenchNamespace ns;
+  auto w = filledWriter("bench/verify", kRecords);
+  verifyVsWalk(state, "bench/verify");
+  w->unmount();
+}
+BENCHMARK(BM_VerifyOf1M)->Unit(benchmark::kMillisecond)->Iterations(3)->UseRealTime();
+
+void BM_VerifyOfTree1M(benchmark::State& state) {
+  BenchNamespace ns;
+  auto root = mvpnRouteStatusFactory("bgp");
+  root->mount(Oro::ShmAttach{"bench/verifytree", Oro::ShmRole::writer});
+  fillTree(*root);
+  verifyVsWalk(state, "bench/verifytree");
+  root->unmount();
+}
+BENCHMARK(BM_VerifyOfTree1M)->Unit(benchmark::kMillisecond)->Iterations(3)->UseRealTime();
 
 }  // namespace

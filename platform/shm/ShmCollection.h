@@ -92,6 +92,14 @@ class ShmCollection {
   // Updates this collection's total by `delta` within the store's current operation.
   void countAdd(int64_t delta);
 
+  // ---- raw views (integrity checks; every number read through them is the caller's to
+  // bounds-check) ----
+  // The words of a slot (sequence word first) and the page directory entry of a nested slot;
+  // both map new chunks and raise ShmCorruptionException for a slot beyond them.
+  const uint32_t* slotWordsAt(uint32_t slot) const { return slotPtr(slot); }
+  const ShmLayout::PageEntry* pageEntryAt(uint32_t slot) const { return pageEntry(slot); }
+  uint32_t sideWordsOffset() const { return sideOffset_; }
+
   // ---- introspection ----
   size_t committedBytes() const;
   uint32_t maxSlotsPerWrite() const { return maxMigratedPerWrite_; }

@@ -120,6 +120,8 @@ class ShmStore {
   uint32_t valueWords(uint32_t c) const;  // including the blob reference
   uint32_t recordWords(uint32_t c) const { return keyWords(c) + valueWords(c); }
   bool nested(uint32_t c) const;
+  // The engine of collection c (integrity checks read its slots and page directories).
+  const ShmCollection& collection(uint32_t c) const { return *colls_[c]; }
   uint64_t epoch() const;
   // Raises ShmCorruptionException when a segment of this store was truncated under us or the
   // header was replaced by a writer that recreated the store.
