@@ -7,6 +7,7 @@
 #include "merge/MergeAudit.h"
 #include "platform/Error.h"
 #include "platform/shm/ShmStoreInfo.h"
+#include "platform/shm/ShmVerify.h"
 #include "tools/MergerView.h"
 #include "tools/SafeText.h"
 
@@ -84,7 +85,22 @@ void explain(const std::string& path, const std::string& key, bool json) {
 bool check(const std::optional<std::string>& path, bool json) {
   std::vector<Oro::ShmStoreInfo> tables;
   if (path) {
+    // The merged status and, for its integrity, every input it names.
     tables.push_back(Oro::shmStoreInfo(*path));
+    if (tables[0].merge) {
+      for (const Oro::ShmMergeInput& in : tables[0].merge->desc.inputs) {
+        if (in.path.empty()) continue;
+        try {
+          tables.push_back(Oro::shmStoreInfo(in.path));
+        } catch (const Oro::Exception& e) {
+          Oro::ShmStoreInfo broken;
+          broken.mountPath = in.path;
+          broken.problem = e.what();
+          broken.damaged = dynamic_cast<const Oro::ShmCorruptionException*>(&e) != nullptr;
+          tables.push_back(std::move(broken));
+        }
+      }
+    }
   } else {
     tables = Oro::listShmStores();
   }
@@ -129,11 +145,37 @@ bool check(const std::optional<std::string>& path, bool json) {
     } else {
       line = "not a merged status";
     }
+    // The table's own integrity: counts, index against slots, parents of nested members.
+    std::string jsonIntegrity = "null";
+    if (t.problem.empty()) {
+      Oro::ShmIntegrityReport integrity;
+      try {
+        integrity = Oro::shmVerifyStore(t.mountPath);
+      } catch (const Oro::ShmException& e) {
+        integrity.problems.push_back({"", e.what()});
+      }
+      if (!integrity.ok()) ok = false;
+      std::string problems;
+      for (const auto& p : integrity.problems) {
+        detail += fmt::format("    integrity {}{}{}\n", displayText(p.collection),
+                              p.collection.empty() ? "" : ": ", displayText(p.what));
+        problems +=
+            fmt::format("{}{{\"collection\": {}, \"problem\": {}}}", problems.empty() ? "" : ", ",
+                        jsonQuote(p.collection), jsonQuote(p.what));
+      }
+      line +=
+          fmt::format("; integrity {} ({} records)",
+                      integrity.ok() ? "ok" : fmt::format("{} problems", integrity.problems.size()),
+                      integrity.recordsChecked);
+      jsonIntegrity = fmt::format("{{\"records\": {}, \"ok\": {}, \"problems\": [{}]}}",
+                                  integrity.recordsChecked, integrity.ok(), problems);
+    }
     if (json) {
-      jsonTables +=
-          fmt::format("{}\n  {{\"path\": {}, \"damaged\": {}, \"problem\": {}, \"merge\": {}}}",
-                      jsonTables.empty() ? "" : ",", jsonQuote(t.mountPath), t.damaged,
-                      t.problem.empty() ? "null" : jsonQuote(t.problem), jsonMerge);
+      jsonTables += fmt::format(
+          "{}\n  {{\"path\": {}, \"damaged\": {}, \"problem\": {}, \"merge\": {}, \"integrity\": "
+          "{}}}",
+          jsonTables.empty() ? "" : ",", jsonQuote(t.mountPath), t.damaged,
+          t.problem.empty() ? "null" : jsonQuote(t.problem), jsonMerge, jsonIntegrity);
     } else {
       fmt::print("{}: {}\n{}", displayText(t.mountPath), line, detail);
     }

@@ -187,12 +187,6 @@ void ShmReader::deliver() {
     sink_.deliverQuiesced(quiesced != 0);
     if (!*alive || failed_) return;
   }
-  const uint32_t merge = h->merge.state.load(std::memory_order_acquire);
-  if (merge != seenMerge_) {
-    seenMerge_ = merge;
-    sink_.deliverMergeState(merge);
-    if (!*alive || failed_) return;
-  }
   if (!queued()) {
     if (store_.epoch() != epoch_) {
       resync();
@@ -210,6 +204,13 @@ void ShmReader::deliver() {
   if (!queued()) {
     queue_.clear();
     pos_ = 0;
+    // A merger's state is reported after the changes logged before it: "ready" follows the
+    // last change the merger made on its way there.
+    const uint32_t merge = h->merge.state.load(std::memory_order_acquire);
+    if (merge != seenMerge_ && !failed_) {
+      seenMerge_ = merge;
+      sink_.deliverMergeState(merge);
+    }
   }
 }
 

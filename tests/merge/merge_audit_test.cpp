@@ -1,0 +1,246 @@
+// Merged statuses explain themselves: the merger's record in its output store (phase, inputs),
+// as mvpnstat list, watch, metrics, explain and check show it, against writer processes and a
+// merger in this process; check finds entries written behind the merger's back.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <nlohmann/json.hpp>
+
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <string>
+
+#include <fmt/format.h>
+
+#include "merge/EncapTestRig.h"
+#include "merge/MergeTestRig.h"
+#include "merge/MvpnVrfStatusMergeSm.h"
+#include "merge/WriterProcesses.h"
+#include "platform/shm/ShmStoreInfo.h"
+
+namespace {
+
+using namespace MergeTest;
+using namespace std::chrono_literals;
+using Oro::ShmAttach;
+using Oro::ShmRole;
+using Routing::Multicast::mvpnVrfStatusFactory;
+using Json = nlohmann::json;
+
+constexpr const char* kMerged = "test/multicast/vpn/vrfStatus/merged";
+
+struct Result {
+  int status;
+  std::string out;
+};
+
+Result mvpnstat(const std::string& args) {
+  const std::string command =
+      fmt::format("{} --namespace {} {} 2>&1", MVPNSTAT_PATH, Oro::shmNamespace(), args);
+  FILE* p = popen(command.c_str(), "r");
+  Result r{-1, {}};
+  char buf[4096];
+  for (size_t n; (n = fread(buf, 1, sizeof buf, p)) > 0;) r.out.append(buf, n);
+  const int st = pclose(p);
+  r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+  return r;
+}
+
+// `mvpnstat watch` running beside the test, read line by line.
+struct Watch {
+  pid_t pid = -1;
+  FILE* out = nullptr;
+  explicit Watch(const std::string& path) {
+    int fds[2];
+    EXPECT_EQ(::pipe(fds), 0);
+    pid = ::fork();
+    if (pid == 0) {
+      ::dup2(fds[1], 1);
+      ::close(fds[0]);
+      ::execl(MVPNSTAT_PATH, MVPNSTAT_PATH, "--namespace", Oro::shmNamespace().c_str(), "watch",
+              path.c_str(), static_cast<char*>(nullptr));
+      ::_exit(127);
+    }
+    ::close(fds[1]);
+    out = ::fdopen(fds[0], "r");
+  }
+  // Reads lines until one equals `want`; false at the end of the output.
+  bool waitFor(const std::string& want, std::string* seen) {
+    char line[4096];
+    while (std::fgets(line, sizeof line, out)) {
+      *seen += line;
+      if (std::string(line) == want + "\n") return true;
+    }
+    return false;
+  }
+  ~Watch() {
+    ::kill(pid, SIGTERM);
+    int st = 0;
+    ::waitpid(pid, &st, 0);
+    std::fclose(out);
+  }
+};
+
+class MergeAuditTest : public shmtest::ShmTest {};
+
+// VRF k (1..15) is listed by the writers whose bit is set in k: every combination of inputs.
+TEST_F(MergeAuditTest, VrfMergeExplainsEveryPrecedenceAndChecksAgainstWriterProcesses) {
+  WriterProcesses writers(4, [](int w) {
+    auto status = mvpnVrfStatusFactory(fmt::format("writer{}", w));
+    status->mount(ShmAttach{MvpnVrfStatus::mountPath(Nevo::ipv4, kWriters[w]), ShmRole::writer});
+    return [w, status](int) {
+      for (uint32_t k = 1; k < 16; ++k) {
+        if (k & (1u << w)) status->mvpnVrfIs(MvpnVrf(VrfId(k), kWriters[w]));
+      }
+    };
+  });
+  writers.runPhase(0);
+
+  Oro::TaskScheduler scheduler;
+  Oro::Ptr<MvpnVrfStatus> in[4];
+  for (int w = 0; w < 4; ++w) {
+    in[w] = mvpnVrfStatusFactory(fmt::format("reader{}", w));
+    in[w]->mount(
+        ShmAttach{MvpnVrfStatus::mountPath(Nevo::ipv4, kWriters[w]), ShmRole::reader, &scheduler});
+  }
+  auto merged = mvpnVrfStatusFactory("merged");
+  merged->mount(ShmAttach{kMerged, ShmRole::writer});
+  merged->mvpnVrfIs(MvpnVrf(VrfId(99), MvpnClient::bgp_));  // left by an earlier merger
+  auto sm = Routing::Multicast::mergedMvpnVrfStatusSmFactory(in[0], in[1], in[2], in[3], merged,
+                                                             Dyx::SmControl{&scheduler});
+  EXPECT_FALSE(Oro::shmStoreInfo(kMerged).merge);  // a machine not started records nothing
+
+  // A watch attached before the machine starts reports its transitions.
+  Watch watch(kMerged);
+  std::string watched;
+  ASSERT_TRUE(
+      watch.waitFor("99: Value('Routing::Multicast::MvpnVrf', ** {'key': 99, 'client': "
+                    "bgp})",
+                    &watched))
+      << watched;
+
+  sm->initializedIs(true);
+  const auto started = Oro::shmStoreInfo(kMerged).merge;
+  ASSERT_TRUE(started);
+  EXPECT_EQ(started->phase(), "initial scan");
+  EXPECT_EQ(started->desc.inputs[2].path, MvpnVrfStatus::mountPath(Nevo::ipv4, kWriters[2]));
+  Result check = mvpnstat(std::string("check ") + kMerged);
+  EXPECT_EQ(check.status, 0) << check.out;
+  EXPECT_NE(check.out.find("not ready (initial scan 0/"), std::string::npos) << check.out;
+
+  ASSERT_TRUE(
+      scheduler.runUntil([&] { return sm->ready(); }, Oro::TaskScheduler::Clock::now() + 60s));
+  EXPECT_TRUE(watch.waitFor("merger: ready", &watched)) << watched;
+  EXPECT_NE(watched.find("99: deleted"), std::string::npos) << watched;
+
+  Result list = mvpnstat("list");
+  EXPECT_NE(list.out.find("    merger Routing::Multicast::MergedMvpnVrfStatusSm: ready\n"),
+            std::string::npos)
+      << list.out;
+  Result metrics = mvpnstat("metrics");
+  EXPECT_NE(metrics.out.find(
+                fmt::format("mvpn_merger_phase{{path=\"{}\",phase=\"ready\"}} 1\n", kMerged)),
+            std::string::npos)
+      << metrics.out;
+  EXPECT_NE(metrics.out.find(fmt::format("mvpn_merger_input_keys{{path=\"{}\",stream=\"3\","
+                                         "input=\"staticEvpnVrfStatus\"}} 8\n",
+                                         kMerged)),
+            std::string::npos)
+      << metrics.out;
+
+  // The winner of every combination: BGP, then EVPN, then static MVPN, then static EVPN.
+  const char* names[] = {"mvpnVrfStatus", "staticMvpnVrfStatus", "evpnVrfStatus",
+                         "staticEvpnVrfStatus"};
+  for (uint32_t k = 1; k < 17; ++k) {
+    Result r = mvpnstat(fmt::format("explain {} {} --json", kMerged, k));
+    ASSERT_EQ(r.status, 0) << r.out;
+    const Json e = Json::parse(r.out);
+    Json winner = nullptr;
+    for (int w : {0, 2, 1, 3}) {
+      if (k & (1u << w)) {
+        winner = names[w];
+        break;
+      }
+    }
+    EXPECT_EQ(e["winner"], winner) << k;
+    EXPECT_EQ(e["agrees"], true) << r.out;
+    ASSERT_EQ(e["inputs"].size(), 4u);
+    for (int w = 0; w < 4; ++w) EXPECT_EQ(e["inputs"][w]["record"].is_null(), !(k & (1u << w)));
+  }
+  check = mvpnstat("check");
+  EXPECT_EQ(check.status, 0) << check.out;
+  EXPECT_NE(check.out.find(fmt::format("{}: merger Routing::Multicast::MergedMvpnVrfStatusSm "
+                                       "ready: 15 keys checked, consistent; integrity ok",
+                                       kMerged)),
+            std::string::npos)
+      << check.out;
+
+  // Entries written behind the merger's back: a wrong winner, a VRF no writer lists, a VRF
+  // missing.
+  merged->mvpnVrfIs(MvpnVrf(VrfId(5), MvpnClient::staticEvpn_));
+  merged->mvpnVrfIs(MvpnVrf(VrfId(40), MvpnClient::evpn_));
+  merged->mvpnVrfDel(VrfId(3));
+  check = mvpnstat(std::string("check --json ") + kMerged);
+  EXPECT_EQ(check.status, 1) << check.out;
+  const Json report = Json::parse(check.out);
+  EXPECT_EQ(report["ok"], false);
+  EXPECT_EQ(report["tables"].size(), 5u);  // the merged status and its four inputs
+  const Json& merge = report["tables"][0]["merge"];
+  EXPECT_EQ(merge["problems"], 3);
+  std::set<std::string> found;
+  for (const Json& f : merge["findings"])
+    found.insert(f["kind"].get<std::string>() + " " + f["key"].get<std::string>());
+  EXPECT_EQ(found, (std::set<std::string>{"differs 5", "stale 40", "missing 3"}));
+  Result explain = mvpnstat(fmt::format("explain {} 5", kMerged));
+  EXPECT_NE(explain.out.find("  winner: mvpnVrfStatus\n"), std::string::npos) << explain.out;
+  EXPECT_NE(explain.out.find("(DISAGREES)"), std::string::npos) << explain.out;
+
+  EXPECT_EQ(mvpnstat(fmt::format("explain {} 12x", kMerged)).status, 2);
+  EXPECT_EQ(mvpnstat("explain " + MvpnVrfStatus::mountPath(Nevo::ipv4, kWriters[0]) + " 1").status,
+            1);
+}
+
+TEST_F(MergeAuditTest, EncapMergeExplainsAndChecksBothCollections) {
+  using namespace EncapTest;
+  EncapTest::Rig rig;
+  const char* writers[] = {"mvpn", "static", "evpn"};
+  for (int w = 0; w < 3; ++w) {
+    rig.in[w]->mount(ShmAttach{MvpnTunnelEncapStatus::mountPath(writers[w]), ShmRole::writer});
+  }
+  const std::string merged = MvpnTunnelEncapStatus::mountPath("merged");
+  rig.merged->mount(ShmAttach{merged, ShmRole::writer});
+  rig.putRoute(kMvpn, 7, 1, "m1");
+  rig.putRoute(kStatic, 7, 1, "s1");
+  rig.putRoute(kMvpn, 7, 2, "m2");
+  rig.putIntf(kEvpn, 8, 3, "e3");
+  rig.start();
+  rig.settle();
+  ASSERT_TRUE(rig.sm->ready());
+
+  const std::string r1 = route(1).toStrep(), r2 = route(2).toStrep();
+  const std::string i3 = intf(3).toStrep();
+  for (const auto& [key, winner, collection] :
+       {std::tuple{"7 " + r1, "staticEncap", "encapTunnel"},
+        std::tuple{"7 " + r2, "mvpnEncap", "encapTunnel"},
+        std::tuple{"8 " + i3, "evpnEncap", "encapIntfTunnel"}}) {
+    Result r = mvpnstat(fmt::format("explain {} '{}' --json", merged, key));
+    ASSERT_EQ(r.status, 0) << r.out;
+    const Json e = Json::parse(r.out);
+    EXPECT_EQ(e["winner"], winner) << key;
+    EXPECT_EQ(e["collection"], collection);
+    EXPECT_EQ(e["agrees"], true) << r.out;
+  }
+  EXPECT_EQ(mvpnstat("check " + merged).status, 0);
+
+  // Behind the merger's back: the MVPN record where the static one wins, and an empty VRF.
+  rig.merged->vrfStatus(VrfId(7))->encapTunnelIs(MvpnEncapTunnel(route(1), "m1"));
+  rig.merged->vrfStatusIs(VrfId(9));
+  Result check = mvpnstat("check " + merged);
+  EXPECT_EQ(check.status, 1) << check.out;
+  EXPECT_NE(check.out.find("2 inconsistent"), std::string::npos) << check.out;
+  EXPECT_NE(check.out.find("    differs encapTunnel 7 " + r1), std::string::npos) << check.out;
+  EXPECT_NE(check.out.find("    empty vrfStatus 9"), std::string::npos) << check.out;
+}
+
+}  // namespace
