@@ -10,8 +10,12 @@
 #include <string>
 
 #include "TaskRuns.h"
+#include "merge/MergeAudit.h"
 #include "merge/MvpnVrfStatusMergeSm.h"
 #include "platform/runtime/TaskScheduler.h"
+#include "platform/shm/ShmSegment.h"
+#include "platform/shm/ShmStoreInfo.h"
+#include "platform/shm/ShmVerify.h"
 #include "status/MvpnVrfStatus.h"
 
 namespace {
@@ -172,5 +176,71 @@ BENCHMARK(BM_MergeLongestTaskRun)
     ->Args({1000, 1})
     ->Unit(benchmark::kMillisecond)
     ->Iterations(2);
+
+// What `mvpnstat check PATH` does over a 1M-VRF merged status and its four inputs, all in
+// shared memory: the merge audit (every merged VRF recomputed from the inputs, every input VRF
+// looked up in the merged status) and the integrity check of the five stores. Baseline: a
+// reader's walk of every record of the five stores.
+void BM_CheckMerged1M(benchmark::State& state) {
+  const std::string ns = Oro::shmNamespace();
+  Oro::shmNamespaceIs("mvpnbenchcheck");
+  Oro::shmUnlinkNamespace();
+  {
+    Oro::Ptr<MvpnVrfStatus> in[4];
+    std::string paths[5];
+    for (int n = 0; n < 4; ++n) {
+      paths[n] = "bench/check/in" + std::to_string(n);
+      in[n] = Routing::Multicast::mvpnVrfStatusFactory(paths[n]);
+      in[n]->mount(Oro::ShmAttach{paths[n], Oro::ShmRole::writer});
+    }
+    for (uint32_t v = 0; v < kVrfs; ++v) {
+      in[v % 4]->mvpnVrfIs(MvpnVrf(VrfId(v), kWriters[v % 4]));
+      if (v % 8 == 0) in[(v + 1) % 4]->mvpnVrfIs(MvpnVrf(VrfId(v), kWriters[(v + 1) % 4]));
+    }
+    paths[4] = "bench/check/merged";
+    auto merged = Routing::Multicast::mvpnVrfStatusFactory(paths[4]);
+    merged->mount(Oro::ShmAttach{paths[4], Oro::ShmRole::writer});
+    Oro::TaskScheduler scheduler;
+    auto sm = Routing::Multicast::mergedMvpnVrfStatusSmFactory(
+        in[0], in[1], in[2], in[3], merged,
+        Dyx::SmControl{&scheduler, Oro::TaskPriority::normal, false});
+    sm->initializedIs(true);
+    scheduler.runUntilIdle();
+    if (!sm->ready()) state.SkipWithError("machine not ready");
+    double checkMs = 0, walkMs = 0;
+    uint64_t problems = 0;
+    for (auto _ : state) {
+      const auto t0 = Clock::now();
+      const auto m = Oro::shmStoreInfo(paths[4]).merge;
+      const auto report =
+          Routing::Multicast::mergeAuditFor(m->desc.machineType)->check(*m, paths[4]);
+      problems += report.problems;
+      for (const std::string& p : paths) problems += Oro::shmVerifyStore(p).problems.size();
+      const auto t1 = Clock::now();
+      size_t walked = 0;
+      for (const std::string& p : paths) {
+        auto reader = Routing::Multicast::mvpnVrfStatusFactory(p + "-reader");
+        reader->mount(Oro::ShmAttach{p, Oro::ShmRole::reader, nullptr});
+        for (auto it = reader->mvpnVrfIter(); it.valid(); it.next()) walked += it.key().value() & 1;
+        reader->unmount();
+      }
+      benchmark::DoNotOptimize(walked);
+      const auto t2 = Clock::now();
+      checkMs += std::chrono::duration<double, std::milli>(t1 - t0).count();
+      walkMs += std::chrono::duration<double, std::milli>(t2 - t1).count();
+    }
+    if (problems) state.SkipWithError("check found problems in a consistent merge");
+    const double runs = static_cast<double>(state.iterations());
+    state.counters["check_ms"] = checkMs / runs;
+    state.counters["walk_ms"] = walkMs / runs;
+    state.counters["check_per_walk"] = checkMs / walkMs;
+    sm = nullptr;
+    merged->unmount();
+    for (auto& i : in) i->unmount();
+  }
+  Oro::shmUnlinkNamespace();
+  Oro::shmNamespaceIs(ns);
+}
+BENCHMARK(BM_CheckMerged1M)->Unit(benchmark::kMillisecond)->Iterations(3)->UseRealTime();
 
 }  // namespace

@@ -206,8 +206,10 @@ void ShmReader::deliver() {
     pos_ = 0;
     // A merger's state is reported after the changes logged before it: "ready" follows the
     // last change the merger made on its way there.
+    // The state is read before the log's head: a change logged before the state was written
+    // is then seen in the head, and waits for the next dispatch to come first.
     const uint32_t merge = h->merge.state.load(std::memory_order_acquire);
-    if (merge != seenMerge_ && !failed_) {
+    if (merge != seenMerge_ && !failed_ && store_.ringHead() == tail_) {
       seenMerge_ = merge;
       sink_.deliverMergeState(merge);
     }
