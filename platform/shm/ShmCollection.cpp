@@ -49,9 +49,12 @@ uint32_t indexCapacityFor(uint64_t live) {
 }
 
 // Width of the slot field for a generation built while `chunks` chunks exist: room for the
-// next chunk too, so that growing by one chunk does not force a rebuild.
-uint32_t slotBitsFor(uint32_t chunks) {
-  const uint64_t slots = slotCapacity(std::min(chunks + 1, kMaxChunks));
+// next chunk too, so that growing by one chunk does not force a rebuild. A nested insert may
+// carve a whole page above the high-water mark: room for the largest page above the chunks
+// too, else a small nested collection would rebuild its index on every insert.
+uint32_t slotBitsFor(uint32_t chunks, bool nested) {
+  uint64_t slots = slotCapacity(std::min(chunks + 1, kMaxChunks));
+  if (nested) slots = std::max<uint64_t>(slots, slotCapacity(chunks) + pageSlots(kMaxPageClass));
   return std::min<uint32_t>(static_cast<uint32_t>(std::bit_width(slots + 1)), kMaxSlotBits);
 }
 
@@ -470,7 +473,7 @@ void ShmCollection::beginGrowth(uint32_t capacity, bool commitNow) {
   n.committed = commitNow || !storePtr_->shared() ? bytes : 0;
   n.entries = reinterpret_cast<uint32_t*>(n.seg.data() + sizeof(IndexHeader));
   n.capacity = capacity;
-  n.slotBits = slotBitsFor(static_cast<uint32_t>(chunks_.size()));
+  n.slotBits = slotBitsFor(static_cast<uint32_t>(chunks_.size()), nested());
   next_ = std::move(n);
 }
 
