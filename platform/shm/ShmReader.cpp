@@ -51,6 +51,15 @@ ShmReader::~ShmReader() {
   if (scheduler_) scheduler_->waitSourceDel(this);
 }
 
+namespace {
+// The merge record's state bits and the epoch they were written in: a merger that took the
+// store over starts a new record even when it reaches the same state as the one before.
+uint64_t mergeStamp(const Header& h) {
+  const uint32_t bits = h.merge.state.load(std::memory_order_acquire);
+  return h.merge.epoch.load(std::memory_order_relaxed) << 32 | bits;
+}
+}  // namespace
+
 bool ShmReader::hasPending() const {
   if (failed_) return false;
   const Header* h = store_.header();
@@ -58,7 +67,7 @@ bool ShmReader::hasPending() const {
          h->magic.load(std::memory_order_acquire) != kMagic ||
          h->mountStatus.load(std::memory_order_acquire) != seenMount_ ||
          h->quiesced.load(std::memory_order_acquire) != seenQuiesced_ ||
-         h->merge.state.load(std::memory_order_acquire) != seenMerge_;
+         mergeStamp(*h) != seenMerge_;
 }
 
 void ShmReader::sleepBegin(std::vector<FutexWait>& words) {
@@ -208,10 +217,10 @@ void ShmReader::deliver() {
     // last change the merger made on its way there.
     // The state is read before the log's head: a change logged before the state was written
     // is then seen in the head, and waits for the next dispatch to come first.
-    const uint32_t merge = h->merge.state.load(std::memory_order_acquire);
+    const uint64_t merge = mergeStamp(*h);
     if (merge != seenMerge_ && !failed_ && store_.ringHead() == tail_) {
       seenMerge_ = merge;
-      sink_.deliverMergeState(merge);
+      sink_.deliverMergeState(static_cast<uint32_t>(merge));
     }
   }
 }

@@ -101,7 +101,7 @@ class ShmReader : public WaitSource {
   uint64_t attachEpoch_ = 0;
   uint32_t seenMount_ = 0;
   uint32_t seenQuiesced_ = 0;
-  uint32_t seenMerge_ = 0;
+  uint64_t seenMerge_ = 0;  // epoch << 32 | state bits of the merge record
   bool failed_ = false;
   bool shortSleep_ = false;  // the doorbell could not be rung: sleep briefly
   std::vector<uint32_t> queue_;  // entries of entryWords_ words: collection, key image
