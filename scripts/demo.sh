@@ -67,6 +67,10 @@ sleep 0.2; kill $watcher 2>/dev/null || true; wait $watcher 2>/dev/null || true
 cat /tmp/"$MVPN_SHM_NAMESPACE".watch; rm -f /tmp/"$MVPN_SHM_NAMESPACE".watch
 say "mvpnstat show $vrf/merged --json"
 $B/mvpnstat show $vrf/merged --json
+say "mvpnstat explain $vrf/merged 5   (why the merged status names static EVPN for VRF 5)"
+$B/mvpnstat explain $vrf/merged 5
+say "mvpnstat check $vrf/merged   (every merged VRF recomputed from the inputs; integrity)"
+$B/mvpnstat check $vrf/merged || true
 
 encap=routing/multicast/vpn/tunnelEncapStatus
 say "Tunnel encapsulation writers: mvpn and static both hold (10.0.0.1, 239.1.1.1) in VRF 3, evpn an interface record"
@@ -84,3 +88,7 @@ kill "$static"; wait "$static" 2>/dev/null || true
 $B/mvpn_encap_writer static novrf:3
 await $encap/merged mvpn-A
 $B/mvpnstat show $encap/merged --json
+say "mvpnstat explain $encap/merged '3 (10.0.0.1, 239.1.1.1)'"
+$B/mvpnstat explain $encap/merged '3 (10.0.0.1, 239.1.1.1)'
+say "mvpnstat check   (every merged status and every table)"
+$B/mvpnstat check || true
