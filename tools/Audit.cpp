@@ -120,17 +120,25 @@ bool check(const std::optional<std::string>& path, bool json) {
                            displayText(m.desc.machineType), m.phaseText());
         jsonMerge = fmt::format("{{\"ready\": false, \"phase\": {}}}", jsonQuote(m.phaseText()));
       } else {
-        const AuditReport r = auditOf(m).check(m, t.mountPath);
+        AuditReport r;
+        try {
+          r = auditOf(m).check(m, t.mountPath);
+        } catch (const Oro::Exception& e) {
+          // An input that cannot be read (gone, damaged, of another type): nothing compared.
+          r.add({"unreadable input", "", "", "", e.what()});
+        }
         if (r.problems) ok = false;
         line = fmt::format(
             "merger {} ready: {} keys checked, {}", displayText(m.desc.machineType), r.keysChecked,
             r.problems ? fmt::format("{} inconsistent", r.problems) : std::string("consistent"));
         std::string findings;
         for (const auto& f : r.findings) {
-          detail += fmt::format("    {} {} {}: expected {}, found {}\n", f.kind, f.collection,
-                                displayText(f.key),
-                                f.expected.empty() ? "nothing" : displayText(f.expected),
-                                f.found.empty() ? "nothing" : displayText(f.found));
+          detail += f.collection.empty()
+                        ? fmt::format("    {}: {}\n", f.kind, displayText(f.found))
+                        : fmt::format("    {} {} {}: expected {}, found {}\n", f.kind, f.collection,
+                                      displayText(f.key),
+                                      f.expected.empty() ? "nothing" : displayText(f.expected),
+                                      f.found.empty() ? "nothing" : displayText(f.found));
           findings += fmt::format(
               "{}{{\"kind\": {}, \"collection\": {}, \"key\": {}, \"expected\": {}, \"found\": "
               "{}}}",
