@@ -133,6 +133,9 @@ TEST_F(MergeAuditTest, VrfMergeExplainsEveryPrecedenceAndChecksAgainstWriterProc
       scheduler.runUntil([&] { return sm->ready(); }, Oro::TaskScheduler::Clock::now() + 60s));
   EXPECT_TRUE(watch.waitFor("merger: ready", &watched)) << watched;
   EXPECT_NE(watched.find("99: deleted"), std::string::npos) << watched;
+  const auto done = Oro::shmStoreInfo(kMerged).merge;
+  EXPECT_EQ(done->outputs[0].deleted, 1u);  // VRF 99, reconciled away
+  EXPECT_EQ(done->streams[0].done, 8u);     // the BGP writer's eight VRFs, scanned
 
   Result list = mvpnstat("list");
   EXPECT_NE(list.out.find("    merger Routing::Multicast::MergedMvpnVrfStatusSm: ready\n"),
@@ -214,16 +217,20 @@ TEST_F(MergeAuditTest, EncapMergeExplainsAndChecksBothCollections) {
   rig.putRoute(kStatic, 7, 1, "s1");
   rig.putRoute(kMvpn, 7, 2, "m2");
   rig.putIntf(kEvpn, 8, 3, "e3");
+  rig.putIntf(kEvpn, 8, 4, "e4");
+  rig.putIntf(kStatic, 8, 4, "s4");
   rig.start();
   rig.settle();
   ASSERT_TRUE(rig.sm->ready());
 
   const std::string r1 = route(1).toStrep(), r2 = route(2).toStrep();
-  const std::string i3 = intf(3).toStrep();
+  const std::string i3 = intf(3).toStrep(), i4 = intf(4).toStrep();
   for (const auto& [key, winner, collection] :
-       {std::tuple{"7 " + r1, "staticEncap", "encapTunnel"},
-        std::tuple{"7 " + r2, "mvpnEncap", "encapTunnel"},
-        std::tuple{"8 " + i3, "evpnEncap", "encapIntfTunnel"}}) {
+       {std::tuple{"7 " + r1, Json("staticEncap"), "encapTunnel"},
+        std::tuple{"7 " + r2, Json("mvpnEncap"), "encapTunnel"},
+        std::tuple{"9 " + r2, Json(nullptr), "encapTunnel"},
+        std::tuple{"8 " + i3, Json("evpnEncap"), "encapIntfTunnel"},
+        std::tuple{"8 " + i4, Json("staticEncap"), "encapIntfTunnel"}}) {
     Result r = mvpnstat(fmt::format("explain {} '{}' --json", merged, key));
     ASSERT_EQ(r.status, 0) << r.out;
     const Json e = Json::parse(r.out);
