@@ -104,6 +104,25 @@ struct BlobRef {
 static_assert(sizeof(BlobRef) == 16);
 inline constexpr uint32_t kBlobRefWords = sizeof(BlobRef) / 4;
 
+// A value of up to kInlineBlobBytes bytes lives in its reference: bytes 0..14 hold it, byte 15
+// (the high byte of `reserved`) holds 0x80 | its length. A reference to a block (or to nothing)
+// has that byte clear. Short values then cost no block and no extra cache line.
+inline constexpr uint32_t kInlineBlobBytes = 15;
+inline bool blobInline(const BlobRef& r) {
+  return (r.reserved >> 24) & 0x80;
+}
+inline uint32_t inlineBlobLength(const BlobRef& r) {
+  return (r.reserved >> 24) & 0x7F;
+}
+inline BlobRef inlineBlobRef(const char* bytes, uint32_t n) {  // n <= kInlineBlobBytes
+  BlobRef r{0, 0, 0, 0};
+  auto* raw = reinterpret_cast<unsigned char*>(&r);
+  std::memcpy(raw, bytes, n);
+  raw[15] = static_cast<unsigned char>(0x80 | n);
+  return r;
+}
+static_assert(std::endian::native == std::endian::little, "byte 15 is the high byte of reserved");
+
 // Header flags.
 inline constexpr uint32_t kFlagBellless = 1;  // the writer wakes readers on every change
 

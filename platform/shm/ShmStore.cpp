@@ -135,6 +135,9 @@ uint32_t blobClassOf(uint32_t bytes) {
 BlobRef ShmStore::blobAlloc(std::string_view bytes) {
   BlobRef ref{0, 0, 0, 0};
   if (bytes.empty()) return ref;
+  if (bytes.size() <= kInlineBlobBytes) {
+    return inlineBlobRef(bytes.data(), static_cast<uint32_t>(bytes.size()));
+  }
   if (bytes.size() > kMaxBlobBytes) {
     throw ShmException(
         fmt::format("shared memory store {}: a value of {} bytes exceeds the largest "
@@ -198,12 +201,18 @@ BlobRef ShmStore::blobAlloc(std::string_view bytes) {
 }
 
 void ShmStore::blobFree(const BlobRef& ref) {
-  if (ref.length == 0) return;
+  if (ref.length == 0 || blobInline(ref)) return;
   blobs_->freeBlocks[blobClassOf(ref.length)].push_back(uint64_t{ref.chunk} << 32 | ref.offset);
 }
 
 void ShmStore::blobRead(const BlobRef& ref, std::string* out) const {
   out->clear();
+  if (blobInline(ref)) {
+    const uint32_t n = inlineBlobLength(ref);
+    if (n > kInlineBlobBytes) corrupt(fmt::format("bad inline blob length {}", n));
+    out->assign(reinterpret_cast<const char*>(&ref), n);
+    return;
+  }
   if (ref.length == 0) return;
   Blobs& b = *blobs_;
   const uint32_t chunks = hdr_->blobChunkCount.load(std::memory_order_acquire);
@@ -264,8 +273,8 @@ void ShmStore::blobRebuild() {
       if (!coll.readSlot(slot, words, &seq)) continue;
       BlobRef ref;
       std::memcpy(&ref, words + coll.recordWords() - kBlobRefWords, sizeof ref);
-      if (ref.length == 0) continue;
       blobRead(ref, &scratch);  // validates
+      if (ref.length == 0 || blobInline(ref)) continue;
       if (!used.insert(uint64_t{ref.chunk} << 32 | ref.offset).second) {
         corrupt(fmt::format("two records share the blob at {}:{}", ref.chunk, ref.offset));
       }

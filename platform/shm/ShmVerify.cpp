@@ -674,6 +674,10 @@ class Verifier {
 
   // What is wrong with a blob reference, or empty.
   std::string blobProblem(const BlobRef& ref) {
+    if (blobInline(ref)) {
+      const uint32_t n = inlineBlobLength(ref);
+      return n <= kInlineBlobBytes ? std::string() : fmt::format("has an inline length of {}", n);
+    }
     if (ref.length == 0) return {};
     const uint32_t chunks = h_->blobChunkCount.load(std::memory_order_acquire);
     if (ref.chunk >= chunks || ref.chunk >= kBlobMaxChunks) {

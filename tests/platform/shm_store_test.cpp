@@ -234,7 +234,13 @@ TEST_F(ShmStoreTest, BlobsAreReadWholeAndTheirSpaceIsReused) {
                                           std::string(16, 'b'),
                                           std::string(1000, 'c'),
                                           std::string(Oro::ShmLayout::kMaxBlobBytes, 'd')};
-  for (uint32_t k = 0; k < texts.size(); ++k) putMember(s, 2, p, k, {}, texts[k]);
+  for (uint32_t k = 0; k < texts.size(); ++k) {
+    putMember(s, 2, p, k, {}, texts[k]);
+    // Up to 15 bytes live in the record itself: no block, no heap.
+    if (k == 2) {
+      EXPECT_EQ(s.header()->blobChunkCount.load(), 0u);
+    }
+  }
   for (uint32_t k = 0; k < texts.size(); ++k) EXPECT_EQ(note(k), texts[k]) << k;
   EXPECT_THROW(putMember(s, 2, p, 99, {}, std::string(Oro::ShmLayout::kMaxBlobBytes + 1, 'e')),
                Oro::ShmException);
