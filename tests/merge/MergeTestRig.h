@@ -6,8 +6,13 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
 
 #include "merge/MvpnVrfStatusMergeSm.h"
+#include "platform/Trace.h"
 #include "platform/runtime/TaskScheduler.h"
 #include "status/MvpnVrfStatus.h"
 
@@ -47,6 +52,37 @@ inline std::map<uint32_t, MvpnClient> contents(const MvpnVrfStatus& status) {
   }
   return out;
 }
+
+// Collects a machine's trace lines at every level while alive.
+struct TraceCapture {
+  explicit TraceCapture(std::string component) : component(std::move(component)) {
+    levels(true);
+    sink.install();
+  }
+  ~TraceCapture() {
+    sink.uninstall();
+    levels(false);
+  }
+  void levels(bool on) const {
+    for (int level = 0; level <= Oro::kTraceMaxLevel; ++level) {
+      Oro::traceEnable(component, level, on);
+    }
+  }
+  // The captured messages for which `keep` holds, in order.
+  template <typename Pred>
+  std::vector<std::string> messagesWhere(Pred keep) const {
+    std::vector<std::string> out;
+    for (const auto& m : sink.messages()) {
+      if (keep(m)) out.push_back(m);
+    }
+    return out;
+  }
+  void expectOnlyOwnLines() const {
+    for (const auto& line : sink.lines()) EXPECT_EQ(line.component, component);
+  }
+  std::string component;
+  Oro::TraceMemorySink sink;
+};
 
 struct Rig {
   // By default no task yields for time, so that what a test sees does not depend on the
