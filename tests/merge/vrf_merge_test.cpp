@@ -9,7 +9,6 @@
 
 #include "merge/MergeTestRig.h"
 #include "merge/MvpnVrfStatusMergeSm.h"
-#include "platform/Trace.h"
 #include "platform/runtime/Entity.h"
 
 namespace {
@@ -26,23 +25,6 @@ std::vector<uint32_t> keysInOrder(const MvpnVrfStatus& status) {
   for (auto it = status.mvpnVrfIter(); it.valid(); it.next()) keys.push_back(it.key().value());
   return keys;
 }
-
-// Collects the machine's trace lines at every level while alive.
-struct TraceCapture {
-  TraceCapture() {
-    for (int level = 0; level <= Oro::kTraceMaxLevel; ++level) {
-      Oro::traceEnable("MergedMvpnVrfStatusSm", level, true);
-    }
-    sink.install();
-  }
-  ~TraceCapture() {
-    sink.uninstall();
-    for (int level = 0; level <= Oro::kTraceMaxLevel; ++level) {
-      Oro::traceEnable("MergedMvpnVrfStatusSm", level, false);
-    }
-  }
-  Oro::TraceMemorySink sink;
-};
 
 TEST(VrfMerge, PrecedenceFollowsEveryChange) {
   for (bool synchronous : {false, true}) {
@@ -92,24 +74,18 @@ TEST(VrfMerge, EveryRemergedKeyIsWrittenAgain) {
   EXPECT_EQ(rig.mergedMap().at(5), MvpnClient::bgp_);
 }
 
-TEST(VrfMergeLifecycle, ConstructionAloneDoesNothing) {
-  Rig rig;
-  rig.put(0, 1);
-  rig.sm = rig.make(false);
-  EXPECT_EQ(rig.scheduler.runUntilIdle(), 0u);
-  EXPECT_EQ(rig.sm->mvpnVrfStatusSm0(), nullptr);
-  EXPECT_FALSE(rig.sm->ready());
-  EXPECT_TRUE(rig.mergedMap().empty());
-}
-
-TEST(VrfMergeLifecycle, ScansYieldByTheSliceAndTheFirstScanWritesNothing) {
+TEST(VrfMergeLifecycle, ScansStartWhenInitializedYieldByTheSliceAndTheFirstWritesNothing) {
   Rig rig(0ns);  // every slice is used up after one key
   for (uint32_t v = 1; v <= 3; ++v) rig.put(0, v);
   rig.put(2, 3);
   int writes = 0;
   Oro::KeyReactor<VrfId> watcher(MvpnVrfStatus::mvpnVrfAttr, [&](const VrfId&) { ++writes; });
   watcher.notifierIs(rig.merged.get());
-  rig.start();
+  // Construction alone does nothing; initializedIs starts the scans.
+  rig.sm = rig.make(false);
+  EXPECT_EQ(rig.scheduler.runUntilIdle(), 0u);
+  EXPECT_EQ(rig.sm->mvpnVrfStatusSm0(), nullptr);
+  rig.sm->initializedIs(true);
   auto* sm0 = rig.sm->mvpnVrfStatusSm0();
   ASSERT_NE(sm0->task0(), nullptr);
   EXPECT_EQ(sm0->task0()->name(),
@@ -216,69 +192,59 @@ TEST(VrfMergeTrace, FullLifecycleLines) {
   rig.put(0, 2);
   const std::vector<uint32_t> order = keysInOrder(*rig.in[0]);
   const std::string a = std::to_string(order[0]), b = std::to_string(order[1]);
-  TraceCapture trace;
+  TraceCapture trace("MergedMvpnVrfStatusSm");
   rig.start();
   rig.settle();
   rig.put(0, 5);
-  auto mergeLines = [](const std::string& k) {
-    return std::vector<std::string>{
-        "Line 15: from( mvpnVrfStatus.mvpnVrf[] ): vrfId=" + k,
-        "Line 15: merge( dyx_stream0, dyx_stream1, dyx_stream2, dyx_stream3 ): vrfId=" + k,
-        "Line 22: merge( dyx_pipeline0 ): vrfId=" + k + " myVrf=" + k + " mvpnVrf=Optional(" + k +
-            ") staticMvpnVrf=None evpnVrf=None staticEvpnVrf=None",
-        "Line 22: merge( dyx_pipeline1, dyx_pipeline2, dyx_pipeline3, dyx_pipeline4, "
-        "dyx_pipeline5 ): valMyVrf=Optional(" +
-            k + ") vrfId=" + k + " mvpnVrf=Optional(" + k +
-            ") staticMvpnVrf=None evpnVrf=None staticEvpnVrf=None",
-        "into( mergedVrfStatus.mvpnVrf[ vrfId ] ): inserting k1=" + k + ", value=" + k,
-    };
+  std::vector<std::string> expected;
+  auto add = [&](std::initializer_list<std::string> lines) {
+    expected.insert(expected.end(), lines);
   };
-  std::vector<std::string> expected = {
-      "create local SMs",
-      "create non-public arg SMs",
-      // First scans: input 0 yields after one key, the empty inputs complete at once.
-      " scan complete: false resumed: false scan: 0",
-      "k: " + a,
-      "MergedMvpnVrfStatusSm MvpnVrfStatusSm0 yielding after 1 iterations (2 total items)",
+  auto merge = [&](const std::string& k) {
+    add({"Line 15: from( mvpnVrfStatus.mvpnVrf[] ): vrfId=" + k,
+         "Line 15: merge( dyx_stream0, dyx_stream1, dyx_stream2, dyx_stream3 ): vrfId=" + k,
+         "Line 22: merge( dyx_pipeline0 ): vrfId=" + k + " myVrf=" + k + " mvpnVrf=Optional(" + k +
+             ") staticMvpnVrf=None evpnVrf=None staticEvpnVrf=None",
+         "Line 22: merge( dyx_pipeline1, dyx_pipeline2, dyx_pipeline3, dyx_pipeline4, "
+         "dyx_pipeline5 ): valMyVrf=Optional(" +
+             k + ") vrfId=" + k + " mvpnVrf=Optional(" + k +
+             ") staticMvpnVrf=None evpnVrf=None staticEvpnVrf=None",
+         "into( mergedVrfStatus.mvpnVrf[ vrfId ] ): inserting k1=" + k + ", value=" + k});
   };
-  for (const char* sm : {"StaticMvpnVrfStatusSm1", "EvpnVrfStatusSm2", "StaticEvpnVrfStatusSm3"}) {
-    const bool last = std::string_view(sm) == "StaticEvpnVrfStatusSm3";
-    expected.push_back(" scan complete: false resumed: false scan: 0");
-    expected.push_back(last ? " dyx_stream0 scan is false" : " dyx_stream3 scan is false");
-    expected.push_back("Initial scan yielding for child SM MergedMvpnVrfStatusSm.");
-    expected.push_back(std::string(sm) + " initial scan, and parent scan, complete.");
+  const std::string others[] = {"StaticMvpnVrfStatusSm1", "EvpnVrfStatusSm2",
+                                "StaticEvpnVrfStatusSm3"};
+  const std::string yielded =
+      "MergedMvpnVrfStatusSm MvpnVrfStatusSm0 yielding after 1 iterations (2 total items)";
+  // First scans: input 0 yields after one key, the empty inputs complete at once.
+  add({"create local SMs", "create non-public arg SMs",
+       " scan complete: false resumed: false scan: 0", "k: " + a, yielded});
+  for (const std::string& sm : others) {
+    add({" scan complete: false resumed: false scan: 0",
+         sm == others[2] ? " dyx_stream0 scan is false" : " dyx_stream3 scan is false",
+         "Initial scan yielding for child SM MergedMvpnVrfStatusSm.",
+         sm + " initial scan, and parent scan, complete."});
   }
-  expected.insert(expected.end(), {
-                                      " scan complete: false resumed: true scan: 1",
-                                      "k: " + b,
-                                      "Initial scan done for child SMs. Now scanning with events "
-                                      "triggered.",
-                                      "MvpnVrfStatusSm0 initial scan, and parent scan, complete.",
-                                      // Merging scans.
-                                      " scan complete: false resumed: false scan: 3",
-                                      "k: " + a,
-                                  });
-  for (auto& l : mergeLines(a)) expected.push_back(l);
-  expected.push_back(
-      "MergedMvpnVrfStatusSm MvpnVrfStatusSm0 yielding after 1 iterations (2 total items)");
-  for (const char* sm : {"StaticMvpnVrfStatusSm1", "EvpnVrfStatusSm2", "StaticEvpnVrfStatusSm3"}) {
-    expected.push_back(" scan complete: false resumed: false scan: 3");
-    expected.push_back(std::string(sm) + " scan, and parent scan, complete.");
+  add({" scan complete: false resumed: true scan: 1", "k: " + b,
+       "Initial scan done for child SMs. Now scanning with events triggered.",
+       "MvpnVrfStatusSm0 initial scan, and parent scan, complete.",
+       // Merging scans.
+       " scan complete: false resumed: false scan: 3", "k: " + a});
+  merge(a);
+  add({yielded});
+  for (const std::string& sm : others) {
+    add({" scan complete: false resumed: false scan: 3", sm + " scan, and parent scan, complete."});
   }
-  expected.push_back(" scan complete: false resumed: true scan: 1");
-  expected.push_back("k: " + b);
-  for (auto& l : mergeLines(b)) expected.push_back(l);
-  expected.insert(expected.end(), {
-                                      "Input scans for mergedVrfStatusMvpnVrfOutput complete",
-                                      "Deletion scan for reconciliation is done, last task run "
-                                      "processed 0 items, deleting 0 items.",
-                                      "MvpnVrfStatusSm0 scan, and parent scan, complete.",
-                                      // A per-key merge once ready.
-                                      "k: 5",
-                                  });
-  for (auto& l : mergeLines("5")) expected.push_back(l);
+  add({" scan complete: false resumed: true scan: 1", "k: " + b});
+  merge(b);
+  add({"Input scans for mergedVrfStatusMvpnVrfOutput complete",
+       "Deletion scan for reconciliation is done, last task run processed 0 items, deleting 0 "
+       "items.",
+       "MvpnVrfStatusSm0 scan, and parent scan, complete.",
+       // A per-key merge once ready.
+       "k: 5"});
+  merge("5");
   EXPECT_EQ(trace.sink.messages(), expected);
-  for (const auto& line : trace.sink.lines()) EXPECT_EQ(line.component, "MergedMvpnVrfStatusSm");
+  trace.expectOnlyOwnLines();
 }
 
 TEST(VrfMergeTrace, ReconciliationLinesWithAndWithoutYields) {
@@ -299,7 +265,7 @@ TEST(VrfMergeTrace, ReconciliationLinesWithAndWithoutYields) {
     Rig rig(0ns);
     rig.merged->mvpnVrfIs(MvpnVrf(VrfId(8), MvpnClient::bgp_));
     rig.merged->mvpnVrfIs(MvpnVrf(VrfId(9), MvpnClient::bgp_));
-    TraceCapture trace;
+    TraceCapture trace("MergedMvpnVrfStatusSm");
     rig.start(synchronous);
     if (!synchronous) {
       // Stop while the reconciliation waits for its own task.
@@ -312,12 +278,9 @@ TEST(VrfMergeTrace, ReconciliationLinesWithAndWithoutYields) {
     rig.settle();
     ASSERT_TRUE(rig.sm->ready());
     rig.sm->handleMergedVrfStatusMvpnVrfOutputInputReady();
-    std::vector<std::string> lines;
-    for (const auto& m : trace.sink.messages()) {
-      if (m.starts_with("Input scans") || m.find("reconcil") != std::string::npos) {
-        lines.push_back(m);
-      }
-    }
+    const auto lines = trace.messagesWhere([](const std::string& m) {
+      return m.starts_with("Input scans") || m.find("reconcil") != std::string::npos;
+    });
     std::vector<std::string> want = synchronous ? straight : yielding;
     if (!synchronous) want.push_back("already ready, not reconciling.");
     EXPECT_EQ(lines, want);
