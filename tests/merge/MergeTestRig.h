@@ -2,8 +2,11 @@
 // real scheduler. Shared by the merge tests.
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
+#include <functional>
+#include <iterator>
 #include <map>
 #include <string>
 #include <utility>
@@ -55,26 +58,23 @@ inline std::map<uint32_t, MvpnClient> contents(const MvpnVrfStatus& status) {
 
 // Collects a machine's trace lines at every level while alive.
 struct TraceCapture {
-  explicit TraceCapture(std::string component) : component(std::move(component)) {
-    levels(true);
+  explicit TraceCapture(std::string c) : component(std::move(c)) {
+    for (int level = 0; level <= Oro::kTraceMaxLevel; ++level) {
+      Oro::traceEnable(component, level, true);
+    }
     sink.install();
   }
   ~TraceCapture() {
     sink.uninstall();
-    levels(false);
-  }
-  void levels(bool on) const {
     for (int level = 0; level <= Oro::kTraceMaxLevel; ++level) {
-      Oro::traceEnable(component, level, on);
+      Oro::traceEnable(component, level, false);
     }
   }
   // The captured messages for which `keep` holds, in order.
-  template <typename Pred>
-  std::vector<std::string> messagesWhere(Pred keep) const {
+  std::vector<std::string> messagesWhere(
+      const std::function<bool(const std::string&)>& keep) const {
     std::vector<std::string> out;
-    for (const auto& m : sink.messages()) {
-      if (keep(m)) out.push_back(m);
-    }
+    std::ranges::copy_if(sink.messages(), std::back_inserter(out), keep);
     return out;
   }
   void expectOnlyOwnLines() const {
