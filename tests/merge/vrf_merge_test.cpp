@@ -26,7 +26,7 @@ std::vector<uint32_t> keysInOrder(const MvpnVrfStatus& status) {
   return keys;
 }
 
-TEST(VrfMerge, PrecedenceFollowsEveryChange) {
+TEST(VrfMerge, PrecedenceFollowsEveryChangeAndEveryRemergedKeyIsWritten) {
   for (bool synchronous : {false, true}) {
     SCOPED_TRACE(synchronous ? "synchronous" : "asynchronous");
     Rig rig;
@@ -38,6 +38,15 @@ TEST(VrfMerge, PrecedenceFollowsEveryChange) {
     ASSERT_TRUE(rig.sm->ready());
     EXPECT_EQ(rig.mergedMap(),
               (std::map<uint32_t, MvpnClient>{{7, MvpnClient::evpn_}, {9, MvpnClient::bgp_}}));
+    // Every re-merged key is written again, even when its merged value stays.
+    int changes = 0;
+    Oro::KeyReactor<VrfId> watcher(MvpnVrfStatus::mvpnVrfAttr,
+                                   [&](const VrfId& k) { changes += k == VrfId(7); });
+    watcher.notifierIs(rig.merged.get());
+    rig.put(2, 7);  // the winner's same record again
+    rig.put(3, 7);  // a lower-ranked writer: the merged value stays evpn_
+    EXPECT_EQ(changes, 2);
+    EXPECT_EQ(rig.mergedMap().at(7), MvpnClient::evpn_);
 
     // Each change is merged at once; then EVPN leaves 7 (static MVPN remains) and BGP
     // leaves 9 (EVPN ranks above static MVPN).
@@ -56,22 +65,6 @@ TEST(VrfMerge, PrecedenceFollowsEveryChange) {
     }
     EXPECT_EQ(rig.mergedMap(), rig.expected());
   }
-}
-
-TEST(VrfMerge, EveryRemergedKeyIsWrittenAgain) {
-  Rig rig;
-  rig.put(0, 5);
-  rig.start();
-  rig.settle();
-  int changes = 0;
-  Oro::KeyReactor<VrfId> watcher(MvpnVrfStatus::mvpnVrfAttr, [&](const VrfId& k) {
-    if (k == VrfId(5)) ++changes;
-  });
-  watcher.notifierIs(rig.merged.get());
-  rig.put(0, 5);  // same record again
-  rig.put(2, 5);  // a lower-ranked writer: the merged value stays bgp_
-  EXPECT_EQ(changes, 2);
-  EXPECT_EQ(rig.mergedMap().at(5), MvpnClient::bgp_);
 }
 
 TEST(VrfMergeLifecycle, ScansStartWhenInitializedYieldByTheSliceAndTheFirstWritesNothing) {
