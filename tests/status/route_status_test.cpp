@@ -27,12 +27,8 @@ using Oro::ShmRole;
 using VrfId = Vrf::VrfIdMap::VrfId;
 using Flags = MvpnSource::SourceFlags;
 
-IpGenAddr v4(uint32_t a) {
-  return IpGenAddr::ipv4Addr(a);
-}
-IpGenPrefix prefix(uint32_t a, unsigned len) {
-  return IpGenPrefix(v4(a), len);
-}
+const auto v4 = [](uint32_t a) { return IpGenAddr::ipv4Addr(a); };
+const auto prefix = [](uint32_t a, unsigned len) { return IpGenPrefix(v4(a), len); };
 
 class RouteStatusTest : public shmtest::ShmTest {
  protected:
@@ -249,6 +245,7 @@ TEST_F(RouteStatusTest, RandomOperationsMatchAModel) {
 struct TreeCopy {
   std::map<std::tuple<uint32_t, uint32_t, bool, uint32_t>, MvpnSource> sources;
   std::map<std::pair<uint32_t, MvpnRouteKey>, MvpnRoute> routes;
+  bool operator==(const TreeCopy&) const = default;
 };
 
 TreeCopy copyOf(const MvpnRouteStatus& root) {
@@ -271,10 +268,6 @@ TreeCopy copyOf(const MvpnRouteStatus& root) {
     }
   }
   return t;
-}
-
-bool operator==(const TreeCopy& a, const TreeCopy& b) {
-  return a.sources == b.sources && a.routes == b.routes;
 }
 
 // The writer's random tree changes (VRFs, groups, sources, routes, whole VRFs and groups).
