@@ -2,12 +2,20 @@
 // real scheduler. Shared by the merge tests.
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
+#include <functional>
+#include <iterator>
 #include <map>
 #include <string>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
 
 #include "merge/MvpnVrfStatusMergeSm.h"
+#include "platform/Trace.h"
 #include "platform/runtime/TaskScheduler.h"
 #include "status/MvpnVrfStatus.h"
 
@@ -47,6 +55,34 @@ inline std::map<uint32_t, MvpnClient> contents(const MvpnVrfStatus& status) {
   }
   return out;
 }
+
+// Collects a machine's trace lines at every level while alive.
+struct TraceCapture {
+  explicit TraceCapture(std::string c) : component(std::move(c)) {
+    for (int level = 0; level <= Oro::kTraceMaxLevel; ++level) {
+      Oro::traceEnable(component, level, true);
+    }
+    sink.install();
+  }
+  ~TraceCapture() {
+    sink.uninstall();
+    for (int level = 0; level <= Oro::kTraceMaxLevel; ++level) {
+      Oro::traceEnable(component, level, false);
+    }
+  }
+  // The captured messages for which `keep` holds, in order.
+  std::vector<std::string> messagesWhere(
+      const std::function<bool(const std::string&)>& keep) const {
+    std::vector<std::string> out;
+    std::ranges::copy_if(sink.messages(), std::back_inserter(out), keep);
+    return out;
+  }
+  void expectOnlyOwnLines() const {
+    for (const auto& line : sink.lines()) EXPECT_EQ(line.component, component);
+  }
+  std::string component;
+  Oro::TraceMemorySink sink;
+};
 
 struct Rig {
   // By default no task yields for time, so that what a test sees does not depend on the

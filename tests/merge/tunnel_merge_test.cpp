@@ -10,69 +10,42 @@
 #include <vector>
 
 #include "merge/EncapTestRig.h"
-#include "platform/Trace.h"
+#include "merge/MergeTestRig.h"
 
 namespace {
 
 using namespace EncapTest;
 using namespace std::chrono_literals;
+using MergeTest::TraceCapture;
 using Routing::Multicast::DynaCode::kScanComplete;
 using ::testing::HasSubstr;
 
-struct TraceCapture {
-  TraceCapture() {
-    for (int level = 0; level <= Oro::kTraceMaxLevel; ++level) {
-      Oro::traceEnable("MergedMcastTunnelEncapStatusSm", level, true);
-    }
-    sink.install();
-  }
-  ~TraceCapture() {
-    sink.uninstall();
-    for (int level = 0; level <= Oro::kTraceMaxLevel; ++level) {
-      Oro::traceEnable("MergedMcastTunnelEncapStatusSm", level, false);
-    }
-  }
-  // The captured lines that are in `wanted`, in order.
-  std::vector<std::string> only(const std::vector<std::string>& wanted) const {
-    std::vector<std::string> out;
-    for (const auto& m : sink.messages()) {
-      if (std::find(wanted.begin(), wanted.end(), m) != wanted.end()) out.push_back(m);
-    }
-    return out;
-  }
-  Oro::TraceMemorySink sink;
-};
-
-// One step of the inputs and what the merged status holds for the key afterwards ("" when
-// nothing, and then `vrf` says whether the merged VRF survives).
+// One step of the inputs (a record put or deleted) and the merged record for its key
+// afterwards: "" when there is none, and then the merged VRF is gone too.
 struct Step {
   const char* what;
-  std::function<void(Rig&)> change;
-  bool intfColl;
+  bool put, intfColl;
+  int writer;
   uint32_t vrf, n;
+  const char* data;
   const char* merged;
-  bool vrfLives;
 };
 
 TEST(TunnelMerge, StaticWinsWholeAndTheOtherWriterTakesOverOnDelete) {
-  const std::vector<Step> steps = {
-      {"MVPN route", [](Rig& r) { r.putRoute(kMvpn, 1, 1, "mvpn"); }, false, 1, 1, "mvpn", true},
-      {"static route wins", [](Rig& r) { r.putRoute(kStatic, 1, 1, "static"); }, false, 1, 1,
-       "static", true},
-      {"MVPN change hidden", [](Rig& r) { r.putRoute(kMvpn, 1, 1, "mvpn2"); }, false, 1, 1,
-       "static", true},
-      {"static gone: MVPN", [](Rig& r) { r.delRoute(kStatic, 1, 1); }, false, 1, 1, "mvpn2", true},
-      {"MVPN gone: VRF gone", [](Rig& r) { r.delRoute(kMvpn, 1, 1); }, false, 1, 1, "", false},
-      {"EVPN interface", [](Rig& r) { r.putIntf(kEvpn, 2, 7, "evpn"); }, true, 2, 7, "evpn", true},
-      {"static interface wins", [](Rig& r) { r.putIntf(kStatic, 2, 7, "st"); }, true, 2, 7, "st",
-       true},
-      {"EVPN change hidden", [](Rig& r) { r.putIntf(kEvpn, 2, 7, "e2"); }, true, 2, 7, "st", true},
-      {"static gone: EVPN", [](Rig& r) { r.delIntf(kStatic, 2, 7); }, true, 2, 7, "e2", true},
-      {"EVPN gone: VRF gone", [](Rig& r) { r.delIntf(kEvpn, 2, 7); }, true, 2, 7, "", false},
+  const Step steps[] = {
+      {"MVPN route", true, false, kMvpn, 1, 1, "mvpn", "mvpn"},
+      {"static route wins", true, false, kStatic, 1, 1, "static", "static"},
+      {"MVPN change hidden", true, false, kMvpn, 1, 1, "mvpn2", "static"},
+      {"static gone: MVPN", false, false, kStatic, 1, 1, "", "mvpn2"},
+      {"MVPN gone: VRF gone", false, false, kMvpn, 1, 1, "", ""},
+      {"EVPN interface", true, true, kEvpn, 2, 7, "evpn", "evpn"},
+      {"static interface wins", true, true, kStatic, 2, 7, "st", "st"},
+      {"EVPN change hidden", true, true, kEvpn, 2, 7, "e2", "st"},
+      {"static gone: EVPN", false, true, kStatic, 2, 7, "", "e2"},
+      {"EVPN gone: VRF gone", false, true, kEvpn, 2, 7, "", ""},
       // MVPN interface and EVPN route records are no input of the merge.
-      {"MVPN interface ignored", [](Rig& r) { r.putIntf(kMvpn, 3, 1, "x"); }, true, 3, 1, "",
-       false},
-      {"EVPN route ignored", [](Rig& r) { r.putRoute(kEvpn, 3, 1, "x"); }, false, 3, 1, "", false},
+      {"MVPN interface ignored", true, true, kMvpn, 3, 1, "x", ""},
+      {"EVPN route ignored", true, false, kEvpn, 3, 1, "x", ""},
   };
   for (bool synchronous : {false, true}) {
     SCOPED_TRACE(synchronous ? "synchronous" : "asynchronous");
@@ -82,12 +55,16 @@ TEST(TunnelMerge, StaticWinsWholeAndTheOtherWriterTakesOverOnDelete) {
     ASSERT_TRUE(rig.sm->ready());
     for (const Step& s : steps) {
       SCOPED_TRACE(s.what);
-      s.change(rig);
+      if (s.intfColl) {
+        s.put ? rig.putIntf(s.writer, s.vrf, s.n, s.data) : rig.delIntf(s.writer, s.vrf, s.n);
+      } else {
+        s.put ? rig.putRoute(s.writer, s.vrf, s.n, s.data) : rig.delRoute(s.writer, s.vrf, s.n);
+      }
       const Contents got = rig.mergedContents();
       const auto& coll = s.intfColl ? got.intfs : got.routes;
       auto it = coll.find({s.vrf, s.n});
       EXPECT_EQ(it == coll.end() ? "" : it->second, s.merged);
-      EXPECT_EQ(got.vrfs.count(s.vrf) == 1, s.vrfLives);
+      EXPECT_EQ(got.vrfs.count(s.vrf) == 1, *s.merged != '\0');
       EXPECT_EQ(got, rig.expected());
     }
   }
@@ -267,7 +244,7 @@ TEST(TunnelMergeTrace, LifecycleLines) {
   Rig rig;
   rig.putRoute(kMvpn, 1, 1, "a");
   rig.putRoute(kMvpn, 1, 2, "b");
-  TraceCapture trace;
+  TraceCapture trace("MergedMcastTunnelEncapStatusSm");
   rig.start();
   rig.settle();
   rig.putRoute(kStatic, 1, 1, "s");
@@ -307,13 +284,12 @@ TEST(TunnelMergeTrace, LifecycleLines) {
   // The first time each line appears, in lifecycle order (some recur: every yielding input
   // traces the initial-scan wait, route 1 is merged again when the static writer comes).
   std::vector<std::string> firsts;
-  for (const auto& l : trace.only(lines)) {
+  for (const auto& l : trace.messagesWhere(
+           [&](const std::string& m) { return std::ranges::find(lines, m) != lines.end(); })) {
     if (std::find(firsts.begin(), firsts.end(), l) == firsts.end()) firsts.push_back(l);
   }
   EXPECT_EQ(firsts, lines);
-  for (const auto& line : trace.sink.lines()) {
-    EXPECT_EQ(line.component, "MergedMcastTunnelEncapStatusSm");
-  }
+  trace.expectOnlyOwnLines();
 }
 
 TEST(TunnelMerge, AChildIsNeverRepointedAtAnotherEntity) {
@@ -334,23 +310,21 @@ TEST(TunnelMerge, AChildIsNeverRepointedAtAnotherEntity) {
 
 TEST(TunnelMergeDeathTest, NullPointerArgumentsAreFatalFromTheOutputBack) {
   const char* names[4] = {"mvpnEncap", "staticEncap", "evpnEncap", "mergedEncap"};
-  for (int missing = 0; missing < 4; ++missing) {
+  // The last round leaves out every argument.
+  for (int missing = 0; missing < 5; ++missing) {
     Rig rig;
     Oro::Ptr<const MvpnTunnelEncapStatus> in[3] = {rig.in[0], rig.in[1], rig.in[2]};
-    Oro::Ptr<MvpnTunnelEncapStatus> merged = rig.merged;
-    if (missing < 3) in[missing] = nullptr;
-    if (missing == 3) merged = nullptr;
+    Oro::Ptr<MvpnTunnelEncapStatus> merged = missing >= 3 ? nullptr : rig.merged;
+    for (int n = 0; n < 3; ++n) {
+      if (n == missing || missing == 4) in[n] = nullptr;
+    }
     auto sm = Routing::Multicast::mergedMcastTunnelEncapStatusSmFactory(
         in[0], in[1], in[2], merged, Dyx::SmControl{&rig.scheduler});
     EXPECT_DEATH(sm->initializedIs(true),
-                 HasSubstr(std::string(names[missing]) +
+                 HasSubstr(std::string(names[std::min(missing, 3)]) +
                            "() && \"Pointer SM args cannot be null unless they are marked "
                            "Optional\""));
   }
-  Oro::TaskScheduler scheduler;
-  auto sm = Routing::Multicast::mergedMcastTunnelEncapStatusSmFactory(nullptr, nullptr, nullptr,
-                                                                      nullptr, {&scheduler});
-  EXPECT_DEATH(sm->initializedIs(true), HasSubstr("mergedEncap() && \"Pointer SM args"));
 }
 
 TEST(TunnelMergeDeathTest, IntoKeyMismatchIsFatalAndWritesNothing) {

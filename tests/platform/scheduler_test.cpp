@@ -4,8 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <sys/mman.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <fstream>
 #include <memory>
@@ -17,6 +15,7 @@
 
 #include "platform/runtime/Futex.h"
 #include "platform/runtime/TaskScheduler.h"
+#include "platform/shm_test_util.h"
 
 namespace {
 
@@ -37,16 +36,15 @@ Oro::TimerId watchdog(TaskScheduler& s, bool* fired) {
 TEST(Scheduler, PriorityThenFifoOrder) {
   TaskScheduler s;
   std::string order;
-  auto make = [&](TaskPriority p, char c) {
-    return std::make_unique<Task>(&s, p, std::string(1, c), [&order, c] { order += c; });
-  };
-  auto a = make(TaskPriority::low, 'a');
-  auto b = make(TaskPriority::normal, 'b');
-  auto c = make(TaskPriority::high, 'c');
-  auto d = make(TaskPriority::normal, 'd');
-  auto e = make(TaskPriority::low, 'e');
-  for (Task* t : {a.get(), b.get(), c.get(), d.get(), e.get()}) t->schedule();
-  b->schedule();  // already queued: keeps its place, runs once
+  std::vector<std::unique_ptr<Task>> t;  // a to e
+  for (TaskPriority p : {TaskPriority::low, TaskPriority::normal, TaskPriority::high,
+                         TaskPriority::normal, TaskPriority::low}) {
+    const char c = static_cast<char>('a' + t.size());
+    t.push_back(std::make_unique<Task>(&s, p, std::string(1, c), [&order, c] { order += c; }));
+    t.back()->schedule();
+  }
+  Task* a = t[0].get();
+  t[1]->schedule();  // already queued: keeps its place, runs once
   EXPECT_EQ(s.runUntilIdle(), 5u);
   EXPECT_EQ(order, "cbdae");
   EXPECT_TRUE(s.idle());
@@ -54,8 +52,8 @@ TEST(Scheduler, PriorityThenFifoOrder) {
 
   order.clear();
   a->schedule();
-  b->schedule();
-  s.unscheduleTask(a.get());
+  t[1]->schedule();
+  s.unscheduleTask(a);
   EXPECT_FALSE(a->scheduled());
   s.runUntilIdle();
   EXPECT_EQ(order, "b");
@@ -186,11 +184,7 @@ TEST(Scheduler, TasksDeletedWhileQueuedOrFromTheirOwnHandler) {
   });
   auto last = std::make_unique<Task>(&s, TaskPriority::low, "last", [&] { order += 'l'; });
   auto middle = std::make_unique<Task>(&s, TaskPriority::normal, "middle", [&] { order += 'm'; });
-  first->schedule();
-  self->schedule();
-  victim->schedule();
-  middle->schedule();
-  last->schedule();
+  for (Task* t : {first.get(), self.get(), victim.get(), middle.get(), last.get()}) t->schedule();
   first.reset();  // dequeued from the head
   EXPECT_EQ(s.runUntilIdle(), 3u);
   EXPECT_EQ(order, "snnml");
@@ -230,9 +224,15 @@ TEST(SchedulerLoop, RunWokenByPostAndStopFromAnotherThread) {
   s.waitSourceIs(&probe);
   bool hung = false;
   watchdog(s, &hung);
+  // Another thread that acts once the loop is about to sleep.
+  auto whenAsleep = [&probe](std::function<void()> fn) {
+    return std::thread([&probe, fn] {
+      probe.asked.acquire();
+      fn();
+    });
+  };
   std::thread::id ranOn;
-  std::thread poster([&] {
-    probe.asked.acquire();
+  std::thread poster = whenAsleep([&] {
     s.post([&] {
       ranOn = std::this_thread::get_id();
       s.stop();
@@ -240,31 +240,25 @@ TEST(SchedulerLoop, RunWokenByPostAndStopFromAnotherThread) {
   });
   s.run();
   poster.join();
-  EXPECT_FALSE(hung);
   EXPECT_EQ(ranOn, std::this_thread::get_id());
   EXPECT_GE(s.sleeps(), 1u);
 
   // stop() alone, with nothing else to do, ends a sleeping run().
   const uint64_t sleepsBefore = s.sleeps();
-  std::thread stopper([&] {
-    probe.asked.acquire();
-    s.stop();
-  });
+  std::thread stopper = whenAsleep([&] { s.stop(); });
   s.run();
   stopper.join();
-  EXPECT_FALSE(hung);
   EXPECT_GE(s.sleeps(), sleepsBefore + 1);
 
   // runUntil(done) sleeps until work arrives and returns once done() holds.
   int posted = 0;
-  std::thread twice([&] {
-    probe.asked.acquire();
+  std::thread twice = whenAsleep([&] {
     s.post([&] { ++posted; });
     s.post([&] { ++posted; });
   });
   EXPECT_TRUE(s.runUntil([&] { return posted > 0; }));
   twice.join();
-  EXPECT_FALSE(hung);
+  EXPECT_FALSE(hung);  // the watchdog never had to end a sleep
   s.runUntilIdle();
   EXPECT_EQ(posted, 2);
   s.waitSourceDel(&probe);
@@ -374,18 +368,14 @@ TEST(SchedulerLoop, RunWokenByWriteFromAnotherProcess) {
   bool hung = false;
   watchdog(s, &hung);
 
-  pid_t child = fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
+  const pid_t child = shmtest::forkChild([&] {
     while (words->checked.load() == 0) Oro::futexWait(&words->checked, 0, true, nullptr);
     words->data.store(1);
     Oro::futexWake(&words->data, INT32_MAX, true);
-    _exit(0);
-  }
+    return 0;
+  });
   s.run();
-  int status = 0;
-  waitpid(child, &status, 0);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  EXPECT_EQ(shmtest::waitChild(child), 0);
   EXPECT_FALSE(hung);
   EXPECT_EQ(source.dispatches, 1);
   EXPECT_GE(s.sleeps(), 1u);

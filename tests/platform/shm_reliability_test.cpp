@@ -37,6 +37,16 @@ using Table = Oro::ShmTable<uint32_t, Rec>;
 
 class ShmReliabilityTest : public ShmTest {};
 
+// A table of Recs attached at once, without callbacks.
+struct Attached : Table {
+  explicit Attached(const ShmAttach& a) : Table("test::Rec", "recs", {}) { attach(a); }
+};
+
+// Delivers every change a reader has pending.
+void drain(Table& t) {
+  while (t.reader()->hasPending()) t.reader()->dispatch();
+}
+
 // A reader's view built from its notifications: each key it is told of is looked up.
 struct ViewReader {
   std::map<uint32_t, Rec> view;
@@ -51,9 +61,7 @@ struct ViewReader {
               }}) {
     table.attach(ShmAttach{path, ShmRole::reader, sched});
   }
-  void drain() {
-    while (table.reader()->hasPending()) table.reader()->dispatch();
-  }
+  void drain() { ::drain(table); }
   std::map<uint32_t, Rec> truth() const {
     std::map<uint32_t, Rec> out;
     for (auto it = table.begin(); it.valid(); it.next()) out[it.key()] = it.value();
@@ -66,8 +74,7 @@ void fill(Table& w, uint32_t from, uint32_t n) {
 }
 
 TEST_F(ShmReliabilityTest, NoDeletionIsLostBehindRepeatedOverruns) {
-  Table w("test::Rec", "recs", {});
-  w.attach(ShmAttach{"r/overrun", ShmRole::writer, nullptr, 0600, 16});
+  Attached w(ShmAttach{"r/overrun", ShmRole::writer, nullptr, 0600, 16});
   ViewReader r("r/overrun");
   constexpr uint32_t K = 7;
   w.insert(K, Rec::of(K));
@@ -158,8 +165,7 @@ std::vector<std::string> storeMappings() {
 }
 
 TEST_F(ShmReliabilityTest, ReadersNeedNoWriteAccessAndCannotSilenceOthers) {
-  Table w("test::Rec", "recs", {});
-  w.attach(ShmAttach{"r/ro", ShmRole::writer, nullptr, 0644});
+  Attached w(ShmAttach{"r/ro", ShmRole::writer, nullptr, 0644});
   fill(w, 0, 1000);
   // Another user reads a store shared read-only, and is woken by its changes.
   Pipe ready;
@@ -180,7 +186,7 @@ TEST_F(ShmReliabilityTest, ReadersNeedNoWriteAccessAndCannotSilenceOthers) {
     // The mappings this reader makes (the writer's are inherited through fork): read-only.
     const std::vector<std::string> inherited = storeMappings();
     r.attach(ShmAttach{"r/ro", ShmRole::reader, &sched});
-    while (r.reader()->hasPending()) r.reader()->dispatch();
+    drain(r);
     bool readOnly = true;
     for (const std::string& m : storeMappings()) {
       if (std::find(inherited.begin(), inherited.end(), m) != inherited.end()) continue;
@@ -215,8 +221,7 @@ TEST_F(ShmReliabilityTest, ReadersNeedNoWriteAccessAndCannotSilenceOthers) {
   w.insert(5000, Rec::of(5000));
   EXPECT_EQ(waitChild(child), 0);
   // A store shared with nobody: the error says why.
-  Table priv("test::Rec", "recs", {});
-  priv.attach(ShmAttach{"r/private", ShmRole::writer, nullptr, 0600});
+  Attached priv(ShmAttach{"r/private", ShmRole::writer, nullptr, 0600});
   child = forkChild([&] {
     const passwd* nobody = ::getpwnam("nobody");
     if (!nobody || ::setuid(nobody->pw_uid) != 0) return 2;
@@ -232,13 +237,11 @@ TEST_F(ShmReliabilityTest, ReadersNeedNoWriteAccessAndCannotSilenceOthers) {
 }
 
 TEST_F(ShmReliabilityTest, AReaderThatDiesAsleepCostsTheWriterOneWakeUpAtMost) {
-  Table w("test::Rec", "recs", {});
-  w.attach(ShmAttach{"r/sleep", ShmRole::writer});
+  Attached w(ShmAttach{"r/sleep", ShmRole::writer});
   Pipe asleep;
   const pid_t child = forkChild([&] {
-    Table r("test::Rec", "recs", {});
-    r.attach(ShmAttach{"r/sleep", ShmRole::reader});
-    while (r.reader()->hasPending()) r.reader()->dispatch();
+    Attached r(ShmAttach{"r/sleep", ShmRole::reader});
+    drain(r);
     std::vector<Oro::FutexWait> words;
     r.reader()->sleepBegin(words);  // rings the doorbell, as a scheduler going to sleep does
     asleep.send();
@@ -257,22 +260,19 @@ TEST_F(ShmReliabilityTest, AReaderThatDiesAsleepCostsTheWriterOneWakeUpAtMost) {
 // writer, taking the store over, wakes it without being asked.
 TEST_F(ShmReliabilityTest, AReaderAsleepWithoutWriterIsWokenByTheNextOne) {
   const pid_t first = forkChild([]() -> int {
-    Table w("test::Rec", "recs", {});
-    w.attach(ShmAttach{"r/orphan", ShmRole::writer});
+    Attached w(ShmAttach{"r/orphan", ShmRole::writer});
     fill(w, 0, 10);
     ::_exit(0);  // no clean-up, like a crash
   });
   ASSERT_EQ(waitChild(first), 0);
-  Table r("test::Rec", "recs", {});
-  r.attach(ShmAttach{"r/orphan", ShmRole::reader});
-  while (r.reader()->hasPending()) r.reader()->dispatch();
+  Attached r(ShmAttach{"r/orphan", ShmRole::reader});
+  drain(r);
   std::vector<Oro::FutexWait> words;
   r.reader()->sleepBegin(words);
   ASSERT_EQ(words.size(), 1u);
   EXPECT_EQ(words[0].word->load(), words[0].expected);  // a sleep would last
 
-  Table next("test::Rec", "recs", {});
-  next.attach(ShmAttach{"r/orphan", ShmRole::writer});
+  Attached next(ShmAttach{"r/orphan", ShmRole::writer});
   EXPECT_NE(words[0].word->load(), words[0].expected);  // the sleep ends (or never starts)
   EXPECT_EQ(r.find(3), Rec::of(3));
 }
@@ -283,8 +283,7 @@ TEST_F(ShmReliabilityTest, ATruncatedSegmentIsDamageNotACrash) {
   w.corruptionHandlerIs([&](const std::string& m) { reports.push_back(m); });
   w.attach(ShmAttach{"r/trunc", ShmRole::writer});
   fill(w, 0, 100);
-  Table r("test::Rec", "recs", {});
-  r.attach(ShmAttach{"r/trunc", ShmRole::reader});
+  Attached r(ShmAttach{"r/trunc", ShmRole::reader});
   EXPECT_EQ(r.find(5), Rec::of(5));
   ASSERT_TRUE(damageTable("r/trunc", "recs"));
   EXPECT_THROW(r.find(5), Oro::ShmCorruptionException);
@@ -342,8 +341,7 @@ TEST_F(ShmReliabilityTest, AWriterKilledAtAnyStepLeavesAStoreThatAgreesWithItsel
     SCOPED_TRACE(static_cast<int>(c.point));
     const std::string path = fmt::format("r/step{}", static_cast<int>(c.point));
     const pid_t child = forkChild([&] {
-      Table w("test::Rec", "recs", {});
-      w.attach(ShmAttach{path, ShmRole::writer});
+      Attached w(ShmAttach{path, ShmRole::writer});
       faultAt(c.point, c.nth);
       for (uint32_t k = 0; k < kKeys; ++k) {
         w.insert(k, Rec::of(k));
@@ -393,8 +391,7 @@ TEST_F(ShmReliabilityTest, ADamagedStoreIsRecreatedByItsWriterAndItsReadersRecov
     SCOPED_TRACE(what);
     const std::string path = "r/damaged";
     {
-      Table w("test::Rec", "recs", {});
-      w.attach(ShmAttach{path, ShmRole::writer});
+      Attached w(ShmAttach{path, ShmRole::writer});
       fill(w, 0, 50);
     }
     Oro::TaskScheduler sched;
@@ -408,12 +405,11 @@ TEST_F(ShmReliabilityTest, ADamagedStoreIsRecreatedByItsWriterAndItsReadersRecov
             }});
     r.corruptionHandlerIs([&](const std::string& m) { reports.push_back(m); });
     r.attach(ShmAttach{path, ShmRole::reader, &sched});
-    while (r.reader()->hasPending()) r.reader()->dispatch();
+    drain(r);
     damage(path);
     // The writer comes back: it cannot take the damaged store over, so it builds a new one and
     // republishes; its readers find the new store.
-    Table w("test::Rec", "recs", {});
-    w.attach(ShmAttach{path, ShmRole::writer});
+    Attached w(ShmAttach{path, ShmRole::writer});
     fill(w, 0, 50);
     w.insert(9999, Rec::of(9999));
     // The reader looks again after growing pauses (timers); the bound only ends a failed run.
@@ -431,8 +427,7 @@ TEST_F(ShmReliabilityTest, AWriterWhoseMainThreadEndedIsAlive) {
   Pipe started;
   const pid_t child = forkChild([&] {
     std::thread worker([&] {
-      Table w("test::Rec", "recs", {});
-      w.attach(ShmAttach{"r/thread", ShmRole::writer});
+      Attached w(ShmAttach{"r/thread", ShmRole::writer});
       w.insert(1, Rec::of(1));
       started.send();
       ::pause();

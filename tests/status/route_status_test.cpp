@@ -27,12 +27,8 @@ using Oro::ShmRole;
 using VrfId = Vrf::VrfIdMap::VrfId;
 using Flags = MvpnSource::SourceFlags;
 
-IpGenAddr v4(uint32_t a) {
-  return IpGenAddr::ipv4Addr(a);
-}
-IpGenPrefix prefix(uint32_t a, unsigned len) {
-  return IpGenPrefix(v4(a), len);
-}
+const auto v4 = [](uint32_t a) { return IpGenAddr::ipv4Addr(a); };
+const auto prefix = [](uint32_t a, unsigned len) { return IpGenPrefix(v4(a), len); };
 
 class RouteStatusTest : public shmtest::ShmTest {
  protected:
@@ -50,11 +46,6 @@ TEST_F(RouteStatusTest, MountPathsNameTheWriterWithoutCheckingIt) {
             "routing6/multicast/vpn/routeStatus/bgp");
   EXPECT_EQ(MvpnRouteStatus::mountPath(Nevo::ipv4, MvpnClient::pimBidir_),
             "routing/multicast/vpn/routeStatus/pimBidir");
-}
-
-TEST_F(RouteStatusDeathTest, AnotherFamilyIsFatalDeathTest) {
-  EXPECT_DEATH(MvpnRouteStatus::mountPath(Nevo::ipunknown, MvpnClient::bgp_),
-               "false && \"Unsupported address family\"");
 }
 
 TEST_F(RouteStatusTest, SourcesAndTheGroupLifetimeRule) {
@@ -83,7 +74,8 @@ TEST_F(RouteStatusTest, SourcesAndTheGroupLifetimeRule) {
   EXPECT_FALSE(vrf->mvpnGroup(g));
   // Counts over all groups.
   for (uint32_t n = 0; n < 6; ++n) {
-    vrf->mvpnSourceIs(v4(0xef000000 + n % 3), v4(0x0a000000 + n), prefix(0, 0), n % 2 == 0, Flags());
+    vrf->mvpnSourceIs(v4(0xef000000 + n % 3), v4(0x0a000000 + n), prefix(0, 0), n % 2 == 0,
+                      Flags());
   }
   EXPECT_EQ(vrf->mvpnSharedTrees(), 3u);
   EXPECT_EQ(vrf->mvpnSourceTrees(), 3u);
@@ -125,7 +117,8 @@ TEST_F(RouteStatusTest, DumpsInBothModels) {
             "    MvpnRouteStatus #1:\n"
             "      VRF ID: 5\n"
             "        MVPN Routes #1\n"
-            "          " + vrf->mvpnRoute(MvpnRouteKey(v4(0x0a010101), v4(0xef010101), false))->toStrep() +
+            "          " +
+                vrf->mvpnRoute(MvpnRouteKey(v4(0x0a010101), v4(0xef010101), false))->toStrep() +
                 "\n");
   // A VRF reached twice in one dump is printed once, then reported.
   root->dumpState(routes, 0);
@@ -143,13 +136,16 @@ TEST_F(RouteStatusTest, RootsAreMadeInTheStoresHeapAndByTheStoresCreator) {
   heap.failIs(false);
   EXPECT_EQ(&Oro::EntityHeap::current(), &Oro::EntityHeap::process());
   const Oro::ShmEntityStore::Initializer init{"t/created", ShmRole::writer};
-  Oro::Ptr<Oro::Entity> made = Oro::ShmEntityStore::createRoot(MvpnRouteStatus::kTypeName, "z", &init);
+  Oro::Ptr<Oro::Entity> made =
+      Oro::ShmEntityStore::createRoot(MvpnRouteStatus::kTypeName, "z", &init);
   auto* created = static_cast<MvpnRouteStatus*>(made.get());
   EXPECT_EQ(created->name(), "z");
   EXPECT_EQ(created->binding().mountPath(), "t/created");
 }
 
-TEST_F(RouteStatusDeathTest, CreationWithoutInitializerIsFatalDeathTest) {
+TEST_F(RouteStatusDeathTest, AnotherFamilyOrCreationWithoutInitializerIsFatalDeathTest) {
+  EXPECT_DEATH(MvpnRouteStatus::mountPath(Nevo::ipunknown, MvpnClient::bgp_),
+               "false && \"Unsupported address family\"");
   EXPECT_DEATH(Oro::ShmEntityStore::createRoot(MvpnRouteStatus::kTypeName, "x", nullptr),
                "Assertion failed: initializer");
 }
@@ -249,6 +245,7 @@ TEST_F(RouteStatusTest, RandomOperationsMatchAModel) {
 struct TreeCopy {
   std::map<std::tuple<uint32_t, uint32_t, bool, uint32_t>, MvpnSource> sources;
   std::map<std::pair<uint32_t, MvpnRouteKey>, MvpnRoute> routes;
+  bool operator==(const TreeCopy&) const = default;
 };
 
 TreeCopy copyOf(const MvpnRouteStatus& root) {
@@ -260,19 +257,17 @@ TreeCopy copyOf(const MvpnRouteStatus& root) {
     }
     for (auto g = vrf->mvpnGroupIter(); g.valid(); g.next()) {
       auto group = g.value();
-      for (auto s = group->sharedTreeIter(); s.valid(); s.next()) {
-        t.sources[{vrf->vrfId().value(), group->group().v4HostOrder(), true, s.key().v4HostOrder()}] = s.value();
-      }
-      for (auto s = group->sourceTreeIter(); s.valid(); s.next()) {
-        t.sources[{vrf->vrfId().value(), group->group().v4HostOrder(), false, s.key().v4HostOrder()}] = s.value();
-      }
+      auto copyTree = [&](auto s, bool shared) {
+        for (; s.valid(); s.next()) {
+          t.sources[{vrf->vrfId().value(), group->group().v4HostOrder(), shared,
+                     s.key().v4HostOrder()}] = s.value();
+        }
+      };
+      copyTree(group->sharedTreeIter(), true);
+      copyTree(group->sourceTreeIter(), false);
     }
   }
   return t;
-}
-
-bool operator==(const TreeCopy& a, const TreeCopy& b) {
-  return a.sources == b.sources && a.routes == b.routes;
 }
 
 // The writer's random tree changes (VRFs, groups, sources, routes, whole VRFs and groups).
@@ -315,7 +310,7 @@ TEST_F(RouteStatusTest, AReaderInAnotherProcessFollowsTheTreeAtEveryLevel) {
     changeTree(*root, rng, 200);
     ready.send();
     if (!go.receive()) return 3;
-    changeTree(*root, rng, 3000);  // with a small log: overruns on the way
+    changeTree(*root, rng, 3000);        // with a small log: overruns on the way
     root->vrfRouteStatusIs(VrfId(100));  // the end marker
     if (!done.receive()) return 4;
     return 0;
@@ -326,32 +321,29 @@ TEST_F(RouteStatusTest, AReaderInAnotherProcessFollowsTheTreeAtEveryLevel) {
   // Every level's notifications: VRFs from the root; routes and groups from each VRF;
   // sources from each group (subscriptions follow the entities as they appear).
   std::set<std::string> levels;
-  std::map<const void*, std::unique_ptr<Oro::Notifiee>> watches;
   struct Reactor : Oro::Notifiee {
     std::function<void(Oro::AttrId, const void*)> fn;
     void onAttributeKey(Oro::AttrId a, const void* k) override { fn(a, k); }
   };
-  std::function<void(MvpnGroup*)> watchGroup = [&](MvpnGroup* g) {
-    auto r = std::make_unique<Reactor>();
-    r->fn = [&](Oro::AttrId a, const void*) { levels.insert(a == MvpnGroup::sharedTreeAttr ? "sharedTree" : "sourceTree"); };
-    r->notifierIs(g);
-    watches[g] = std::move(r);
+  std::map<const void*, std::unique_ptr<Reactor>> watches;
+  auto watch = [&](Oro::Entity* e, std::function<void(Oro::AttrId, const void*)> fn) {
+    if (!e || watches.count(e)) return;
+    auto& r = watches[e] = std::make_unique<Reactor>();
+    r->fn = std::move(fn);
+    r->notifierIs(e);
   };
-  std::function<void(MvpnVrfRouteStatus*)> watchVrf = [&](MvpnVrfRouteStatus* v) {
-    auto r = std::make_unique<Reactor>();
-    r->fn = [&, v](Oro::AttrId a, const void* k) {
-      levels.insert(a == MvpnVrfRouteStatus::mvpnRouteAttr ? "route" : "group");
-      if (a == MvpnVrfRouteStatus::mvpnGroupAttr) {
-        if (auto g = v->mvpnGroup(*static_cast<const IpGenAddr*>(k)); g && !watches.count(g.get())) watchGroup(g.get());
-      }
-    };
-    r->notifierIs(v);
-    watches[v] = std::move(r);
+  auto onGroup = [&](Oro::AttrId a, const void*) {
+    levels.insert(a == MvpnGroup::sharedTreeAttr ? "sharedTree" : "sourceTree");
   };
   Oro::KeyReactor<VrfId> onVrf(MvpnRouteStatus::vrfRouteStatusAttr, [&](const VrfId& v) {
     levels.insert("vrf");
     auto vrf = reader->vrfRouteStatus(v);
-    if (vrf && !watches.count(vrf.get())) watchVrf(vrf.get());
+    watch(vrf.get(), [&, vrf = vrf.get()](Oro::AttrId a, const void* k) {
+      levels.insert(a == MvpnVrfRouteStatus::mvpnRouteAttr ? "route" : "group");
+      if (a == MvpnVrfRouteStatus::mvpnGroupAttr) {
+        watch(vrf->mvpnGroup(*static_cast<const IpGenAddr*>(k)).get(), onGroup);
+      }
+    });
     if (v == VrfId(100)) sched.stop();
   });
   onVrf.notifierIs(reader.get());
