@@ -9,6 +9,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 
 #include <fmt/format.h>
@@ -146,6 +147,15 @@ TEST_F(MergeAuditTest, VrfMergeExplainsEveryPrecedenceAndChecksAgainstWriterProc
                 fmt::format("mvpn_merger_phase{{path=\"{}\",phase=\"ready\"}} 1\n", kMerged)),
             std::string::npos)
       << metrics.out;
+  {
+    char file[] = "/tmp/mvpn-merger-metrics-XXXXXX";
+    const int fd = ::mkstemp(file);
+    EXPECT_EQ(::write(fd, metrics.out.data(), metrics.out.size()),
+              static_cast<ssize_t>(metrics.out.size()));
+    ::close(fd);
+    EXPECT_EQ(std::system(fmt::format("promtool check metrics < {} > /dev/null", file).c_str()), 0);
+    ::unlink(file);
+  }
   EXPECT_NE(metrics.out.find(fmt::format("mvpn_merger_input_keys{{path=\"{}\",stream=\"3\","
                                          "input=\"staticEvpnVrfStatus\"}} 8\n",
                                          kMerged)),
