@@ -153,8 +153,9 @@ class VrfAudit : public MergeAudit {
                  [mask](size_t stream) { return (mask >> stream) & 1; }));
       if (!want || !(*want == it.value())) c.recheck.push_back([&judge, v] { return judge(v); });
     }
-    for (const auto& [v, mask] : lists) {
-      if (!(mask & kInMerged)) c.recheck.push_back([&judge, v] { return judge(VrfId(v)); });
+    for (const auto& entry : lists) {
+      const VrfId v(entry.first);
+      if (!(entry.second & kInMerged)) c.recheck.push_back([&judge, v] { return judge(v); });
     }
     c.finish(r);
     return r;

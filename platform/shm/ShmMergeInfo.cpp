@@ -79,7 +79,7 @@ bool loadDescription(const MergeInfo& m, ShmMergeDescription& d, uint64_t& epoch
 std::string shmShortCount(uint64_t n) {
   if (n < 10'000) return std::to_string(n);
   if (n < 1'000'000) return fmt::format("{}k", n / 1000);
-  if (n < 10'000'000) return fmt::format("{:.1f}M", double(n / 100'000) / 10);
+  if (n < 10'000'000) return fmt::format("{}.{}M", n / 1'000'000, n / 100'000 % 10);
   return fmt::format("{}M", n / 1'000'000);
 }
 
