@@ -762,11 +762,23 @@ void ShmStore::startBell() {
   }
 }
 
+namespace {
+// The names in the namespace's directory that start with `prefix`: the segments of one store
+// instance ("<store>@<instance>.") or of every instance at a path ("<store>@").
+std::vector<std::string> entriesStartingWith(const std::string& prefix) {
+  std::vector<std::string> out;
+  for (const std::string& n : shmNamespaceEntries()) {
+    if (n.compare(0, prefix.size(), prefix) == 0) out.push_back(n);
+  }
+  return out;
+}
+}  // namespace
+
 void ShmStore::unlinkInstance() const {
   if (instance_ == 0) return;
-  const std::string prefix = shmStoreSegmentName(mountPath_, instance_, "").substr(1);
-  for (const std::string& n : shmNamespaceEntries()) {
-    if (n.compare(0, prefix.size(), prefix) == 0) ShmSegment::unlink("/" + n);
+  for (const std::string& n :
+       entriesStartingWith(shmStoreSegmentName(mountPath_, instance_, "").substr(1))) {
+    ShmSegment::unlink("/" + n);
   }
 }
 
@@ -789,14 +801,11 @@ void ShmStore::retire(ShmSegment& old) {
 // Removes segments of this store's path that the store does not use: another instance's
 // (replaced or half-created stores) and this instance's that a dead writer left behind.
 void ShmStore::cleanLeftovers() const {
-  const std::string path = shmStoreName(mountPath_).substr(1);
   const std::string mine = shmStoreSegmentName(mountPath_, instance_, "").substr(1);
   std::vector<std::string> inUse;
   for (const auto& c : colls_) c->suffixesInUse(inUse);
   for (uint32_t n = 0; n < blobs_->chunks.size(); ++n) inUse.push_back(fmt::format("b{}", n));
-  for (const std::string& n : shmNamespaceEntries()) {
-    if (n.size() <= path.size() || n.compare(0, path.size(), path) != 0 || n[path.size()] != '@')
-      continue;
+  for (const std::string& n : entriesStartingWith(shmStoreName(mountPath_).substr(1) + "@")) {
     if (n.compare(0, mine.size(), mine) == 0) {
       const std::string suffix = n.substr(mine.size());
       if (std::find(inUse.begin(), inUse.end(), suffix) != inUse.end() || suffix == "bell")
@@ -809,13 +818,7 @@ void ShmStore::cleanLeftovers() const {
 size_t ShmStore::remove(const std::string& mountPath) {
   const std::string name = shmStoreName(mountPath);
   const std::string prefix = name.substr(1) + "@";
-  auto leftovers = [&] {
-    std::vector<std::string> out;
-    for (const std::string& n : shmNamespaceEntries()) {
-      if (n.compare(0, prefix.size(), prefix) == 0) out.push_back(n);
-    }
-    return out;
-  };
+  auto leftovers = [&] { return entriesStartingWith(prefix); };
   // A writer creating a store builds it under its own instance and a locked temporary header:
   // those segments are alive and stay.
   auto creating = [&](const std::vector<std::string>& names) {
