@@ -36,6 +36,9 @@ class MergeMachine<Derived, D, std::tuple<ArgPtrs...>, std::tuple<InputSms...>> 
 
  public:
   // Argument I (in D.args order) and input machine I (null before initialisation).
+  // The machine's record in its output store outlives it: it says the machine is gone.
+  ~MergeMachine() override { recordStopped(); }
+
   template <size_t I>
   auto* arg() const {
     return std::get<I>(args_).get();

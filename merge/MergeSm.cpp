@@ -85,6 +85,11 @@ void MergeSm::recordState() {
   recorder_->stateIs(out->store(), bits);
 }
 
+void MergeSm::recordStopped() {
+  Oro::ShmBinding* out = recorder_ ? outputBinding() : nullptr;
+  if (out) recorder_->stateIs(out->store(), recorder_->state() | Oro::ShmLayout::kMergeStopped);
+}
+
 void MergeSm::scanProgressIs(size_t stream, uint64_t scanned, uint64_t total) {
   Oro::ShmBinding* out = recorder_ ? outputBinding() : nullptr;
   if (out) recorder_->streamProgressIs(out->store(), static_cast<uint32_t>(stream), scanned, total);

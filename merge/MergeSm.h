@@ -79,6 +79,9 @@ class MergeSm : public Oro::Entity {
   void scanProgressIs(size_t stream, uint64_t scanned, uint64_t total);
   void reconcileProgressIs(size_t output, uint64_t walked, uint64_t total, uint64_t deleted);
 
+  // The machine goes away (its output store may stay with its writer): its record says so.
+  void recordStopped();
+
   void handleInitialized();
   void handleInitialScanDone();
   void handleIdle();

@@ -207,6 +207,7 @@ inline constexpr uint32_t kMergeRuleBytes = 192;
 inline constexpr uint32_t kMergeInitialized = 1;
 inline constexpr uint32_t kMergeInitialScanDone = 2;
 inline constexpr uint32_t kMergeReady = 4;
+inline constexpr uint32_t kMergeStopped = 8;  // the machine is gone; its writer may live on
 inline constexpr uint32_t mergeOutputReady(uint32_t output) {
   return 1u << (8 + output);
 }

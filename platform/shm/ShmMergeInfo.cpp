@@ -84,7 +84,7 @@ std::string shmShortCount(uint64_t n) {
 }
 
 std::string_view ShmMergeState::phase() const {
-  if (!running) return "not running";
+  if (!running || (bits & kMergeStopped)) return "not running";
   if (!initialized()) return "starting";
   if (!initialScanDone()) return "initial scan";
   if (ready()) return "ready";

@@ -48,7 +48,9 @@ struct ShmMergeState {
 
   bool initialized() const { return bits & ShmLayout::kMergeInitialized; }
   bool initialScanDone() const { return bits & ShmLayout::kMergeInitialScanDone; }
-  bool ready() const { return running && (bits & ShmLayout::kMergeReady); }
+  bool ready() const {
+    return running && (bits & ShmLayout::kMergeReady) && !(bits & ShmLayout::kMergeStopped);
+  }
   bool streamScanned(uint32_t s) const { return bits & ShmLayout::mergeStreamScanned(s); }
   bool streamDamaged(uint32_t s) const { return bits & ShmLayout::mergeStreamDamaged(s); }
   bool outputReady(uint32_t o) const { return bits & ShmLayout::mergeOutputReady(o); }
@@ -76,6 +78,7 @@ class ShmMergeRecorder {
 
   // Writes the state bits (waking readers when they changed) into `store`.
   void stateIs(ShmStore& store, uint32_t bits);
+  uint32_t state() const { return bits_; }
   void streamProgressIs(ShmStore& store, uint32_t stream, uint64_t done, uint64_t total);
   void outputProgressIs(ShmStore& store, uint32_t output, const ShmMergeProgress& p);
   const ShmMergeDescription& desc() const { return desc_; }

@@ -258,6 +258,12 @@ TEST_F(MergeAuditTest, EncapMergeExplainsAndChecksBothCollections) {
   EXPECT_NE(check.out.find("2 inconsistent"), std::string::npos) << check.out;
   EXPECT_NE(check.out.find("    differs encapTunnel 7 " + r1), std::string::npos) << check.out;
   EXPECT_NE(check.out.find("    empty vrfStatus 9"), std::string::npos) << check.out;
+
+  // The machine goes, its writer stays: nobody keeps the merged status up to date any more.
+  rig.sm = nullptr;
+  EXPECT_EQ(Oro::shmStoreInfo(merged).merge->phase(), "not running");
+  check = mvpnstat("check " + merged);
+  EXPECT_NE(check.out.find("not ready (not running)"), std::string::npos) << check.out;
 }
 
 }  // namespace
