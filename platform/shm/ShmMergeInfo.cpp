@@ -175,17 +175,14 @@ MergeInfo* ShmMergeRecorder::record(ShmStore& store) {
   for (MergeProgressCell& c : m->stream) c.done = c.total = c.deleted = 0;
   for (MergeProgressCell& c : m->output) c.done = c.total = c.deleted = 0;
   m->seq.store((seq | 1) + 1, std::memory_order_release);
+  store.publishControl();  // readers see a new record, whatever state it starts in
   return m;
 }
 
 void ShmMergeRecorder::stateIs(ShmStore& store, uint32_t bits) {
-  const bool changed = bits != bits_;
   bits_ = bits;
   MergeInfo* m = record(store);
-  if (!m) return;
-  if (m->state.exchange(bits, std::memory_order_release) != bits || changed) {
-    store.publishControl();
-  }
+  if (m && m->state.exchange(bits, std::memory_order_release) != bits) store.publishControl();
 }
 
 void ShmMergeRecorder::streamProgressIs(ShmStore& store, uint32_t stream, uint64_t done,
