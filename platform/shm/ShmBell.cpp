@@ -163,14 +163,7 @@ class Watcher {
       const ssize_t n = ::recv(it->second.fd, &wake, sizeof wake, MSG_DONTWAIT);
       if (n == static_cast<ssize_t>(sizeof wake)) {
         s.rings.fetch_add(1, std::memory_order_relaxed);
-        // Record the registration unless an older one is pending (any wake-up wakes every
-        // sleeper, and the older value makes the writer wake sooner, not later).
-        uint64_t expected = 0;
-        s.pending.compare_exchange_strong(expected, ShmBellServer::kRegistered | wake,
-                                          std::memory_order_seq_cst);
-        if (s.wakeWord->load(std::memory_order_seq_cst) != wake) {
-          futexWake(s.wakeWord, INT_MAX, /*shared=*/true);
-        }
+        if (s.record(wake)) futexWake(s.wakeWord, INT_MAX, /*shared=*/true);
         continue;
       }
       if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return;
@@ -245,10 +238,19 @@ ShmBellServer::~ShmBellServer() {
   futexWake(word, INT_MAX, /*shared=*/true);
 }
 
+// A registration always replaces the recorded one. Keeping the older value instead loses the
+// newer sleeper when the writer, already waking for the older value, clears the word just
+// before that sleeper falls asleep. Nobody behind the replaced registration loses anything:
+// if the word moved off its value they are woken here, and if not, the word now differs from
+// one of the two values, so they are woken here or at the writer's next publication.
+bool ShmBellServer::State::record(uint32_t wake) {
+  const uint64_t old = pending.exchange(kRegistered | wake, std::memory_order_seq_cst);
+  const uint32_t now = wakeWord->load(std::memory_order_seq_cst);
+  return now != wake || (old != 0 && static_cast<uint32_t>(old) != now);
+}
+
 void ShmBellServer::wake(uint64_t seen) {
-  // Clear the registration we saw (a newer one recorded meanwhile stays for the next
-  // publication: it may be for the value just published), then wake every sleeper.
-  state_->pending.compare_exchange_strong(seen, 0, std::memory_order_seq_cst);
+  state_->claim(seen);
   state_->wakes.fetch_add(1, std::memory_order_relaxed);
   futexWake(state_->wakeWord, INT_MAX, /*shared=*/true);
 }

@@ -11,7 +11,7 @@
 // wakes (and clears it) when a registration for an older value is there.
 //
 // No lost wake-up: the writer advances the wake word, then reads the pending word; the watcher
-// records the registration, then reads the wake word and wakes itself when it changed (both
+// records the registration (replacing any recorded one), then reads the wake word and wakes itself when it changed (both
 // sides sequentially consistent). A reader never writes shared memory: one reader cannot
 // silence, stop or slow another by scribbling, and a reader that dies while asleep costs the
 // writer at most one futex_wake.
@@ -44,20 +44,34 @@ class ShmBellServer {
 
   // Called by the writer after advancing the wake word to `now`.
   void afterPublish(uint32_t now) {
-    const uint64_t p = state_->pending.load(std::memory_order_seq_cst);
-    if (p != 0 && static_cast<uint32_t>(p) != now) wake(p);
+    if (const uint64_t p = state_->due(now)) wake(p);
   }
   // Wake-ups made by afterPublish (for tests and benchmarks).
   uint64_t wakes() const { return state_->wakes.load(std::memory_order_relaxed); }
   // Registrations received.
   uint64_t rings() const { return state_->rings.load(std::memory_order_relaxed); }
 
+  // The registration word shared by the writer and the watcher. Invariant: once a reader's
+  // registration for value v is recorded, pending holds a value other than the wake word's
+  // next one until the writer has woken every sleeper after moving the word off v.
   struct State {
     std::atomic<uint64_t> pending{0};  // kRegistered | wake value, or 0
     const std::atomic<uint32_t>* wakeWord = nullptr;
     std::atomic<uint64_t> wakes{0};
     std::atomic<uint64_t> rings{0};
     int listenFd = -1;
+
+    // Watcher: records a registration for `wake`; true when sleepers must be woken at once
+    // (the word moved already, for this one or for the registration it displaced).
+    bool record(uint32_t wake);
+    // Writer, the word now at `now`: the registration to claim (0: nobody needs waking).
+    uint64_t due(uint32_t now) const {
+      const uint64_t p = pending.load(std::memory_order_seq_cst);
+      return p != 0 && static_cast<uint32_t>(p) != now ? p : 0;
+    }
+    // Writer: drops the registration `seen` that it is about to wake for, unless a newer one
+    // replaced it meanwhile (that one may be for the value just published and must stay).
+    void claim(uint64_t seen) { pending.compare_exchange_strong(seen, 0, std::memory_order_seq_cst); }
   };
   static constexpr uint64_t kRegistered = uint64_t{1} << 32;
 

@@ -256,6 +256,30 @@ TEST_F(ShmReliabilityTest, AReaderThatDiesAsleepCostsTheWriterOneWakeUpAtMost) {
   EXPECT_LE(w.store().bellWakes() - before, 1u);
 }
 
+// The doorbell's registration word, driven step by step through the interleaving that once
+// lost a sleeper: the writer, waking for an older registration, clears the word just after a
+// newer reader registered for the value it has just published.
+TEST(ShmBellTest, ARegistrationArrivingWhileTheWriterWakesForAnOlderOneIsKept) {
+  std::atomic<uint32_t> word{5};
+  Oro::ShmBellServer::State s;
+  s.wakeWord = &word;
+  EXPECT_FALSE(s.record(5));  // reader A sleeps on 5
+  EXPECT_EQ(s.due(5), 0u);
+  word = 6;                   // the writer publishes...
+  const uint64_t seen = s.due(6);
+  ASSERT_NE(seen, 0u);        // ...and is about to wake A
+  (void)s.record(6);          // reader B registers for 6 and falls asleep after the wake-up
+  s.claim(seen);
+  word = 7;
+  ASSERT_NE(s.due(7), 0u) << "B would sleep through every later publication";
+  s.claim(s.due(7));
+  // A stale registration (for a value the word has left) wakes at once and still leaves a
+  // registration for the next publication to wake those asleep on the present value.
+  EXPECT_FALSE(s.record(7));
+  EXPECT_TRUE(s.record(6));
+  EXPECT_NE(s.due(7), 0u);
+}
+
 // A reader that goes to sleep while its writer is dead finds no doorbell to ring; the next
 // writer, taking the store over, wakes it without being asked.
 TEST_F(ShmReliabilityTest, AReaderAsleepWithoutWriterIsWokenByTheNextOne) {
