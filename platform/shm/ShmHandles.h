@@ -240,7 +240,7 @@ class ShmValues : public ShmHandleBase {
     binding_->assertWritable();
     ShmStore& s = binding_->store();
     uint32_t words[ShmStore::kMaxRecordWords];
-    std::memset(words, 0, sizeof words);
+    std::memset(words, 0, 4 * size_t{s.recordWords(kColl)});
     shmKeyImage(s, kColl, parent_, key, words);
     Traits::writeValue(r, reinterpret_cast<std::byte*>(words + s.keyWords(kColl)));
     std::string_view blob;
@@ -516,7 +516,7 @@ class ShmEntities : public ShmHandleBase {
     binding_->assertWritable();
     ShmStore& s = binding_->store();
     uint32_t words[ShmStore::kMaxRecordWords];
-    std::memset(words, 0, sizeof words);
+    std::memset(words, 0, 4 * size_t{s.recordWords(kColl)});
     shmKeyImage(s, kColl, parent_, key, words);
     s.put(kColl, words, {});
     const uint64_t ref = s.refOf(kColl, s.find(kColl, words, nullptr));
