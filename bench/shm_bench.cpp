@@ -10,6 +10,7 @@
 //  - an integrity check of a 1M-record store (flat, and the 1M-source tree) vs a walk of every
 //    record of the same store through the engine's reader API.
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
@@ -157,7 +158,7 @@ void BM_WriterWithReaders(benchmark::State& state) {
   const int readers = static_cast<int>(state.range(0));
   const bool following = state.range(1) != 0;
   constexpr uint32_t kWrites = 1000000;
-  double cpu = 0, wall = 0;
+  double cpu = 0, wall = 0, switches = 0, sysMs = 0;
   for (auto _ : state) {
     auto s = Routing::Multicast::mvpnVrfStatusFactory("bgp");
     s->mount(Oro::ShmAttach{"bench/readers", Oro::ShmRole::writer, nullptr, 0600, 65536});
@@ -190,10 +191,16 @@ void BM_WriterWithReaders(benchmark::State& state) {
       char c;
       (void)!::read(ready[0], &c, 1);
     }
+    rusage u0{}, u1{};
+    ::getrusage(RUSAGE_THREAD, &u0);
     const double c0 = threadCpuMs();
     const uint64_t t0 = nowNs();
     for (uint32_t k = 1; k <= kWrites; ++k) s->mvpnVrfIs(MvpnVrf(VrfId(k), MvpnClient::evpn_));
     cpu += threadCpuMs() - c0;
+    ::getrusage(RUSAGE_THREAD, &u1);
+    switches += static_cast<double>(u1.ru_nivcsw - u0.ru_nivcsw);
+    sysMs += static_cast<double>((u1.ru_stime.tv_sec - u0.ru_stime.tv_sec) * 1000000 +
+                                 (u1.ru_stime.tv_usec - u0.ru_stime.tv_usec)) / 1000.0;
     wall += static_cast<double>(nowNs() - t0) / 1e6;
     for (pid_t c : children) {
       if (!following) ::kill(c, SIGKILL);
@@ -207,6 +214,8 @@ void BM_WriterWithReaders(benchmark::State& state) {
   }
   state.counters["writer_cpu_ms"] = cpu / static_cast<double>(state.iterations());
   state.counters["wall_ms"] = wall / static_cast<double>(state.iterations());
+  state.counters["preempted"] = switches / static_cast<double>(state.iterations());
+  state.counters["writer_sys_ms"] = sysMs / static_cast<double>(state.iterations());
 }
 BENCHMARK(BM_WriterWithReaders)
     ->Args({0, 0})->Args({1, 1})->Args({1, 0})->Args({16, 1})->Args({16, 0})

@@ -97,7 +97,8 @@ class Watcher {
     epfd_ = ::epoll_create1(EPOLL_CLOEXEC);
     stopFd_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     if (epfd_ < 0 || stopFd_ < 0) {
-      throw ShmException(fmt::format("cannot start the doorbell watcher: {}", std::strerror(errno)));
+      throw ShmException(
+          fmt::format("cannot start the doorbell watcher: {}", std::strerror(errno)));
     }
     epoll_event ev{};
     ev.events = EPOLLIN;

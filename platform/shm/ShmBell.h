@@ -11,10 +11,10 @@
 // wakes (and clears it) when a registration for an older value is there.
 //
 // No lost wake-up: the writer advances the wake word, then reads the pending word; the watcher
-// records the registration (replacing any recorded one), then reads the wake word and wakes itself when it changed (both
-// sides sequentially consistent). A reader never writes shared memory: one reader cannot
-// silence, stop or slow another by scribbling, and a reader that dies while asleep costs the
-// writer at most one futex_wake.
+// records the registration (replacing any recorded one), then reads the wake word and wakes itself
+// when it changed (both sides sequentially consistent). A reader never writes shared memory: one
+// reader cannot silence, stop or slow another by scribbling, and a reader that dies while asleep
+// costs the writer at most one futex_wake.
 //
 // Writer side: ShmBellServer (one per store, served by one watcher thread per process, started
 // with the first and stopped with the last). Reader side: ShmBellClient (one per store reader).
@@ -71,7 +71,9 @@ class ShmBellServer {
     }
     // Writer: drops the registration `seen` that it is about to wake for, unless a newer one
     // replaced it meanwhile (that one may be for the value just published and must stay).
-    void claim(uint64_t seen) { pending.compare_exchange_strong(seen, 0, std::memory_order_seq_cst); }
+    void claim(uint64_t seen) {
+      pending.compare_exchange_strong(seen, 0, std::memory_order_seq_cst);
+    }
   };
   static constexpr uint64_t kRegistered = uint64_t{1} << 32;
 

@@ -265,10 +265,10 @@ TEST(ShmBellTest, ARegistrationArrivingWhileTheWriterWakesForAnOlderOneIsKept) {
   s.wakeWord = &word;
   EXPECT_FALSE(s.record(5));  // reader A sleeps on 5
   EXPECT_EQ(s.due(5), 0u);
-  word = 6;                   // the writer publishes...
+  word = 6;  // the writer publishes...
   const uint64_t seen = s.due(6);
-  ASSERT_NE(seen, 0u);        // ...and is about to wake A
-  (void)s.record(6);          // reader B registers for 6 and falls asleep after the wake-up
+  ASSERT_NE(seen, 0u);  // ...and is about to wake A
+  (void)s.record(6);    // reader B registers for 6 and falls asleep after the wake-up
   s.claim(seen);
   word = 7;
   ASSERT_NE(s.due(7), 0u) << "B would sleep through every later publication";
