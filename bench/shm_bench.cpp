@@ -18,9 +18,9 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <climits>
 #include <functional>
 #include <string>
-#include <climits>
 #include <vector>
 
 #include <absl/container/flat_hash_map.h>
@@ -200,7 +200,8 @@ void BM_WriterWithReaders(benchmark::State& state) {
     ::getrusage(RUSAGE_THREAD, &u1);
     switches += static_cast<double>(u1.ru_nivcsw - u0.ru_nivcsw);
     sysMs += static_cast<double>((u1.ru_stime.tv_sec - u0.ru_stime.tv_sec) * 1000000 +
-                                 (u1.ru_stime.tv_usec - u0.ru_stime.tv_usec)) / 1000.0;
+                                 (u1.ru_stime.tv_usec - u0.ru_stime.tv_usec)) /
+             1000.0;
     wall += static_cast<double>(nowNs() - t0) / 1e6;
     for (pid_t c : children) {
       if (!following) ::kill(c, SIGKILL);
@@ -218,8 +219,14 @@ void BM_WriterWithReaders(benchmark::State& state) {
   state.counters["writer_sys_ms"] = sysMs / static_cast<double>(state.iterations());
 }
 BENCHMARK(BM_WriterWithReaders)
-    ->Args({0, 0})->Args({1, 1})->Args({1, 0})->Args({16, 1})->Args({16, 0})
-    ->Iterations(2)->Unit(benchmark::kMillisecond)->UseRealTime();
+    ->Args({0, 0})
+    ->Args({1, 1})
+    ->Args({1, 0})
+    ->Args({16, 1})
+    ->Args({16, 0})
+    ->Iterations(2)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
 
 void reportLatencies(benchmark::State& state, std::vector<uint64_t>& halfTrips) {
   std::sort(halfTrips.begin(), halfTrips.end());
@@ -266,7 +273,8 @@ void BM_TableNotificationLatency(benchmark::State& state) {
                   if (k == expect && back->find(k)) sched.stop();
                 }});
     back = &reader;
-    for (int attempt = 0; attempt < 1000 && !Oro::ShmSegment::exists(Oro::shmStoreName("bench/pong")); ++attempt) {
+    for (int attempt = 0;
+         attempt < 1000 && !Oro::ShmSegment::exists(Oro::shmStoreName("bench/pong")); ++attempt) {
       ::usleep(1000);
     }
     reader.attach(Oro::ShmAttach{"bench/pong", Oro::ShmRole::reader, &sched});
@@ -409,8 +417,9 @@ void fillTree(MvpnRouteStatus& root) {
     auto vrf = root.vrfRouteStatusIs(VrfId(v));
     for (uint32_t g = 0; g < kGroups; ++g) {
       for (uint32_t s = 0; s < kSources; ++s) {
-        vrf->mvpnSourceIs(v4(0xef000000 + g), v4(0x0a000000 + s), Nevo::IpGenPrefix(v4(0x0a000000), 24),
-                          s % 2 == 0, MvpnSource::SourceFlags(2));
+        vrf->mvpnSourceIs(v4(0xef000000 + g), v4(0x0a000000 + s),
+                          Nevo::IpGenPrefix(v4(0x0a000000), 24), s % 2 == 0,
+                          MvpnSource::SourceFlags(2));
       }
     }
   }
@@ -439,13 +448,18 @@ BENCHMARK(BM_MvpnSourceIs1M)->Unit(benchmark::kMillisecond)->Iterations(2);
 // The same sources into nested process-local hash maps: VRF -> group -> source -> record.
 void BM_NestedHashMapSources1M(benchmark::State& state) {
   for (auto _ : state) {
-    absl::flat_hash_map<uint32_t, absl::flat_hash_map<Nevo::IpGenAddr, std::pair<absl::flat_hash_map<Nevo::IpGenAddr, MvpnSource>, absl::flat_hash_map<Nevo::IpGenAddr, MvpnSource>>>> tree;
+    absl::flat_hash_map<
+        uint32_t, absl::flat_hash_map<Nevo::IpGenAddr,
+                                      std::pair<absl::flat_hash_map<Nevo::IpGenAddr, MvpnSource>,
+                                                absl::flat_hash_map<Nevo::IpGenAddr, MvpnSource>>>>
+        tree;
     for (uint32_t v = 0; v < kVrfs; ++v) {
       auto& vrf = tree[v];
       for (uint32_t g = 0; g < kGroups; ++g) {
         for (uint32_t s = 0; s < kSources; ++s) {
           auto& group = vrf[v4(0xef000000 + g)];
-          const MvpnSource rec(v4(0x0a000000 + s), Nevo::IpGenPrefix(v4(0x0a000000), 24), MvpnSource::SourceFlags(2));
+          const MvpnSource rec(v4(0x0a000000 + s), Nevo::IpGenPrefix(v4(0x0a000000), 24),
+                               MvpnSource::SourceFlags(2));
           (s % 2 == 0 ? group.first : group.second)[rec.source()] = rec;
         }
       }
