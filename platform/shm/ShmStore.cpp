@@ -94,6 +94,40 @@ bool sameFile(int fd, const std::string& name) {
   return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
 }
 
+// Opens a store's header read-write and takes its write lock, as its writer and the remover
+// must before touching it. `deniedWhat` ("open ... for writing") and `liveWhat` complete the
+// permission and live-writer messages. *fd is set when opened; absent: no header; replaced: the
+// header was replaced after it was opened (look again).
+enum class HeaderOpen : uint8_t { opened, absent, replaced };
+
+HeaderOpen openHeaderLocked(const std::string& name, const std::string& mountPath,
+                            const char* deniedWhat, const char* liveWhat, int* fd) {
+  *fd = ::shm_open(name.c_str(), O_RDWR | O_CLOEXEC, 0);
+  if (*fd < 0) {
+    const int err = errno;
+    if (err == EACCES || err == EPERM) {
+      throw ShmPermissionException(fmt::format("permission denied: cannot {}",
+                                               fmt::format(fmt::runtime(deniedWhat), mountPath)));
+    }
+    if (err != ENOENT) {
+      throw ShmException(
+          fmt::format("cannot open shared memory store {}: {}", mountPath, std::strerror(err)));
+    }
+    return HeaderOpen::absent;
+  }
+  if (!lockWriter(*fd)) {
+    const uint64_t pid = ownerOf(*fd);
+    ::close(*fd);
+    throw ShmException(
+        fmt::format("shared memory store {} {} a live writer (pid {})", mountPath, liveWhat, pid));
+  }
+  if (!sameFile(*fd, name)) {
+    ::close(*fd);
+    return HeaderOpen::replaced;
+  }
+  return HeaderOpen::opened;
+}
+
 struct Geometry {
   uint32_t ringCap, ringEntryWords, journalWords, journalOffset, ringOffset, bytes;
 };
@@ -667,32 +701,14 @@ ShmStore ShmStore::openWriter(const std::string& mountPath, const ShmStoreSchema
     return s;
   };
   for (int attempt = 0; attempt < kOpenAttempts; ++attempt) {
-    const int fd = ::shm_open(name.c_str(), O_RDWR | O_CLOEXEC, 0);
-    if (fd < 0) {
-      const int err = errno;
-      if (err == EACCES || err == EPERM) {
-        throw ShmPermissionException(
-            fmt::format("permission denied: cannot open shared memory "
-                        "store {} for writing",
-                        mountPath));
-      }
-      if (err != ENOENT) {
-        throw ShmException(
-            fmt::format("cannot open shared memory store {}: {}", mountPath, std::strerror(err)));
-      }
+    int fd = -1;
+    const HeaderOpen opened = openHeaderLocked(
+        name, mountPath, "open shared memory store {} for writing", "already has", &fd);
+    if (opened == HeaderOpen::absent) {
       if (std::optional<ShmStore> s = create(/*replace=*/false)) return std::move(*s);
       continue;  // someone else created it meanwhile
     }
-    if (!lockWriter(fd)) {
-      const uint64_t pid = ownerOf(fd);
-      ::close(fd);
-      throw ShmException(
-          fmt::format("shared memory store {} already has a live writer (pid {})", mountPath, pid));
-    }
-    if (!sameFile(fd, name)) {
-      ::close(fd);  // replaced after we opened it: try the one there now
-      continue;
-    }
+    if (opened == HeaderOpen::replaced) continue;  // try the one there now
     // The store is ours: take it over, or build it anew when it is damaged.
     ShmStore s;
     s.mountPath_ = mountPath;
@@ -845,33 +861,17 @@ size_t ShmStore::remove(const std::string& mountPath) {
     return removed;
   };
   for (int attempt = 0; attempt < kOpenAttempts; ++attempt) {
-    const int fd = ::shm_open(name.c_str(), O_RDWR | O_CLOEXEC, 0);
-    if (fd < 0) {
-      const int err = errno;
-      if (err == EACCES || err == EPERM) {
-        throw ShmPermissionException(
-            fmt::format("permission denied: cannot remove shared memory store {}", mountPath));
-      }
-      if (err != ENOENT) {
-        throw ShmException(
-            fmt::format("cannot open shared memory store {}: {}", mountPath, std::strerror(err)));
-      }
+    int fd = -1;
+    const HeaderOpen opened =
+        openHeaderLocked(name, mountPath, "remove shared memory store {}", "has", &fd);
+    if (opened == HeaderOpen::absent) {
       // No header: only what writers that died while creating it left behind.
       const size_t removed = unlinkDead(leftovers());
       if (removed == 0) throw ShmException(fmt::format("no shared memory store at {}", mountPath));
       return removed;
     }
+    if (opened == HeaderOpen::replaced) continue;  // look at the one there now
     // Holding the write lock, nobody can take the store over while it is taken apart.
-    if (!lockWriter(fd)) {
-      const uint64_t pid = ownerOf(fd);
-      ::close(fd);
-      throw ShmException(
-          fmt::format("shared memory store {} has a live writer (pid {})", mountPath, pid));
-    }
-    if (!sameFile(fd, name)) {
-      ::close(fd);  // replaced after we opened it: look at the one there now
-      continue;
-    }
     // The lock lasts as long as the descriptor, which the mapping keeps until the end.
     struct stat st {};
     const size_t bytes = ::fstat(fd, &st) == 0 ? static_cast<size_t>(st.st_size) : 0;
