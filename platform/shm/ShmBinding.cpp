@@ -90,8 +90,9 @@ void ShmBinding::attach(const ShmAttach& how) {
     ShmStore fresh = ShmStore::openWriter(how.mountPath, schema_, how.mode, how.ringCapacity);
     std::vector<std::tuple<uint32_t, uint64_t, uint64_t>> moves;
     try {
-      fresh.copyFrom(store_, /*announce=*/true,
-                     [&](uint32_t c, uint64_t from, uint64_t to) { moves.emplace_back(c, from, to); });
+      fresh.copyFrom(store_, /*announce=*/true, [&](uint32_t c, uint64_t from, uint64_t to) {
+        moves.emplace_back(c, from, to);
+      });
     } catch (...) {
       fresh.releaseOwnership();
       throw;
@@ -129,8 +130,9 @@ void ShmBinding::detach() {
   ShmStore local = ShmStore::detached(schema_);
   std::vector<std::tuple<uint32_t, uint64_t, uint64_t>> moves;
   try {
-    local.copyFrom(store_, /*announce=*/false,
-                   [&](uint32_t c, uint64_t from, uint64_t to) { moves.emplace_back(c, from, to); });
+    local.copyFrom(store_, /*announce=*/false, [&](uint32_t c, uint64_t from, uint64_t to) {
+      moves.emplace_back(c, from, to);
+    });
   } catch (const ShmCorruptionException& e) {
     handleCorruption(e.what());
   }
@@ -168,7 +170,7 @@ void ShmBinding::handleCorruption(const std::string& message) const {
 
 // ---- reader ---------------------------------------------------------------------------------
 
-void ShmBinding::deliverKey(uint32_t c, const uint32_t* keyWords) {
+void ShmBinding::deliverKey(uint32_t c, const uint32_t* keyWords, uint32_t slot, uint32_t seq) {
   if (c >= top_.size()) return;
   ShmHandleBase* h = nullptr;
   const uint32_t parent = schema_.collections[c].parent;
@@ -180,7 +182,7 @@ void ShmBinding::deliverKey(uint32_t c, const uint32_t* keyWords) {
     const uint64_t ref = uint64_t{keyWords[1]} << 32 | keyWords[0];
     if (ShmNode* n = node(parent, ref)) h = n->childHandle(c);
   }
-  if (h) h->deliver(keyWords);
+  if (h) h->deliver(keyWords, slot, seq);
 }
 
 void ShmBinding::resyncKeys(ShmResync& out) {
@@ -204,8 +206,7 @@ void ShmBinding::readerFailed(const std::string& message, bool replaced) {
   if (!scheduler_) return;
   // Look again for a store republished by its writer: at once after a replacement, else after
   // a pause that doubles up to a second while the store stays damaged.
-  retry_ = replaced ? std::chrono::milliseconds{0}
-                    : std::clamp(retry_ * 2, kFirstRetry, kMaxRetry);
+  retry_ = replaced ? std::chrono::milliseconds{0} : std::clamp(retry_ * 2, kFirstRetry, kMaxRetry);
   std::weak_ptr<bool> alive = alive_;
   retryTimer_ = scheduler_->timerIs(retry_, [this, alive] {
     if (auto a = alive.lock(); a && *a) {

@@ -71,7 +71,8 @@ class ShmHandleBase {
   bool departed() const { return departed_; }
 
   // Reader: a key of this handle changed (its key image, parent reference included).
-  virtual void deliver(const uint32_t* keyWords) = 0;
+  // `slot` and `seq`: where a walk found the key present, or kNoSlot (see ShmResync::add).
+  virtual void deliver(const uint32_t* keyWords, uint32_t slot, uint32_t seq) = 0;
   // Reader: every key present now plus every key reported before.
   virtual void resync(ShmResync& out) = 0;
   // The entity owning this handle leaves its store: keep its members in process memory (the
@@ -200,7 +201,7 @@ class ShmBinding : private ShmReader::Sink {
 
  private:
   // ShmReader::Sink.
-  void deliverKey(uint32_t c, const uint32_t* keyWords) override;
+  void deliverKey(uint32_t c, const uint32_t* keyWords, uint32_t slot, uint32_t seq) override;
   void resyncKeys(ShmResync& out) override;
   void deliverMountStatus(uint32_t status) override;
   void deliverQuiesced(bool quiesced) override;

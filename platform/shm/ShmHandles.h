@@ -290,11 +290,13 @@ class ShmValues : public ShmHandleBase {
   size_t knownKeys() const { return known_.size(); }
 
   // ---- ShmHandleBase ----
-  void deliver(const uint32_t* keyWords) override {
+  void deliver(const uint32_t* keyWords, uint32_t seenSlot, uint32_t seenSeq) override {
     const ShmStore& s = binding_->store();
     const Key key = shmKeyOf<Key>(s, kColl, keyWords);
     if (parent_ != 0) refreshVersion();
-    if (s.find(kColl, keyWords, nullptr) != ShmStore::kNoSlot) {
+    if (parent_ == 0 && seenSlot != ShmStore::kNoSlot && s.unchanged(kColl, seenSlot, seenSeq)) {
+      // Still where this reader's walk found it, which put it among the known keys.
+    } else if (s.find(kColl, keyWords, nullptr) != ShmStore::kNoSlot) {
       known_.try_emplace(key, mark_);
     } else {
       known_.erase(key);
@@ -306,11 +308,12 @@ class ShmValues : public ShmHandleBase {
     if (departed_) return;
     ++mark_;
     const ShmStore& s = binding_->store();
+    if (parent_ == 0) known_.reserve(known_.size() + s.count(kColl));
     ShmStore::Record rec;
     for (uint32_t slot = firstSlot(walkStart(), &rec); slot != ShmStore::kNoSlot;
          slot = nextSlot(slot, &rec)) {
       known_.insert_or_assign(shmKeyOf<Key>(s, kColl, rec.words), mark_);
-      out.add(kColl, rec.words);
+      out.add(kColl, rec.words, slot, rec.seq);
     }
     uint32_t k[ShmLayout::kMaxKeyBytes / 4];
     for (const auto& [key, mark] : known_) {
@@ -561,7 +564,7 @@ class ShmEntities : public ShmHandleBase {
   size_t proxies() const { return members_.size(); }
 
   // ---- ShmHandleBase ----
-  void deliver(const uint32_t* keyWords) override {
+  void deliver(const uint32_t* keyWords, uint32_t /*seenSlot*/, uint32_t /*seenSeq*/) override {
     ShmStore& s = binding_->store();
     const Key key = shmKeyOf<Key>(s, kColl, keyWords);
     const uint32_t slot = s.find(kColl, keyWords, nullptr);

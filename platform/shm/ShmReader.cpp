@@ -12,6 +12,8 @@ namespace Oro {
 using namespace ShmLayout;
 
 namespace {
+// Words after each queued entry: the slot and sequence word a walk saw the key in.
+constexpr uint32_t kHintWords = 2;
 // A reader that cannot ring the doorbell sleeps at most this long between looks.
 constexpr std::chrono::milliseconds kShortSleep{20};
 
@@ -23,13 +25,15 @@ std::string entryKey(uint32_t c, const uint32_t* keyWords, uint32_t kw) {
 }
 }  // namespace
 
-void ShmResync::add(uint32_t c, const uint32_t* keyWords) {
+void ShmResync::add(uint32_t c, const uint32_t* keyWords, uint32_t slot, uint32_t seq) {
   const uint32_t kw = store->keyWords(c);
   if (skip && !skip->empty() && skip->contains(entryKey(c, keyWords, kw))) return;
   const size_t at = queue->size();
-  queue->resize(at + entryWords, 0);
+  queue->resize(at + entryWords + kHintWords, 0);
   (*queue)[at] = c;
   std::memcpy(queue->data() + at + 1, keyWords, 4 * kw);
+  (*queue)[at + entryWords] = slot;
+  (*queue)[at + entryWords + 1] = seq;
 }
 
 ShmReader::ShmReader(Sink& sink, const ShmStore& store, TaskScheduler* scheduler)
@@ -42,7 +46,7 @@ ShmReader::ShmReader(Sink& sink, const ShmStore& store, TaskScheduler* scheduler
   // after they were made (a key added and removed again in between is still reported).
   attachEpoch_ = store_.epoch();
   tail_ = store_.ringHead();
-  key_.resize(entryWords_);
+  key_.resize(entryWords_ + kHintWords);
   if (scheduler_) scheduler_->waitSourceIs(this);
 }
 
@@ -140,10 +144,12 @@ void ShmReader::drainLog() {
   const uint64_t end = std::min<uint64_t>(head, tail_ + batch_);
   queue_.clear();
   pos_ = 0;
-  queue_.resize((end - tail_) * entryWords_, 0);
+  const uint32_t stride = entryWords_ + kHintWords;
+  queue_.resize((end - tail_) * stride, 0);
   for (uint64_t pos = tail_; pos < end; ++pos) {
-    uint32_t* e = &queue_[(pos - tail_) * entryWords_];
+    uint32_t* e = &queue_[(pos - tail_) * stride];
     e[0] = store_.readRingEntry(pos, e + 1);
+    e[entryWords_] = kNoSlot;
   }
   std::atomic_thread_fence(std::memory_order_acquire);
   // The oldest entry read is intact only while the writer has not come round to it again.
@@ -152,7 +158,8 @@ void ShmReader::drainLog() {
     return;
   }
   for (uint64_t pos = tail_; pos < end; ++pos) {
-    if (queue_[(pos - tail_) * entryWords_] == kNoSlot) store_.corrupt("a change-log entry names no collection");
+    if (queue_[(pos - tail_) * stride] == kNoSlot)
+      store_.corrupt("a change-log entry names no collection");
   }
   tail_ = end;
 }
@@ -204,10 +211,10 @@ void ShmReader::deliver() {
     }
   }
   for (uint32_t n = 0; n < batch_ && queued() && !failed_; ++n) {
-    std::copy_n(&queue_[pos_], entryWords_, key_.data());
-    pos_ += entryWords_;
+    std::copy_n(&queue_[pos_], entryWords_ + kHintWords, key_.data());
+    pos_ += entryWords_ + kHintWords;
     ++delivered_;
-    sink_.deliverKey(key_[0], key_.data() + 1);
+    sink_.deliverKey(key_[0], key_.data() + 1, key_[entryWords_], key_[entryWords_ + 1]);
     if (!*alive) return;
   }
   if (!queued()) {

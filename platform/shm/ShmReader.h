@@ -35,7 +35,10 @@ class TaskScheduler;
 // Where a resynchronisation puts the keys to report.
 class ShmResync {
  public:
-  void add(uint32_t c, const uint32_t* keyWords);
+  // A key to report. A key a walk found present gives its slot and sequence word: while the
+  // slot is unchanged at delivery, the key is known present without a lookup.
+  void add(uint32_t c, const uint32_t* keyWords, uint32_t slot = ShmLayout::kNoSlot,
+           uint32_t seq = 0);
 
  private:
   friend class ShmReader;
@@ -53,7 +56,8 @@ class ShmReader : public WaitSource {
   class Sink {
    public:
     virtual ~Sink() = default;
-    virtual void deliverKey(uint32_t c, const uint32_t* keyWords) = 0;
+    // `slot` and `seq`: where a walk found the key present (kNoSlot: not from a walk).
+    virtual void deliverKey(uint32_t c, const uint32_t* keyWords, uint32_t slot, uint32_t seq) = 0;
     // Every key present or known, for a resynchronisation.
     virtual void resyncKeys(ShmResync& out) = 0;
     virtual void deliverMountStatus(uint32_t status) = 0;
@@ -104,7 +108,8 @@ class ShmReader : public WaitSource {
   uint64_t seenMerge_ = 0;  // epoch << 32 | state bits of the merge record
   bool failed_ = false;
   bool shortSleep_ = false;  // the doorbell could not be rung: sleep briefly
-  std::vector<uint32_t> queue_;  // entries of entryWords_ words: collection, key image
+  // Entries of entryWords_ + 2 words: collection, key image, slot and sequence word seen.
+  std::vector<uint32_t> queue_;
   size_t pos_ = 0;
   std::vector<uint32_t> key_;
   ShmBellClient bell_;

@@ -1041,6 +1041,7 @@ uint32_t readWithBlob(const ShmStore& store, const ShmCollection& coll, ShmStore
   for (int attempt = 0;; ++attempt) {
     uint32_t seq = 0;
     const uint32_t slot = read(out->words, &seq);
+    out->seq = seq;
     if (slot == ShmStore::kNoSlot || !coll.blobs()) return slot;
     BlobRef ref;
     std::memcpy(&ref, out->words + coll.recordWords() - kBlobRefWords, sizeof ref);
@@ -1055,6 +1056,10 @@ uint32_t readWithBlob(const ShmStore& store, const ShmCollection& coll, ShmStore
   }
 }
 }  // namespace
+
+bool ShmStore::unchanged(uint32_t c, uint32_t slot, uint32_t seq) const {
+  return colls_[c]->unchanged(slot, seq);
+}
 
 void ShmStore::readBlob(const BlobRef& ref, std::string* out) const {
   blobRead(ref, out);

@@ -52,7 +52,7 @@ struct ShmCollectionSchema {
 };
 
 struct ShmStoreSchema {
-  std::string rootType;                        // e.g. "Routing::Multicast::MvpnVrfStatus"
+  std::string rootType;                          // e.g. "Routing::Multicast::MvpnVrfStatus"
   std::vector<ShmCollectionSchema> collections;  // parents before their children
 };
 
@@ -132,6 +132,7 @@ class ShmStore {
   struct Record {
     uint32_t words[kMaxRecordWords];
     std::string blob;
+    uint32_t seq = 0;  // the slot's sequence word the copy is valid for
   };
   // The number of records of a top-level collection, or of one parent's members.
   uint32_t count(uint32_t c) const;
@@ -150,6 +151,8 @@ class ShmStore {
   // is gone.
   uint32_t seekChild(uint32_t c, uint64_t parent, uint32_t from, Record* out) const;
   uint32_t nextChild(uint32_t c, uint64_t parent, uint32_t after, Record* out) const;
+  // Whether `slot` of collection c still holds what a read that gave `seq` found.
+  bool unchanged(uint32_t c, uint32_t slot, uint32_t seq) const;
   // Copies a blob (bounds-checked; the caller checks its record did not change meanwhile).
   void readBlob(const ShmLayout::BlobRef& ref, std::string* out) const;
   // Whether an entity (slot and generation) of entity collection c is alive.

@@ -112,6 +112,8 @@ TEST_F(ShmReliabilityTest, NoDeletionIsLostBehindRepeatedOverruns) {
   }
   r.drain();
   EXPECT_EQ(r.view, r.truth());
+  // The reader's own key set (what it reports gone when the writer's store goes) agrees too.
+  EXPECT_EQ(r.table.knownKeys(), r.truth().size());
 }
 
 // Waits until a child has stopped itself (SIGSTOP from a fault point).
