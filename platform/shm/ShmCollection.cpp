@@ -769,7 +769,9 @@ uint32_t ShmCollection::allocPage(uint32_t cls) {
 }
 
 // A new member slot of `parent`: the first free slot of its pages, else a new page linked at
-// the end of its chain (each new page twice the size of the last, up to kMaxPageClass).
+// the end of its chain. With no free slot the chain is full: the new page holds about half
+// its members (4, 4, 4, 4, 8, 8, 16, 16...), never less than the last page nor more than
+// twice it, so a parent's pages stay two-thirds full where doubling left them a third full.
 uint32_t ShmCollection::allocMember(uint64_t parent) {
   ShmCollection& p = *storePtr_->colls_[parent_];
   uint32_t* block = p.side(refSlot(parent)) + childBlock(childIndex_);
@@ -781,7 +783,14 @@ uint32_t ShmCollection::allocMember(uint64_t parent) {
   }
   const uint32_t last = loadWord(block + kChildLast);
   uint32_t cls = 0;
-  if (last != 0) cls = std::min(pageClassOf(pageEntry(last - 1)->info.load(std::memory_order_relaxed)) + 1, kMaxPageClass);
+  if (last != 0) {
+    const uint32_t lastCls = std::min(
+        pageClassOf(pageEntry(last - 1)->info.load(std::memory_order_relaxed)), kMaxPageClass);
+    const uint32_t members = countOf(loadWord64(block + kChildCount));
+    uint32_t half = 0;
+    while (half < kMaxPageClass && pageSlots(half + 1) <= members / 2) ++half;
+    cls = std::clamp(half, lastCls, std::min(lastCls + 1, kMaxPageClass));
+  }
   const uint32_t page = allocPage(cls);
   const uint32_t size = pageSlots(cls);
   // The page is described completely before it is linked: a reader that follows the link

@@ -26,8 +26,9 @@
 //
 // Nested collections (members of an entity of a parent collection) keep their key image as
 // (parent slot, parent generation, key). Each parent owns a chain of pages of its collection's
-// slots (page k of a chain holds kMinPageSlots << k slots, up to kMaxPageClass); the pages of
-// a live parent are never freed, so a walk bookmarked at a slot resumes exactly. A page
+// slots (a page of class k holds kMinPageSlots << k slots, up to kMaxPageClass; each new page
+// of a chain holds about half the slots the chain has, so chains stay two-thirds full); the pages
+// of a live parent are never freed, so a walk bookmarked at a slot resumes exactly. A page
 // directory of one entry per kMinPageSlots slots follows the slots of every chunk of a nested
 // collection.
 #pragma once
