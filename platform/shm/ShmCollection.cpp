@@ -770,7 +770,7 @@ uint32_t ShmCollection::allocPage(uint32_t cls) {
 
 // A new member slot of `parent`: the first free slot of its pages, else a new page linked at
 // the end of its chain. With no free slot the chain is full: the new page holds about half
-// its members (4, 4, 4, 4, 8, 8, 16, 16...), never less than the last page nor more than
+// its members (2, 2, 2, 2, 4, 4, 8, 8...), never less than the last page nor more than
 // twice it, so a parent's pages stay two-thirds full where doubling left them a third full.
 uint32_t ShmCollection::allocMember(uint64_t parent) {
   ShmCollection& p = *storePtr_->colls_[parent_];

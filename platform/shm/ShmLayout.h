@@ -51,7 +51,7 @@ inline constexpr uint64_t kMagic = 0x3152545350564d4dull;         // "MMVPSTR1"
 inline constexpr uint64_t kRetiredMagic = 0x44414544504d4dull;    // "MMPDEAD": replaced store
 inline constexpr uint64_t kIndexMagic = 0x31584449534e504dull;    // "MPNSIDX1"
 inline constexpr uint64_t kBlobMagic = 0x31424f4c42504d4dull;     // "MMPBLOB1"
-inline constexpr uint32_t kLayoutVersion = 5;
+inline constexpr uint32_t kLayoutVersion = 6;
 
 inline constexpr uint32_t kTypeNameBytes = 96;
 inline constexpr uint32_t kPathBytes = 208;
@@ -81,8 +81,8 @@ inline constexpr uint32_t kSeqStep = 4;
 
 // Pages of nested collections: page class k holds kMinPageSlots << k slots, aligned to its
 // size within its chunk; directory entries cover kMinPageSlots slots each.
-inline constexpr uint32_t kMinPageSlots = 4;
-inline constexpr uint32_t kMaxPageClass = 10;  // 4096 slots
+inline constexpr uint32_t kMinPageSlots = 2;
+inline constexpr uint32_t kMaxPageClass = 11;  // 4096 slots
 static_assert((kBaseChunkSlots & (kMinPageSlots - 1)) == 0);
 
 // Blob heap: chunk n holds kBlobBaseBytes << n bytes, cut into pages of kBlobPageBytes, each
