@@ -169,11 +169,7 @@ class ShmValues : public ShmHandleBase {
     ShmStore::Record rec;
     const ShmStore& s = binding_->store();
     shmKeyImage(s, kColl, parent_, key, k);
-    // A subscriber looks up the key it was just told of: where the delivery saw it, while
-    // that record is unchanged, without the index.
-    const bool atDelivered = lastSlot_ != ShmStore::kNoSlot && key == lastKey_ &&
-                             s.readUnchanged(kColl, k, lastSlot_, lastSeq_, &rec);
-    if (!atDelivered && s.find(kColl, k, &rec) == ShmStore::kNoSlot) return std::nullopt;
+    if (s.find(kColl, k, &rec) == ShmStore::kNoSlot) return std::nullopt;
     Key found;
     Record value;
     decode(rec, &found, &value);
@@ -298,29 +294,19 @@ class ShmValues : public ShmHandleBase {
     const ShmStore& s = binding_->store();
     const Key key = shmKeyOf<Key>(s, kColl, keyWords);
     if (parent_ != 0) refreshVersion();
-    lastSlot_ = ShmStore::kNoSlot;
     if (seenSlot != ShmStore::kNoSlot && s.unchanged(kColl, keyWords, seenSlot, seenSeq)) {
       // Still where this reader's walk found it, which put it among the known keys.
-      lastSlot_ = seenSlot;
-      lastSeq_ = seenSeq;
+    } else if (s.find(kColl, keyWords, nullptr) != ShmStore::kNoSlot) {
+      known_.try_emplace(key, mark_);
     } else {
-      ShmStore::Record rec;
-      lastSlot_ = s.find(kColl, keyWords, &rec);
-      lastSeq_ = rec.seq;
-      if (lastSlot_ != ShmStore::kNoSlot) {
-        known_.try_emplace(key, mark_);
-      } else {
-        known_.erase(key);
-      }
+      known_.erase(key);
     }
-    lastKey_ = key;
     if (onKey_) onKey_(key);
   }
 
   void resync(ShmResync& out) override {
     if (departed_) return;
     ++mark_;
-    lastSlot_ = ShmStore::kNoSlot;  // the store may be another one (a writer took it over)
     const ShmStore& s = binding_->store();
     if (parent_ == 0) known_.reserve(known_.size() + s.count(kColl));
     ShmStore::Record rec;
@@ -381,10 +367,6 @@ class ShmValues : public ShmHandleBase {
   }
 
   OnKey onKey_;
-  // Where the last delivery saw its key (kNoSlot: absent), for find() right after it.
-  uint32_t lastSlot_ = ShmStore::kNoSlot;
-  uint32_t lastSeq_ = 0;
-  Key lastKey_{};
   mutable absl::flat_hash_map<Key, uint32_t, ShmKeyHash<Key>> known_;
   uint32_t mark_ = 0;
   std::map<Key, std::optional<Record>> local_;

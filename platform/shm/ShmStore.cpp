@@ -1064,23 +1064,6 @@ bool ShmStore::unchanged(uint32_t c, const uint32_t* keyWords, uint32_t slot, ui
          (!coll.nested() || colls_[coll.parent()]->alive(refOfWords(keyWords)));
 }
 
-bool ShmStore::readUnchanged(uint32_t c, const uint32_t* keyWords, uint32_t slot, uint32_t seq,
-                             Record* out) const {
-  checkIntact();
-  const ShmCollection& coll = *colls_[c];
-  if (slot >= coll.highWater()) return false;
-  const uint32_t got = readWithBlob(*this, coll, out, [&](uint32_t* words, uint32_t* s) {
-    return coll.readSlot(slot, words, s) ? slot : kNoSlot;
-  });
-  if (got == kNoSlot || out->seq != seq ||
-      std::memcmp(out->words, keyWords, 4 * size_t{coll.keyWords()}) != 0) {
-    return false;
-  }
-  if (coll.nested() && !colls_[coll.parent()]->alive(refOfWords(keyWords))) return false;
-  checkIntact();
-  return true;
-}
-
 void ShmStore::readBlob(const BlobRef& ref, std::string* out) const {
   blobRead(ref, out);
 }

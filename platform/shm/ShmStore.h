@@ -154,10 +154,6 @@ class ShmStore {
   // Whether the record of key image `keyWords` that a read found at `slot` (giving `seq`) is
   // still there unchanged: its slot untouched and, for a member, its parent alive.
   bool unchanged(uint32_t c, const uint32_t* keyWords, uint32_t slot, uint32_t seq) const;
-  // Reads the record of key image `keyWords` at `slot` into `out` when it is still the one a
-  // read that gave `seq` found there (as unchanged()); false otherwise, `out` then undefined.
-  bool readUnchanged(uint32_t c, const uint32_t* keyWords, uint32_t slot, uint32_t seq,
-                     Record* out) const;
   // Copies a blob (bounds-checked; the caller checks its record did not change meanwhile).
   void readBlob(const ShmLayout::BlobRef& ref, std::string* out) const;
   // Whether an entity (slot and generation) of entity collection c is alive.
