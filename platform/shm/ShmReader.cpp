@@ -41,12 +41,13 @@ ShmReader::ShmReader(Sink& sink, const ShmStore& store, TaskScheduler* scheduler
       store_(store),
       scheduler_(scheduler),
       entryWords_(store.header()->ringEntryWords),
+      stride_(entryWords_ + kHintWords),
       bell_(store.bellPath()) {
   // Changes from now on reach the first dispatch through the change log, even when it runs
   // after they were made (a key added and removed again in between is still reported).
   attachEpoch_ = store_.epoch();
   tail_ = store_.ringHead();
-  key_.resize(entryWords_ + kHintWords);
+  key_.resize(stride_);
   if (scheduler_) scheduler_->waitSourceIs(this);
 }
 
@@ -144,10 +145,9 @@ void ShmReader::drainLog() {
   const uint64_t end = std::min<uint64_t>(head, tail_ + batch_);
   queue_.clear();
   pos_ = 0;
-  const uint32_t stride = entryWords_ + kHintWords;
-  queue_.resize((end - tail_) * stride, 0);
+  queue_.resize((end - tail_) * stride_, 0);
   for (uint64_t pos = tail_; pos < end; ++pos) {
-    uint32_t* e = &queue_[(pos - tail_) * stride];
+    uint32_t* e = &queue_[(pos - tail_) * stride_];
     e[0] = store_.readRingEntry(pos, e + 1);
     e[entryWords_] = kNoSlot;
   }
@@ -158,7 +158,7 @@ void ShmReader::drainLog() {
     return;
   }
   for (uint64_t pos = tail_; pos < end; ++pos) {
-    if (queue_[(pos - tail_) * stride] == kNoSlot)
+    if (queue_[(pos - tail_) * stride_] == kNoSlot)
       store_.corrupt("a change-log entry names no collection");
   }
   tail_ = end;
@@ -211,8 +211,8 @@ void ShmReader::deliver() {
     }
   }
   for (uint32_t n = 0; n < batch_ && queued() && !failed_; ++n) {
-    std::copy_n(&queue_[pos_], entryWords_ + kHintWords, key_.data());
-    pos_ += entryWords_ + kHintWords;
+    std::copy_n(&queue_[pos_], stride_, key_.data());
+    pos_ += stride_;
     ++delivered_;
     sink_.deliverKey(key_[0], key_.data() + 1, key_[entryWords_], key_[entryWords_ + 1]);
     if (!*alive) return;

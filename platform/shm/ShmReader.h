@@ -99,6 +99,7 @@ class ShmReader : public WaitSource {
   const ShmStore& store_;
   TaskScheduler* scheduler_;
   uint32_t entryWords_;
+  uint32_t stride_;  // queued entry: entryWords_ plus the slot and sequence word a walk saw
   uint32_t batch_ = kDefaultBatch;
   uint64_t tail_ = 0;
   uint64_t epoch_ = 0;  // 0: never synchronised
@@ -108,7 +109,7 @@ class ShmReader : public WaitSource {
   uint64_t seenMerge_ = 0;  // epoch << 32 | state bits of the merge record
   bool failed_ = false;
   bool shortSleep_ = false;  // the doorbell could not be rung: sleep briefly
-  // Entries of entryWords_ + 2 words: collection, key image, slot and sequence word seen.
+  // Entries of stride_ words: collection, key image, slot and sequence word seen.
   std::vector<uint32_t> queue_;
   size_t pos_ = 0;
   std::vector<uint32_t> key_;
