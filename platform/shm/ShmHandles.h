@@ -449,17 +449,18 @@ class ShmEntities : public ShmHandleBase {
     checkReadable();
     if (withheld_ && *withheld_ == key) return nullptr;
     auto it = members_.find(key);
-    if (departed_) return it == members_.end() ? nullptr : it->second;
-    // A writer's proxy is removed with its entity, so it alone proves the entity is there; a
-    // reader's may outlive the entity until the change is delivered, so the store decides.
-    if (it != members_.end() && binding_->role() != ShmRole::reader) return it->second;
+    // A held proxy answers. A writer's is removed with its entity. A reader's stays until the
+    // entity's departure is delivered, however soon the writer removed it: whoever was told
+    // of the entity keeps finding it until told otherwise, and it departs listing every
+    // member it showed (the store's copy of them is gone by then).
+    if (it != members_.end()) return it->second;
+    if (departed_) return nullptr;
     const ShmStore& s = binding_->store();
     uint32_t k[ShmLayout::kMaxKeyBytes / 4];
     shmKeyImage(s, kColl, parent_, key, k);
     const uint32_t slot = s.find(kColl, k, nullptr);
     if (slot == ShmStore::kNoSlot) return nullptr;
     const uint64_t ref = s.refOf(kColl, slot);
-    if (it != members_.end()) return it->second;
     // An entity with no proxy yet: one a reader was not told of yet, or one a writer found in
     // a store it took over.
     Oro::Ptr<E> e = E::make(binding_, ref, key);

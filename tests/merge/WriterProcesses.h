@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <functional>
+#include <utility>
 #include <vector>
 
 #include <fmt/format.h>
@@ -22,28 +23,8 @@ class WriterProcesses {
   // `setUp(w)` runs in writer w's process and returns what that writer does in a phase.
   using SetUp = std::function<std::function<void(int phase)>(int w)>;
 
-  WriterProcesses(int count, const SetUp& setUp) {
-    for (int w = 0; w < count; ++w) {
-      Child c;
-      int down[2], up[2];
-      EXPECT_EQ(::pipe(down), 0);
-      EXPECT_EQ(::pipe(up), 0);
-      c.pid = shmtest::forkChild([&] {
-        ::close(down[1]);
-        ::close(up[0]);
-        const auto phaseFn = setUp(w);
-        for (unsigned char phase; ::read(down[0], &phase, 1) == 1 && phase != kStop;) {
-          phaseFn(phase);
-          if (::write(up[1], &phase, 1) != 1) return 3;
-        }
-        return 0;
-      });
-      ::close(down[0]);
-      ::close(up[1]);
-      c.command = down[1];
-      c.ack = up[0];
-      children_.push_back(c);
-    }
+  WriterProcesses(int count, SetUp setUp) : setUp_(std::move(setUp)) {
+    for (int w = 0; w < count; ++w) children_.push_back(spawn(w));
   }
   // Stops every writer; each must exit cleanly.
   ~WriterProcesses() {
@@ -53,6 +34,17 @@ class WriterProcesses {
       ::close(c.command);
       ::close(c.ack);
     }
+  }
+
+  // Kills writer w (SIGKILL, whatever it was doing) and starts its successor, which takes the
+  // status over as it was left.
+  void restart(int w) {
+    Child& c = children_[w];
+    ASSERT_EQ(::kill(c.pid, SIGKILL), 0);
+    EXPECT_EQ(shmtest::waitChild(c.pid), 128 + SIGKILL);
+    ::close(c.command);
+    ::close(c.ack);
+    c = spawn(w);
   }
 
   // Runs `phase` in every writer at once; returns when all are done.
@@ -72,6 +64,29 @@ class WriterProcesses {
     int command = -1;
     int ack = -1;
   };
+  Child spawn(int w) {
+    Child c;
+    int down[2], up[2];
+    EXPECT_EQ(::pipe(down), 0);
+    EXPECT_EQ(::pipe(up), 0);
+    c.pid = shmtest::forkChild([&] {
+      ::close(down[1]);
+      ::close(up[0]);
+      const auto phaseFn = setUp_(w);
+      for (unsigned char phase; ::read(down[0], &phase, 1) == 1 && phase != kStop;) {
+        phaseFn(phase);
+        if (::write(up[1], &phase, 1) != 1) return 3;
+      }
+      return 0;
+    });
+    ::close(down[0]);
+    ::close(up[1]);
+    c.command = down[1];
+    c.ack = up[0];
+    return c;
+  }
+
+  SetUp setUp_;
   std::vector<Child> children_;
 };
 

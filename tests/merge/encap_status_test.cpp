@@ -106,8 +106,8 @@ class EncapStatusReader : public shmtest::ShmTest {};
 
 // What a merge needs from a reader whose VRF leaves: every record key it was shown stays
 // listed by the departed entity (so the merge can withdraw it), however the reader met the
-// record; and while the VRF's departure is delivered, the VRF is absent to every lookup even
-// when the writer has made it again meanwhile.
+// record; lookups find the VRF until its departure is delivered, and while that is delivered
+// it is absent to every lookup even when the writer has made it again meanwhile.
 TEST_F(EncapStatusReader, ADepartedVrfListsEveryKeyItShowedAndStaysAbsentWhileTold) {
   Oro::TaskScheduler scheduler;
   auto writer = mvpnTunnelEncapStatusFactory("writer");
@@ -129,6 +129,7 @@ TEST_F(EncapStatusReader, ADepartedVrfListsEveryKeyItShowedAndStaysAbsentWhileTo
   });
   watch.notifierIs(reader.get());
   writer->vrfStatusDel(VrfId(7));
+  EXPECT_EQ(reader->vrfStatus(VrfId(7)), r7);  // until its departure is delivered
   scheduler.runUntilIdle();
   EXPECT_EQ(keys(r7->encapTunnelIter()), (std::vector{route(1), route(2)}));
   EXPECT_FALSE(r7->encapTunnel(route(1)));  // the records themselves went with the store's VRF

@@ -29,6 +29,7 @@ using Routing::Multicast::mvpnTunnelEncapStatusFactory;
 
 const char* const kWriterNames[] = {"mvpn", "static", "evpn"};
 constexpr int kMergerDown = 7;  // the phase run while no merger is up
+constexpr int kStaticTakeOver = 9;  // run by a successor of the static writer, killed before
 constexpr int kPhases = 10;
 
 // One writer's changes, applied by the writer processes to their statuses and by the test to
@@ -92,7 +93,7 @@ void script(int w, int phase, const Ops& ops) {
       }
       break;
     }
-    case 9:  // the static writer withdraws everything
+    case 9:  // the static writer's successor withdraws everything
       if (w == kStatic) {
         for (uint32_t vrf : {1u, 2u, 10u, 11u, 12u, 13u, 14u}) ops.delVrf(vrf);
       }
@@ -210,6 +211,7 @@ TEST_F(TunnelMergeProcessTest, MergedStatusFollowsThreeWriterProcesses) {
       merger = startMerger();
       runPhase(++phase);  // while the new merger scans and reconciles
     } else {
+      if (phase == kStaticTakeOver) writers.restart(kStatic);
       runPhase(phase);
     }
     ASSERT_TRUE(settle()) << ::testing::PrintToString(contents(*merged));

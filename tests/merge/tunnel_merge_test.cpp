@@ -11,6 +11,7 @@
 
 #include "merge/EncapTestRig.h"
 #include "merge/MergeTestRig.h"
+#include "platform/shm_test_util.h"
 
 namespace {
 
@@ -121,6 +122,45 @@ TEST(TunnelMerge, AWholeInputVrfLeavingRemergesEachOfItsKeys) {
     rig.delVrf(kEvpn, 5);
     EXPECT_TRUE(rig.mergedContents().vrfs.empty());
   }
+}
+
+class TunnelMergeShm : public shmtest::ShmTest {};
+
+// A reader may be told of a VRF the writer has removed since (here by the walk that replaces
+// a change log the reader fell behind on; a writer's successor taking the status over does the
+// same): the merge reacting to that must still withdraw every record of the VRF once the
+// removal reaches it, and not lose them with the store's copy.
+TEST_F(TunnelMergeShm, AVrfRemovedRightAfterTheReaderWasToldOfItIsWithdrawnWhole) {
+  Rig rig;
+  auto writer = Routing::Multicast::mvpnTunnelEncapStatusFactory("staticWriter");
+  writer->mount(Oro::ShmAttach{"t/static", Oro::ShmRole::writer, nullptr, 0600, 16});
+  rig.in[kStatic]->mount(Oro::ShmAttach{"t/static", Oro::ShmRole::reader, &rig.scheduler});
+  rig.putRoute(kMvpn, 3, 1, "m");
+  writer->vrfStatusIs(VrfId(3))->encapTunnelIs(MvpnEncapTunnel(route(1), "s"));
+  writer->vrfStatusIs(VrfId(3))->encapIntfTunnelIs(MvpnEncapIntfTunnel(intf(2), "si"));
+  // Told before the merge is (notifiees hear in the order they came): the writer removes
+  // VRF 3 between the reader's look at it and the merge's.
+  bool armed = false;
+  Oro::KeyReactor<VrfId> race(Routing::Multicast::MvpnTunnelEncapStatus::vrfStatusAttr,
+                              [&](const VrfId& v) {
+                                if (!armed || v != VrfId(3)) return;
+                                armed = false;
+                                writer->vrfStatusDel(v);
+                              });
+  race.notifierIs(rig.in[kStatic].get());
+  rig.start();
+  rig.settle();
+  ASSERT_EQ(rig.mergedContents().routes.at({3, 1}), "s");
+
+  armed = true;
+  for (uint32_t n = 0; n < 40; ++n) {
+    writer->vrfStatusIs(VrfId(9))->encapTunnelIs(MvpnEncapTunnel(route(n), "s9"));
+  }
+  rig.settle();
+  EXPECT_FALSE(armed);
+  EXPECT_EQ(rig.mergedContents(),
+            mergeOf(contents(*rig.in[kMvpn]), contents(*writer), contents(*rig.in[kEvpn])));
+  EXPECT_EQ(rig.mergedContents().routes.at({3, 1}), "m");
 }
 
 TEST(TunnelMergeLifecycle,
