@@ -294,7 +294,7 @@ class ShmValues : public ShmHandleBase {
     const ShmStore& s = binding_->store();
     const Key key = shmKeyOf<Key>(s, kColl, keyWords);
     if (parent_ != 0) refreshVersion();
-    if (parent_ == 0 && seenSlot != ShmStore::kNoSlot && s.unchanged(kColl, seenSlot, seenSeq)) {
+    if (seenSlot != ShmStore::kNoSlot && s.unchanged(kColl, keyWords, seenSlot, seenSeq)) {
       // Still where this reader's walk found it, which put it among the known keys.
     } else if (s.find(kColl, keyWords, nullptr) != ShmStore::kNoSlot) {
       known_.try_emplace(key, mark_);
@@ -565,10 +565,13 @@ class ShmEntities : public ShmHandleBase {
   size_t proxies() const { return members_.size(); }
 
   // ---- ShmHandleBase ----
-  void deliver(const uint32_t* keyWords, uint32_t /*seenSlot*/, uint32_t /*seenSeq*/) override {
+  void deliver(const uint32_t* keyWords, uint32_t seenSlot, uint32_t seenSeq) override {
     ShmStore& s = binding_->store();
     const Key key = shmKeyOf<Key>(s, kColl, keyWords);
-    const uint32_t slot = s.find(kColl, keyWords, nullptr);
+    const uint32_t slot =
+        seenSlot != ShmStore::kNoSlot && s.unchanged(kColl, keyWords, seenSlot, seenSeq)
+            ? seenSlot
+            : s.find(kColl, keyWords, nullptr);
     auto it = members_.find(key);
     if (slot == ShmStore::kNoSlot) {
       if (it != members_.end()) {
@@ -611,7 +614,7 @@ class ShmEntities : public ShmHandleBase {
          slot = nextSlot(slot, &rec)) {
       const Key key = shmKeyOf<Key>(s, kColl, rec.words);
       marks_[key] = mark_;
-      out.add(kColl, rec.words);
+      out.add(kColl, rec.words, slot, rec.seq);
       // Members of an entity this reader holds a proxy for (the same entity) are resynchronised
       // with it; a new or replaced entity reports its members when it is delivered.
       auto it = members_.find(key);

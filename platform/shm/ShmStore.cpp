@@ -1057,8 +1057,11 @@ uint32_t readWithBlob(const ShmStore& store, const ShmCollection& coll, ShmStore
 }
 }  // namespace
 
-bool ShmStore::unchanged(uint32_t c, uint32_t slot, uint32_t seq) const {
-  return colls_[c]->unchanged(slot, seq);
+bool ShmStore::unchanged(uint32_t c, const uint32_t* keyWords, uint32_t slot, uint32_t seq) const {
+  const ShmCollection& coll = *colls_[c];
+  // A removed parent goes before its members are emptied: look at the parent after the slot.
+  return coll.unchanged(slot, seq) &&
+         (!coll.nested() || colls_[coll.parent()]->alive(refOfWords(keyWords)));
 }
 
 void ShmStore::readBlob(const BlobRef& ref, std::string* out) const {

@@ -151,8 +151,9 @@ class ShmStore {
   // is gone.
   uint32_t seekChild(uint32_t c, uint64_t parent, uint32_t from, Record* out) const;
   uint32_t nextChild(uint32_t c, uint64_t parent, uint32_t after, Record* out) const;
-  // Whether `slot` of collection c still holds what a read that gave `seq` found.
-  bool unchanged(uint32_t c, uint32_t slot, uint32_t seq) const;
+  // Whether the record of key image `keyWords` that a read found at `slot` (giving `seq`) is
+  // still there unchanged: its slot untouched and, for a member, its parent alive.
+  bool unchanged(uint32_t c, const uint32_t* keyWords, uint32_t slot, uint32_t seq) const;
   // Copies a blob (bounds-checked; the caller checks its record did not change meanwhile).
   void readBlob(const ShmLayout::BlobRef& ref, std::string* out) const;
   // Whether an entity (slot and generation) of entity collection c is alive.
