@@ -585,9 +585,10 @@ class ShmEntities : public ShmHandleBase {
       return;
     }
     const uint64_t ref = s.refOf(kColl, slot);
-    if (it != members_.end() && it->second->shmRef() != ref) {
+    if (it != members_.end() && (!it->second->shmBound() || it->second->shmRef() != ref)) {
       // Another entity under the same key: the old one is gone first (its subscribers see the
-      // key absent), then the new one appears.
+      // key absent), then the new one appears. A proxy that left a store the writer replaced
+      // is another entity too, whatever reference the new store gives its key.
       Oro::Ptr<E> gone = std::move(it->second);
       members_.erase(it);
       gone->shmDepart();
@@ -618,7 +619,8 @@ class ShmEntities : public ShmHandleBase {
       // Members of an entity this reader holds a proxy for (the same entity) are resynchronised
       // with it; a new or replaced entity reports its members when it is delivered.
       auto it = members_.find(key);
-      if (it != members_.end() && it->second->shmRef() == s.refOf(kColl, slot)) {
+      if (it != members_.end() && it->second->shmBound() &&
+          it->second->shmRef() == s.refOf(kColl, slot)) {
         it->second->forEachChild([&](ShmHandleBase& h) { h.resync(out); });
       }
     }

@@ -3,9 +3,11 @@
 // their records) and the records' text forms.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <string>
 #include <vector>
 
+#include "common/shm_damage.h"
 #include "merge/MvpnTunnelEncapStatus.h"
 #include "platform/net/IpAddr.h"
 #include "platform/runtime/TaskScheduler.h"
@@ -137,6 +139,39 @@ TEST_F(EncapStatusReader, ADepartedVrfListsEveryKeyItShowedAndStaysAbsentWhileTo
   EXPECT_FALSE(foundWhileTold.front());
   EXPECT_TRUE(foundWhileTold.back());  // the new VRF, told as a change of its own
   EXPECT_NE(reader->vrfStatus(VrfId(7)), r7);
+}
+
+// A store its writer had to build anew (the old one was damaged) is a new store: the VRFs the
+// reader held leave, and the new store's VRFs are followed with their records, also one that
+// sits where the old one did.
+TEST_F(EncapStatusReader, AVrfOfARepublishedStoreIsFollowedAnew) {
+  Oro::TaskScheduler scheduler;
+  {
+    auto first = mvpnTunnelEncapStatusFactory("first");
+    first->mount(ShmAttach{"t/encap", ShmRole::writer});
+    first->vrfStatusIs(VrfId(7))->encapTunnelIs(MvpnEncapTunnel(route(1), "a"));
+    first->unmount();
+  }
+  auto reader = mvpnTunnelEncapStatusFactory("reader");
+  reader->mount(ShmAttach{"t/encap", ShmRole::reader, &scheduler});
+  scheduler.runUntilIdle();
+  const auto r7 = reader->vrfStatus(VrfId(7));
+  ASSERT_TRUE(r7);
+  ASSERT_TRUE(shmtest::damageTable("t/encap", "encapTunnel"));
+  auto writer = mvpnTunnelEncapStatusFactory("writer");
+  writer->mount(ShmAttach{"t/encap", ShmRole::writer});
+  writer->vrfStatusIs(VrfId(7))->encapTunnelIs(MvpnEncapTunnel(route(2), "b"));
+  auto followed = [&] {
+    auto v = reader->vrfStatus(VrfId(7));
+    return v && v != r7 && keys(v->encapTunnelIter()) == std::vector{route(2)};
+  };
+  // The reader looks again after growing pauses (timers); the bound only ends a failed run.
+  EXPECT_TRUE(
+      scheduler.runUntil(followed, Oro::TaskScheduler::Clock::now() + std::chrono::seconds(20)));
+  writer->vrfStatusIs(VrfId(7))->encapTunnelIs(MvpnEncapTunnel(route(3), "c"));
+  EXPECT_TRUE(scheduler.runUntil(
+      [&] { return reader->vrfStatus(VrfId(7))->encapTunnel(route(3)).has_value(); },
+      Oro::TaskScheduler::Clock::now() + std::chrono::seconds(20)));
 }
 
 TEST(EncapRecords, TextFormIsTheValueForm) {
