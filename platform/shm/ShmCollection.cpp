@@ -40,8 +40,9 @@ constexpr uint32_t kBuildBatch = 16;
 // the writes that commit the new generation's memory too.
 constexpr uint64_t kGrowthStartNum = 69, kGrowthStartDen = 100;
 constexpr uint32_t kMinGrowthStep = 8;
-// Memory committed (or given back) per write: no single write commits or frees megabytes.
-constexpr size_t kCommitStep = 64 * 1024;
+// Memory committed (or given back) per write: no single write commits or frees megabytes. A
+// growing index's memory is committed in pieces of this size spread over the writes.
+constexpr size_t kCommitStep = 16 * 1024;
 
 uint32_t indexCapacityFor(uint64_t live) {
   const uint64_t cap = live >= kLargeTable ? live * 7 / 4 : live * 2;
@@ -456,19 +457,19 @@ uint64_t ShmCollection::growthRoom() const {
 // it is published: no more than the present generation's room, nor than the writes the growth
 // takes (each moves at least kMinGrowthStep - 1 slots net, after the writes that commit).
 void ShmCollection::beginGrowth(uint32_t capacity, bool commitNow) {
+  const uint64_t room = growthRoom();
   if (capacity == 0) {
-    const uint64_t room = growthRoom();
     const uint64_t hw = hw_;
-    const uint64_t commitWrites =
-        (sizeof(IndexHeader) + 4ull * indexCapacityFor(uint64_t{indexLive_} + room + 1)) /
-            kCommitStep +
-        1;
+    // The memory's commits are spread over at most half the room (see advanceGrowth).
+    const uint64_t commitWrites = room / 2 + 1;
     const uint64_t newKeys = std::min(room, commitWrites + hw / (kMinGrowthStep - 1) + 1);
     capacity = indexCapacityFor(uint64_t{indexLive_} + newKeys + 1);
   }
   const uint32_t gen = indexGen_ + 1;
   const size_t bytes = sizeof(IndexHeader) + 4ull * capacity;
   NextIndex n;
+  const uint64_t pieces = (bytes + kCommitStep - 1) / kCommitStep;
+  n.commitEvery = std::max<uint64_t>(1, room / 2 / (pieces + 1));
   n.seg = storePtr_->makeSegment(suffix('i', gen), bytes, commitNow);
   n.committed = commitNow || !storePtr_->shared() ? bytes : 0;
   n.entries = reinterpret_cast<uint32_t*>(n.seg.data() + sizeof(IndexHeader));
@@ -498,6 +499,13 @@ void ShmCollection::advanceGrowth() {
   const size_t size = next_.seg.size();
   if (next_.committed < size) {
     const size_t left = size - next_.committed;
+    // As planned, unless the room left no longer holds the plan (it shrinks by a whole page
+    // when a nested insert carves one): then every write commits its share.
+    const uint64_t piecesLeft = (left + kCommitStep - 1) / kCommitStep;
+    if (piecesLeft * next_.commitEvery < room / 2 && ++next_.commitSkipped < next_.commitEvery) {
+      return;
+    }
+    next_.commitSkipped = 0;
     size_t step = std::max<size_t>(kCommitStep, (left + room / 2 - 1) / (room / 2));
     step = std::min(left, pageRound(step));
     try {

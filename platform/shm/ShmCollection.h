@@ -221,6 +221,11 @@ class ShmCollection {
     uint32_t live = 0;
     uint32_t used = 0;  // live entries plus tombstones
     size_t committed = 0;
+    // Writes between two kCommitStep commits of the memory, planned when the growth began so
+    // that the memory is taken over half the room rather than at once next to the present
+    // generation; writes skipped since the last commit.
+    uint64_t commitEvery = 1;
+    uint64_t commitSkipped = 0;
     struct Ahead {
       uint32_t slot;
       uint32_t seq;
