@@ -440,7 +440,11 @@ class ShmEntities : public ShmHandleBase {
   }
   ~ShmEntities() override {
     if (binding_ && parent_ == 0 && !departed_) binding_->topIs(kColl, nullptr);
-    for (auto& [key, e] : members_) e->shmDepart();
+    // A proxy held elsewhere keeps its members in process memory. One held by this handle
+    // alone goes with it: copying its members out first would be wasted.
+    for (auto& [key, e] : members_) {
+      if (e->refs() > 1) e->shmDepart();
+    }
   }
 
   // The member proxy of `key`, null when absent (a reader's lookup of a present member

@@ -174,6 +174,21 @@ TEST_F(EncapStatusReader, AVrfOfARepublishedStoreIsFollowedAnew) {
       Oro::TaskScheduler::Clock::now() + std::chrono::seconds(20)));
 }
 
+// A VRF held beyond its status keeps its records in process memory; the others go with it.
+TEST_F(EncapStatusReader, AVrfHeldBeyondItsStatusKeepsItsRecords) {
+  auto writer = mvpnTunnelEncapStatusFactory("writer");
+  writer->mount(ShmAttach{"t/encap", ShmRole::writer});
+  for (uint32_t v = 1; v <= 3; ++v) {
+    writer->vrfStatusIs(VrfId(v))->encapTunnelIs(MvpnEncapTunnel(route(1), "a"));
+    writer->vrfStatusIs(VrfId(v))->encapTunnelIs(MvpnEncapTunnel(route(2), "b"));
+  }
+  const auto held = writer->vrfStatus(VrfId(2));
+  writer = nullptr;
+  EXPECT_EQ(keys(held->encapTunnelIter()), (std::vector{route(1), route(2)}));
+  ASSERT_TRUE(held->encapTunnel(route(2)));
+  EXPECT_EQ(held->encapTunnel(route(2))->encapData(), "b");
+}
+
 TEST(EncapRecords, TextFormIsTheValueForm) {
   EXPECT_EQ(MvpnEncapTunnel(route(0xef010101), "it's \\x").toStrep(),
             "Value('Routing::Multicast::MvpnEncapTunnel', ** {'routeKey': (10.0.0.1, "
