@@ -472,6 +472,7 @@ void BM_MvpnSourceIs1M(benchmark::State& state) {
         static_cast<double>(root->binding().committedBytes()) / (kVrfs * kGroups * kSources);
     state.counters["goal_bytes"] = 2.0 * (sizeof(MvpnSource) + sizeof(Nevo::IpGenAddr));
     root->unmount();
+    root = nullptr;  // its teardown is not part of the inserts
     Oro::shmUnlinkNamespace();
     state.ResumeTiming();
   }
