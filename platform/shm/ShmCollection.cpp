@@ -130,6 +130,19 @@ uint32_t ShmCollection::highWater() const {
   return hw;
 }
 
+uint32_t ShmCollection::readableHighWater() const {
+  const uint32_t hw = highWater();
+  if (hw == 0 || chunkOf(hw - 1) < chunks_.size()) return hw;
+  try {
+    slotPtr(hw - 1);
+  } catch (const ShmCorruptionException&) {
+    throw;
+  } catch (const ShmException& e) {
+    storePtr_->corrupt(fmt::format("collection {}: {}", index_, e.what()));
+  }
+  return hw;
+}
+
 void ShmCollection::mapChunks() const {
   const uint32_t chunks = desc_->chunkCount.load(std::memory_order_acquire);
   if (chunks > kMaxChunks) storePtr_->corrupt(fmt::format("collection {}: chunk count {}", index_, chunks));

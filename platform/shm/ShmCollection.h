@@ -56,6 +56,9 @@ class ShmCollection {
 
   // ---- reading ----
   uint32_t highWater() const;
+  // The high-water mark, with the chunks below it mapped: what a reader can really meet there.
+  // A chunk the header names but that cannot be mapped is damage.
+  uint32_t readableHighWater() const;
   // Reads one slot consistently (from the journal while the writer rewrites it); true when it
   // holds a record. *seq receives the sequence word the copy is valid for.
   bool readSlot(uint32_t slot, uint32_t* out, uint32_t* seq) const;

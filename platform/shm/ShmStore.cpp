@@ -1003,7 +1003,15 @@ uint32_t ShmStore::countWithOp(const std::atomic<uint64_t>& word, uint32_t c, ui
 // Counts live in the header: a lost slot chunk does not make them unreadable.
 uint32_t ShmStore::count(uint32_t c) const {
   if (headerSeg_.lost()) corrupt("the header segment was truncated");
-  return countWithOp(hdr_->colls[c].count, c, kNoSlot, 0);
+  return countBound(c, countWithOp(hdr_->colls[c].count, c, kNoSlot, 0));
+}
+
+// A reader takes counts from the header and from parents' slots, which a damaged store may
+// fill with anything, and sizes process memory by them (maps, copies): no count it reports
+// exceeds the slots below the collection's high-water mark, whose chunks exist.
+uint32_t ShmStore::countBound(uint32_t c, uint32_t n) const {
+  if (writable_) return n;
+  return std::min(n, colls_[c]->readableHighWater());
 }
 
 uint32_t ShmStore::childCount(uint32_t c, uint64_t parent) const {
@@ -1013,7 +1021,7 @@ uint32_t ShmStore::childCount(uint32_t c, uint64_t parent) const {
   if (!p.alive(parent)) return 0;
   const uint32_t* word = p.side(refSlot(parent)) + childBlock(coll.childIndex()) + kChildCount;
   const auto& atom = *reinterpret_cast<const std::atomic<uint64_t>*>(word);
-  const uint32_t n = countWithOp(atom, c, kNoSlot, parent);
+  const uint32_t n = countBound(c, countWithOp(atom, c, kNoSlot, parent));
   const bool live = p.alive(parent);
   checkIntact();
   return live ? n : 0;

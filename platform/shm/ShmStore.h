@@ -134,7 +134,8 @@ class ShmStore {
     std::string blob;
     uint32_t seq = 0;  // the slot's sequence word the copy is valid for
   };
-  // The number of records of a top-level collection, or of one parent's members.
+  // The number of records of a top-level collection, or of one parent's members. A reader's
+  // never exceeds the slots it can read (see countBound).
   uint32_t count(uint32_t c) const;
   uint32_t childCount(uint32_t c, uint64_t parent) const;
   // The change counter of one parent's members of collection c; nullopt once that parent
@@ -246,6 +247,7 @@ class ShmStore {
   void beginOp(uint32_t c, uint64_t kind, uint32_t slot);
   void endOp();
   uint64_t opSeq() const { return opSeq_; }
+  uint32_t countBound(uint32_t c, uint32_t n) const;
   uint32_t countWithOp(const std::atomic<uint64_t>& word, uint32_t c, uint32_t slot,
                        uint64_t parent) const;
   void removeMembers(uint32_t c, uint64_t ref);

@@ -285,6 +285,28 @@ TEST_F(ShmVerifyTest, DamageIsFoundAndNamed) {
   }
 }
 
+// A reader sizes process memory by its counts (a detached copy, maps of keys): forged counts,
+// in the header and in a parent's slot, claim no more records than the collection has slots,
+// and the copy holds the records there are.
+TEST_F(ShmVerifyTest, ForgedCountsClaimNoMoreThanTheSlots) {
+  ShmStore w = filledStore("v/forged");
+  Raw raw{"v/forged"};
+  const uint64_t parent = vrfRef(w, 0);
+  raw.pokeHeader(
+      offsetof(Header, colls) + kFlat * sizeof(CollectionDesc) + offsetof(CollectionDesc, count),
+      uint64_t{0xf0000000});
+  raw.pokeSlot(kVrfs, refSlot(parent), raw.sideWord(kVrfs, childBlock(0) + kChildCount),
+               0xf0000000);
+  ShmStore r = ShmStore::openReader("v/forged", nullptr);
+  EXPECT_GE(r.count(kFlat), kFlatRecords);
+  EXPECT_LE(r.count(kFlat), r.collection(kFlat).highWater());
+  EXPECT_LE(r.childCount(kRoutes, parent), r.collection(kRoutes).highWater());
+  ShmStore local = ShmStore::detached(schema());
+  local.copyFrom(r, /*announce=*/false, [](uint32_t, uint64_t, uint64_t) {});
+  EXPECT_EQ(local.count(kFlat), kFlatRecords);
+  EXPECT_EQ(local.count(kRoutes), kParents * kMembers);
+}
+
 TEST_F(ShmVerifyTest, AnAbsentStoreIsAnError) {
   EXPECT_THROW(Oro::shmVerifyStore("v/absent"), Oro::ShmException);
 }
