@@ -25,11 +25,15 @@ constexpr uint32_t kMinIndexCapacity = 64;
 // keeps the index below 7 bytes per record while every rebuild still grows it by 1.4x.
 constexpr uint64_t kMaxLoadNum = 4, kMaxLoadDen = 5;
 constexpr uint32_t kLargeTable = 1u << 18;
-// Rounds a reader spends on a slot that keeps changing before it suspects damage; past
-// kYieldAfter it lets other threads run (a detached store's writer may be another thread of
-// this process, preempted mid-write).
-constexpr uint32_t kSpinLimit = 1u << 22;
+// Rounds a reader spends on a slot of a shared store that keeps changing before it calls it
+// damaged; past kYieldAfter it lets other threads run (a detached store's writer may be another
+// thread of this process, preempted mid-write: such a reader waits as long as it takes). A live
+// writer never makes a reader of a shared store wait: a slot it rewrites shows the writing bit
+// only after the journal names it, so a retry settles within a round or two, and the limit
+// only bounds how long a slot forged (or left by a killed writer) half-written stalls a reader:
+// about a millisecond, where 2^22 rounds of yields took seconds.
 constexpr uint32_t kYieldAfter = 1024;
+constexpr uint32_t kSpinLimit = kYieldAfter + 1024;
 // Occupied slots whose index homes are computed (and prefetched) before any is placed.
 constexpr uint32_t kBuildBatch = 16;
 // Growth of the index into its next generation starts when the present one is 69/100 full

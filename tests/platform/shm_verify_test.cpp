@@ -305,6 +305,18 @@ TEST_F(ShmVerifyTest, ForgedCountsClaimNoMoreThanTheSlots) {
   local.copyFrom(r, /*announce=*/false, [](uint32_t, uint64_t, uint64_t) {});
   EXPECT_EQ(local.count(kFlat), kFlatRecords);
   EXPECT_EQ(local.count(kRoutes), kParents * kMembers);
+
+  // A slot forged half-written, which the journal does not name, is damage to its readers.
+  const uint32_t key[2] = {7, ~7u};
+  const uint32_t slot = r.find(kFlat, key, nullptr);
+  ASSERT_NE(slot, ShmStore::kNoSlot);
+  raw.pokeSlot(kFlat, slot, 0, raw.slotWord(kFlat, slot, 0) | kSeqWriting);
+  try {
+    r.find(kFlat, key, nullptr);
+    ADD_FAILURE() << "a half-written slot was read";
+  } catch (const Oro::ShmCorruptionException& e) {
+    EXPECT_NE(std::string(e.what()).find("stays half-written"), std::string::npos) << e.what();
+  }
 }
 
 TEST_F(ShmVerifyTest, AnAbsentStoreIsAnError) {
