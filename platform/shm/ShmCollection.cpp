@@ -25,15 +25,15 @@ constexpr uint32_t kMinIndexCapacity = 64;
 // keeps the index below 7 bytes per record while every rebuild still grows it by 1.4x.
 constexpr uint64_t kMaxLoadNum = 4, kMaxLoadDen = 5;
 constexpr uint32_t kLargeTable = 1u << 18;
-// Rounds a reader spends on a slot of a shared store that keeps changing before it calls it
-// damaged; past kYieldAfter it lets other threads run (a detached store's writer may be another
-// thread of this process, preempted mid-write: such a reader waits as long as it takes). A live
-// writer never makes a reader of a shared store wait: a slot it rewrites shows the writing bit
-// only after the journal names it, so a retry settles within a round or two, and the limit
-// only bounds how long a slot forged (or left by a killed writer) half-written stalls a reader:
-// about a millisecond, where 2^22 rounds of yields took seconds.
+// Rounds a reader of a shared store spends on a slot whose sequence word does not move before
+// it calls the slot damaged; past kYieldAfter rounds it lets other threads run (a detached
+// store's writer may be another thread of this process, preempted mid-write: such a reader
+// waits as long as it takes). A live writer does not hold a slot still: a slot it rewrites
+// shows the writing bit only after the journal names it, and a word that keeps moving resets
+// the count. The limit bounds how long a slot forged (or left by a killed writer) half-written
+// stalls a reader: about a millisecond, where 2^22 rounds took seconds.
 constexpr uint32_t kYieldAfter = 1024;
-constexpr uint32_t kSpinLimit = kYieldAfter + 1024;
+constexpr uint32_t kStuckLimit = 2048;
 // Occupied slots whose index homes are computed (and prefetched) before any is placed.
 constexpr uint32_t kBuildBatch = 16;
 // Growth of the index into its next generation starts when the present one is 69/100 full
@@ -222,9 +222,17 @@ bool ShmCollection::readSlot(uint32_t slot, uint32_t* out, uint32_t* seq) const 
   const uint32_t* s = slotPtr(slot);
   const uint32_t n = kw_ + vw_;
   const Header* h = storePtr_->hdr_;
-  for (uint32_t spin = 0; spin < kSpinLimit || !storePtr_->shared(); ++spin) {
-    if (spin >= kYieldAfter) ::sched_yield();
+  uint32_t last = 0;
+  uint32_t stuck = 0;
+  for (uint32_t round = 0;; ++round) {
+    if (round >= kYieldAfter) ::sched_yield();
     const uint32_t s1 = loadWord(s, std::memory_order_acquire);
+    if (round == 0 || s1 != last) {
+      last = s1;
+      stuck = 0;
+    } else if (++stuck >= kStuckLimit && storePtr_->shared()) {
+      break;
+    }
     if (!(s1 & kSeqWriting)) {
       loadWords(s + 1, out, n);
       std::atomic_thread_fence(std::memory_order_acquire);
