@@ -136,9 +136,8 @@ uint32_t ShmCollection::highWater() const {
 
 uint32_t ShmCollection::readableHighWater() const {
   const uint32_t hw = highWater();
-  if (hw == 0 || chunkOf(hw - 1) < chunks_.size()) return hw;
   try {
-    slotPtr(hw - 1);
+    if (hw != 0) slotPtr(hw - 1);  // maps the chunks below hw, unless they are already
   } catch (const ShmCorruptionException&) {
     throw;
   } catch (const ShmException& e) {
@@ -227,7 +226,7 @@ bool ShmCollection::readSlot(uint32_t slot, uint32_t* out, uint32_t* seq) const 
   for (uint32_t round = 0;; ++round) {
     if (round >= kYieldAfter) ::sched_yield();
     const uint32_t s1 = loadWord(s, std::memory_order_acquire);
-    if (round == 0 || s1 != last) {
+    if (s1 != last) {
       last = s1;
       stuck = 0;
     } else if (++stuck >= kStuckLimit && storePtr_->shared()) {

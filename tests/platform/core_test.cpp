@@ -113,9 +113,4 @@ TEST(AssertDeathTest, PrintsConditionAndExplanation) {
                "Assertion failed: key 1 but 2");
 }
 
-TEST(Errors, MessageNamesTheFlagType) {
-  Oro::DenseEnumBoolSetRangeException e("Routing::Multicast::MvpnRoute::RouteFlags", 8);
-  EXPECT_NE(std::string(e.what()).find("RouteFlags"), std::string::npos);
-}
-
 }  // namespace
