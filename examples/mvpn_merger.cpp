@@ -29,10 +29,19 @@ extern "C" void onSignal(int) {
   if (gScheduler) gScheduler->stop();
 }
 
+// Damage met in an input is reported on stderr once per new message (a damaged input is
+// met again by every rescan and every look for a repaired store).
 template <class Root, class Factory>
 Oro::Ptr<Root> mounted(Factory factory, const std::string& path, Oro::ShmRole role,
                        Oro::TaskScheduler* scheduler) {
   auto root = factory(path);
+  if (role == Oro::ShmRole::reader) {
+    root->corruptionHandlerIs([path, last = std::string()](const std::string& message) mutable {
+      if (message == last) return;
+      last = message;
+      std::fprintf(stderr, "mvpn_merger: %s is damaged: %s\n", path.c_str(), message.c_str());
+    });
+  }
   root->mount(Oro::ShmAttach{path, role, scheduler, 0644});
   return root;
 }

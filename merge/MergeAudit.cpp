@@ -151,7 +151,8 @@ class VrfAudit : public MergeAudit {
       const auto want = DynaCode::MergedMvpnVrfStatusSm::mergedVrfOf(
           v, DynaCode::MergedMvpnVrfStatusSm::vrfWinner(
                  [mask](size_t stream) { return (mask >> stream) & 1; }));
-      if (!want || !(*want == it.value())) c.recheck.push_back([&judge, v] { return judge(v); });
+      if (!want || !it.value() || !(*want == *it.value()))
+        c.recheck.push_back([&judge, v] { return judge(v); });
     }
     for (const auto& entry : lists) {
       const VrfId v(entry.first);
@@ -282,7 +283,7 @@ class EncapAudit : public MergeAudit {
       ++r.keysChecked;
       const typename C::Key k = it.key();
       const auto want = expected<C>(in, v, k);
-      if (want && *want == it.value()) continue;
+      if (want && it.value() && *want == *it.value()) continue;
       c.recheck.push_back([&in, &out, v, k] { return judge<C>(in, out, v, k); });
     }
   }

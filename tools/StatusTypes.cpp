@@ -71,8 +71,8 @@ void show(const std::string& path, bool json, FILE* out) {
   std::unordered_set<Key> listed;
   const char* sep = "";
   for (auto it = r.root->recordIter(); it.valid(); it.next()) {
-    if (!listed.insert(it.key()).second) continue;
-    fmt::print(out, "{}\n  {}", sep, recordJson(it.value()));
+    if (!it.value() || !listed.insert(it.key()).second) continue;
+    fmt::print(out, "{}\n  {}", sep, recordJson(*it.value()));
     sep = ",";
   }
   fmt::print(out, "{}]}}\n", *sep ? "\n" : "");
@@ -182,7 +182,8 @@ void showTree(const std::string& path, bool json, FILE* out) {
     fmt::print(out, "{}\n  {{\"vrfId\": {}, \"routes\": [", vsep, vrf->vrfId().value());
     const char* sep = "";
     for (auto it = vrf->mvpnRouteIter(); it.valid(); it.next()) {
-      fmt::print(out, "{}{}", sep, routeJson(it.value()));
+      if (!it.value()) continue;
+      fmt::print(out, "{}{}", sep, routeJson(*it.value()));
       sep = ", ";
     }
     fmt::print(out, "], \"groups\": [");
@@ -194,13 +195,15 @@ void showTree(const std::string& path, bool json, FILE* out) {
                  jsonQuote(group->group().toStrep()));
       sep = "";
       for (auto it = group->sharedTreeIter(); it.valid(); it.next()) {
-        fmt::print(out, "{}{}", sep, sourceJson(it.value()));
+        if (!it.value()) continue;
+        fmt::print(out, "{}{}", sep, sourceJson(*it.value()));
         sep = ", ";
       }
       fmt::print(out, "], \"sourceTree\": [");
       sep = "";
       for (auto it = group->sourceTreeIter(); it.valid(); it.next()) {
-        fmt::print(out, "{}{}", sep, sourceJson(it.value()));
+        if (!it.value()) continue;
+        fmt::print(out, "{}{}", sep, sourceJson(*it.value()));
         sep = ", ";
       }
       fmt::print(out, "]}}");
@@ -306,7 +309,8 @@ void showEncap(const std::string& path, bool json, FILE* out) {
     }
     const char* sep = "";
     for (auto it = vrf->encapTunnelIter(); it.valid(); it.next()) {
-      const MvpnEncapTunnel rec = it.value();
+      if (!it.value()) continue;
+      const MvpnEncapTunnel& rec = *it.value();
       if (json) {
         fmt::print(out, "{}\n    {{\"routeKey\": {}, \"encapData\": {}}}", sep,
                    jsonQuote(rec.routeKey().toStrep()), jsonQuote(rec.encapData()));
@@ -322,7 +326,8 @@ void showEncap(const std::string& path, bool json, FILE* out) {
     }
     sep = "";
     for (auto it = vrf->encapIntfTunnelIter(); it.valid(); it.next()) {
-      const MvpnEncapIntfTunnel rec = it.value();
+      if (!it.value()) continue;
+      const MvpnEncapIntfTunnel& rec = *it.value();
       if (json) {
         fmt::print(out, "{}\n    {{\"routeIntfKey\": {}, \"encapData\": {}}}", sep,
                    jsonQuote(rec.routeIntfKey().toStrep()), jsonQuote(rec.encapData()));

@@ -66,10 +66,10 @@ void ShmNode::shmBind(ShmBinding* binding, uint32_t coll, uint64_t ref) {
   forEachChild([&](ShmHandleBase& h) { h.rebind(binding, ref); });
 }
 
-void ShmNode::shmDepart() {
+void ShmNode::shmDepart(bool storeLost) {
   if (!binding_) return;
   binding_->nodeDel(coll_, ref_, this);
-  forEachChild([](ShmHandleBase& h) { h.depart(); });
+  forEachChild([storeLost](ShmHandleBase& h) { h.depart(storeLost); });
   binding_ = nullptr;
 }
 

@@ -76,8 +76,10 @@ class ShmHandleBase {
   // Reader: every key present now plus every key reported before.
   virtual void resync(ShmResync& out) = 0;
   // The entity owning this handle leaves its store: keep its members in process memory (the
-  // records when the store still has them, else the keys reported to this reader).
-  virtual void depart() = 0;
+  // records when the store still has them, else the keys reported to this reader). A reader
+  // that lost its store (damage, or its writer's replacement) may leave entities that are
+  // still there: `storeLost` says so, and their records count as unknown, not gone.
+  virtual void depart(bool storeLost) = 0;
   // The store changed under the handle (attach, detach): the owning entity is now `parent`.
   virtual void rebind(ShmBinding* binding, uint64_t parent) {
     binding_ = binding;
@@ -126,7 +128,7 @@ class ShmNode {
   // Registers with `binding` as entity `ref` of collection `coll` (child handles follow).
   void shmBind(ShmBinding* binding, uint32_t coll, uint64_t ref);
   // Leaves the store: unregisters, and every child handle keeps its members in process memory.
-  void shmDepart();
+  void shmDepart(bool storeLost = false);
 
  private:
   ShmBinding* binding_ = nullptr;

@@ -100,7 +100,13 @@ class ShmValues : public ShmHandleBase {
       return h_ != nullptr && (local_ ? it_ != h_->local_.end() : slot_ != ShmStore::kNoSlot);
     }
     const Key& key() const { return key_; }
-    const Record& value() const { return value_; }
+    // The record at the key. A reader's collection that left its store keeps only the keys it
+    // had reported: null there when the entity left (the record went with it), and
+    // ShmCorruptionException when the reader lost its store (the record is unknown).
+    const Record* value() const {
+      if (!hasValue_ && h_->unknown_) throw ShmCorruptionException(kUnknownRecord);
+      return hasValue_ ? &value_ : nullptr;
+    }
     Bookmark bookmark() const { return Bookmark{key_, slot_}; }
     void next() {
       if (!valid()) return;
@@ -130,12 +136,14 @@ class ShmValues : public ShmHandleBase {
     // when the parent goes.
     void met(const ShmStore::Record& rec) {
       h_->decode(rec, &key_, &value_);
+      hasValue_ = true;
       if (h_->binding_->role() == ShmRole::reader) h_->known_.try_emplace(key_, h_->mark_);
     }
     void loadLocal() {
       if (it_ == h_->local_.end()) return;
       key_ = it_->first;
-      value_ = it_->second ? *it_->second : Record();
+      hasValue_ = it_->second.has_value();
+      value_ = hasValue_ ? *it_->second : Record();
     }
     const ShmValues* h_ = nullptr;
     bool local_ = false;
@@ -143,6 +151,7 @@ class ShmValues : public ShmHandleBase {
     typename std::map<Key, std::optional<Record>>::const_iterator it_;
     Key key_{};
     Record value_{};
+    bool hasValue_ = false;
   };
 
   ShmValues(ShmBinding* binding, uint64_t parent, OnKey onKey)
@@ -159,11 +168,16 @@ class ShmValues : public ShmHandleBase {
     if (binding_ && parent_ == 0 && !departed_) binding_->topIs(kColl, nullptr);
   }
 
+  // A reader's collection that left its store knows the keys it reported, not their records:
+  // those are absent once the entity left, but unknown (ShmCorruptionException) when the
+  // reader lost its store while the entity may still be there.
   std::optional<Record> find(const Key& key) const {
     checkReadable();
     if (departed_) {
       auto it = local_.find(key);
-      return it == local_.end() ? std::nullopt : it->second;
+      if (it == local_.end()) return std::nullopt;
+      if (!it->second && unknown_) throw ShmCorruptionException(kUnknownRecord);
+      return it->second;
     }
     uint32_t k[ShmLayout::kMaxKeyBytes / 4];
     ShmStore::Record rec;
@@ -286,6 +300,8 @@ class ShmValues : public ShmHandleBase {
   }
 
   void onKeyIs(OnKey onKey) { onKey_ = std::move(onKey); }
+  static constexpr const char* kUnknownRecord =
+      "the record of a key is unknown: the reader no longer has its store";
   // The keys this reader has reported present (and not absent since).
   size_t knownKeys() const { return known_.size(); }
 
@@ -323,17 +339,20 @@ class ShmValues : public ShmHandleBase {
     }
   }
 
-  void depart() override {
+  void depart(bool storeLost) override {
     if (departed_) return;
     local_.clear();
     if (binding_->role() == ShmRole::reader) {
       for (const auto& [key, mark] : known_) local_.emplace(key, std::nullopt);
+      unknown_ = storeLost;
     } else {
       // The records as the store has them now; a damaged store gives what could be read.
       const bool faulty = faulty_;
       faulty_ = false;
       try {
-        for (Cursor c = begin(); c.valid(); c.next()) local_.emplace(c.key(), c.value());
+        for (Cursor c = begin(); c.valid(); c.next()) {
+          local_.emplace(c.key(), c.value() ? std::optional<Record>(*c.value()) : std::nullopt);
+        }
       } catch (const ShmCorruptionException&) {
       }
       faulty_ = faulty;
@@ -371,6 +390,7 @@ class ShmValues : public ShmHandleBase {
   uint32_t mark_ = 0;
   std::map<Key, std::optional<Record>> local_;
   mutable uint32_t localVersion_ = 0;
+  bool unknown_ = false;  // departed with a store the reader lost (see find)
 };
 
 // Entity proxies: E is an Oro::Entity and ShmNode with
@@ -648,9 +668,9 @@ class ShmEntities : public ShmHandleBase {
     }
   }
 
-  void depart() override {
+  void depart(bool storeLost) override {
     if (departed_) return;
-    for (auto& [key, e] : members_) e->shmDepart();
+    for (auto& [key, e] : members_) e->shmDepart(storeLost);
     if (parent_ == 0) binding_->topIs(kColl, nullptr);
     departed_ = true;
   }
@@ -659,7 +679,7 @@ class ShmEntities : public ShmHandleBase {
     // The proxies leave the store (they keep their members in process memory); their keys
     // stay known, so the first dispatch reports them.
     for (auto& [key, e] : members_) {
-      e->shmDepart();
+      e->shmDepart(/*storeLost=*/true);
       marks_[key] = mark_;
     }
   }

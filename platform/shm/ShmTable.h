@@ -53,7 +53,11 @@ class ShmTable {
     Cursor() = default;
     bool valid() const { return c_.valid(); }
     const K& key() const { return c_.key(); }
-    const V& value() const { return c_.value().value; }
+    // Null where the walk knows the key alone (see ShmValues::Cursor::value).
+    const V* value() const {
+      const auto* r = c_.value();
+      return r ? &r->value : nullptr;
+    }
     Bookmark bookmark() const { return c_.bookmark(); }
     void next() { c_.next(); }
 

@@ -5,12 +5,18 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <chrono>
 #include <string>
 #include <vector>
 
 #include "merge/EncapTestRig.h"
 #include "merge/MergeTestRig.h"
+#include "platform/shm/ShmSegment.h"
+#include "platform/shm/ShmStore.h"
 #include "platform/shm_test_util.h"
 
 namespace {
@@ -161,6 +167,52 @@ TEST_F(TunnelMergeShm, AVrfRemovedRightAfterTheReaderWasToldOfItIsWithdrawnWhole
   EXPECT_EQ(rig.mergedContents(),
             mergeOf(contents(*rig.in[kMvpn]), contents(*writer), contents(*rig.in[kEvpn])));
   EXPECT_EQ(rig.mergedContents().routes.at({3, 1}), "m");
+}
+
+// A reader that meets damage in its store drops the store and opens it again; until the new
+// store is read, its VRFs know their keys alone. A scan over such a VRF neither merges made-up
+// records nor withdraws merged ones: their records are unknown, not gone.
+TEST_F(TunnelMergeShm, AReaderThatLostItsDamagedStoreKeepsTheMergedRecordsOfItsVrfs) {
+  Rig rig;
+  auto writer = Routing::Multicast::mvpnTunnelEncapStatusFactory("mvpnWriter");
+  writer->mount(Oro::ShmAttach{"t/mvpn", Oro::ShmRole::writer, nullptr, 0600, 16});
+  writer->vrfStatusIs(VrfId(3))->encapTunnelIs(MvpnEncapTunnel(route(1), "m1"));
+  writer->vrfStatusIs(VrfId(3))->encapTunnelIs(MvpnEncapTunnel(route(2), "m2"));
+  writer->vrfStatusIs(VrfId(4))->encapTunnelIs(MvpnEncapTunnel(route(1), "m4"));
+  rig.putRoute(kStatic, 3, 1, "s");
+  {
+    // A stray write into the key of VRF 3's second record (slot 1): a byte an IPv4 source
+    // address leaves zero.
+    const Oro::ShmStore view = Oro::ShmStore::openReader("t/mvpn", nullptr);
+    const uint32_t coll = Routing::Multicast::TunnelEncapStore::kEncapTunnel;
+    const std::string name =
+        Oro::shmStoreSegmentName("t/mvpn", view.header()->instance, fmt::format("{}k0", coll));
+    const size_t offset = (size_t{view.header()->colls[coll].slotWords} + 7) * 4;
+    const uint32_t one = 1;
+    const int fd = ::open(("/dev/shm" + name).c_str(), O_RDWR);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(::pwrite(fd, &one, 4, static_cast<off_t>(offset)), 4);
+    ::close(fd);
+  }
+  std::vector<std::string> reports;
+  rig.in[kMvpn]->vrfStatusCorruptionHandlerIs([&](const std::string& m) { reports.push_back(m); });
+  rig.in[kMvpn]->mount(Oro::ShmAttach{"t/mvpn", Oro::ShmRole::reader, &rig.scheduler});
+  rig.start();
+  // The damage is met by the merge's scan and by the reader, which drops its store, opens it
+  // again after a pause and fails anew: by the fifth report the merge has rescanned VRFs the
+  // reader left with their keys alone.
+  const auto failures = [&] {
+    return std::count_if(reports.begin(), reports.end(), [](const std::string& m) {
+      return m.find("bad image") != std::string::npos;
+    });
+  };
+  ASSERT_TRUE(rig.scheduler.runUntil([&] { return failures() >= 5; },
+                                     std::chrono::steady_clock::now() + 20s));
+  rig.settle();
+  const Contents merged = rig.mergedContents();
+  EXPECT_EQ(merged.routes.at({3, 1}), "s");
+  EXPECT_EQ(merged.routes.at({4, 1}), "m4");
+  EXPECT_FALSE(rig.sm->ready());
 }
 
 TEST(TunnelMergeLifecycle,
