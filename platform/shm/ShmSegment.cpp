@@ -246,10 +246,21 @@ size_t ShmSegment::pageBytes() {
   return page;
 }
 
+int shmOpenFile(const std::string& name, int flags, mode_t mode) {
+  const int fd = ::shm_open(name.c_str(), flags | O_NONBLOCK | O_CLOEXEC, mode);
+  if (fd < 0) return fd;
+  struct stat st {};
+  if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+    ::close(fd);
+    throw ShmException(fmt::format("shared memory segment {} is not a regular file", name));
+  }
+  return fd;
+}
+
 ShmSegment ShmSegment::create(const std::string& name, size_t bytes, mode_t mode, bool replace,
                               bool commitNow) {
   if (replace) ::shm_unlink(name.c_str());
-  const int fd = ::shm_open(name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, mode);
+  const int fd = shmOpenFile(name, O_RDWR | O_CREAT | O_EXCL, mode);
   if (fd < 0) {
     const int err = errno;
     throw ShmException(fmt::format("cannot create shared memory segment {}: {}", name,
@@ -298,7 +309,7 @@ void ShmSegment::commit(size_t offset, size_t bytes) {
 
 ShmSegment ShmSegment::open(const std::string& name, Access access, size_t minBytes) {
   const bool rw = access == Access::readWrite;
-  const int fd = ::shm_open(name.c_str(), (rw ? O_RDWR : O_RDONLY) | O_CLOEXEC, 0);
+  const int fd = shmOpenFile(name, rw ? O_RDWR : O_RDONLY);
   if (fd < 0) {
     const int err = errno;
     if (err == EACCES || err == EPERM) {

@@ -48,6 +48,11 @@ std::vector<std::string> shmNamespaceEntries();
 // Removes every entry of the current namespace; for tests and tools.
 void shmUnlinkNamespace();
 
+// shm_open for a segment, which must be a regular file: anything else planted under its name
+// (a FIFO would block the open, a device the mapping) raises ShmException. Otherwise as
+// shm_open: a descriptor, or -1 with errno.
+int shmOpenFile(const std::string& name, int flags, mode_t mode = 0);
+
 // Start time of a process (field 22 of /proc/<pid>/stat, in clock ticks since boot), or 0 when
 // the process does not exist (also when it vanishes while its file is read). Never throws.
 uint64_t processStartTime(pid_t pid);

@@ -102,7 +102,7 @@ enum class HeaderOpen : uint8_t { opened, absent, replaced };
 
 HeaderOpen openHeaderLocked(const std::string& name, const std::string& mountPath,
                             const char* deniedWhat, const char* liveWhat, int* fd) {
-  *fd = ::shm_open(name.c_str(), O_RDWR | O_CLOEXEC, 0);
+  *fd = shmOpenFile(name, O_RDWR);
   if (*fd < 0) {
     const int err = errno;
     if (err == EACCES || err == EPERM) {
@@ -842,7 +842,12 @@ size_t ShmStore::remove(const std::string& mountPath) {
     for (const std::string& n : names) {
       const size_t dot = n.find('.', prefix.size());
       if (dot == std::string::npos || n.compare(dot, std::string::npos, ".new") != 0) continue;
-      const int fd = ::shm_open(("/" + n).c_str(), O_RDONLY | O_CLOEXEC, 0);
+      int fd = -1;
+      try {
+        fd = shmOpenFile("/" + n, O_RDONLY);
+      } catch (const ShmException&) {
+        continue;  // not a segment: nobody's, removed with the rest
+      }
       if (fd < 0) continue;
       if (lockedByWriter(fd)) instances.push_back(n.substr(0, dot + 1));
       ::close(fd);

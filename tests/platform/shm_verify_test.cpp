@@ -2,12 +2,15 @@
 // collections) checks clean, also while its writer writes; damage written into its segments is
 // found and named.
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <functional>
 #include <random>
 #include <thread>
+
+#include <gmock/gmock.h>
 
 #include "platform/shm/ShmCollection.h"
 #include "platform/shm/ShmVerify.h"
@@ -321,6 +324,37 @@ TEST_F(ShmVerifyTest, ForgedCountsClaimNoMoreThanTheSlots) {
 
 TEST_F(ShmVerifyTest, AnAbsentStoreIsAnError) {
   EXPECT_THROW(Oro::shmVerifyStore("v/absent"), Oro::ShmException);
+}
+
+// A FIFO planted under a segment's name would block whoever opens it for reading: readers,
+// writers and the verifier get an error instead.
+TEST_F(ShmVerifyTest, AFifoUnderASegmentNameIsAnErrorNotAHang) {
+  const std::string header = "/dev/shm" + Oro::shmStoreName("v/fifo");
+  ASSERT_EQ(::mkfifo(header.c_str(), 0600), 0);
+  const auto notAFile = [](const std::function<void()>& open) {
+    try {
+      open();
+      ADD_FAILURE() << "opened";
+    } catch (const Oro::ShmException& e) {
+      EXPECT_THAT(e.what(), ::testing::HasSubstr("is not a regular file"));
+    }
+  };
+  notAFile([] { (void)ShmStore::openReader("v/fifo", nullptr); });
+  notAFile([] { (void)Oro::shmVerifyStore("v/fifo"); });
+  notAFile([] { (void)ShmStore::openWriter("v/fifo", schema(), 0600, 1024); });
+  ::unlink(header.c_str());
+
+  ShmStore w = filledStore("v/fifo");
+  Raw raw{"v/fifo"};
+  const std::string chunk =
+      "/dev/shm" +
+      Oro::shmStoreSegmentName("v/fifo", raw.view.header()->instance, fmt::format("{}k0", kFlat));
+  ASSERT_EQ(::unlink(chunk.c_str()), 0);
+  ASSERT_EQ(::mkfifo(chunk.c_str(), 0600), 0);
+  notAFile([] {
+    ShmStore r = ShmStore::openReader("v/fifo", nullptr);
+    (void)r.count(kFlat);
+  });
 }
 
 }  // namespace
