@@ -135,6 +135,10 @@ void ShmBinding::detach() {
     });
   } catch (const ShmCorruptionException& e) {
     handleCorruption(e.what());
+  } catch (const ShmException& e) {
+    // A segment that can no longer be mapped (removed, or replaced by something that is not
+    // one) is damage too; detaching runs in destructors and must not throw.
+    handleCorruption(e.what());
   }
   if (wasWriter) store_.releaseOwnership();
   store_ = std::move(local);

@@ -2,6 +2,7 @@
 // identity checks, nested collections on page chains, blobs, index growth, and the byte images
 // of keys.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <map>
 #include <set>
@@ -100,6 +101,26 @@ TEST_F(ShmStoreTest, ReaderSeesWriterChangesControlFlagsAndKeysItHeldBefore) {
   EXPECT_EQ(r.find(2), Rec::of(2));
   w.detach();
   EXPECT_EQ(w.size(), 2u);
+}
+
+// Detaching copies the records into process memory, mapping what the reader had not mapped
+// yet: a segment removed meanwhile is damage reported to the handler, not an exception out of
+// detach (which runs in destructors).
+TEST_F(ShmStoreTest, DetachingOverARemovedChunkReportsDamage) {
+  Table w("test::Rec", "recs", {});
+  w.attach(ShmAttach{"t/gone", ShmRole::writer});
+  for (uint32_t k = 0; k < Oro::ShmLayout::kBaseChunkSlots; ++k) w.insert(k, Rec::of(k));
+  Table r("test::Rec", "recs", {});
+  std::vector<std::string> reports;
+  r.corruptionHandlerIs([&](const std::string& m) { reports.push_back(m); });
+  r.attach(ShmAttach{"t/gone", ShmRole::reader});
+  w.insert(Oro::ShmLayout::kBaseChunkSlots, Rec::of(0));  // the first record of chunk 1
+  const ShmStore view = ShmStore::openReader("t/gone", nullptr);
+  const std::string chunk1 = Oro::shmStoreSegmentName("t/gone", view.header()->instance, "0k1");
+  ASSERT_EQ(::unlink(("/dev/shm" + chunk1).c_str()), 0);
+  EXPECT_NO_THROW(r.detach());
+  ASSERT_EQ(reports.size(), 1u);
+  EXPECT_NE(reports[0].find(chunk1), std::string::npos) << reports[0];
 }
 
 TEST_F(ShmStoreTest, OneLiveWriterOneTypeOneRevision) {
