@@ -86,7 +86,7 @@ void BM_MergeBaselineCopyInputs(benchmark::State& state) {
     merged->mvpnVrfDelAll();
     state.ResumeTiming();
     for (auto& in : inputs.in) {
-      for (auto it = in->mvpnVrfIter(); it.valid(); it.next()) merged->mvpnVrfIs(*it.value());
+      for (auto it = in->mvpnVrfIter(); it.valid(); it.next()) merged->mvpnVrfIs(it.value());
     }
   }
 }

@@ -110,7 +110,7 @@ void BM_TunnelMergeBaselineCopyInputs(benchmark::State& state) {
       for (auto v = input->vrfStatusIter(); v.valid(); v.next()) {
         auto out = merged->vrfStatusIs(v.key());
         for (auto r = v.value()->encapTunnelIter(); r.valid(); r.next()) {
-          out->encapTunnelIs(*r.value());
+          out->encapTunnelIs(r.value());
         }
       }
     }

@@ -151,8 +151,7 @@ class VrfAudit : public MergeAudit {
       const auto want = DynaCode::MergedMvpnVrfStatusSm::mergedVrfOf(
           v, DynaCode::MergedMvpnVrfStatusSm::vrfWinner(
                  [mask](size_t stream) { return (mask >> stream) & 1; }));
-      if (!want || !it.value() || !(*want == *it.value()))
-        c.recheck.push_back([&judge, v] { return judge(v); });
+      if (!want || !(*want == it.value())) c.recheck.push_back([&judge, v] { return judge(v); });
     }
     for (const auto& entry : lists) {
       const VrfId v(entry.first);
@@ -283,7 +282,7 @@ class EncapAudit : public MergeAudit {
       ++r.keysChecked;
       const typename C::Key k = it.key();
       const auto want = expected<C>(in, v, k);
-      if (want && it.value() && *want == *it.value()) continue;
+      if (want && *want == it.value()) continue;
       c.recheck.push_back([&in, &out, v, k] { return judge<C>(in, out, v, k); });
     }
   }

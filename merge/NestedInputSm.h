@@ -126,9 +126,10 @@ class ChildSm : public Oro::Entity {
     watcher_.notifierIs(nullptr);
   }
 
-  // handle<Coll><n>: the per-key reaction of stream k. A scan hands in the record its
-  // iterator is at (the entity's current record), which saves looking the key up again; an
-  // iterator that knows the key alone hands in null, and the key is looked up.
+  // handle<Coll><n>: the per-key reaction of stream k. A scan hands in the value its iterator
+  // is at (the entity's current record), which saves looking the key up again. An iterator
+  // that knows the key alone (a reader's entity that lost its store) raises instead, and the
+  // scan ends as damaged.
   template <size_t k>
   void handle(const KeyAt<k>& key, const ValueAt<k>* current = nullptr) {
     if (departed_ || !parent_->initialized()) return;
@@ -171,7 +172,7 @@ class ChildSm : public Oro::Entity {
     env.inputName = name_;
     const Result r =
         st.scan.run(typename Stream<SourceAt<k>>::Coll{entity_.get()}, env,
-                    [this](const KeyAt<k>& key, const auto& it) { handle<k>(key, it.value()); });
+                    [this](const KeyAt<k>& key, const auto& it) { handle<k>(key, &it.value()); });
     st.items += st.scan.lastRunItems();
     if (st.scan.damaged()) parent_->template childReadFailed<k>();
     if (r == Result::completed) {

@@ -29,7 +29,7 @@ bool MvpnIntfStatus::isPmsiIntfId(Nevo::IntfId intfId) const {
   }
   try {
     for (; it.valid(); it.next()) {
-      if (it.value() && it.value()->pmsiIntfId() == intfId) return true;
+      if (it.value().pmsiIntfId() == intfId) return true;
     }
   } catch (const Oro::ShmCorruptionException& e) {
     recordHandleCorruption(e.what());

@@ -195,13 +195,13 @@ void MvpnGroup::dumpState(Oro::DumpContext& dc, int indent) const {
   line(dc, indent + 2, "Shared tree: #%u\n", "%*cShared tree: #%u\n",
        static_cast<unsigned>(sharedTree_.size()));
   for (auto it = sharedTree_.begin(); it.valid(); it.next()) {
-    if (it.value()) line(dc, indent + 4, "%s\n", "%*c%s\n", it.value()->toStrep().c_str());
+    line(dc, indent + 4, "%s\n", "%*c%s\n", it.value().toStrep().c_str());
   }
   dc.attributePrinted("sharedTree");
   line(dc, indent + 2, "Source tree: #%u\n", "%*cSource tree: #%u\n",
        static_cast<unsigned>(sourceTree_.size()));
   for (auto it = sourceTree_.begin(); it.valid(); it.next()) {
-    if (it.value()) line(dc, indent + 4, "%s\n", "%*c%s\n", it.value()->toStrep().c_str());
+    line(dc, indent + 4, "%s\n", "%*c%s\n", it.value().toStrep().c_str());
   }
   dc.attributePrinted("sourceTree");
 }
@@ -372,7 +372,7 @@ void MvpnVrfRouteStatus::dumpState(Oro::DumpContext& dc, int indent) const {
     line(dc, indent + 2, "MVPN Routes #%u\n", "%*cMVPN Routes #%u\n",
          static_cast<unsigned>(routes_.size()));
     for (auto it = routes_.begin(); it.valid(); it.next()) {
-      if (it.value()) line(dc, indent + 4, "%s\n", "%*c%s\n", it.value()->toStrep().c_str());
+      line(dc, indent + 4, "%s\n", "%*c%s\n", it.value().toStrep().c_str());
     }
     dc.attributePrinted("mvpnRoute");
   }

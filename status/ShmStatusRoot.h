@@ -342,7 +342,7 @@ void ShmStatusRoot<Traits>::dumpState(Oro::DumpContext& dc, int indent) const {
   }
   try {
     for (Iterator it = values_.begin(); it.valid(); it.next()) {
-      if (it.value()) Traits::dumpRecord(dc, *it.value(), indent + 2);
+      Traits::dumpRecord(dc, it.value(), indent + 2);
     }
   } catch (const Oro::ShmCorruptionException& e) {
     handleCorruption(e.what());

@@ -71,8 +71,8 @@ void show(const std::string& path, bool json, FILE* out) {
   std::unordered_set<Key> listed;
   const char* sep = "";
   for (auto it = r.root->recordIter(); it.valid(); it.next()) {
-    if (!it.value() || !listed.insert(it.key()).second) continue;
-    fmt::print(out, "{}\n  {}", sep, recordJson(*it.value()));
+    if (!listed.insert(it.key()).second) continue;
+    fmt::print(out, "{}\n  {}", sep, recordJson(it.value()));
     sep = ",";
   }
   fmt::print(out, "{}]}}\n", *sep ? "\n" : "");
@@ -182,8 +182,7 @@ void showTree(const std::string& path, bool json, FILE* out) {
     fmt::print(out, "{}\n  {{\"vrfId\": {}, \"routes\": [", vsep, vrf->vrfId().value());
     const char* sep = "";
     for (auto it = vrf->mvpnRouteIter(); it.valid(); it.next()) {
-      if (!it.value()) continue;
-      fmt::print(out, "{}{}", sep, routeJson(*it.value()));
+      fmt::print(out, "{}{}", sep, routeJson(it.value()));
       sep = ", ";
     }
     fmt::print(out, "], \"groups\": [");
@@ -195,15 +194,13 @@ void showTree(const std::string& path, bool json, FILE* out) {
                  jsonQuote(group->group().toStrep()));
       sep = "";
       for (auto it = group->sharedTreeIter(); it.valid(); it.next()) {
-        if (!it.value()) continue;
-        fmt::print(out, "{}{}", sep, sourceJson(*it.value()));
+        fmt::print(out, "{}{}", sep, sourceJson(it.value()));
         sep = ", ";
       }
       fmt::print(out, "], \"sourceTree\": [");
       sep = "";
       for (auto it = group->sourceTreeIter(); it.valid(); it.next()) {
-        if (!it.value()) continue;
-        fmt::print(out, "{}{}", sep, sourceJson(*it.value()));
+        fmt::print(out, "{}{}", sep, sourceJson(it.value()));
         sep = ", ";
       }
       fmt::print(out, "]}}");
@@ -309,8 +306,7 @@ void showEncap(const std::string& path, bool json, FILE* out) {
     }
     const char* sep = "";
     for (auto it = vrf->encapTunnelIter(); it.valid(); it.next()) {
-      if (!it.value()) continue;
-      const MvpnEncapTunnel& rec = *it.value();
+      const MvpnEncapTunnel rec = it.value();
       if (json) {
         fmt::print(out, "{}\n    {{\"routeKey\": {}, \"encapData\": {}}}", sep,
                    jsonQuote(rec.routeKey().toStrep()), jsonQuote(rec.encapData()));
@@ -326,8 +322,7 @@ void showEncap(const std::string& path, bool json, FILE* out) {
     }
     sep = "";
     for (auto it = vrf->encapIntfTunnelIter(); it.valid(); it.next()) {
-      if (!it.value()) continue;
-      const MvpnEncapIntfTunnel& rec = *it.value();
+      const MvpnEncapIntfTunnel rec = it.value();
       if (json) {
         fmt::print(out, "{}\n    {{\"routeIntfKey\": {}, \"encapData\": {}}}", sep,
                    jsonQuote(rec.routeIntfKey().toStrep()), jsonQuote(rec.encapData()));

@@ -101,11 +101,10 @@ class ShmValues : public ShmHandleBase {
     }
     const Key& key() const { return key_; }
     // The record at the key. A reader's collection that left its store keeps only the keys it
-    // had reported: null there when the entity left (the record went with it), and
-    // ShmCorruptionException when the reader lost its store (the record is unknown).
-    const Record* value() const {
-      if (!hasValue_ && h_->unknown_) throw ShmCorruptionException(kUnknownRecord);
-      return hasValue_ ? &value_ : nullptr;
+    // had reported, not their records: asking for one raises ShmCorruptionException.
+    const Record& value() const {
+      if (!hasValue_) throw ShmCorruptionException(kUnknownRecord);
+      return value_;
     }
     Bookmark bookmark() const { return Bookmark{key_, slot_}; }
     void next() {
@@ -350,9 +349,7 @@ class ShmValues : public ShmHandleBase {
       const bool faulty = faulty_;
       faulty_ = false;
       try {
-        for (Cursor c = begin(); c.valid(); c.next()) {
-          local_.emplace(c.key(), c.value() ? std::optional<Record>(*c.value()) : std::nullopt);
-        }
+        for (Cursor c = begin(); c.valid(); c.next()) local_.emplace(c.key(), c.value());
       } catch (const ShmCorruptionException&) {
       }
       faulty_ = faulty;

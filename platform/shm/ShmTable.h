@@ -53,11 +53,7 @@ class ShmTable {
     Cursor() = default;
     bool valid() const { return c_.valid(); }
     const K& key() const { return c_.key(); }
-    // Null where the walk knows the key alone (see ShmValues::Cursor::value).
-    const V* value() const {
-      const auto* r = c_.value();
-      return r ? &r->value : nullptr;
-    }
+    const V& value() const { return c_.value().value; }
     Bookmark bookmark() const { return c_.bookmark(); }
     void next() { c_.next(); }
 

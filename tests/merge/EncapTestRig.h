@@ -63,10 +63,10 @@ inline Contents contents(const MvpnTunnelEncapStatus& status) {
     if (!e) continue;  // gone since the walk met it (a writer in another process)
     c.vrfs.insert(vrf);
     for (auto r = e->encapTunnelIter(); r.valid(); r.next()) {
-      c.routes[{vrf, numberOf(r.key())}] = r.value()->encapData();
+      c.routes[{vrf, numberOf(r.key())}] = r.value().encapData();
     }
     for (auto i = e->encapIntfTunnelIter(); i.valid(); i.next()) {
-      c.intfs[{vrf, numberOf(i.key().routeKey())}] = i.value()->encapData();
+      c.intfs[{vrf, numberOf(i.key().routeKey())}] = i.value().encapData();
     }
   }
   return c;

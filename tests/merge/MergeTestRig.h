@@ -51,7 +51,7 @@ inline std::map<uint32_t, MvpnClient> mergeOf(const std::map<uint32_t, unsigned>
 inline std::map<uint32_t, MvpnClient> contents(const MvpnVrfStatus& status) {
   std::map<uint32_t, MvpnClient> out;
   for (auto it = status.mvpnVrfIter(); it.valid(); it.next()) {
-    out[it.key().value()] = it.value()->client();
+    out[it.key().value()] = it.value().client();
   }
   return out;
 }

@@ -64,7 +64,7 @@ struct ViewReader {
   void drain() { ::drain(table); }
   std::map<uint32_t, Rec> truth() const {
     std::map<uint32_t, Rec> out;
-    for (auto it = table.begin(); it.valid(); it.next()) out[it.key()] = *it.value();
+    for (auto it = table.begin(); it.valid(); it.next()) out[it.key()] = it.value();
     return out;
   }
 };

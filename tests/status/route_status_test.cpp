@@ -253,14 +253,14 @@ TreeCopy copyOf(const MvpnRouteStatus& root) {
   for (auto v = root.vrfRouteStatusIter(); v.valid(); v.next()) {
     auto vrf = v.value();
     for (auto r = vrf->mvpnRouteIter(); r.valid(); r.next()) {
-      t.routes[{vrf->vrfId().value(), r.key()}] = *r.value();
+      t.routes[{vrf->vrfId().value(), r.key()}] = r.value();
     }
     for (auto g = vrf->mvpnGroupIter(); g.valid(); g.next()) {
       auto group = g.value();
       auto copyTree = [&](auto s, bool shared) {
         for (; s.valid(); s.next()) {
           t.sources[{vrf->vrfId().value(), group->group().v4HostOrder(), shared,
-                     s.key().v4HostOrder()}] = *s.value();
+                     s.key().v4HostOrder()}] = s.value();
         }
       };
       copyTree(group->sharedTreeIter(), true);
