@@ -16,11 +16,21 @@
 #include <vector>
 
 #include <fmt/format.h>
+#include <gtest/gtest.h>
 
 #include "platform/shm/ShmLayout.h"
 #include "platform/shm/ShmSegment.h"
 
 namespace shmtest {
+
+// Writes n bytes at offset into the segment `name`, as a stray process with access to /dev/shm
+// could.
+inline void writeSegment(const std::string& name, size_t offset, const void* bytes, size_t n) {
+  const int fd = ::open(("/dev/shm" + name).c_str(), O_RDWR);
+  ASSERT_GE(fd, 0) << name;
+  ASSERT_EQ(::pwrite(fd, bytes, n, static_cast<off_t>(offset)), static_cast<ssize_t>(n));
+  ::close(fd);
+}
 
 // Returns false when the store or the collection does not exist. The collection's first slot
 // chunk is truncated: processes that map it meet a short segment, processes that mapped it
@@ -31,7 +41,8 @@ inline bool damageTable(const std::string& mountPath, const std::string& collect
   const int fd = ::shm_open(header.c_str(), O_RDONLY, 0);
   if (fd < 0) return false;
   Header h;
-  const bool ok = ::pread(fd, static_cast<void*>(&h), sizeof h, 0) == static_cast<ssize_t>(sizeof h);
+  const bool ok =
+      ::pread(fd, static_cast<void*>(&h), sizeof h, 0) == static_cast<ssize_t>(sizeof h);
   ::close(fd);
   uint32_t c = 0;
   while (ok && c < h.collectionCount && c < Oro::ShmLayout::kMaxCollections &&

@@ -14,6 +14,7 @@
 
 #include <fmt/format.h>
 
+#include "common/mvpnstat_run.h"
 #include "merge/EncapTestRig.h"
 #include "merge/MergeTestRig.h"
 #include "merge/MvpnVrfStatusMergeSm.h"
@@ -31,22 +32,8 @@ using Json = nlohmann::json;
 
 constexpr const char* kMerged = "test/multicast/vpn/vrfStatus/merged";
 
-struct Result {
-  int status;
-  std::string out;
-};
-
-Result mvpnstat(const std::string& args) {
-  const std::string command =
-      fmt::format("{} --namespace {} {} 2>&1", MVPNSTAT_PATH, Oro::shmNamespace(), args);
-  FILE* p = popen(command.c_str(), "r");
-  Result r{-1, {}};
-  char buf[4096];
-  for (size_t n; (n = fread(buf, 1, sizeof buf, p)) > 0;) r.out.append(buf, n);
-  const int st = pclose(p);
-  r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
-  return r;
-}
+using shmtest::mvpnstat;
+using shmtest::Result;
 
 // `mvpnstat watch` running beside the test, read line by line.
 struct Watch {
@@ -147,15 +134,7 @@ TEST_F(MergeAuditTest, VrfMergeExplainsEveryPrecedenceAndChecksAgainstWriterProc
                 fmt::format("mvpn_merger_phase{{path=\"{}\",phase=\"ready\"}} 1\n", kMerged)),
             std::string::npos)
       << metrics.out;
-  {
-    char file[] = "/tmp/mvpn-merger-metrics-XXXXXX";
-    const int fd = ::mkstemp(file);
-    EXPECT_EQ(::write(fd, metrics.out.data(), metrics.out.size()),
-              static_cast<ssize_t>(metrics.out.size()));
-    ::close(fd);
-    EXPECT_EQ(std::system(fmt::format("promtool check metrics < {} > /dev/null", file).c_str()), 0);
-    ::unlink(file);
-  }
+  EXPECT_EQ(shmtest::promtool(metrics.out).status, 0) << shmtest::promtool(metrics.out).out;
   EXPECT_NE(metrics.out.find(fmt::format("mvpn_merger_input_keys{{path=\"{}\",stream=\"3\","
                                          "input=\"staticEvpnVrfStatus\"}} 8\n",
                                          kMerged)),

@@ -5,14 +5,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <chrono>
 #include <string>
 #include <vector>
 
+#include "common/shm_damage.h"
 #include "merge/EncapTestRig.h"
 #include "merge/MergeTestRig.h"
 #include "platform/shm/ShmSegment.h"
@@ -189,10 +187,7 @@ TEST_F(TunnelMergeShm, AReaderThatLostItsDamagedStoreKeepsTheMergedRecordsOfItsV
         Oro::shmStoreSegmentName("t/mvpn", view.header()->instance, fmt::format("{}k0", coll));
     const size_t offset = (size_t{view.header()->colls[coll].slotWords} + 7) * 4;
     const uint32_t one = 1;
-    const int fd = ::open(("/dev/shm" + name).c_str(), O_RDWR);
-    ASSERT_GE(fd, 0);
-    ASSERT_EQ(::pwrite(fd, &one, 4, static_cast<off_t>(offset)), 4);
-    ::close(fd);
+    shmtest::writeSegment(name, offset, &one, 4);
   }
   std::vector<std::string> reports;
   rig.in[kMvpn]->vrfStatusCorruptionHandlerIs([&](const std::string& m) { reports.push_back(m); });

@@ -1,6 +1,7 @@
 // The shared-memory store in one process: names, typed tables (writer, reader, control),
 // identity checks, nested collections on page chains, blobs, index growth, and the byte images
 // of keys.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -22,6 +23,8 @@ using namespace shmtest;
 using Oro::ShmAttach;
 using Oro::ShmRole;
 using Oro::ShmStore;
+using ::testing::HasSubstr;
+using ::testing::ThrowsMessage;
 using Table = Oro::ShmTable<uint32_t, Rec>;
 
 class ShmStoreTest : public ShmTest {};
@@ -127,24 +130,15 @@ TEST_F(ShmStoreTest, OneLiveWriterOneTypeOneRevision) {
   Table w("test::Rec", "recs", {});
   w.attach(ShmAttach{"t/one", ShmRole::writer});
   Table second("test::Rec", "recs", {});
-  EXPECT_THROW(
-      {
-        try {
-          second.attach(ShmAttach{"t/one", ShmRole::writer});
-        } catch (const Oro::ShmException& e) {
-          EXPECT_NE(std::string(e.what()).find("already has a live writer (pid "),
-                    std::string::npos);
-          throw;
-        }
+  EXPECT_THAT(
+      [&] {
+        second.attach(ShmAttach{"t/one", ShmRole::writer});
       },
-      Oro::ShmException);
+      ThrowsMessage<Oro::ShmException>(HasSubstr("already has a live writer (pid ")));
   Oro::ShmTable<uint32_t, uint64_t> other("test::Other", "recs", {});
   EXPECT_THROW(other.attach(ShmAttach{"t/one", ShmRole::writer}), Oro::ShmException);
   EXPECT_THROW(other.attach(ShmAttach{"t/one", ShmRole::reader}), Oro::ShmException);
   // Same names, another layout of the record: a program of another revision refuses the store.
-  struct Narrow {
-    uint64_t a, b, c, d;
-  };
   Oro::ShmStoreSchema schema = Table::schema("test::Rec", "recs");
   schema.collections[0].valueFingerprint ^= 1;
   EXPECT_THROW(ShmStore::openReader("t/one", &schema), Oro::ShmException);

@@ -1,5 +1,6 @@
 // Protobuf wire buffers: varints, sections, bounds checks, and interoperability with
 // protoc-generated code.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <string>
@@ -19,12 +20,8 @@ Bytes bytesOf(const Oro::PbWriteBuffer& w) {
 
 template <class F>
 void expectReadError(F&& f) {
-  try {
-    f();
-    ADD_FAILURE() << "no exception";
-  } catch (const Oro::ProtobufReadException& e) {
-    EXPECT_STREQ(e.what(), "Unexpected error when reading Protobuf bytes");
-  }
+  EXPECT_THAT(f, ::testing::ThrowsMessage<Oro::ProtobufReadException>(
+                     ::testing::StrEq("Unexpected error when reading Protobuf bytes")));
 }
 
 // Writes Outer{name, key, inner{counter}, client} in field-number order, as protobuf does.

@@ -21,6 +21,7 @@
 #include <string>
 #include <vector>
 
+#include "common/mvpnstat_run.h"
 #include "merge/MvpnTunnelEncapStatus.h"
 #include "platform/shm/ShmSegment.h"
 #include "platform/shm/ShmTable.h"
@@ -31,37 +32,9 @@
 namespace Routing::Multicast {
 namespace {
 
-struct Result {
-  int status;
-  std::string out;
-};
-
-// A shell command's exit status and its output, stderr included.
-Result run(const std::string& command) {
-  FILE* p = popen((command + " 2>&1").c_str(), "r");
-  Result r{-1, {}};
-  char buf[4096];
-  size_t n;
-  while ((n = fread(buf, 1, sizeof buf, p)) > 0) r.out.append(buf, n);
-  const int st = pclose(p);
-  r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
-  return r;
-}
-
-Result mvpnstat(const std::string& args) {
-  return run(std::string(MVPNSTAT_PATH) + " --namespace " + Oro::shmNamespace() + " " + args);
-}
-
-// promtool's verdict on a metrics exposition.
-Result promtool(const std::string& exposition) {
-  char file[] = "/tmp/mvpnstat-metrics-XXXXXX";
-  const int fd = ::mkstemp(file);
-  (void)!::write(fd, exposition.data(), exposition.size());
-  ::close(fd);
-  Result r = run(fmt::format("promtool check metrics < {}", file));
-  ::unlink(file);
-  return r;
-}
+using shmtest::mvpnstat;
+using shmtest::promtool;
+using shmtest::Result;
 
 class MvpnstatToolTest : public ::testing::Test {
  protected:
