@@ -1,6 +1,6 @@
 // MergedMcastTunnelEncapStatusSm over three in-process writer statuses (MVPN, static, EVPN)
-// and one merged status, driven by a real scheduler; and the rule the merged status must
-// follow, computed from the inputs. Shared by the tunnel merge tests.
+// and one merged status, driven by a real scheduler (the rig shape of MergeTestRig.h); and the rule
+// the merged status must follow, computed from the inputs. Shared by the tunnel merge tests.
 #pragma once
 
 #include <chrono>
@@ -11,6 +11,7 @@
 #include <string>
 #include <utility>
 
+#include "merge/MergeTestRig.h"
 #include "merge/MvpnTunnelEncapStatusMergeSm.h"
 #include "platform/net/IpAddr.h"
 #include "platform/runtime/TaskScheduler.h"
@@ -85,25 +86,17 @@ inline Contents mergeOf(const Contents& mvpn, const Contents& stat, const Conten
   return out;
 }
 
-struct Rig {
-  // By default no task yields for time, so that what a test sees does not depend on the
-  // machine's speed (a sanitizer build is many times slower); 0ns yields after every key.
-  explicit Rig(std::chrono::nanoseconds slice = std::chrono::hours(1)) : scheduler(slice) {
+struct Rig : MergeTest::SmRig<Rig, MergedMcastTunnelEncapStatusSm> {
+  explicit Rig(std::chrono::nanoseconds slice = std::chrono::hours(1)) : SmRig(slice) {
     for (int w = 0; w < 3; ++w) {
       in[w] = Routing::Multicast::mvpnTunnelEncapStatusFactory("writer" + std::to_string(w));
     }
     merged = Routing::Multicast::mvpnTunnelEncapStatusFactory("merged");
   }
   Oro::Ptr<MergedMcastTunnelEncapStatusSm> make(bool synchronous) {
-    return Routing::Multicast::mergedMcastTunnelEncapStatusSmFactory(
-        in[0], in[1], in[2], merged,
-        Dyx::SmControl{&scheduler, Oro::TaskPriority::normal, synchronous});
+    return Routing::Multicast::mergedMcastTunnelEncapStatusSmFactory(in[0], in[1], in[2], merged,
+                                                                     control(synchronous));
   }
-  void start(bool synchronous = false) {
-    sm = make(synchronous);
-    sm->initializedIs(true);
-  }
-  void settle() { scheduler.runUntilIdle(); }
 
   void putRoute(int w, uint32_t vrf, uint32_t n, const std::string& data) {
     in[w]->vrfStatusIs(VrfId(vrf))->encapTunnelIs(MvpnEncapTunnel(route(n), data));
@@ -124,10 +117,8 @@ struct Rig {
     return mergeOf(contents(*in[kMvpn]), contents(*in[kStatic]), contents(*in[kEvpn]));
   }
 
-  Oro::TaskScheduler scheduler;
   Oro::Ptr<MvpnTunnelEncapStatus> in[3];
   Oro::Ptr<MvpnTunnelEncapStatus> merged;
-  Oro::Ptr<MergedMcastTunnelEncapStatusSm> sm;
 };
 
 }  // namespace EncapTest

@@ -84,10 +84,28 @@ struct TraceCapture {
   Oro::TraceMemorySink sink;
 };
 
-struct Rig {
-  // By default no task yields for time, so that what a test sees does not depend on the
-  // machine's speed (a sanitizer build is many times slower); 0ns yields after every key.
-  explicit Rig(std::chrono::nanoseconds slice = std::chrono::hours(1)) : scheduler(slice) {
+// What both merge rigs share: a real scheduler, and the machine under test started as its
+// owner starts it. By default no task yields for time, so that what a test sees does not
+// depend on the machine's speed (a sanitizer build is many times slower); 0ns yields after
+// every key.
+template <class Derived, class Sm>
+struct SmRig {
+  explicit SmRig(std::chrono::nanoseconds slice) : scheduler(slice) {}
+  Dyx::SmControl control(bool synchronous) {
+    return Dyx::SmControl{&scheduler, Oro::TaskPriority::normal, synchronous};
+  }
+  void start(bool synchronous = false) {
+    sm = static_cast<Derived*>(this)->make(synchronous);
+    sm->initializedIs(true);
+  }
+  void settle() { scheduler.runUntilIdle(); }
+
+  Oro::TaskScheduler scheduler;
+  Oro::Ptr<Sm> sm;
+};
+
+struct Rig : SmRig<Rig, MergedMvpnVrfStatusSm> {
+  explicit Rig(std::chrono::nanoseconds slice = std::chrono::hours(1)) : SmRig(slice) {
     static int instance = 0;
     const std::string tag = std::to_string(++instance);
     for (int n = 0; n < 4; ++n) {
@@ -97,17 +115,11 @@ struct Rig {
   }
 
   Oro::Ptr<MergedMvpnVrfStatusSm> make(bool synchronous) {
-    Dyx::SmControl control{&scheduler, Oro::TaskPriority::normal, synchronous};
     return Routing::Multicast::mergedMvpnVrfStatusSmFactory(in[0], in[1], in[2], in[3], merged,
-                                                            control);
-  }
-  void start(bool synchronous = false) {
-    sm = make(synchronous);
-    sm->initializedIs(true);
+                                                            control(synchronous));
   }
   void put(int n, uint32_t vrf) { in[n]->mvpnVrfIs(MvpnVrf(VrfId(vrf), kWriters[n])); }
   void del(int n, uint32_t vrf) { in[n]->mvpnVrfDel(VrfId(vrf)); }
-  void settle() { scheduler.runUntilIdle(); }
   std::map<uint32_t, MvpnClient> mergedMap() const { return contents(*merged); }
   // What the merged status must hold for the inputs' present contents, leaving out the
   // inputs flagged in `departed` (bit n = input n).
@@ -122,10 +134,8 @@ struct Rig {
     return mergeOf(present);
   }
 
-  Oro::TaskScheduler scheduler;
   Oro::Ptr<MvpnVrfStatus> in[4];
   Oro::Ptr<MvpnVrfStatus> merged;
-  Oro::Ptr<MergedMvpnVrfStatusSm> sm;
 };
 
 }  // namespace MergeTest
