@@ -1,0 +1,206 @@
+// Model-based randomized tests of both merge machines: random histories of their inputs
+// interleaved with scheduler steps and restarts of the merging reader over the merged status
+// it left, with yields at random points from a seeded generator (so the interleaving is the
+// seed's alone), for synchronous and asynchronous machines.
+// - MergedMvpnVrfStatusSm: inserts, deletes, whole-root deletion and departures of the four
+//   inputs. Once the scheduler is idle, the machine must be ready and the merged status the
+//   precedence function of what the machine watches.
+// - MergedMcastTunnelEncapStatusSm: records of the three writers written, rewritten and deleted
+//   in both collections, whole VRFs withdrawn, records the merge does not read. A synchronous
+//   machine must follow the rule after every change once ready; every machine, once the
+//   scheduler is idle, must be ready with the merged status equal to the rule applied to the
+//   inputs, whatever the order of the events that led there.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <random>
+#include <string>
+
+#include "merge/EncapTestRig.h"
+#include "merge/MergeTestRig.h"
+
+namespace {
+
+// One history's random choices, all from its seed. Yields come at random points: a task asking
+// whether to yield is told so with probability 1/odds (1: after every key, 0: never), from a
+// generator of its own seed.
+struct History {
+  History(uint32_t seed, Oro::TaskScheduler& scheduler) : rng(seed) {
+    const uint32_t odds[] = {1, 2, 5, 0};
+    const uint32_t yieldOdds = odds[pick(4)];
+    scheduler.yieldPolicyIs([yields = std::mt19937(seed), yieldOdds](const Oro::Task&) mutable {
+      return yieldOdds != 0 && yields() % yieldOdds == 0;
+    });
+    synchronous = pick(4) == 0;
+    log = "yield odds " + std::to_string(yieldOdds) + (synchronous ? " sync" : " async");
+  }
+  uint32_t pick(uint32_t n) { return static_cast<uint32_t>(rng() % n); }
+  void note(const std::string& what) { log += "; " + what; }
+  std::mt19937 rng;
+  bool synchronous = false;
+  std::string log;  // what the history did, for a failure's message
+};
+
+// Every seed's history up to the first failure; MVPN_MERGE_MODEL_SEED=<n> replays one history.
+void runSeeds(void (*runHistory)(uint32_t)) {
+  if (const char* one = std::getenv("MVPN_MERGE_MODEL_SEED")) {
+    runHistory(static_cast<uint32_t>(std::strtoul(one, nullptr, 10)));
+    return;
+  }
+  for (uint32_t seed = 1; seed <= 3000 && !::testing::Test::HasFatalFailure(); ++seed) {
+    runHistory(seed);
+  }
+}
+
+namespace vrfModel {
+
+using namespace MergeTest;
+
+constexpr uint32_t kKeys = 24;
+
+void runHistory(uint32_t seed) {
+  Rig rig;
+  History h(seed, rig.scheduler);
+  auto pick = [&](uint32_t n) { return h.pick(n); };
+  auto note = [&](const std::string& what) { h.note(what); };
+  unsigned departed = 0;  // bit n: input n has left
+
+  // A merged output that survived an earlier life, and inputs filled before the start.
+  for (uint32_t i = pick(6); i > 0; --i) {
+    rig.merged->mvpnVrfIs(MvpnVrf(VrfId(pick(kKeys)), kWriters[pick(4)]));
+  }
+  for (uint32_t i = pick(20); i > 0; --i) rig.put(static_cast<int>(pick(4)), pick(kKeys));
+  rig.start(h.synchronous);
+
+  for (uint32_t step = 0, steps = 10 + pick(40); step < steps; ++step) {
+    const uint32_t op = pick(100);
+    const int n = static_cast<int>(pick(4));
+    if (op < 40) {
+      const uint32_t k = pick(kKeys);
+      note("put " + std::to_string(n) + ":" + std::to_string(k));
+      rig.put(n, k);
+    } else if (op < 65) {
+      const uint32_t k = pick(kKeys);
+      note("del " + std::to_string(n) + ":" + std::to_string(k));
+      rig.del(n, k);
+    } else if (op < 68) {
+      note("delAll " + std::to_string(n));
+      rig.in[n]->mvpnVrfDelAll();  // the writer withdraws everything at once
+    } else if (op < 70) {
+      if (!(departed & (1u << n))) {
+        note("depart " + std::to_string(n));
+        departed |= 1u << n;
+        rig.sm->inputRootDel(static_cast<size_t>(n));
+      }
+    } else if (op < 73) {
+      note("restart");
+      // The reader restarts, possibly in the middle of its scans, over the merged output
+      // as it was left; the new machine watches every input again.
+      rig.sm = nullptr;
+      departed = 0;
+      for (uint32_t i = pick(3); i > 0; --i) rig.put(static_cast<int>(pick(4)), pick(kKeys));
+      rig.start(h.synchronous);
+    } else {
+      const uint32_t runs = pick(4);
+      note("run " + std::to_string(runs));
+      for (uint32_t i = runs; i > 0; --i) rig.scheduler.runOnce();
+    }
+  }
+  rig.settle();
+  ASSERT_TRUE(rig.sm->ready()) << "seed " << seed;
+  ASSERT_TRUE(rig.sm->idle()) << "seed " << seed;
+  ASSERT_EQ(rig.mergedMap(), rig.expected(departed)) << "seed " << seed << ": " << h.log;
+  ASSERT_TRUE(rig.sm->mergedVrfStatusMvpnVrfOutputSeen().empty()) << "seed " << seed;
+}
+
+}  // namespace vrfModel
+
+TEST(VrfMergeModel, RandomHistoriesConvergeToThePrecedenceOfTheInputs) {
+  runSeeds(vrfModel::runHistory);
+}
+
+namespace tunnelModel {
+
+using namespace EncapTest;
+
+constexpr uint32_t kVrfs = 4;
+constexpr uint32_t kKeys = 4;
+
+void runHistory(uint32_t seed) {
+  Rig rig;
+  History h(seed, rig.scheduler);
+  auto pick = [&](uint32_t n) { return h.pick(n); };
+  auto note = [&](const std::string& what) { h.note(what); };
+  auto data = [&] { return "d" + std::to_string(pick(3)); };
+  const int routeWriters[] = {kMvpn, kStatic};
+  const int intfWriters[] = {kEvpn, kStatic};
+
+  // A merged status that survived an earlier life, and inputs filled before the start.
+  for (uint32_t i = pick(5); i > 0; --i) {
+    auto vrf = rig.merged->vrfStatusIs(VrfId(1 + pick(kVrfs)));
+    if (pick(2)) {
+      vrf->encapTunnelIs(MvpnEncapTunnel(route(pick(kKeys)), "old"));
+    } else {
+      vrf->encapIntfTunnelIs(MvpnEncapIntfTunnel(intf(pick(kKeys)), "old"));
+    }
+  }
+  for (uint32_t i = pick(12); i > 0; --i) {
+    rig.putRoute(routeWriters[pick(2)], 1 + pick(kVrfs), pick(kKeys), data());
+    rig.putIntf(intfWriters[pick(2)], 1 + pick(kVrfs), pick(kKeys), data());
+  }
+  rig.start(h.synchronous);
+
+  for (uint32_t step = 0, steps = 10 + pick(50); step < steps; ++step) {
+    const uint32_t op = pick(100);
+    const uint32_t vrf = 1 + pick(kVrfs), key = pick(kKeys);
+    const int rw = routeWriters[pick(2)], iw = intfWriters[pick(2)];
+    const std::string where = std::to_string(vrf) + "/" + std::to_string(key);
+    if (op < 25) {
+      note("putRoute " + std::to_string(rw) + " " + where);
+      rig.putRoute(rw, vrf, key, data());
+    } else if (op < 40) {
+      note("delRoute " + std::to_string(rw) + " " + where);
+      rig.delRoute(rw, vrf, key);
+    } else if (op < 55) {
+      note("putIntf " + std::to_string(iw) + " " + where);
+      rig.putIntf(iw, vrf, key, data());
+    } else if (op < 67) {
+      note("delIntf " + std::to_string(iw) + " " + where);
+      rig.delIntf(iw, vrf, key);
+    } else if (op < 74) {
+      const int w = static_cast<int>(pick(3));
+      note("delVrf " + std::to_string(w) + " " + std::to_string(vrf));
+      rig.delVrf(w, vrf);
+    } else if (op < 77) {
+      // Records of collections the merge does not read from these writers.
+      note("unread " + where);
+      rig.putIntf(kMvpn, vrf, key, "x");
+      rig.putRoute(kEvpn, vrf, key, "x");
+    } else if (op < 80) {
+      note("restart");
+      rig.sm = nullptr;
+      rig.start(h.synchronous);
+    } else {
+      const uint32_t runs = pick(6);
+      note("run " + std::to_string(runs));
+      for (uint32_t i = runs; i > 0; --i) rig.scheduler.runOnce();
+    }
+    if (h.synchronous && rig.sm->ready()) {
+      ASSERT_EQ(rig.mergedContents(), rig.expected()) << "seed " << seed << ": " << h.log;
+    }
+  }
+  rig.settle();
+  ASSERT_TRUE(rig.sm->ready()) << "seed " << seed << ": " << h.log;
+  ASSERT_TRUE(rig.sm->idle()) << "seed " << seed;
+  ASSERT_EQ(rig.mergedContents(), rig.expected()) << "seed " << seed << ": " << h.log;
+  ASSERT_TRUE(rig.sm->mergedEncapVrfStatusEncapTunnelOutputSeen().empty()) << "seed " << seed;
+  ASSERT_TRUE(rig.sm->mergedEncapVrfStatusEncapIntfTunnelOutputSeen().empty()) << "seed " << seed;
+}
+
+}  // namespace tunnelModel
+
+TEST(TunnelMergeModel, RandomHistoriesConvergeToTheRuleAppliedToTheInputs) {
+  runSeeds(tunnelModel::runHistory);
+}
+
+}  // namespace
