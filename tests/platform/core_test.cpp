@@ -1,12 +1,22 @@
-// Reference counting, entity publication and fatal assertions.
+// The runtime's basics: reference counting, entity publication, the key types notifiees are
+// handed (in builds with assertions a reactor of the wrong key type must fail loudly, while
+// matching reactors, nested publications and keys handed over without a publication pass),
+// the entity directory (creation by type name, arity checks, mounts), fatal assertions, the
+// text form of optional values and feature toggles (environment values, caching, overrides).
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdint>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
 #include "platform/Assert.h"
-#include "platform/runtime/Entity.h"
 #include "platform/Error.h"
+#include "platform/Toggle.h"
+#include "platform/runtime/Entity.h"
+#include "platform/runtime/EntityDirectory.h"
+#include "platform/runtime/Optional.h"
 
 namespace {
 
@@ -32,7 +42,14 @@ struct Handover : Oro::Entity {
 
 struct Coll : Oro::Entity {
   std::string_view typeName() const override { return "Test::Coll"; }
-  void change(int key) { publishKey<int>(1, key); }
+  template <class K>
+  void change(const K& key) {
+    publishKey(1, key);
+  }
+  template <class K>
+  void replace(const K& key, const std::string& old, const std::string& now) {
+    publishOldNew(1, key, &old, &now);
+  }
   void flag() { publish(2); }
 };
 
@@ -103,6 +120,128 @@ TEST(Entity, DestroyedEntityDetachesItsNotifiees) {
   EXPECT_EQ(r.notifier(), nullptr);
 }
 
+#ifdef NDEBUG
+constexpr bool kChecked = false;
+#else
+constexpr bool kChecked = true;
+#endif
+
+// An outer publication of uint32_t keys whose reactor publishes a string key elsewhere:
+// after the inner one ends, the outer key is still known as a uint32_t.
+TEST(KeyTypeTag, MatchingReactorsAndNestedPublicationsPass) {
+  Coll outer, inner;
+  std::vector<std::string> seen;
+  Oro::KeyReactor<std::string> innerReactor(1, [&](const std::string& k) { seen.push_back(k); });
+  innerReactor.notifierIs(&inner);
+  Oro::KeyReactor<uint32_t> first(1, [&](const uint32_t& k) {
+    seen.push_back(std::to_string(k));
+    inner.change(std::string("in") + std::to_string(k));
+  });
+  Oro::KeyReactor<uint32_t> second(1,
+                                   [&](const uint32_t& k) { seen.push_back(std::to_string(k)); });
+  first.notifierIs(&outer);
+  second.notifierIs(&outer);
+  outer.change(uint32_t{7});
+  outer.replace(uint32_t{8}, "a", "b");
+  EXPECT_EQ(seen, (std::vector<std::string>{"7", "in7", "7", "8", "in8", "8"}));
+
+  // A key handed over without a publication is not checked (nothing says what it is).
+  const uint64_t wide = 9;
+  second.onAttributeKey(1, &wide);
+}
+
+TEST(KeyTypeTagDeathTest, ReactorOfTheWrongKeyTypeIsFatal) {
+  if (!kChecked) GTEST_SKIP() << "key types are checked only in builds with assertions";
+  const char* expect = "a key published as unsigned int reached a notifiee expecting unsigned long";
+  for (const bool oldNew : {false, true}) {
+    EXPECT_DEATH(
+        {
+          Coll c;
+          Oro::KeyReactor<uint64_t> wrong(1, [](const uint64_t&) {});
+          wrong.notifierIs(&c);
+          oldNew ? c.replace(uint32_t{1}, "a", "b") : c.change(uint32_t{1});
+        },
+        expect)
+        << (oldNew ? "with old and new values" : "key alone");
+  }
+}
+
+struct Named : Oro::Entity {
+  Named(std::string n, int* deaths) : name(std::move(n)), deaths_(deaths) {}
+  ~Named() override {
+    if (deaths_) ++*deaths_;
+  }
+  std::string_view typeName() const override { return "Test::Named"; }
+  std::string name;
+  int* deaths_;
+};
+
+struct Other : Oro::Entity {
+  std::string_view typeName() const override { return "Test::Other"; }
+};
+
+class EntityDirectoryTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    dir.registerType("Test::Named", 1, [this](const std::vector<std::string>& args) {
+      return Oro::Ptr<Oro::Entity>(new Named(args.empty() ? "default" : args[0], &deaths));
+    });
+    dir.registerType("Test::Other", 0,
+                     [](const std::vector<std::string>&) { return Oro::makePtr<Other>(); });
+  }
+  Oro::EntityDirectory dir;
+  int deaths = 0;
+};
+
+TEST_F(EntityDirectoryTest, CreatesByTypeNameAndChecksArguments) {
+  auto e = dir.create("Test::Named", {"bgp"});
+  ASSERT_TRUE(e);
+  EXPECT_EQ(static_cast<Named*>(e.get())->name, "bgp");
+  EXPECT_EQ(static_cast<Named*>(dir.create("Test::Named", {}).get())->name, "default");
+  EXPECT_TRUE(dir.typeRegistered("Test::Other"));
+  EXPECT_FALSE(dir.typeRegistered("Test::Missing"));
+  using ::testing::StrEq;
+  EXPECT_THAT(
+      [&] {
+        dir.create("Test::Named", {"a", "b"});
+      },
+      ::testing::ThrowsMessage<Oro::UnexpectedEntityArgumentsException>(
+          StrEq("unexpected arguments creating Test::Named: 2 given, 1 expected")));
+  EXPECT_THROW(dir.create("Test::Other", {"x"}), Oro::UnexpectedEntityArgumentsException);
+  EXPECT_THAT([&] { dir.create("Test::Missing", {}); },
+              ::testing::ThrowsMessage<Oro::Exception>(StrEq("unknown entity type Test::Missing")));
+}
+
+TEST_F(EntityDirectoryTest, MountsHoldEntitiesUntilUnmounted) {
+  const std::string bgp = "routing/multicast/vpn/vrfStatus/bgp";
+  const std::string evpn = "routing6/multicast/vpn/vrfStatus/evpn";
+  EXPECT_TRUE(dir.mount(bgp, dir.create("Test::Named", {"bgp"})));
+  EXPECT_TRUE(dir.mount(evpn, dir.create("Test::Named", {"evpn"})));
+  EXPECT_EQ(dir.paths(), (std::vector<std::string>{bgp, evpn}));
+  EXPECT_EQ(static_cast<Named*>(dir.lookup(bgp).get())->name, "bgp");
+  EXPECT_FALSE(dir.lookup("routing/nothing"));
+  EXPECT_EQ(deaths, 0);
+
+  // Replacing a mount drops the directory's reference to the old entity.
+  EXPECT_FALSE(dir.mount(bgp, dir.create("Test::Named", {"bgp2"})));
+  EXPECT_EQ(deaths, 1);
+  EXPECT_TRUE(dir.unmount(bgp));
+  EXPECT_FALSE(dir.unmount(bgp));
+  EXPECT_EQ(deaths, 2);
+  EXPECT_EQ(dir.paths(), (std::vector<std::string>{evpn}));
+}
+
+TEST_F(EntityDirectoryTest, MountNewReusesAnEntityOfTheSameType) {
+  const std::string path = "routing/multicast/vpn/intfStatus";
+  auto first = dir.mountNew(path, "Test::Named", {"intf"});
+  auto second = dir.mountNew(path, "Test::Named", {"ignored"});
+  EXPECT_EQ(first, second);
+  EXPECT_EQ(static_cast<Named*>(second.get())->name, "intf");
+  EXPECT_THROW(dir.mountNew(path, "Test::Other", {}), Oro::Exception);
+  EXPECT_THROW(dir.mountNew("routing/x", "Test::Missing", {}), Oro::Exception);
+  EXPECT_FALSE(dir.lookup("routing/x"));
+}
+
 TEST(AssertDeathTest, PrintsConditionAndExplanation) {
   int client = 1;
   EXPECT_DEATH(MVPN_ASSERT_MSG((client == 0 || client == 2), "Unexpected writer agent"),
@@ -111,6 +250,55 @@ TEST(AssertDeathTest, PrintsConditionAndExplanation) {
   EXPECT_DEATH(MVPN_ASSERT(client == 0), "Assertion failed: client == 0");
   EXPECT_DEATH(MVPN_ASSERT_FMT(client == 0, "key {} but {}", 1, 2),
                "Assertion failed: key 1 but 2");
+}
+
+struct WithStrep {
+  int v;
+  std::string toStrep() const { return "vrf-" + std::to_string(v); }
+};
+
+TEST(OptionalStrep, UsesToStrepOrFmtAndPrintsNoneWhenAbsent) {
+  EXPECT_EQ(Oro::optionalStrep(std::optional<WithStrep>(WithStrep{5})), "Optional(vrf-5)");
+  EXPECT_EQ(Oro::optionalStrep(std::optional<WithStrep>()), "None");
+  EXPECT_EQ(Oro::optionalStrep(std::optional<uint32_t>(16777215)), "Optional(16777215)");
+  EXPECT_EQ(Oro::optionalStrep(std::optional<std::string>("bgp_")), "Optional(bgp_)");
+  EXPECT_EQ(Oro::optionalStrep(std::optional<int>()), "None");
+}
+
+TEST(Toggle, ReadsTheEnvironmentOnceAndCachesIt) {
+  setenv("MVPN_TOGGLE_ToggleTestOn", "TRUE", 1);
+  setenv("MVPN_TOGGLE_ToggleTestOne", "1", 1);
+  setenv("MVPN_TOGGLE_ToggleTestOff", "false", 1);
+  setenv("MVPN_TOGGLE_ToggleTestJunk", "yes", 1);
+  EXPECT_TRUE(Oro::toggleEnabled("ToggleTestOn"));
+  EXPECT_TRUE(Oro::toggleEnabled("ToggleTestOne"));
+  EXPECT_FALSE(Oro::toggleEnabled("ToggleTestOff"));
+  EXPECT_FALSE(Oro::toggleEnabled("ToggleTestJunk"));
+  EXPECT_FALSE(Oro::toggleEnabled("ToggleTestUnset"));
+
+  // Later changes of the environment are not seen until the cache is reset.
+  setenv("MVPN_TOGGLE_ToggleTestOn", "0", 1);
+  setenv("MVPN_TOGGLE_ToggleTestUnset", "1", 1);
+  EXPECT_TRUE(Oro::toggleEnabled("ToggleTestOn"));
+  EXPECT_FALSE(Oro::toggleEnabled("ToggleTestUnset"));
+  Oro::toggleReset("ToggleTestOn");
+  Oro::toggleReset("ToggleTestUnset");
+  EXPECT_FALSE(Oro::toggleEnabled("ToggleTestOn"));
+  EXPECT_TRUE(Oro::toggleEnabled("ToggleTestUnset"));
+
+  for (const char* n : {"On", "One", "Off", "Junk", "Unset"}) {
+    unsetenv((std::string("MVPN_TOGGLE_ToggleTest") + n).c_str());
+    Oro::toggleReset(std::string("ToggleTest") + n);  // leave no cached value behind
+  }
+}
+
+TEST(Toggle, OverridesReplaceTheCachedValue) {
+  EXPECT_FALSE(Oro::toggleEnabled("MvpnGroupTylModel"));
+  Oro::toggleOverride("MvpnGroupTylModel", true);
+  EXPECT_TRUE(Oro::toggleEnabled("MvpnGroupTylModel"));
+  Oro::toggleOverride("MvpnGroupTylModel", false);
+  EXPECT_FALSE(Oro::toggleEnabled("MvpnGroupTylModel"));
+  Oro::toggleReset("MvpnGroupTylModel");
 }
 
 }  // namespace
