@@ -1,9 +1,12 @@
 // MvpnMapper: the map families (publication with old values, lookups, DelAll with and without
 // subscribers) on one map of each kind plus the wiring of every map, the key collections,
 // ready, and the PMSI VLAN lookup with every way it comes back empty, its range error and a
-// corrupt interface table.
+// corrupt interface table. And the platform types it stands on: the VLAN range on every way
+// in, and the VRF id map status's publications.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
@@ -12,12 +15,17 @@
 
 #include "common/shm_damage.h"
 #include "mapper/MvpnMapper.h"
+#include "platform/CharRange.h"
 #include "platform/Error.h"
+#include "platform/net/VlanId.h"
+#include "platform/net/VlanIntf.h"
+#include "platform/net/VrfIdMapStatus.h"
 #include "platform/shm/ShmTable.h"
 
 namespace Routing::Multicast {
 namespace {
 
+using Bridging::VlanIdOrNone;
 using Nevo::IntfId;
 using Nevo::IpGenAddr;
 using Vrf::VrfIdMap::VrfId;
@@ -128,7 +136,6 @@ TEST(Mapper, CollectionMapCreatesOnceAndHandsTheCollectionBack) {
   EXPECT_EQ(m->tunnelIdToRouteKeysSize(), 0u);
 }
 
-// Every map is wired to its own attribute id and storage, with its own default.
 // Every map is wired to its own attribute id and storage: an insertion and a DelAll publish
 // exactly two changes of that attribute. Defaults of the value maps' getters.
 TEST(Mapper, EachMapPublishesUnderItsOwnAttribute) {
@@ -209,6 +216,52 @@ TEST(Mapper, ReadyIsPublishedOnChangeWithTheOldFlag) {
   EXPECT_EQ(plain, (std::vector<Oro::AttrId>{MvpnMapper::readyAttr, MvpnMapper::readyAttr}));
 }
 
+TEST(VrfIdMapStatus, NamesArePublishedWithTheirOldValues) {
+  auto s = Vrf::VrfIdMap::vrfIdMapStatusFactory();
+  ChangeLog<VrfId, std::string> log(Vrf::VrfIdMap::Status::vrfNameAttr);
+  log.notifierIs(s.get());
+  s->vrfNameIs(VrfId(5), "red");
+  s->vrfNameIs(VrfId(5), "red");  // unchanged: nothing published
+  s->vrfNameIs(VrfId(5), "blue");
+  s->vrfNameIs(VrfId(2), "green");
+  EXPECT_EQ(s->vrfNameDel(VrfId(9)), "");  // absent: nothing published
+  EXPECT_EQ(s->vrfNameDel(VrfId(2)), "green");
+  s->vrfNameIs(VrfId(1), "a");
+  s->vrfNameDelAll();  // someone listens: each removal, in VRF id order
+  using C = decltype(log)::Change;
+  EXPECT_EQ(log.changes, (std::vector<C>{{VrfId(5), std::nullopt, "red"},
+                                         {VrfId(5), "red", "blue"},
+                                         {VrfId(2), std::nullopt, "green"},
+                                         {VrfId(2), "green", std::nullopt},
+                                         {VrfId(1), std::nullopt, "a"},
+                                         {VrfId(1), "a", std::nullopt},
+                                         {VrfId(5), "blue", std::nullopt}}));
+  EXPECT_EQ(s->vrfNameGet(VrfId(5)), std::nullopt);
+}
+
+TEST(VlanIdOrNone, RangeIsCheckedOnEveryWayIn) {
+  for (const uint32_t v : {0u, 1u, 4094u, 4095u, 65541u}) {
+    SCOPED_TRACE(v);
+    VlanIdOrNone kept(100);
+    const std::vector<std::function<uint16_t()>> waysIn = {
+        [&] { return VlanIdOrNone(v).value(); },
+        [&] { return (kept.valueIs(v), kept.value()); },
+        [&] { return Oro::parseText<VlanIdOrNone>(std::to_string(v)).value(); },
+        [&] { return Nevo::vlanIntfVlanId(Nevo::IntfId::vlan(v)).value(); },
+    };
+    for (const auto& wayIn : waysIn) {
+      if (v <= 4094) {
+        EXPECT_EQ(wayIn(), v);
+      } else {
+        EXPECT_THAT(wayIn, ::testing::ThrowsMessage<Oro::RangeException>(::testing::StrEq(
+                               "Bridging::VlanIdOrNone::value > 4094 not allowed")));
+      }
+    }
+    EXPECT_EQ(kept.value(), v <= 4094 ? v : 100);  // a refused value changes nothing
+  }
+  EXPECT_TRUE(Nevo::vlanIntfVlanId(Nevo::IntfId()).isNone());
+}
+
 // --- tunnelIdToPmsiVlan ---
 
 class PmsiVlanTest : public ::testing::Test {
@@ -267,12 +320,9 @@ TEST_F(PmsiVlanTest, OnlyTheFirstTreeIdIsConsulted) {
 TEST_F(PmsiVlanTest, APmsiInterfaceBeyondTheVlanRangeRaises) {
   intf_->vrfIntfIdIs(MvpnVrfIntfId(VrfId(5), IntfId::vlan(5000)));
   carry(1, treeId(1), VrfId(5));
-  try {
-    mapper_->tunnelIdToPmsiVlan(TunnelId(1));
-    ADD_FAILURE() << "no range error";
-  } catch (const Oro::RangeException& e) {
-    EXPECT_STREQ(e.what(), "Bridging::VlanIdOrNone::value > 4094 not allowed");
-  }
+  EXPECT_THAT([&] { mapper_->tunnelIdToPmsiVlan(TunnelId(1)); },
+              ::testing::ThrowsMessage<Oro::RangeException>(
+                  ::testing::StrEq("Bridging::VlanIdOrNone::value > 4094 not allowed")));
   intf_->vrfIntfIdIs(MvpnVrfIntfId(VrfId(5), IntfId::vlan(4094)));
   EXPECT_EQ(mapper_->tunnelIdToPmsiVlan(TunnelId(1)).value(), 4094);
 }
