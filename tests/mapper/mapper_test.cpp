@@ -25,6 +25,8 @@
 namespace Routing::Multicast {
 namespace {
 
+using ::testing::HasSubstr;
+
 using Bridging::VlanIdOrNone;
 using Nevo::IntfId;
 using Nevo::IpGenAddr;
@@ -338,7 +340,7 @@ TEST_F(PmsiVlanTest, ACorruptInterfaceTableIsReportedAndGivesNone) {
   ASSERT_TRUE(shmtest::damageTable(path, "vrfIntfId"));
   EXPECT_TRUE(mapper_->tunnelIdToPmsiVlan(TunnelId(1)).isNone());
   ASSERT_EQ(reports.size(), 1u);
-  EXPECT_NE(reports[0].find("corrupt"), std::string::npos) << reports[0];
+  EXPECT_THAT(reports[0], HasSubstr("corrupt"));
   // Lookups that stop before the table do not touch it.
   EXPECT_TRUE(mapper_->tunnelIdToPmsiVlan(TunnelId(2)).isNone());
   EXPECT_EQ(reports.size(), 1u);

@@ -123,7 +123,7 @@ TEST_F(ShmStoreTest, DetachingOverARemovedChunkReportsDamage) {
   ASSERT_EQ(::unlink(("/dev/shm" + chunk1).c_str()), 0);
   EXPECT_NO_THROW(r.detach());
   ASSERT_EQ(reports.size(), 1u);
-  EXPECT_NE(reports[0].find(chunk1), std::string::npos) << reports[0];
+  EXPECT_THAT(reports[0], HasSubstr(chunk1));
 }
 
 TEST_F(ShmStoreTest, OneLiveWriterOneTypeOneRevision) {

@@ -1,16 +1,27 @@
-// Trace levels, settings, sinks and start-up configuration from the environment.
+// What the system tells about itself: trace levels, settings, sinks and start-up configuration
+// from the environment; the dump printer (formatted lines, newline repair, duplicate and null
+// reports); statistics counters (increments, rebinding of storage, registry listing).
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <memory>
 #include <sstream>
 #include <string>
+#include <thread>
 
+#include "platform/Counter.h"
+#include "platform/DumpContext.h"
 #include "platform/Error.h"
 #include "platform/Trace.h"
 
 namespace {
+
+using ::testing::HasSubstr;
 
 // A handle built during static initialisation, before main() runs.
 Oro::TraceHandle gStaticHandle("StaticComp");
@@ -171,6 +182,164 @@ TEST(TraceEnvDeathTest, SettingsAndFileComeFromTheEnvironmentAtStartup) {
   unsetenv("MVPN_TRACE");
   unsetenv("MVPN_TRACE_FILE");
   EXPECT_EQ(readFile(path), "EnvComp/3: from env\n");
+}
+
+TEST(DumpContext, PrintsIndentedLinesIntoAString) {
+  Oro::DumpContext dc;
+  dc.print("MvpnVrfStatus #%u:\n", 2u);
+  dc.print("%*cVRF %s\n", 2, ' ', "5");
+  dc.print("%*cVRF %s\n", 4, ' ', "16777215");
+  EXPECT_EQ(dc.str(), "MvpnVrfStatus #2:\n  VRF 5\n    VRF 16777215\n");
+
+  // Lines longer than the formatting fast path come out whole.
+  const std::string longText(1000, 'a');
+  Oro::DumpContext big;
+  big.print("%*c%s|\n", 3, ' ', longText.c_str());
+  EXPECT_EQ(big.str(), "   " + longText + "|\n");
+}
+
+TEST(DumpContext, EnsureNewlineOnlyCompletesAnUnfinishedLine) {
+  Oro::DumpContext dc;
+  dc.ensureNewline();
+  EXPECT_EQ(dc.str(), "");
+  dc.print("%s", "");
+  dc.ensureNewline();
+  EXPECT_EQ(dc.str(), "");
+  dc.print("partial");
+  dc.ensureNewline();
+  dc.ensureNewline();
+  EXPECT_EQ(dc.str(), "partial\n");
+}
+
+TEST(DumpContext, ReportsDuplicatesAndNullChildren) {
+  Oro::DumpContext dc;
+  int a = 0, b = 0;
+  EXPECT_TRUE(dc.markPrinted(&a, 2, "MvpnVrfRouteStatus"));
+  EXPECT_TRUE(dc.markPrinted(&b, 2, "MvpnVrfRouteStatus"));
+  EXPECT_EQ(dc.str(), "");
+  EXPECT_FALSE(dc.markPrinted(&a, 4, "MvpnGroup"));
+  EXPECT_FALSE(dc.markPrinted(&a, 0, "MvpnRouteStatus"));
+  dc.reportNull(2, "MvpnVrfRouteStatus");
+  dc.reportNull(0, "MvpnRouteStatus");
+  EXPECT_EQ(dc.str(),
+            "    MvpnGroup (already printed)\n"
+            "MvpnRouteStatus (already printed)\n"
+            "  MvpnVrfRouteStatus (null)\n"
+            "MvpnRouteStatus (null)\n");
+  // Marks belong to one dump: a new context prints the object again.
+  Oro::DumpContext next;
+  EXPECT_TRUE(next.markPrinted(&a, 0, "MvpnGroup"));
+}
+
+TEST(DumpContext, WritesToAFile) {
+  char* buf = nullptr;
+  size_t len = 0;
+  FILE* f = open_memstream(&buf, &len);
+  ASSERT_NE(f, nullptr);
+  {
+    Oro::DumpContext dc(f);
+    dc.print("%*cVRF ID: %u", 2, ' ', 5u);
+    dc.ensureNewline();
+    dc.reportNull(4, "MvpnGroup");
+    EXPECT_EQ(dc.str(), "");
+    EXPECT_EQ(dc.size(), 33u);
+  }
+  std::fclose(f);
+  EXPECT_EQ(std::string(buf, len), "  VRF ID: 5\n    MvpnGroup (null)\n");
+  std::free(buf);
+}
+
+std::vector<Oro::CounterSample> samplesNamed(const std::string& name) {
+  auto all = Oro::CounterRegistry::global().list();
+  std::vector<Oro::CounterSample> out;
+  std::copy_if(all.begin(), all.end(), std::back_inserter(out),
+               [&](const auto& s) { return s.name == name; });
+  return out;
+}
+
+TEST(Counter, IncrementsAndKeepsTheValueAcrossStorageRebinding) {
+  Oro::Counter c("mvpnVrfIs");
+  EXPECT_EQ(c.value(), 0u);
+  c.inc();
+  c.inc(41);
+  EXPECT_EQ(c.value(), 42u);
+
+  // Storage in a "table header": the value is copied over and further increments land there.
+  std::atomic<uint64_t> slot{999};
+  c.storageIs(&slot);
+  EXPECT_EQ(slot.load(), 42u);
+  c.inc(uint64_t{1} << 40);
+  EXPECT_EQ(slot.load(), 42u + (uint64_t{1} << 40));
+  EXPECT_EQ(c.value(), slot.load());
+
+  // Back to its own member: the value follows, the old slot keeps its last value.
+  c.storageIs(nullptr);
+  c.inc();
+  EXPECT_EQ(c.value(), 43u + (uint64_t{1} << 40));
+  EXPECT_EQ(slot.load(), 42u + (uint64_t{1} << 40));
+}
+
+TEST(CounterRegistry, ListsLiveCountersInConstructionOrderWithOwners) {
+  const size_t before = Oro::CounterRegistry::global().size();
+  auto a = std::make_unique<Oro::Counter>("regTestDel", "vrfStatus/bgp");
+  auto b = std::make_unique<Oro::Counter>("regTestDel", "vrfStatus/evpn");
+  auto c = std::make_unique<Oro::Counter>("regTestNotify");
+  a->inc(3);
+  b->inc(4);
+  c->ownerIs("merged");
+  EXPECT_EQ(Oro::CounterRegistry::global().size(), before + 3);
+  EXPECT_EQ(samplesNamed("regTestDel"),
+            (std::vector<Oro::CounterSample>{{"regTestDel", "vrfStatus/bgp", 3},
+                                             {"regTestDel", "vrfStatus/evpn", 4}}));
+  EXPECT_EQ(Oro::CounterRegistry::global().total("regTestDel"), 7u);
+  EXPECT_EQ(samplesNamed("regTestNotify"),
+            (std::vector<Oro::CounterSample>{{"regTestNotify", "merged", 0}}));
+
+  // Removal from the middle, the head and the tail of the list.
+  b.reset();
+  EXPECT_EQ(samplesNamed("regTestDel"),
+            (std::vector<Oro::CounterSample>{{"regTestDel", "vrfStatus/bgp", 3}}));
+  a.reset();
+  c.reset();
+  EXPECT_TRUE(samplesNamed("regTestDel").empty());
+  EXPECT_TRUE(samplesNamed("regTestNotify").empty());
+  EXPECT_EQ(Oro::CounterRegistry::global().size(), before);
+  Oro::Counter d("regTestAfter");
+  EXPECT_EQ(samplesNamed("regTestAfter").size(), 1u);
+}
+
+TEST(CounterRegistry, PrintsOneLinePerCounter) {
+  Oro::Counter a("printTestIs", "vrfStatus/bgp");
+  Oro::Counter b("printTestNotify");
+  a.inc(12);
+  b.inc(7);
+  char* buf = nullptr;
+  size_t len = 0;
+  FILE* f = open_memstream(&buf, &len);
+  ASSERT_NE(f, nullptr);
+  Oro::CounterRegistry::global().print(f);
+  std::fclose(f);
+  std::string text(buf, len);
+  std::free(buf);
+  EXPECT_THAT(text, HasSubstr("printTestIs [vrfStatus/bgp] 12\nprintTestNotify 7\n"));
+}
+
+// One writer, one reader on another thread: the reader sees monotonically growing values.
+TEST(Counter, ReaderOnAnotherThreadSeesWholeValues) {
+  Oro::Counter c("threadTest");
+  std::atomic<bool> done{false};
+  std::thread reader([&] {
+    uint64_t last = 0;
+    while (!done.load()) {
+      uint64_t v = Oro::CounterRegistry::global().total("threadTest");
+      EXPECT_GE(v, last);
+      last = v;
+    }
+  });
+  for (int i = 0; i < 100000; ++i) c.inc();
+  done = true;
+  reader.join();
+  EXPECT_EQ(c.value(), 100000u);
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 // The route status tree: mount paths, the source and group operations with the group lifetime
 // rule, counts, dumps in both models, creation in the store's heap, departed entities, a
 // randomized model check, and readers in other processes following a writer's tree.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <map>
@@ -18,6 +19,8 @@
 
 namespace Routing::Multicast {
 namespace {
+
+using ::testing::HasSubstr;
 
 using namespace std::chrono_literals;
 using Nevo::IpGenAddr;
@@ -122,7 +125,7 @@ TEST_F(RouteStatusTest, DumpsInBothModels) {
                 "\n");
   // A VRF reached twice in one dump is printed once, then reported.
   root->dumpState(routes, 0);
-  EXPECT_NE(routes.str().find("  MvpnVrfRouteStatus (already printed)\n"), std::string::npos);
+  EXPECT_THAT(routes.str(), HasSubstr("  MvpnVrfRouteStatus (already printed)\n"));
 }
 
 TEST_F(RouteStatusTest, RootsAreMadeInTheStoresHeapAndByTheStoresCreator) {
