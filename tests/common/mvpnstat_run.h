@@ -1,13 +1,18 @@
 // Runs the mvpnstat binary (MVPNSTAT_PATH, set by the build for the binaries that drive it) on
-// this process's segment namespace, and promtool on a metrics exposition.
+// this process's segment namespace, and promtool on a metrics exposition; runs a program beside
+// the test, reading its output line by line.
 #pragma once
 
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <vector>
 
 #include <fmt/format.h>
 
@@ -45,5 +50,54 @@ inline Result promtool(const std::string& exposition) {
   ::unlink(file);
   return r;
 }
+
+// A child process running `argv`, its stdout readable line by line (stderr to /dev/null).
+struct Child {
+  pid_t pid = -1;
+  int out = -1;
+  std::string buffered;
+
+  explicit Child(const std::vector<std::string>& argv) {
+    int p[2];
+    if (::pipe(p) != 0) return;
+    pid = ::fork();
+    if (pid == 0) {
+      ::dup2(p[1], 1);
+      const int devnull = ::open("/dev/null", O_WRONLY);
+      ::dup2(devnull, 2);
+      std::vector<char*> args;
+      for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+      args.push_back(nullptr);
+      ::execvp(args[0], args.data());
+      ::_exit(127);
+    }
+    ::close(p[1]);
+    out = p[0];
+  }
+  ~Child() {
+    if (pid > 0) {
+      ::kill(pid, SIGTERM);
+      ::waitpid(pid, nullptr, 0);
+    }
+    if (out >= 0) ::close(out);
+  }
+  // The next line of output; empty when the child ends or nothing comes within `guardMs`.
+  std::string line(int guardMs = 60000) {
+    for (;;) {
+      const size_t nl = buffered.find('\n');
+      if (nl != std::string::npos) {
+        std::string l = buffered.substr(0, nl);
+        buffered.erase(0, nl + 1);
+        return l;
+      }
+      pollfd pfd{out, POLLIN, 0};
+      if (::poll(&pfd, 1, guardMs) <= 0) return {};
+      char buf[4096];
+      const ssize_t n = ::read(out, buf, sizeof buf);
+      if (n <= 0) return {};
+      buffered.append(buf, static_cast<size_t>(n));
+    }
+  }
+};
 
 }  // namespace shmtest

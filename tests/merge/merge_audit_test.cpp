@@ -1,6 +1,7 @@
 // Merged statuses explain themselves: the merger's record in its output store (phase, inputs),
 // as mvpnstat list, watch, metrics, explain and check show it, against writer processes and a
 // merger in this process; check finds entries written behind the merger's back.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -23,6 +24,8 @@
 
 namespace {
 
+using ::testing::HasSubstr;
+
 using namespace MergeTest;
 using namespace std::chrono_literals;
 using Oro::ShmAttach;
@@ -34,41 +37,6 @@ constexpr const char* kMerged = "test/multicast/vpn/vrfStatus/merged";
 
 using shmtest::mvpnstat;
 using shmtest::Result;
-
-// `mvpnstat watch` running beside the test, read line by line.
-struct Watch {
-  pid_t pid = -1;
-  FILE* out = nullptr;
-  explicit Watch(const std::string& path) {
-    int fds[2];
-    EXPECT_EQ(::pipe(fds), 0);
-    pid = ::fork();
-    if (pid == 0) {
-      ::dup2(fds[1], 1);
-      ::close(fds[0]);
-      ::execl(MVPNSTAT_PATH, MVPNSTAT_PATH, "--namespace", Oro::shmNamespace().c_str(), "watch",
-              path.c_str(), static_cast<char*>(nullptr));
-      ::_exit(127);
-    }
-    ::close(fds[1]);
-    out = ::fdopen(fds[0], "r");
-  }
-  // Reads lines until one equals `want`; false at the end of the output.
-  bool waitFor(const std::string& want, std::string* seen) {
-    char line[4096];
-    while (std::fgets(line, sizeof line, out)) {
-      *seen += line;
-      if (std::string(line) == want + "\n") return true;
-    }
-    return false;
-  }
-  ~Watch() {
-    ::kill(pid, SIGTERM);
-    int st = 0;
-    ::waitpid(pid, &st, 0);
-    std::fclose(out);
-  }
-};
 
 class MergeAuditTest : public shmtest::ShmTest {};
 
@@ -100,12 +68,17 @@ TEST_F(MergeAuditTest, VrfMergeExplainsEveryPrecedenceAndChecksAgainstWriterProc
   EXPECT_FALSE(Oro::shmStoreInfo(kMerged).merge);  // a machine not started records nothing
 
   // A watch attached before the machine starts reports its transitions.
-  Watch watch(kMerged);
+  shmtest::Child watch({MVPNSTAT_PATH, "--namespace", Oro::shmNamespace(), "watch", kMerged});
   std::string watched;
-  ASSERT_TRUE(
-      watch.waitFor("99: Value('Routing::Multicast::MvpnVrf', ** {'key': 99, 'client': "
-                    "bgp})",
-                    &watched))
+  // Reads the watch's lines until one equals `want`; false when its output ends.
+  const auto waitFor = [&](const std::string& want) {
+    for (std::string l = watch.line(); !l.empty(); l = watch.line()) {
+      watched += l + "\n";
+      if (l == want) return true;
+    }
+    return false;
+  };
+  ASSERT_TRUE(waitFor("99: Value('Routing::Multicast::MvpnVrf', ** {'key': 99, 'client': bgp})"))
       << watched;
 
   sm->initializedIs(true);
@@ -115,31 +88,25 @@ TEST_F(MergeAuditTest, VrfMergeExplainsEveryPrecedenceAndChecksAgainstWriterProc
   EXPECT_EQ(started->desc.inputs[2].path, MvpnVrfStatus::mountPath(Nevo::ipv4, kWriters[2]));
   Result check = mvpnstat(std::string("check ") + kMerged);
   EXPECT_EQ(check.status, 0) << check.out;
-  EXPECT_NE(check.out.find("not ready (initial scan 0/"), std::string::npos) << check.out;
+  EXPECT_THAT(check.out, HasSubstr("not ready (initial scan 0/"));
 
   ASSERT_TRUE(
       scheduler.runUntil([&] { return sm->ready(); }, Oro::TaskScheduler::Clock::now() + 60s));
-  EXPECT_TRUE(watch.waitFor("merger: ready", &watched)) << watched;
-  EXPECT_NE(watched.find("99: deleted"), std::string::npos) << watched;
+  EXPECT_TRUE(waitFor("merger: ready")) << watched;
+  EXPECT_THAT(watched, HasSubstr("99: deleted"));
   const auto done = Oro::shmStoreInfo(kMerged).merge;
   EXPECT_EQ(done->outputs[0].deleted, 1u);  // VRF 99, reconciled away
   EXPECT_EQ(done->streams[0].done, 8u);     // the BGP writer's eight VRFs, scanned
 
   Result list = mvpnstat("list");
-  EXPECT_NE(list.out.find("    merger Routing::Multicast::MergedMvpnVrfStatusSm: ready\n"),
-            std::string::npos)
-      << list.out;
+  EXPECT_THAT(list.out, HasSubstr("    merger Routing::Multicast::MergedMvpnVrfStatusSm: ready\n"));
   Result metrics = mvpnstat("metrics");
-  EXPECT_NE(metrics.out.find(
-                fmt::format("mvpn_merger_phase{{path=\"{}\",phase=\"ready\"}} 1\n", kMerged)),
-            std::string::npos)
-      << metrics.out;
+  EXPECT_THAT(metrics.out, HasSubstr(fmt::format(
+                               "mvpn_merger_phase{{path=\"{}\",phase=\"ready\"}} 1\n", kMerged)));
   EXPECT_EQ(shmtest::promtool(metrics.out).status, 0) << shmtest::promtool(metrics.out).out;
-  EXPECT_NE(metrics.out.find(fmt::format("mvpn_merger_input_keys{{path=\"{}\",stream=\"3\","
-                                         "input=\"staticEvpnVrfStatus\"}} 8\n",
-                                         kMerged)),
-            std::string::npos)
-      << metrics.out;
+  EXPECT_THAT(metrics.out, HasSubstr(fmt::format("mvpn_merger_input_keys{{path=\"{}\",stream=\"3\","
+                                                 "input=\"staticEvpnVrfStatus\"}} 8\n",
+                                                 kMerged)));
 
   // The winner of every combination: BGP, then EVPN, then static MVPN, then static EVPN.
   const char* names[] = {"mvpnVrfStatus", "staticMvpnVrfStatus", "evpnVrfStatus",
@@ -162,11 +129,10 @@ TEST_F(MergeAuditTest, VrfMergeExplainsEveryPrecedenceAndChecksAgainstWriterProc
   }
   check = mvpnstat("check");
   EXPECT_EQ(check.status, 0) << check.out;
-  EXPECT_NE(check.out.find(fmt::format("{}: merger Routing::Multicast::MergedMvpnVrfStatusSm "
-                                       "ready: 15 keys checked, consistent; integrity ok",
-                                       kMerged)),
-            std::string::npos)
-      << check.out;
+  EXPECT_THAT(check.out,
+              HasSubstr(fmt::format("{}: merger Routing::Multicast::MergedMvpnVrfStatusSm "
+                                    "ready: 15 keys checked, consistent; integrity ok",
+                                    kMerged)));
 
   // Entries written behind the merger's back: a wrong winner, a VRF no writer lists, a VRF
   // missing.
@@ -185,8 +151,8 @@ TEST_F(MergeAuditTest, VrfMergeExplainsEveryPrecedenceAndChecksAgainstWriterProc
     found.insert(f["kind"].get<std::string>() + " " + f["key"].get<std::string>());
   EXPECT_EQ(found, (std::set<std::string>{"differs 5", "stale 40", "missing 3"}));
   Result explain = mvpnstat(fmt::format("explain {} 5", kMerged));
-  EXPECT_NE(explain.out.find("  winner: mvpnVrfStatus\n"), std::string::npos) << explain.out;
-  EXPECT_NE(explain.out.find("(DISAGREES)"), std::string::npos) << explain.out;
+  EXPECT_THAT(explain.out, HasSubstr("  winner: mvpnVrfStatus\n"));
+  EXPECT_THAT(explain.out, HasSubstr("(DISAGREES)"));
 
   EXPECT_EQ(mvpnstat(fmt::format("explain {} 12x", kMerged)).status, 2);
   EXPECT_EQ(mvpnstat("explain " + MvpnVrfStatus::mountPath(Nevo::ipv4, kWriters[0]) + " 1").status,
@@ -234,15 +200,15 @@ TEST_F(MergeAuditTest, EncapMergeExplainsAndChecksBothCollections) {
   rig.merged->vrfStatusIs(VrfId(9));
   Result check = mvpnstat("check " + merged);
   EXPECT_EQ(check.status, 1) << check.out;
-  EXPECT_NE(check.out.find("2 inconsistent"), std::string::npos) << check.out;
-  EXPECT_NE(check.out.find("    differs encapTunnel 7 " + r1), std::string::npos) << check.out;
-  EXPECT_NE(check.out.find("    empty vrfStatus 9"), std::string::npos) << check.out;
+  EXPECT_THAT(check.out, HasSubstr("2 inconsistent"));
+  EXPECT_THAT(check.out, HasSubstr("    differs encapTunnel 7 " + r1));
+  EXPECT_THAT(check.out, HasSubstr("    empty vrfStatus 9"));
 
   // The machine goes, its writer stays: nobody keeps the merged status up to date any more.
   rig.sm = nullptr;
   EXPECT_EQ(Oro::shmStoreInfo(merged).merge->phase(), "not running");
   check = mvpnstat("check " + merged);
-  EXPECT_NE(check.out.find("not ready (not running)"), std::string::npos) << check.out;
+  EXPECT_THAT(check.out, HasSubstr("not ready (not running)"));
 }
 
 }  // namespace

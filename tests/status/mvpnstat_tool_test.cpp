@@ -1,13 +1,21 @@
 // The mvpnstat binary against tables written by this process: its dump and JSON output, its
 // errors for an unknown path, a damaged segment, a table of another type and bad usage, names
-// holding hostile bytes, and a JSON walk while a writer moves keys.
+// holding hostile bytes, and a JSON walk while a writer moves keys. A real Prometheus server
+// scrapes `mvpnstat metrics --listen` on loopback and answers a query for a writer's counter:
+// that test waits on events only (the tool prints a line per scrape, and the query is asked
+// after the second one, as Prometheus scrapes a target again only once it has stored the
+// previous scrape); a guard time bounds each wait in case something never comes.
 #include <fmt/format.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <httplib.h>
 #include <nlohmann/json.hpp>
 
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <sched.h>
 #include <sys/ioctl.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -15,6 +23,8 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <set>
 #include <sstream>
@@ -31,6 +41,8 @@
 
 namespace Routing::Multicast {
 namespace {
+
+using ::testing::HasSubstr;
 
 using shmtest::mvpnstat;
 using shmtest::promtool;
@@ -57,17 +69,13 @@ TEST_F(MvpnstatToolTest, ShowsListsAndWatchesTables) {
 
   Result json = mvpnstat("show routing/multicast/vpn/intfStatus --json");
   EXPECT_EQ(json.status, 0);
-  EXPECT_NE(json.out.find("{\"key\": 7, \"pmsiIntfId\": \"Vlan107\"}"), std::string::npos)
-      << json.out;
+  EXPECT_THAT(json.out, HasSubstr("{\"key\": 7, \"pmsiIntfId\": \"Vlan107\"}"));
 
   Result list = mvpnstat("list");
   EXPECT_EQ(list.status, 0);
-  EXPECT_NE(list.out.find(path + "  Routing::Multicast::MvpnVrfStatus  writer pid "),
-            std::string::npos)
-      << list.out;
-  EXPECT_NE(list.out.find("    mvpnVrf  Routing::Multicast::MvpnVrf  1 records"), std::string::npos)
-      << list.out;
-  EXPECT_NE(list.out.find("mvpnVrfIs 1"), std::string::npos) << list.out;
+  EXPECT_THAT(list.out, HasSubstr(path + "  Routing::Multicast::MvpnVrfStatus  writer pid "));
+  EXPECT_THAT(list.out, HasSubstr("    mvpnVrf  Routing::Multicast::MvpnVrf  1 records"));
+  EXPECT_THAT(list.out, HasSubstr("mvpnVrfIs 1"));
 
   // A reader reports what is present when it attaches: one change is enough to end the watch.
   Result watch = mvpnstat("watch " + path + " --count 1");
@@ -82,7 +90,7 @@ TEST_F(MvpnstatToolTest, ShowsListsAndWatchesTables) {
         "mvpn_table_writer_events_total{path=\"" + path + "\",name=\"mvpnVrfIs\"} 1\n",
         "mvpn_table_writer_alive{path=\"" + path + "\"} 1\n",
         "mvpn_table_writer_takeovers{path=\"" + path + "\"} 0\n"}) {
-    EXPECT_NE(metrics.out.find(line), std::string::npos) << line << metrics.out;
+    EXPECT_THAT(metrics.out, HasSubstr(line)) << line;
   }
   EXPECT_EQ(promtool(metrics.out).status, 0) << promtool(metrics.out).out;
 }
@@ -142,10 +150,8 @@ TEST_F(MvpnstatToolTest, ShowsAndWatchesNestedStatuses) {
 
   Result encapText = mvpnstat("show " + encapPath);
   EXPECT_EQ(encapText.status, 0);
-  EXPECT_NE(encapText.out.find("  VRF ID: 1\n    Encap tunnels #1\n      " + route.toStrep() +
-                               "\n    Encap interface tunnels #0\n"),
-            std::string::npos)
-      << encapText.out;
+  EXPECT_THAT(encapText.out, HasSubstr("  VRF ID: 1\n    Encap tunnels #1\n      " +
+                                       route.toStrep() + "\n    Encap interface tunnels #0\n"));
   Result encapJson = mvpnstat("show " + encapPath + " --json");
   ASSERT_EQ(encapJson.status, 0) << encapJson.out;
   const auto edoc = nlohmann::json::parse(encapJson.out);
@@ -169,8 +175,7 @@ TEST_F(MvpnstatToolTest, ShowsAndWatchesNestedStatuses) {
 TEST_F(MvpnstatToolTest, ReportsUnknownDamagedAndForeignTables) {
   Result unknown = mvpnstat("show routing/multicast/vpn/vrfStatus/bgp");
   EXPECT_EQ(unknown.status, 1);
-  EXPECT_NE(unknown.out.find("no status table at routing/multicast/vpn/vrfStatus/bgp"),
-            std::string::npos);
+  EXPECT_THAT(unknown.out, HasSubstr("no status table at routing/multicast/vpn/vrfStatus/bgp"));
   EXPECT_EQ(mvpnstat("show ../etc").status, 1);
   EXPECT_EQ(mvpnstat("show").status, 2);
 
@@ -179,8 +184,7 @@ TEST_F(MvpnstatToolTest, ReportsUnknownDamagedAndForeignTables) {
   foreign.attach(Oro::ShmAttach{"routing/multicast/vpn/vrfStatus/evpn", Oro::ShmRole::writer});
   Result other = mvpnstat("show routing/multicast/vpn/vrfStatus/evpn");
   EXPECT_EQ(other.status, 1);
-  EXPECT_NE(other.out.find("holds a Test::Other, which mvpnstat does not know"), std::string::npos)
-      << other.out;
+  EXPECT_THAT(other.out, HasSubstr("holds a Test::Other, which mvpnstat does not know"));
 
   // A header overwritten with garbage.
   const std::string path = MvpnVrfStatus::mountPath(Nevo::ipv4, MvpnClient::bgp_);
@@ -199,7 +203,7 @@ TEST_F(MvpnstatToolTest, ReportsUnknownDamagedAndForeignTables) {
   }
   Result damaged = mvpnstat("show " + path);
   EXPECT_EQ(damaged.status, 1);
-  EXPECT_NE(damaged.out.find("is damaged"), std::string::npos) << damaged.out;
+  EXPECT_THAT(damaged.out, HasSubstr("is damaged"));
   EXPECT_NE(mvpnstat("metrics").out.find("mvpn_table_up{path=\"" + path + "\"} 0\n"),
             std::string::npos);
   // Its writer is gone: a damaged table is removed like any other.
@@ -237,9 +241,8 @@ TEST_F(MvpnstatToolTest, RemoveRefusesALiveWriterAndLeavesNothingOfADeadOne) {
 
   Result refused = mvpnstat("remove " + path);
   EXPECT_EQ(refused.status, 1);
-  EXPECT_NE(refused.out.find(fmt::format("has a live writer (pid {}): not removed", writer)),
-            std::string::npos)
-      << refused.out;
+  EXPECT_THAT(refused.out,
+              HasSubstr(fmt::format("has a live writer (pid {}): not removed", writer)));
   EXPECT_EQ(filesOf(path).size(), files);
   EXPECT_EQ(mvpnstat("show " + path).status, 0);
 
@@ -255,7 +258,7 @@ TEST_F(MvpnstatToolTest, RemoveRefusesALiveWriterAndLeavesNothingOfADeadOne) {
 
   Result again = mvpnstat("remove " + path);
   EXPECT_EQ(again.status, 1);
-  EXPECT_NE(again.out.find("no status table at " + path), std::string::npos) << again.out;
+  EXPECT_THAT(again.out, HasSubstr("no status table at " + path));
   ::close(ready[0]);
   ::close(ready[1]);
 }
@@ -266,9 +269,8 @@ TEST_F(MvpnstatToolTest, BadCountsAreUsageErrors) {
                             "18446744073709551616", "99999999999999999999999"}) {
     Result r = mvpnstat(watch + " --count " + count);
     EXPECT_EQ(r.status, 2) << count;
-    EXPECT_NE(r.out.find("--count needs a whole number from 1 to 18446744073709551615"),
-              std::string::npos)
-        << count << ": " << r.out;
+    EXPECT_THAT(r.out, HasSubstr("--count needs a whole number from 1 to 18446744073709551615"))
+        << count << ": ";
   }
   EXPECT_EQ(mvpnstat(watch + " --count").status, 2);
 }
@@ -309,23 +311,20 @@ TEST_F(MvpnstatToolTest, HostileNamesStayValidJsonAndVisibleText) {
   Result plain = mvpnstat("list");
   ASSERT_EQ(plain.status, 0) << plain.out;
   EXPECT_TRUE(terminalSafe(plain.out)) << plain.out;
-  EXPECT_NE(plain.out.find("Evil\\x1b[31m\\xff\"\\\\\\u009b\xe2\x80\xa8\\x7f"), std::string::npos)
-      << plain.out;
-  EXPECT_NE(plain.out.find("hits\\x07\\x1b]0;owned\\x07\\xc3 5"), std::string::npos) << plain.out;
+  EXPECT_THAT(plain.out, HasSubstr("Evil\\x1b[31m\\xff\"\\\\\\u009b\xe2\x80\xa8\\x7f"));
+  EXPECT_THAT(plain.out, HasSubstr("hits\\x07\\x1b]0;owned\\x07\\xc3 5"));
 
   Result show = mvpnstat("show " + path);
   EXPECT_EQ(show.status, 1);
   EXPECT_TRUE(terminalSafe(show.out)) << show.out;
-  EXPECT_NE(show.out.find("holds a Evil\\x1b[31m"), std::string::npos) << show.out;
+  EXPECT_THAT(show.out, HasSubstr("holds a Evil\\x1b[31m"));
 
   // The exposition stays valid: promtool reads it, label values read as the plain text.
   Result metrics = mvpnstat("metrics");
   ASSERT_EQ(metrics.status, 0) << metrics.out;
   EXPECT_TRUE(terminalSafe(metrics.out)) << metrics.out;
-  EXPECT_NE(metrics.out.find("mvpn_table_writer_events_total{path=\"" + path +
-                             "\",name=\"hits\\\\x07\\\\x1b]0;owned\\\\x07\\\\xc3\"} 5\n"),
-            std::string::npos)
-      << metrics.out;
+  EXPECT_THAT(metrics.out, HasSubstr("mvpn_table_writer_events_total{path=\"" + path +
+                                     "\",name=\"hits\\\\x07\\\\x1b]0;owned\\\\x07\\\\xc3\"} 5\n"));
   EXPECT_EQ(promtool(metrics.out).status, 0) << promtool(metrics.out).out;
 }
 
@@ -387,6 +386,72 @@ TEST_F(MvpnstatToolTest, ShowJsonListsEachKeyOnceWhileKeysMove) {
       ASSERT_TRUE(keys.contains(k)) << "untouched key " << k;
     }
   }
+}
+
+// A loopback port nobody listens on now.
+int freePort() {
+  const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  ::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a);
+  socklen_t len = sizeof a;
+  ::getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
+  ::close(fd);
+  return ntohs(a.sin_port);
+}
+
+TEST(MetricsScrape, PrometheusScrapesTheEndpointAndAnswersACounterQuery) {
+  Oro::shmUnlinkNamespace();
+  const std::string path = MvpnVrfStatus::mountPath(Nevo::ipv4, MvpnClient::bgp_);
+  auto vrfs = mvpnVrfStatusFactory(path);
+  vrfs->mount(Oro::ShmAttach{path, Oro::ShmRole::writer});
+  for (uint32_t v = 1; v <= 3; ++v) vrfs->mvpnVrfIs(MvpnVrf(Vrf::VrfIdMap::VrfId(v)));
+
+  shmtest::Child tool(
+      {MVPNSTAT_PATH, "--namespace", Oro::shmNamespace(), "metrics", "--listen", "127.0.0.1:0"});
+  const std::string serving = tool.line();
+  const size_t colon = serving.rfind(':');
+  ASSERT_NE(colon, std::string::npos) << serving;
+  const int metricsPort = std::atoi(serving.c_str() + colon + 1);
+  ASSERT_GT(metricsPort, 0) << serving;
+
+  struct TempDir {
+    char name[64] = "/tmp/mvpnstat-prometheus-XXXXXX";
+    ~TempDir() { std::filesystem::remove_all(name); }
+  } temp;
+  const char* dir = ::mkdtemp(temp.name);
+  ASSERT_NE(dir, nullptr);
+  const std::string config = std::string(dir) + "/prometheus.yml";
+  std::ofstream(config) << fmt::format(
+      "global:\n  scrape_interval: 1s\nscrape_configs:\n  - job_name: mvpnstat\n"
+      "    static_configs:\n      - targets: ['127.0.0.1:{}']\n",
+      metricsPort);
+  const int webPort = freePort();
+  shmtest::Child prometheus({"prometheus", "--config.file=" + config,
+                             "--storage.tsdb.path=" + std::string(dir) + "/data",
+                             fmt::format("--web.listen-address=127.0.0.1:{}", webPort)});
+
+  ASSERT_NE(tool.line().find("scrape from 127.0.0.1"), std::string::npos);
+  httplib::Client api("127.0.0.1", webPort);
+  const std::string query =
+      "/api/v1/query?query=mvpn_table_writer_events_total%7Bname%3D%22mvpnVrfIs%22%7D";
+  nlohmann::json answer;
+  // Each attempt follows a scrape; the server may still be starting its web side.
+  for (int attempt = 0; attempt < 30 && answer.empty(); ++attempt) {
+    ASSERT_NE(tool.line().find("scrape from 127.0.0.1"), std::string::npos);
+    const auto res = api.Get(query);
+    if (!res || res->status != 200) continue;
+    const auto body = nlohmann::json::parse(res->body);
+    if (!body["data"]["result"].empty()) answer = body["data"]["result"][0];
+  }
+  ASSERT_FALSE(answer.empty());
+  EXPECT_EQ(answer["metric"]["path"], path);
+  EXPECT_EQ(answer["metric"]["job"], "mvpnstat");
+  EXPECT_EQ(answer["value"][1], "3");
+
+  vrfs->unmount();
+  Oro::shmUnlinkNamespace();
 }
 
 }  // namespace
