@@ -2,8 +2,9 @@
 // handed (in builds with assertions a reactor of the wrong key type must fail loudly, while
 // matching reactors, nested publications and keys handed over without a publication pass),
 // the entity directory (creation by type name, arity checks, mounts), fatal assertions, the
-// text form of optional values, feature toggles (environment values, caching, overrides) and
-// the in-process keyed collection (mutations, change counts, ordered iteration and resume).
+// text form of optional values, feature toggles (environment values and caching; the route
+// status dump test goes through overrides) and the in-process keyed collection (mutations,
+// change counts, ordered iteration and resume).
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -292,15 +293,6 @@ TEST(Toggle, ReadsTheEnvironmentOnceAndCachesIt) {
     unsetenv((std::string("MVPN_TOGGLE_ToggleTest") + n).c_str());
     Oro::toggleReset(std::string("ToggleTest") + n);  // leave no cached value behind
   }
-}
-
-TEST(Toggle, OverridesReplaceTheCachedValue) {
-  EXPECT_FALSE(Oro::toggleEnabled("MvpnGroupTylModel"));
-  Oro::toggleOverride("MvpnGroupTylModel", true);
-  EXPECT_TRUE(Oro::toggleEnabled("MvpnGroupTylModel"));
-  Oro::toggleOverride("MvpnGroupTylModel", false);
-  EXPECT_FALSE(Oro::toggleEnabled("MvpnGroupTylModel"));
-  Oro::toggleReset("MvpnGroupTylModel");
 }
 
 // A key ordered by its own operator<=>: descending priority, then name.
