@@ -3,6 +3,7 @@
 #pragma once
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -30,6 +31,17 @@ using Vrf::VrfIdMap::VrfId;
 // The writer of each input, in argument order.
 inline constexpr MvpnClient kWriters[4] = {MvpnClient::bgp_, MvpnClient::staticMvpn_,
                                            MvpnClient::evpn_, MvpnClient::staticEvpn_};
+
+// Readers of the four writers' statuses at their mount paths, dispatching on `scheduler`.
+inline std::array<Oro::Ptr<MvpnVrfStatus>, 4> mountedReaders(Oro::TaskScheduler& scheduler) {
+  std::array<Oro::Ptr<MvpnVrfStatus>, 4> in;
+  for (int w = 0; w < 4; ++w) {
+    in[w] = Routing::Multicast::mvpnVrfStatusFactory("reader" + std::to_string(w));
+    in[w]->mount(Oro::ShmAttach{MvpnVrfStatus::mountPath(Nevo::ipv4, kWriters[w]),
+                                Oro::ShmRole::reader, &scheduler});
+  }
+  return in;
+}
 
 // The merged client of a VRF held by the inputs flagged in `present` (bit n = input n):
 // BGP, then EVPN, then static MVPN, then static EVPN.

@@ -3,14 +3,10 @@
 // merger in this process; check finds entries written behind the merger's back.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
 #include <nlohmann/json.hpp>
 
 #include <chrono>
-#include <csignal>
-#include <cstdio>
-#include <cstdlib>
+#include <set>
 #include <string>
 
 #include <fmt/format.h>
@@ -54,12 +50,7 @@ TEST_F(MergeAuditTest, VrfMergeExplainsEveryPrecedenceAndChecksAgainstWriterProc
   writers.runPhase(0);
 
   Oro::TaskScheduler scheduler;
-  Oro::Ptr<MvpnVrfStatus> in[4];
-  for (int w = 0; w < 4; ++w) {
-    in[w] = mvpnVrfStatusFactory(fmt::format("reader{}", w));
-    in[w]->mount(
-        ShmAttach{MvpnVrfStatus::mountPath(Nevo::ipv4, kWriters[w]), ShmRole::reader, &scheduler});
-  }
+  auto in = mountedReaders(scheduler);
   auto merged = mvpnVrfStatusFactory("merged");
   merged->mount(ShmAttach{kMerged, ShmRole::writer});
   merged->mvpnVrfIs(MvpnVrf(VrfId(99), MvpnClient::bgp_));  // left by an earlier merger

@@ -124,12 +124,7 @@ TEST_F(VrfMergeProcessTest, MergedTableFollowsFourWriterProcesses) {
 
   // The merging reader.
   Oro::TaskScheduler scheduler;
-  Oro::Ptr<MvpnVrfStatus> in[4];
-  for (int w = 0; w < 4; ++w) {
-    in[w] = mvpnVrfStatusFactory(fmt::format("reader{}", w));
-    in[w]->mount(
-        ShmAttach{MvpnVrfStatus::mountPath(Nevo::ipv4, kWriters[w]), ShmRole::reader, &scheduler});
-  }
+  auto in = mountedReaders(scheduler);
   auto merged = mvpnVrfStatusFactory("merged");
   merged->mount(ShmAttach{kMergedPath, ShmRole::writer});
   ASSERT_EQ(merged->mvpnVrfSize(), 4u);  // taken over from the dead reader
