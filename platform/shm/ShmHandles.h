@@ -300,7 +300,7 @@ class ShmValues : public ShmHandleBase {
 
   void onKeyIs(OnKey onKey) { onKey_ = std::move(onKey); }
   static constexpr const char* kUnknownRecord =
-      "the record of a key is unknown: the reader no longer has its store";
+      "the record of a key is unknown: this reader kept only the keys it had reported";
   // The keys this reader has reported present (and not absent since).
   size_t knownKeys() const { return known_.size(); }
 
