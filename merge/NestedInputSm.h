@@ -460,8 +460,9 @@ class NestedInputSm : public InputSmBase {
     if (!outerComplete<k>()) {
       if (st.scan.state() != kScanInterrupted) st.damage.scanStarts();
       const Result r =
-          st.scan.run(RootColl{en_.get()}, e,
-                      [this](const OuterKey& key, const auto&) { handleOuter<k>(key, true); });
+          st.scan.run(RootColl{en_.get()}, e, [this](const OuterKey& key, const auto& it) {
+            handleOuter<k>(key, true, [&it] { return it.value(); });
+          });
       machine_->scanProgressIs(streamNumber(k), st.scan.scanned(), st.scan.total());
       if (st.scan.damaged()) st.damage.readFailed();
       if (r == Result::yielded) return;
@@ -638,14 +639,20 @@ class NestedInputSm : public InputSmBase {
   // key's entity and has scanned it for this stream; or, when the key has left the root,
   // replay its child's keys and drop the child. In a scan, a child's scan runs right here in
   // the scan's task run; from a notification it is queued for the task.
+  // A scan hands in its iterator's lookup of the key (the same answer as the root's, found
+  // through the place the walk is at).
   template <size_t k>
   void handleOuter(const OuterKey& key, bool inScan) {
+    handleOuter<k>(key, inScan, [&] { return RootSource::lookup(*en_, key); });
+  }
+  template <size_t k, class Lookup>
+  void handleOuter(const OuterKey& key, bool inScan, const Lookup& lookup) {
     if (!initialized_) return;
     ORO_TRACE(machine_->qtHandle(), kTraceKey, "k: {}", key);
     Stream& st = stream<k>();
     Oro::Ptr<Entity> entity;
     try {
-      entity = RootSource::lookup(*en_, key);
+      entity = lookup();
     } catch (const Oro::ShmCorruptionException& e) {
       // The key's presence is unknown: its child, if any, stays as it is.
       RootSource::handleCorruption(*en_, e);

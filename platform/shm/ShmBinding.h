@@ -131,9 +131,13 @@ class ShmNode {
   void shmDepart(bool storeLost = false);
 
  private:
+  template <class E>
+  friend class ShmEntities;
   ShmBinding* binding_ = nullptr;
   uint32_t coll_ = 0;
   uint64_t ref_ = 0;
+  // The slot under which the handle holding this proxy lists it (ShmEntities::bySlot_).
+  uint32_t listedSlot_ = ShmLayout::kNoSlot;
 };
 
 class ShmBinding : private ShmReader::Sink {

@@ -414,7 +414,7 @@ class ShmEntities : public ShmHandleBase {
     }
     const Key& key() const { return key_; }
     // Null when the member left the store since the walk met it.
-    Oro::Ptr<E> value() const { return h_->find(key_); }
+    Oro::Ptr<E> value() const { return local_ ? h_->find(key_) : h_->findAt(key_, slot_); }
     Bookmark bookmark() const { return Bookmark{key_, slot_}; }
     void next() {
       if (!valid()) return;
@@ -485,8 +485,23 @@ class ShmEntities : public ShmHandleBase {
     // An entity with no proxy yet: one a reader was not told of yet, or one a writer found in
     // a store it took over.
     Oro::Ptr<E> e = E::make(binding_, ref, key);
-    members_.emplace(key, e);
+    memberAdd(key, e);
     return e;
+  }
+  // find(key) for the key a walk met at `slot`: the proxy listed under the slot answers when
+  // it is bound to the entity there now (a ref names the slot and its generation, so the
+  // entity, and with it the key, is the same), without hashing the key.
+  Oro::Ptr<E> findAt(const Key& key, uint32_t slot) const {
+    if (slot < bySlot_.size() && !departed_ && !withheld_) {
+      // A walk goes up the slots: the next proxy is fetched while this member is handled.
+      if (slot + 1 < bySlot_.size() && bySlot_[slot + 1]) __builtin_prefetch(bySlot_[slot + 1]);
+      E* e = bySlot_[slot];
+      if (e && e->shmBinding() == binding_ && e->shmRef() == binding_->store().refOf(kColl, slot)) {
+        checkReadable();
+        return Oro::Ptr<E>(e);
+      }
+    }
+    return find(key);
   }
   bool contains(const Key& key) const { return find(key) != nullptr; }
 
@@ -546,7 +561,7 @@ class ShmEntities : public ShmHandleBase {
     s.put(kColl, words, {});
     const uint64_t ref = s.refOf(kColl, s.find(kColl, words, nullptr));
     Oro::Ptr<E> e = E::make(binding_, ref, key);
-    members_.emplace(key, e);
+    memberAdd(key, e);
     s.publishKey(kColl, words);
     return e;
   }
@@ -565,6 +580,7 @@ class ShmEntities : public ShmHandleBase {
     if (it != members_.end()) {
       e = std::move(it->second);
       members_.erase(it);
+      unlist(*e);
       e->shmDepart();  // before the store forgets its members
     }
     ShmStore& s = binding_->store();
@@ -598,6 +614,7 @@ class ShmEntities : public ShmHandleBase {
       if (it != members_.end()) {
         Oro::Ptr<E> gone = std::move(it->second);
         members_.erase(it);
+        unlist(*gone);
         gone->shmDepart();
       }
       // The writer may have created the key again since the look above; subscribers of
@@ -612,12 +629,13 @@ class ShmEntities : public ShmHandleBase {
       // is another entity too, whatever reference the new store gives its key.
       Oro::Ptr<E> gone = std::move(it->second);
       members_.erase(it);
+      unlist(*gone);
       gone->shmDepart();
       tellAbsent(key);
       it = members_.end();
     }
     if (it == members_.end()) {
-      members_.emplace(key, E::make(binding_, ref, key));
+      memberAdd(key, E::make(binding_, ref, key));
       // The members of an entity met for the first time are reported after it.
       if (ShmReader* r = binding_->reader()) {
         ShmResync out = r->resyncQueue();
@@ -667,6 +685,7 @@ class ShmEntities : public ShmHandleBase {
 
   void depart(bool storeLost) override {
     if (departed_) return;
+    unlistAll();
     for (auto& [key, e] : members_) e->shmDepart(storeLost);
     if (parent_ == 0) binding_->topIs(kColl, nullptr);
     departed_ = true;
@@ -675,6 +694,7 @@ class ShmEntities : public ShmHandleBase {
   void forgetStore() override {
     // The proxies leave the store (they keep their members in process memory); their keys
     // stay known, so the first dispatch reports them.
+    unlistAll();
     for (auto& [key, e] : members_) {
       e->shmDepart(/*storeLost=*/true);
       marks_[key] = mark_;
@@ -690,6 +710,28 @@ class ShmEntities : public ShmHandleBase {
     } release{withheld_};
     if (onKey_) onKey_(key);
   }
+  // Every proxy in members_ listed under its slot (top-level handles of a store only; a
+  // nested handle's members share the collection's slots with every other parent's).
+  // Invariant: bySlot_[e->listedSlot_] == e exactly while e is in members_ and listed.
+  void memberAdd(const Key& key, const Oro::Ptr<E>& e) const {
+    members_.emplace(key, e);
+    if (parent_ != 0 || !e->shmBound()) return;
+    const uint32_t slot = ShmLayout::refSlot(e->shmRef());
+    if (slot >= bySlot_.size()) bySlot_.resize(std::max<size_t>(slot + 1, 2 * bySlot_.size()));
+    bySlot_[slot] = e.get();
+    e->listedSlot_ = slot;
+  }
+  void unlist(E& e) const {
+    if (e.listedSlot_ == ShmLayout::kNoSlot) return;
+    if (e.listedSlot_ < bySlot_.size() && bySlot_[e.listedSlot_] == &e)
+      bySlot_[e.listedSlot_] = nullptr;
+    e.listedSlot_ = ShmLayout::kNoSlot;
+  }
+  void unlistAll() const {
+    for (auto& [key, e] : members_) e->listedSlot_ = ShmLayout::kNoSlot;
+    bySlot_.clear();
+    bySlot_.shrink_to_fit();
+  }
   void refreshLocalOrder() const {
     localOrder_.clear();
     for (const auto& [key, e] : members_) localOrder_.push_back(key);
@@ -698,6 +740,7 @@ class ShmEntities : public ShmHandleBase {
 
   OnKey onKey_;
   mutable absl::flat_hash_map<Key, Oro::Ptr<E>, ShmKeyHash<Key>> members_;
+  mutable std::vector<E*> bySlot_;
   absl::flat_hash_map<Key, uint32_t, ShmKeyHash<Key>> marks_;
   uint32_t mark_ = 0;
   // The key whose departure is being delivered: lookups find it absent meanwhile.

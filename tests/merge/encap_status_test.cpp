@@ -141,6 +141,36 @@ TEST_F(EncapStatusReader, ADepartedVrfListsEveryKeyItShowedAndStaysAbsentWhileTo
   EXPECT_NE(reader->vrfStatus(VrfId(7)), r7);
 }
 
+// A walk hands out the same VRF proxy as a lookup of its key, on both sides, also while the
+// slot of a deleted VRF holds another VRF that has not been delivered to the reader yet.
+TEST_F(EncapStatusReader, AWalksVrfIsTheVrfALookupFinds) {
+  Oro::TaskScheduler scheduler;
+  auto writer = mvpnTunnelEncapStatusFactory("writer");
+  writer->mount(ShmAttach{"t/encap", ShmRole::writer});
+  auto reader = mvpnTunnelEncapStatusFactory("reader");
+  reader->mount(ShmAttach{"t/encap", ShmRole::reader, &scheduler});
+  for (uint32_t v = 1; v <= 3; ++v) writer->vrfStatusIs(VrfId(v));
+  scheduler.runUntilIdle();
+  auto walkMatchesLookups = [](const MvpnTunnelEncapStatus& s) {
+    size_t n = 0;
+    for (auto it = s.vrfStatusIter(); it.valid(); it.next(), ++n) {
+      const auto walked = it.value();  // before the lookup, which may make a proxy
+      if (!walked || walked != s.vrfStatus(it.key())) return false;
+    }
+    return n == 3;
+  };
+  const auto r2 = reader->vrfStatus(VrfId(2));
+  EXPECT_TRUE(walkMatchesLookups(*reader));
+  writer->vrfStatusDel(VrfId(2));
+  writer->vrfStatusIs(VrfId(9));  // in the freed slot
+  EXPECT_TRUE(walkMatchesLookups(*writer));
+  EXPECT_TRUE(walkMatchesLookups(*reader));
+  EXPECT_EQ(reader->vrfStatus(VrfId(2)), r2);  // not told yet
+  scheduler.runUntilIdle();
+  EXPECT_TRUE(walkMatchesLookups(*reader));
+  EXPECT_FALSE(reader->vrfStatus(VrfId(2)));
+}
+
 // A store its writer had to build anew (the old one was damaged) is a new store: the VRFs the
 // reader held leave, and the new store's VRFs are followed with their records, also one that
 // sits where the old one did.
