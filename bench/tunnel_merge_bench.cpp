@@ -11,7 +11,9 @@
 //   for an empty merged status and for a restart over a grown one (10% stale records), with
 //   the time initializedIs takes outside any task.
 #include <benchmark/benchmark.h>
+#include <fmt/format.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -21,6 +23,7 @@
 #include "merge/MvpnTunnelEncapStatusMergeSm.h"
 #include "platform/net/IpAddr.h"
 #include "platform/runtime/TaskScheduler.h"
+#include "platform/shm/ShmSegment.h"
 
 namespace {
 
@@ -248,12 +251,19 @@ BENCHMARK(BM_TunnelMergeBaselineVrfByHand)->Unit(benchmark::kMicrosecond);
 void BM_TunnelMergeLongestTaskRun(benchmark::State& state) {
   Inputs& in = Inputs::get();
   const bool restart = state.range(1) != 0;
+  const bool shared = state.range(2) != 0;
+  const std::string ns = Oro::shmNamespace();
+  if (shared) {
+    Oro::shmNamespaceIs(fmt::format("mvpnbenchslice{}", ::getpid()));
+    Oro::shmUnlinkNamespace();
+  }
   const auto slice = std::chrono::microseconds(state.range(0));
   bench::TaskRunMeter meter(slice);
   double initCpu = 0;
   for (auto _ : state) {
     state.PauseTiming();
     auto merged = status("bench-merged-slice");
+    if (shared) merged->mount(Oro::ShmAttach{"bench/slice", Oro::ShmRole::writer});
     if (restart) {
       for (uint32_t v = 0; v < kVrfs + kVrfs / 10; ++v) {
         auto out = merged->vrfStatusIs(VrfId(v));
@@ -277,12 +287,20 @@ void BM_TunnelMergeLongestTaskRun(benchmark::State& state) {
   }
   meter.report(state);
   state.counters["initializedIsMs"] = initCpu * 1e3;
+  if (shared) {
+    Oro::shmUnlinkNamespace();
+    Oro::shmNamespaceIs(ns);
+  }
 }
+// Arguments: the slice in microseconds, a restart over a grown output, the merged status in
+// shared memory (as deployed: its memory is committed as it grows) or in process memory.
 BENCHMARK(BM_TunnelMergeLongestTaskRun)
-    ->Args({200, 0})
-    ->Args({1000, 0})
-    ->Args({200, 1})
-    ->Args({1000, 1})
+    ->Args({200, 0, 1})
+    ->Args({1000, 0, 1})
+    ->Args({200, 1, 1})
+    ->Args({1000, 1, 1})
+    ->Args({200, 0, 0})
+    ->Args({200, 1, 0})
     ->Unit(benchmark::kMillisecond)
     ->Iterations(1);
 

@@ -119,6 +119,7 @@ void ShmCollection::attach() {
     if (!chunks_.empty()) {
       const uint32_t c = static_cast<uint32_t>(chunks_.size()) - 1;
       lastCommitted_ = 0;
+      dirCommitted_ = 0;
       if (hw_ > chunkFirstSlot(c)) ensureCommitted(hw_);
     }
   }
@@ -191,15 +192,14 @@ void ShmCollection::addChunk() {
                                    storePtr_->schema_.collections[index_].name));
   }
   // Committed a step at a time as its slots are used (ensureCommitted): neither a write that
-  // opens a chunk nor the store's memory pays for the whole chunk at once. A nested
-  // collection's page directory, at the chunk's end, is committed now.
+  // opens a chunk nor the store's memory pays for the whole chunk at once. So is a nested
+  // collection's page directory, at the chunk's end (megabytes for a large chunk).
   const size_t bytes = chunkBytes(c);
   ShmSegment seg = storePtr_->makeSegment(suffix('k', c), bytes, /*commitNow=*/false);
-  const size_t slotBytes = size_t{chunkSlots(c)} * slotWords_ * 4;
-  if (nested()) seg.commit(slotBytes, bytes - slotBytes);
   uint32_t* base = reinterpret_cast<uint32_t*>(seg.data());
   chunks_.push_back(Chunk{std::move(seg), base});
   lastCommitted_ = 0;
+  dirCommitted_ = 0;
   desc_->chunkCount.store(c + 1, std::memory_order_release);
   storePtr_->fault(ShmFaultPoint::chunkAdded);
 }
@@ -208,13 +208,25 @@ void ShmCollection::addChunk() {
 // or more at a time.
 void ShmCollection::ensureCommitted(uint32_t end) {
   const uint32_t c = static_cast<uint32_t>(chunks_.size()) - 1;
-  const size_t need = size_t{end - chunkFirstSlot(c)} * slotWords_ * 4;
-  if (need <= lastCommitted_) return;
   const size_t slotBytes = size_t{chunkSlots(c)} * slotWords_ * 4;
-  const size_t step = std::min(slotBytes - lastCommitted_,
-                               pageRound(std::max(need - lastCommitted_, kCommitStep)));
-  chunks_[c].seg.commit(lastCommitted_, step);
-  lastCommitted_ += step;
+  const size_t need = size_t{end - chunkFirstSlot(c)} * slotWords_ * 4;
+  if (need > lastCommitted_) {
+    const size_t step = std::min(slotBytes - lastCommitted_,
+                                 pageRound(std::max(need - lastCommitted_, kCommitStep)));
+    chunks_[c].seg.commit(lastCommitted_, step);
+    lastCommitted_ += step;
+  }
+  if (!nested()) return;
+  // The directory entries of the pages below `end` (one per kMinPageSlots slots).
+  const size_t dirBytes = chunkBytes(c) - slotBytes;
+  const size_t dirNeed =
+      size_t{(end - chunkFirstSlot(c) + kMinPageSlots - 1) / kMinPageSlots} * sizeof(PageEntry);
+  if (dirNeed > dirCommitted_) {
+    const size_t step = std::min(dirBytes - dirCommitted_,
+                                 pageRound(std::max(dirNeed - dirCommitted_, kCommitStep)));
+    chunks_[c].seg.commit(slotBytes + dirCommitted_, step);
+    dirCommitted_ += step;
+  }
 }
 
 bool ShmCollection::readSlot(uint32_t slot, uint32_t* out, uint32_t* seq) const {
@@ -787,6 +799,9 @@ uint32_t ShmCollection::allocPage(uint32_t cls) {
         hwIs(start + size);
         return start;
       }
+      // The rest of the chunk becomes free pages, handed out later: committed now, since
+      // the next chunk's commits do not reach back into this one.
+      ensureCommitted(end);
       carveFree(hw, end);
       hwIs(end);
       continue;

@@ -243,6 +243,7 @@ class ShmCollection {
   ShmSegment retired_;
   size_t retiredLeft_ = 0;
   size_t lastCommitted_ = 0;  // bytes of the last chunk's slots committed (writer)
+  size_t dirCommitted_ = 0;   // bytes of the last chunk's page directory committed (writer)
   uint64_t growthStartUsed_ = 0;
   uint32_t growthStartHighWater_ = 0;
   uint32_t migratedThisWrite_ = 0;

@@ -234,6 +234,30 @@ TEST_F(ShmStoreTest, NestedMembersLiveOnTheirParentsPagesAndGoWithThem) {
   EXPECT_EQ(members(reader, 1, c).size(), 100u);
 }
 
+// A nested chunk's memory, its page directory included (a megabyte for a chunk of 128k
+// slots), is committed a step at a time as pages are carved: the write that opens a chunk
+// does not commit the whole directory.
+TEST_F(ShmStoreTest, ANestedChunkIsCommittedAsItsPagesAreCarved) {
+  ShmStore s = ShmStore::openWriter("t/big", nestedSchema(), 0600, 1024);
+  const uint64_t parent = addParent(s, 1);
+  const auto& desc = s.header()->colls[1];
+  uint32_t opened = 0;
+  for (uint32_t k = 0; desc.chunkCount.load() < 10; ++k) {
+    const uint32_t chunks = desc.chunkCount.load();
+    const bool last =
+        chunks >= 8 && desc.slotHighWater.load() + (Oro::ShmLayout::kMinPageSlots
+                                                    << (Oro::ShmLayout::kMaxPageClass + 1)) >
+                           Oro::ShmLayout::slotCapacity(chunks);
+    const size_t before = last ? s.committedBytes() : 0;
+    putMember(s, 1, parent, k, Rec::of(k));
+    if (desc.chunkCount.load() != chunks && last) {
+      ++opened;  // chunks 8 and 9: directories of 512 KiB and 1 MiB
+      EXPECT_LT(s.committedBytes() - before, 256u * 1024) << "chunk " << chunks;
+    }
+  }
+  EXPECT_EQ(opened, 2u);
+}
+
 TEST_F(ShmStoreTest, BlobsAreReadWholeAndTheirSpaceIsReused) {
   ShmStore s = ShmStore::openWriter("t/blob", nestedSchema(), 0600, 1024);
   const uint64_t p = addParent(s, 1);
