@@ -23,11 +23,13 @@
 #pragma once
 
 #include <algorithm>
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <functional>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -492,10 +494,10 @@ class ShmEntities : public ShmHandleBase {
   // it is bound to the entity there now (a ref names the slot and its generation, so the
   // entity, and with it the key, is the same), without hashing the key.
   Oro::Ptr<E> findAt(const Key& key, uint32_t slot) const {
-    if (slot < bySlot_.size() && !departed_ && !withheld_) {
+    if (!departed_ && !withheld_) {
       // A walk goes up the slots: the next proxy is fetched while this member is handled.
-      if (slot + 1 < bySlot_.size() && bySlot_[slot + 1]) __builtin_prefetch(bySlot_[slot + 1]);
-      E* e = bySlot_[slot];
+      if (E* next = listedAt(slot + 1)) __builtin_prefetch(next);
+      E* e = listedAt(slot);
       if (e && e->shmBinding() == binding_ && e->shmRef() == binding_->store().refOf(kColl, slot)) {
         checkReadable();
         return Oro::Ptr<E>(e);
@@ -711,26 +713,35 @@ class ShmEntities : public ShmHandleBase {
     if (onKey_) onKey_(key);
   }
   // Every proxy in members_ listed under its slot (top-level handles of a store only; a
-  // nested handle's members share the collection's slots with every other parent's).
-  // Invariant: bySlot_[e->listedSlot_] == e exactly while e is in members_ and listed.
+  // nested handle's members share the collection's slots with every other parent's), in
+  // blocks made as slots are met, so that no listing ever copies or clears the whole list.
+  // Invariant: the entry of slot e->listedSlot_ is e exactly while e is in members_ and listed.
+  static constexpr uint32_t kListBlock = 4096;
+  using ListBlock = std::array<E*, kListBlock>;
+  E* listedAt(uint32_t slot) const {
+    const size_t b = slot / kListBlock;
+    return b < bySlot_.size() && bySlot_[b] ? (*bySlot_[b])[slot % kListBlock] : nullptr;
+  }
   void memberAdd(const Key& key, const Oro::Ptr<E>& e) const {
     members_.emplace(key, e);
     if (parent_ != 0 || !e->shmBound()) return;
     const uint32_t slot = ShmLayout::refSlot(e->shmRef());
-    if (slot >= bySlot_.size()) bySlot_.resize(std::max<size_t>(slot + 1, 2 * bySlot_.size()));
-    bySlot_[slot] = e.get();
+    const size_t b = slot / kListBlock;
+    if (b >= bySlot_.size()) bySlot_.resize(b + 1);
+    if (!bySlot_[b]) bySlot_[b] = std::make_unique<ListBlock>();  // value-initialised: nulls
+    (*bySlot_[b])[slot % kListBlock] = e.get();
     e->listedSlot_ = slot;
   }
   void unlist(E& e) const {
     if (e.listedSlot_ == ShmLayout::kNoSlot) return;
-    if (e.listedSlot_ < bySlot_.size() && bySlot_[e.listedSlot_] == &e)
-      bySlot_[e.listedSlot_] = nullptr;
+    if (listedAt(e.listedSlot_) == &e) {
+      (*bySlot_[e.listedSlot_ / kListBlock])[e.listedSlot_ % kListBlock] = nullptr;
+    }
     e.listedSlot_ = ShmLayout::kNoSlot;
   }
   void unlistAll() const {
     for (auto& [key, e] : members_) e->listedSlot_ = ShmLayout::kNoSlot;
     bySlot_.clear();
-    bySlot_.shrink_to_fit();
   }
   void refreshLocalOrder() const {
     localOrder_.clear();
@@ -740,7 +751,7 @@ class ShmEntities : public ShmHandleBase {
 
   OnKey onKey_;
   mutable absl::flat_hash_map<Key, Oro::Ptr<E>, ShmKeyHash<Key>> members_;
-  mutable std::vector<E*> bySlot_;
+  mutable std::vector<std::unique_ptr<ListBlock>> bySlot_;
   absl::flat_hash_map<Key, uint32_t, ShmKeyHash<Key>> marks_;
   uint32_t mark_ = 0;
   // The key whose departure is being delivered: lookups find it absent meanwhile.
