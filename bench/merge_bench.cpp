@@ -9,6 +9,7 @@
 #include <chrono>
 #include <string>
 
+#include "ShmNamespace.h"
 #include "TaskRuns.h"
 #include "merge/MergeAudit.h"
 #include "merge/MvpnVrfStatusMergeSm.h"
@@ -182,9 +183,7 @@ BENCHMARK(BM_MergeLongestTaskRun)
 // looked up in the merged status) and the integrity check of the five stores. Baseline: a
 // reader's walk of every record of the five stores.
 void BM_CheckMerged1M(benchmark::State& state) {
-  const std::string ns = Oro::shmNamespace();
-  Oro::shmNamespaceIs("mvpnbenchcheck");
-  Oro::shmUnlinkNamespace();
+  bench::ScopedShmNamespace ns("mvpnbenchcheck");
   {
     Oro::Ptr<MvpnVrfStatus> in[4];
     std::string paths[5];
@@ -238,8 +237,6 @@ void BM_CheckMerged1M(benchmark::State& state) {
     merged->unmount();
     for (auto& i : in) i->unmount();
   }
-  Oro::shmUnlinkNamespace();
-  Oro::shmNamespaceIs(ns);
 }
 BENCHMARK(BM_CheckMerged1M)->Unit(benchmark::kMillisecond)->Iterations(3)->UseRealTime();
 

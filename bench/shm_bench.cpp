@@ -27,6 +27,7 @@
 #include <benchmark/benchmark.h>
 #include <fmt/format.h>
 
+#include "ShmNamespace.h"
 #include "platform/runtime/Futex.h"
 #include "platform/runtime/TaskScheduler.h"
 #include "platform/shm/ShmSegment.h"
@@ -44,12 +45,8 @@ using Vrf::VrfIdMap::VrfId;
 
 constexpr uint32_t kRecords = 1000000;
 
-struct BenchNamespace {
-  BenchNamespace() {
-    Oro::shmNamespaceIs(fmt::format("mvpnbench{}", ::getpid()));
-    Oro::shmUnlinkNamespace();
-  }
-  ~BenchNamespace() { Oro::shmUnlinkNamespace(); }
+struct BenchNamespace : bench::ScopedShmNamespace {
+  BenchNamespace() : ScopedShmNamespace(fmt::format("mvpnbench{}", ::getpid())) {}
 };
 
 uint64_t nowNs() {

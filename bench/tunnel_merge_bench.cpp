@@ -17,13 +17,14 @@
 
 #include <algorithm>
 #include <chrono>
+#include <optional>
 #include <string>
 
+#include "ShmNamespace.h"
 #include "TaskRuns.h"
 #include "merge/MvpnTunnelEncapStatusMergeSm.h"
 #include "platform/net/IpAddr.h"
 #include "platform/runtime/TaskScheduler.h"
-#include "platform/shm/ShmSegment.h"
 
 namespace {
 
@@ -252,11 +253,8 @@ void BM_TunnelMergeLongestTaskRun(benchmark::State& state) {
   Inputs& in = Inputs::get();
   const bool restart = state.range(1) != 0;
   const bool shared = state.range(2) != 0;
-  const std::string ns = Oro::shmNamespace();
-  if (shared) {
-    Oro::shmNamespaceIs(fmt::format("mvpnbenchslice{}", ::getpid()));
-    Oro::shmUnlinkNamespace();
-  }
+  std::optional<bench::ScopedShmNamespace> ns;
+  if (shared) ns.emplace(fmt::format("mvpnbenchslice{}", ::getpid()));
   const auto slice = std::chrono::microseconds(state.range(0));
   bench::TaskRunMeter meter(slice);
   double initCpu = 0;
@@ -287,10 +285,6 @@ void BM_TunnelMergeLongestTaskRun(benchmark::State& state) {
   }
   meter.report(state);
   state.counters["initializedIsMs"] = initCpu * 1e3;
-  if (shared) {
-    Oro::shmUnlinkNamespace();
-    Oro::shmNamespaceIs(ns);
-  }
 }
 // Arguments: the slice in microseconds, a restart over a grown output, the merged status in
 // shared memory (as deployed: its memory is committed as it grows) or in process memory.

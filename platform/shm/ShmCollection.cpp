@@ -204,28 +204,26 @@ void ShmCollection::addChunk() {
   storePtr_->fault(ShmFaultPoint::chunkAdded);
 }
 
-// Makes sure the last chunk's memory is committed up to slot `end` (exclusive), kCommitStep
-// or more at a time.
+// Makes sure the last chunk's memory is committed up to slot `end` (exclusive): its slots and,
+// for a nested chunk, the directory entries of the pages below `end`, each kCommitStep or
+// more at a time.
 void ShmCollection::ensureCommitted(uint32_t end) {
   const uint32_t c = static_cast<uint32_t>(chunks_.size()) - 1;
+  ShmSegment& seg = chunks_[c].seg;
+  const uint32_t used = end - chunkFirstSlot(c);
   const size_t slotBytes = size_t{chunkSlots(c)} * slotWords_ * 4;
-  const size_t need = size_t{end - chunkFirstSlot(c)} * slotWords_ * 4;
-  if (need > lastCommitted_) {
-    const size_t step = std::min(slotBytes - lastCommitted_,
-                                 pageRound(std::max(need - lastCommitted_, kCommitStep)));
-    chunks_[c].seg.commit(lastCommitted_, step);
-    lastCommitted_ += step;
-  }
-  if (!nested()) return;
-  // The directory entries of the pages below `end` (one per kMinPageSlots slots).
-  const size_t dirBytes = chunkBytes(c) - slotBytes;
-  const size_t dirNeed =
-      size_t{(end - chunkFirstSlot(c) + kMinPageSlots - 1) / kMinPageSlots} * sizeof(PageEntry);
-  if (dirNeed > dirCommitted_) {
-    const size_t step = std::min(dirBytes - dirCommitted_,
-                                 pageRound(std::max(dirNeed - dirCommitted_, kCommitStep)));
-    chunks_[c].seg.commit(slotBytes + dirCommitted_, step);
-    dirCommitted_ += step;
+  // Commits [0, need) of the region [at, at + size), of which `done` bytes are committed.
+  auto commitRegion = [&seg](size_t at, size_t size, size_t need, size_t& done) {
+    if (need <= done) return;
+    const size_t step = std::min(size - done, pageRound(std::max(need - done, kCommitStep)));
+    seg.commit(at + done, step);
+    done += step;
+  };
+  commitRegion(0, slotBytes, size_t{used} * slotWords_ * 4, lastCommitted_);
+  if (nested()) {
+    commitRegion(slotBytes, chunkBytes(c) - slotBytes,
+                 size_t{(used + kMinPageSlots - 1) / kMinPageSlots} * sizeof(PageEntry),
+                 dirCommitted_);
   }
 }
 

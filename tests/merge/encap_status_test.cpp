@@ -104,18 +104,24 @@ TEST(EncapStatus, DamagedCollectionsRaiseOnEveryRead) {
   EXPECT_EQ(reported, "bad slot");
 }
 
-class EncapStatusReader : public shmtest::ShmTest {};
+class EncapStatusReader : public shmtest::ShmTest {
+ protected:
+  // A status named `name` mounted at "t/encap"; a reader follows it on `scheduler`.
+  Oro::Ptr<MvpnTunnelEncapStatus> mounted(const std::string& name, ShmRole role) {
+    auto s = mvpnTunnelEncapStatusFactory(name);
+    s->mount(ShmAttach{"t/encap", role, role == ShmRole::reader ? &scheduler : nullptr});
+    return s;
+  }
+  Oro::TaskScheduler scheduler;
+};
 
 // What a merge needs from a reader whose VRF leaves: every record key it was shown stays
 // listed by the departed entity (so the merge can withdraw it), however the reader met the
 // record; lookups find the VRF until its departure is delivered, and while that is delivered
 // it is absent to every lookup even when the writer has made it again meanwhile.
 TEST_F(EncapStatusReader, ADepartedVrfListsEveryKeyItShowedAndStaysAbsentWhileTold) {
-  Oro::TaskScheduler scheduler;
-  auto writer = mvpnTunnelEncapStatusFactory("writer");
-  writer->mount(ShmAttach{"t/encap", ShmRole::writer});
-  auto reader = mvpnTunnelEncapStatusFactory("reader");
-  reader->mount(ShmAttach{"t/encap", ShmRole::reader, &scheduler});
+  auto writer = mounted("writer", ShmRole::writer);
+  auto reader = mounted("reader", ShmRole::reader);
   auto w7 = writer->vrfStatusIs(VrfId(7));
   w7->encapTunnelIs(MvpnEncapTunnel(route(1), "a"));
   w7->encapTunnelIs(MvpnEncapTunnel(route(2), "b"));
@@ -144,11 +150,8 @@ TEST_F(EncapStatusReader, ADepartedVrfListsEveryKeyItShowedAndStaysAbsentWhileTo
 // A walk hands out the same VRF proxy as a lookup of its key, on both sides, also while the
 // slot of a deleted VRF holds another VRF that has not been delivered to the reader yet.
 TEST_F(EncapStatusReader, AWalksVrfIsTheVrfALookupFinds) {
-  Oro::TaskScheduler scheduler;
-  auto writer = mvpnTunnelEncapStatusFactory("writer");
-  writer->mount(ShmAttach{"t/encap", ShmRole::writer});
-  auto reader = mvpnTunnelEncapStatusFactory("reader");
-  reader->mount(ShmAttach{"t/encap", ShmRole::reader, &scheduler});
+  auto writer = mounted("writer", ShmRole::writer);
+  auto reader = mounted("reader", ShmRole::reader);
   for (uint32_t v = 1; v <= 3; ++v) writer->vrfStatusIs(VrfId(v));
   scheduler.runUntilIdle();
   auto walkMatchesLookups = [](const MvpnTunnelEncapStatus& s) {
@@ -175,21 +178,17 @@ TEST_F(EncapStatusReader, AWalksVrfIsTheVrfALookupFinds) {
 // reader held leave, and the new store's VRFs are followed with their records, also one that
 // sits where the old one did.
 TEST_F(EncapStatusReader, AVrfOfARepublishedStoreIsFollowedAnew) {
-  Oro::TaskScheduler scheduler;
   {
-    auto first = mvpnTunnelEncapStatusFactory("first");
-    first->mount(ShmAttach{"t/encap", ShmRole::writer});
+    auto first = mounted("first", ShmRole::writer);
     first->vrfStatusIs(VrfId(7))->encapTunnelIs(MvpnEncapTunnel(route(1), "a"));
     first->unmount();
   }
-  auto reader = mvpnTunnelEncapStatusFactory("reader");
-  reader->mount(ShmAttach{"t/encap", ShmRole::reader, &scheduler});
+  auto reader = mounted("reader", ShmRole::reader);
   scheduler.runUntilIdle();
   const auto r7 = reader->vrfStatus(VrfId(7));
   ASSERT_TRUE(r7);
   ASSERT_TRUE(shmtest::damageTable("t/encap", "encapTunnel"));
-  auto writer = mvpnTunnelEncapStatusFactory("writer");
-  writer->mount(ShmAttach{"t/encap", ShmRole::writer});
+  auto writer = mounted("writer", ShmRole::writer);
   writer->vrfStatusIs(VrfId(7))->encapTunnelIs(MvpnEncapTunnel(route(2), "b"));
   auto followed = [&] {
     auto v = reader->vrfStatus(VrfId(7));
@@ -206,8 +205,7 @@ TEST_F(EncapStatusReader, AVrfOfARepublishedStoreIsFollowedAnew) {
 
 // A VRF held beyond its status keeps its records in process memory; the others go with it.
 TEST_F(EncapStatusReader, AVrfHeldBeyondItsStatusKeepsItsRecords) {
-  auto writer = mvpnTunnelEncapStatusFactory("writer");
-  writer->mount(ShmAttach{"t/encap", ShmRole::writer});
+  auto writer = mounted("writer", ShmRole::writer);
   for (uint32_t v = 1; v <= 3; ++v) {
     writer->vrfStatusIs(VrfId(v))->encapTunnelIs(MvpnEncapTunnel(route(1), "a"));
     writer->vrfStatusIs(VrfId(v))->encapTunnelIs(MvpnEncapTunnel(route(2), "b"));
