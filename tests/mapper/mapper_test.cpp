@@ -13,6 +13,7 @@
 #include <tuple>
 #include <vector>
 
+#include "common/notice_log.h"
 #include "common/shm_damage.h"
 #include "mapper/MvpnMapper.h"
 #include "platform/CharRange.h"
@@ -45,37 +46,13 @@ Oro::Ptr<MvpnMapper> emptyMapper() {
                            Vrf::VrfIdMap::vrfIdMapStatusFactory());
 }
 
-// Records the old-value publications of one attribute; values are copied, or kept as
-// pointers when they are entities.
-template <class K, class V>
-struct ChangeLog : Oro::Notifiee {
-  using Change = std::tuple<K, std::optional<V>, std::optional<V>>;
-  explicit ChangeLog(Oro::AttrId a) : attr(a) {}
-  Oro::AttrId attr;
-  std::vector<Change> changes;
-  std::function<void(const K&)> onChange;
-  void onAttributeOldNew(Oro::AttrId a, const void* key, const void* o, const void* n) override {
-    if (a != attr) return;
-    auto value = [](const void* p) -> std::optional<V> {
-      if (p == nullptr) return std::nullopt;
-      if constexpr (std::is_pointer_v<V>) {
-        return static_cast<V>(p);
-      } else {
-        return *static_cast<const V*>(p);
-      }
-    };
-    const K& k = *static_cast<const K*>(key);
-    changes.emplace_back(k, value(o), value(n));
-    if (onChange) onChange(k);
-  }
-};
-
+using shmtest::ChangeLog;
+using shmtest::KeyLog;
 using RouteLog = ChangeLog<MvpnVrfRouteKey, TunnelId>;
 
 TEST(Mapper, ValueMapPublishesChangesOnlyWithTheOldValue) {
   auto m = emptyMapper();
-  RouteLog log(MvpnMapper::routeKeyToTunnelIdAttr);
-  log.notifierIs(m.get());
+  RouteLog log(m.get(), MvpnMapper::routeKeyToTunnelIdAttr);
   m->routeKeyToTunnelIdIs(routeKey(1), TunnelId(7));
   m->routeKeyToTunnelIdIs(routeKey(1), TunnelId(7));  // the value already stored: nothing
   m->routeKeyToTunnelIdIs(routeKey(1), TunnelId(8));
@@ -99,12 +76,11 @@ TEST(Mapper, DelAllAnnouncesEachRemovalInMapOrderOnlyToSubscribers) {
   for (const auto& e : m->routeKeyToTunnelIdMap()) order.push_back(e.first);
   // A subscriber that removes another key while a removal is published: each key is still
   // announced exactly once, and each removal is already done when it is announced.
-  RouteLog log(MvpnMapper::routeKeyToTunnelIdAttr);
+  RouteLog log(m.get(), MvpnMapper::routeKeyToTunnelIdAttr);
   log.onChange = [&](const MvpnVrfRouteKey& k) {
     EXPECT_FALSE(m->routeKeyToTunnelIdHas(k));
     if (k == order[0]) m->routeKeyToTunnelIdDel(order[5]);
   };
-  log.notifierIs(m.get());
   m->routeKeyToTunnelIdDelAll();
   EXPECT_EQ(m->routeKeyToTunnelIdSize(), 0u);
   std::vector<MvpnVrfRouteKey> want = {order[0], order[5]};  // [5] inside [0]'s announcement
@@ -118,8 +94,7 @@ TEST(Mapper, DelAllAnnouncesEachRemovalInMapOrderOnlyToSubscribers) {
 
 TEST(Mapper, CollectionMapCreatesOnceAndHandsTheCollectionBack) {
   auto m = emptyMapper();
-  ChangeLog<TunnelId, const MvpnVrfRouteKeyColl*> log(MvpnMapper::tunnelIdToRouteKeysAttr);
-  log.notifierIs(m.get());
+  ChangeLog<TunnelId, const MvpnVrfRouteKeyColl*> log(m.get(), MvpnMapper::tunnelIdToRouteKeysAttr);
   const auto coll = m->tunnelIdToRouteKeysIs(TunnelId(7));
   EXPECT_EQ(coll->tunnelId(), TunnelId(7));
   EXPECT_EQ(m->tunnelIdToRouteKeysIs(TunnelId(7)), coll);  // the same one, not announced again
@@ -187,25 +162,20 @@ TEST(Mapper, KeyCollectionsAreLeftAloneByForwardDeletesAndAnnounceRealChanges) {
   EXPECT_TRUE(m->tunnelIdToRouteKeysHas(TunnelId(5)));  // empty, but still there
 
   auto trees = tunnelIdToTreeIdCollFactory(TunnelId(3));
-  std::vector<std::string> announced;
-  Oro::KeyReactor<MulticastTreeId> reactor(
-      TunnelIdToTreeIdColl::keyCollAttr,
-      [&](const MulticastTreeId& t) { announced.push_back(t.value()); });
-  reactor.notifierIs(trees.get());
+  KeyLog<MulticastTreeId> announced(trees.get(), TunnelIdToTreeIdColl::keyCollAttr);
   trees->keyCollIs(treeId(1));
   trees->keyCollIs(treeId(1));  // present: left alone, not announced
   trees->keyCollIs(treeId(2));
   trees->keyCollDel(treeId(9));  // absent: not announced
   trees->keyCollDel(treeId(1));
   trees->keyCollDelAll();
-  EXPECT_EQ(announced, (std::vector<std::string>{"tree-1", "tree-2", "tree-1", "tree-2"}));
+  EXPECT_EQ(announced.keys, (std::vector{treeId(1), treeId(2), treeId(1), treeId(2)}));
 }
 
 TEST(Mapper, ReadyIsPublishedOnChangeWithTheOldFlag) {
   auto mapper = emptyMapper();
   EXPECT_FALSE(mapper->ready());
-  ChangeLog<bool, bool> oldNew(MvpnMapper::readyAttr);
-  oldNew.notifierIs(mapper.get());
+  ChangeLog<bool, bool> oldNew(mapper.get(), MvpnMapper::readyAttr);
   std::vector<Oro::AttrId> plain;
   Oro::AttrReactor attrs([&](Oro::AttrId a) { plain.push_back(a); });
   attrs.notifierIs(mapper.get());
@@ -220,8 +190,7 @@ TEST(Mapper, ReadyIsPublishedOnChangeWithTheOldFlag) {
 
 TEST(VrfIdMapStatus, NamesArePublishedWithTheirOldValues) {
   auto s = Vrf::VrfIdMap::vrfIdMapStatusFactory();
-  ChangeLog<VrfId, std::string> log(Vrf::VrfIdMap::Status::vrfNameAttr);
-  log.notifierIs(s.get());
+  ChangeLog<VrfId, std::string> log(s.get(), Vrf::VrfIdMap::Status::vrfNameAttr);
   s->vrfNameIs(VrfId(5), "red");
   s->vrfNameIs(VrfId(5), "red");  // unchanged: nothing published
   s->vrfNameIs(VrfId(5), "blue");

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "common/notice_log.h"
 #include "common/shm_damage.h"
 #include "merge/MvpnTunnelEncapStatus.h"
 #include "platform/net/IpAddr.h"
@@ -33,18 +34,11 @@ std::vector<MvpnRouteKey> keys(EncapTunnelIterator it) {
 
 TEST(EncapStatus, MutatorsPublishEveryChangedKeyAndCountMembers) {
   auto root = mvpnTunnelEncapStatusFactory("writer");
-  std::vector<VrfId> vrfChanges;
-  Oro::KeyReactor<VrfId> vrfWatch(MvpnTunnelEncapStatus::vrfStatusAttr,
-                                  [&](const VrfId& v) { vrfChanges.push_back(v); });
-  vrfWatch.notifierIs(root.get());
+  shmtest::KeyLog<VrfId> vrfChanges(root.get(), MvpnTunnelEncapStatus::vrfStatusAttr);
 
   auto vrf = root->vrfStatusIs(VrfId(7));
   EXPECT_EQ(root->vrfStatusIs(VrfId(7)), vrf);  // existing: same entity, nothing published
-  std::vector<MvpnRouteKey> routeChanges;
-  Oro::KeyReactor<MvpnRouteKey> routeWatch(
-      MvpnVrfTunnelEncapStatus::encapTunnelAttr,
-      [&](const MvpnRouteKey& k) { routeChanges.push_back(k); });
-  routeWatch.notifierIs(vrf.get());
+  shmtest::KeyLog<MvpnRouteKey> routeChanges(vrf.get(), MvpnVrfTunnelEncapStatus::encapTunnelAttr);
 
   const uint32_t v0 = vrf->encapTunnelVersion();
   vrf->encapTunnelIs(MvpnEncapTunnel(route(1), "a"));
@@ -55,7 +49,7 @@ TEST(EncapStatus, MutatorsPublishEveryChangedKeyAndCountMembers) {
   EXPECT_EQ(vrf->encapTunnelVersion(), v0 + 2);
   vrf->encapTunnelDel(route(1));  // the last record: the entity stays
   EXPECT_EQ(root->vrfStatus(VrfId(7)), vrf);
-  EXPECT_EQ(routeChanges, (std::vector<MvpnRouteKey>{route(1), route(1), route(1)}));
+  EXPECT_EQ(routeChanges.keys, (std::vector<MvpnRouteKey>{route(1), route(1), route(1)}));
 
   vrf->encapIntfTunnelIs(MvpnEncapIntfTunnel(MvpnRouteIntfKey(route(3), Nevo::IntfId::vlan(5))));
   root->vrfStatusIs(VrfId(7));
@@ -64,7 +58,7 @@ TEST(EncapStatus, MutatorsPublishEveryChangedKeyAndCountMembers) {
   root->vrfStatusDel(VrfId(8));
   EXPECT_EQ(root->vrfStatus(VrfId(7)), nullptr);
   EXPECT_EQ(vrf->encapIntfTunnelSize(), 1u);  // kept for whoever still holds it
-  EXPECT_EQ(vrfChanges, (std::vector<VrfId>{VrfId(7), VrfId(7)}));
+  EXPECT_EQ(vrfChanges.keys, (std::vector<VrfId>{VrfId(7), VrfId(7)}));
 }
 
 TEST(EncapStatus, WalksResumeAtABookmarkAndSurviveChanges) {

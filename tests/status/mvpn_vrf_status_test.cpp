@@ -12,6 +12,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "common/notice_log.h"
 #include "common/shm_damage.h"
 #include "platform/Error.h"
 #include "platform/runtime/EntityDirectory.h"
@@ -28,6 +29,7 @@ using ::testing::HasSubstr;
 
 using Oro::ShmAttach;
 using Oro::ShmRole;
+using shmtest::KeyLog;
 using Vrf::VrfIdMap::VrfId;
 using namespace std::chrono_literals;
 
@@ -39,29 +41,12 @@ std::string exactly(const std::string& text) {
 class VrfStatusTest : public shmtest::ShmTest {};
 using VrfStatusDeathTest = VrfStatusTest;
 
-struct OldNewRecorder : Oro::Notifiee {
-  std::vector<std::pair<std::optional<MvpnVrf>, std::optional<MvpnVrf>>> pairs;
-  std::vector<VrfId> keys;
-  void onAttributeKey(Oro::AttrId, const void* key) override {
-    keys.push_back(*static_cast<const VrfId*>(key));
-  }
-  void onAttributeOldNew(Oro::AttrId, const void*, const void* o, const void* n) override {
-    auto opt = [](const void* p) {
-      return p ? std::optional<MvpnVrf>(*static_cast<const MvpnVrf*>(p)) : std::nullopt;
-    };
-    pairs.emplace_back(opt(o), opt(n));
-  }
-};
-
-TEST_F(VrfStatusTest, MountPaths) {
+TEST_F(VrfStatusDeathTest, MountPathsAndTheClientsAndFamiliesTheyRejectDeathTest) {
   EXPECT_EQ(MvpnVrfStatus::mountPath(Nevo::ipv4, MvpnClient::bgp_),
             "routing/multicast/vpn/vrfStatus/bgp");
   EXPECT_EQ(MvpnVrfStatus::mountPath(Nevo::ipv6, MvpnClient::staticEvpn_),
             "routing6/multicast/vpn/vrfStatus/staticEvpn");
   EXPECT_EQ(MvpnIntfStatus::mountPath(), "routing/multicast/vpn/intfStatus");
-}
-
-TEST_F(VrfStatusDeathTest, MountPathRejectsClientAndFamilyDeathTest) {
   EXPECT_DEATH(MvpnVrfStatus::mountPath(Nevo::ipv4, MvpnClient::pimBidir_),
                exactly("( client == MvpnClient::bgp_ || client == MvpnClient::staticMvpn_ || "
                        "client == MvpnClient::evpn_ || client == MvpnClient::staticEvpn_ ) && "
@@ -75,10 +60,7 @@ TEST_F(VrfStatusDeathTest, MountPathRejectsClientAndFamilyDeathTest) {
 
 TEST_F(VrfStatusTest, MutatorsCountAndAnnounce) {
   auto s = mvpnVrfStatusFactory("bgp");
-  std::vector<VrfId> seen;
-  Oro::KeyReactor<VrfId> reactor(MvpnVrfStatus::mvpnVrfAttr,
-                                 [&](const VrfId& k) { seen.push_back(k); });
-  reactor.notifierIs(s.get());
+  KeyLog<VrfId> seen(s.get(), MvpnVrfStatus::mvpnVrfAttr);
   s->mvpnVrfIs(MvpnVrf(VrfId(5), MvpnClient::evpn_));
   s->mvpnVrfIs(MvpnVrf(VrfId(5), MvpnClient::evpn_));  // unchanged: announced anyway
   s->mvpnVrfIs(MvpnVrf(VrfId(6)));
@@ -95,62 +77,50 @@ TEST_F(VrfStatusTest, MutatorsCountAndAnnounce) {
   EXPECT_EQ(s->mvpnVrf(VrfId(8)), MvpnVrf(VrfId(8), MvpnClient::staticMvpn_));
   s->mvpnVrfNotify(VrfId(42));
 
-  EXPECT_EQ(seen, (std::vector<VrfId>{5, 5, 6, 6, 8, 42}));
+  EXPECT_EQ(seen.keys, (std::vector<VrfId>{5, 5, 6, 6, 8, 42}));
   EXPECT_EQ(s->isCounter().value(), 4u);
   EXPECT_EQ(s->delCounter().value(), 2u);
   EXPECT_EQ(s->notifyCounter().value(), 6u);
   EXPECT_EQ(s->isCounter().name(), "mvpnVrfIs");
   EXPECT_EQ(s->delCounter().name(), "mvpnVrfDel");
   EXPECT_EQ(s->notifyCounter().name(), "mvpnVrfNotify");
-}
 
-TEST_F(VrfStatusTest, DelAllWithAndWithoutSubscribers) {
-  auto s = mvpnVrfStatusFactory("x");
-  for (uint32_t k = 0; k < 50; ++k) s->mvpnVrfIs(MvpnVrf(VrfId(k)));
-  const uint64_t notifies = s->notifyCounter().value();
-  s->mvpnVrfDelAll();  // no subscriber: no announcement, no counting
-  EXPECT_EQ(s->mvpnVrfSize(), 0u);
-  EXPECT_EQ(s->delCounter().value(), 0u);
-  EXPECT_EQ(s->notifyCounter().value(), notifies);
-
-  for (uint32_t k = 0; k < 50; ++k) s->mvpnVrfIs(MvpnVrf(VrfId(k)));
-  std::set<VrfId> seen;
-  Oro::KeyReactor<VrfId> reactor(MvpnVrfStatus::mvpnVrfAttr,
-                                 [&](const VrfId& k) { seen.insert(k); });
-  reactor.notifierIs(s.get());
-  s->mvpnVrfDelAll();
-  EXPECT_EQ(seen.size(), 50u);
-  EXPECT_EQ(s->delCounter().value(), 50u);
-  EXPECT_EQ(s->mvpnVrfSize(), 0u);
-  s->mvpnVrfDelAll();  // empty: nothing
-  EXPECT_EQ(s->delCounter().value(), 50u);
+  // DelAll announces and counts each removal, to subscribers only.
+  auto d = mvpnVrfStatusFactory("x");
+  for (uint32_t k = 0; k < 50; ++k) d->mvpnVrfIs(MvpnVrf(VrfId(k)));
+  const uint64_t notifies = d->notifyCounter().value();
+  d->mvpnVrfDelAll();  // no subscriber: no announcement, no counting
+  EXPECT_EQ(d->mvpnVrfSize(), 0u);
+  EXPECT_EQ(d->delCounter().value(), 0u);
+  EXPECT_EQ(d->notifyCounter().value(), notifies);
+  for (uint32_t k = 0; k < 50; ++k) d->mvpnVrfIs(MvpnVrf(VrfId(k)));
+  KeyLog<VrfId> removed(d.get(), MvpnVrfStatus::mvpnVrfAttr);
+  d->mvpnVrfDelAll();
+  EXPECT_EQ(std::set<VrfId>(removed.keys.begin(), removed.keys.end()).size(), 50u);
+  EXPECT_EQ(removed.keys.size(), 50u);
+  EXPECT_EQ(d->delCounter().value(), 50u);
+  EXPECT_EQ(d->mvpnVrfSize(), 0u);
+  d->mvpnVrfDelAll();  // empty: nothing
+  EXPECT_EQ(d->delCounter().value(), 50u);
 }
 
 TEST_F(VrfStatusTest, OldValuesAreDeliveredInThatModeOnly) {
   auto s = mvpnVrfStatusFactory("x");
-  OldNewRecorder rec;
-  rec.notifierIs(s.get());
+  shmtest::ChangeLog<VrfId, MvpnVrf> rec(s.get(), MvpnVrfStatus::mvpnVrfAttr);
   // A subscriber of keys alone hears each change once, in either mode.
-  std::vector<VrfId> keys;
-  Oro::KeyReactor<VrfId> keyOnly(MvpnVrfStatus::mvpnVrfAttr,
-                                 [&](const VrfId& k) { keys.push_back(k); });
-  keyOnly.notifierIs(s.get());
+  KeyLog<VrfId> keys(s.get(), MvpnVrfStatus::mvpnVrfAttr);
   s->mvpnVrfIs(MvpnVrf(VrfId(1)));
-  EXPECT_TRUE(rec.pairs.empty());
+  EXPECT_TRUE(rec.changes.empty());
   s->oldValuesIs(true);
-  s->mvpnVrfIs(MvpnVrf(VrfId(1), MvpnClient::evpn_));
+  const MvpnVrf one(VrfId(1)), oneEvpn(VrfId(1), MvpnClient::evpn_);
+  s->mvpnVrfIs(oneEvpn);
   s->mvpnVrfIs(MvpnVrf(VrfId(2)));
   s->mvpnVrfDel(VrfId(1));
   s->mvpnVrfDel(VrfId(3));
-  ASSERT_EQ(rec.pairs.size(), 3u);
-  EXPECT_EQ(rec.pairs[0].first, MvpnVrf(VrfId(1)));
-  EXPECT_EQ(rec.pairs[0].second, MvpnVrf(VrfId(1), MvpnClient::evpn_));
-  EXPECT_EQ(rec.pairs[1].first, std::nullopt);
-  EXPECT_EQ(rec.pairs[2].first, MvpnVrf(VrfId(1), MvpnClient::evpn_));
-  EXPECT_EQ(rec.pairs[2].second, std::nullopt);
-  EXPECT_EQ(keys, (std::vector<VrfId>{1, 1, 2, 1}));
-  rec.notifierIs(nullptr);
-  keyOnly.notifierIs(nullptr);
+  EXPECT_EQ(rec.changes, (std::vector<decltype(rec)::Change>{{1, one, oneEvpn},
+                                                             {2, std::nullopt, MvpnVrf(VrfId(2))},
+                                                             {1, oneEvpn, std::nullopt}}));
+  EXPECT_EQ(keys.keys, (std::vector<VrfId>{1, 1, 2, 1}));
 }
 
 TEST_F(VrfStatusTest, ControlCarriesMountStatusAndQuiesced) {
@@ -295,17 +265,14 @@ TEST_F(VrfStatusTest, IntfStatusPmsiLookupAndDeletion) {
   i->vrfIntfIdIs(MvpnVrfIntfId(VrfId(2), Nevo::IntfId::vlan(7)));
   i->vrfIntfIdIs(MvpnVrfIntfId(VrfId(3), Nevo::IntfId::vlan(8)));
   EXPECT_TRUE(i->isPmsiIntfId(Nevo::IntfId::vlan(7)));
-  std::vector<VrfId> seen;
-  Oro::KeyReactor<VrfId> reactor(MvpnIntfStatus::vrfIntfIdAttr,
-                                 [&](const VrfId& k) { seen.push_back(k); });
-  reactor.notifierIs(i.get());
+  KeyLog<VrfId> seen(i.get(), MvpnIntfStatus::vrfIntfIdAttr);
   EXPECT_EQ(i->vrfIntfIdDel(VrfId(9)), MvpnVrfIntfId());  // absent: the default record
-  EXPECT_TRUE(seen.empty());
+  EXPECT_TRUE(seen.keys.empty());
   i->vrfIntfIdDel(VrfId(1));
   EXPECT_TRUE(i->isPmsiIntfId(Nevo::IntfId::vlan(7)));
   i->vrfIntfIdDel(VrfId(2));
   EXPECT_FALSE(i->isPmsiIntfId(Nevo::IntfId::vlan(7)));
-  EXPECT_EQ(seen, (std::vector<VrfId>{1, 2}));
+  EXPECT_EQ(seen.keys, (std::vector<VrfId>{1, 2}));
   EXPECT_EQ(i->delCounter().name(), "vrfIntfIdDel");
   EXPECT_EQ(i->delCounter().value(), 3u);
 }
@@ -400,7 +367,7 @@ Bytes messageWithField(uint32_t number, uint8_t wireType) {
   return bytesOf(out);
 }
 
-TEST(MvpnVrfTest, EqualityOrderTextAndDump) {
+TEST(MvpnVrfTest, EqualityOrderTextDumpAndValueForm) {
   const MvpnVrf def;
   EXPECT_EQ(def.key(), VrfId(16777215));
   EXPECT_EQ(def.client(), MvpnClient::bgp_);
@@ -414,14 +381,13 @@ TEST(MvpnVrfTest, EqualityOrderTextAndDump) {
   a.dumpState(dc, 0);
   a.dumpState(dc, 4);
   EXPECT_EQ(dc.str(), "VRF 12\n    VRF 12\n");
-}
 
-TEST(MvpnVrfTest, ValueFormParsesAndRejects) {
-  const MvpnVrf a(VrfId(12), MvpnClient::staticEvpn_);
-  const std::string text = a.toValueForm();
+  // The value form carries the client.
+  const MvpnVrf c(VrfId(12), MvpnClient::staticEvpn_);
+  const std::string text = c.toValueForm();
   EXPECT_EQ(text, "Value('Routing::Multicast::MvpnVrf', ** {'key': 12, 'client': staticEvpn})");
   Oro::CharRange in(text);
-  EXPECT_EQ(MvpnVrf(in), a);
+  EXPECT_EQ(MvpnVrf(in), c);
   for (const std::string& bad :
        {text + " ",
         std::string("Value('Routing::Multicast::Other', ** {'key': 1, 'client': bgp})")}) {
@@ -434,7 +400,7 @@ TEST(MvpnVrfTest, ValueFormParsesAndRejects) {
                               "client");
 }
 
-TEST(MvpnVrfTest, WireFormBytesAndReading) {
+TEST(MvpnVrfTest, WireFormBytesReadingAndErrors) {
   Oro::PbWriteBuffer out;
   writeMessage(out, MvpnVrf(VrfId(7), MvpnClient::bgp_));
   EXPECT_EQ(bytesOf(out), (Bytes{0xB0, 0xD5, 0x07, 0x07, 0xC0, 0xE6, 0x0F, 0x00}));
@@ -468,14 +434,12 @@ TEST(MvpnVrfTest, WireFormBytesAndReading) {
   readMessage(ein, keep);
   EXPECT_EQ(keep, MvpnVrf(VrfId(5), MvpnClient::evpn_));
   EXPECT_TRUE(ein.atEnd());
-}
 
-TEST(MvpnVrfTest, BadWireBytesRaise) {
+  // Bad bytes raise.
   const Bytes keyAsBytes = messageWithField(MvpnVrf::kKeyField, Oro::kPbLengthDelimited);
   expectWireError<MvpnVrf>(keyAsBytes);
-  MvpnVrf v;
   Oro::PbReadBuffer cin(keyAsBytes);
-  EXPECT_THROW(readMessageField(cin, MvpnVrf::kClientField, Oro::kPbFixed32, v),
+  EXPECT_THROW(readMessageField(cin, MvpnVrf::kClientField, Oro::kPbFixed32, got),
                Oro::ProtobufReadException);
   // A length that runs past the buffer; the record is left as it was.
   const Bytes truncated{0x08, 0xB0, 0xD5, 0x07, 0x07};
