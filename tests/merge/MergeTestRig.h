@@ -89,6 +89,15 @@ struct TraceCapture {
     std::ranges::copy_if(sink.messages(), std::back_inserter(out), keep);
     return out;
   }
+  // The first appearance of each of `lines` among the captured messages, in capture order.
+  std::vector<std::string> firstAppearances(const std::vector<std::string>& lines) const {
+    std::vector<std::string> out;
+    for (const auto& m : sink.messages()) {
+      if (std::ranges::find(lines, m) != lines.end() && std::ranges::find(out, m) == out.end())
+        out.push_back(m);
+    }
+    return out;
+  }
   void expectOnlyOwnLines() const {
     for (const auto& line : sink.lines()) EXPECT_EQ(line.component, component);
   }

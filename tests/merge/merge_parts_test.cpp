@@ -27,7 +27,7 @@ struct Recorder {
   Oro::AttrReactor reactor{[this](Oro::AttrId a) { attrs.push_back(a); }};
 };
 
-TEST(MergeCompanions, OutputStateIsReadyOnlyWhenEveryOutputIs) {
+TEST(MergeCompanions, OutputStateIsReadyWhenEveryOutputIsAndScanStateNamesTheLastUnscannedStream) {
   auto state = Oro::makePtr<OutputState>("Test::OutputState", 2);
   Recorder rec;
   rec.reactor.notifierIs(state.get());
@@ -43,27 +43,27 @@ TEST(MergeCompanions, OutputStateIsReadyOnlyWhenEveryOutputIs) {
             (std::vector<Oro::AttrId>{OutputState::outputReadyAttr(0), OutputState::readyAttr,
                                       OutputState::outputReadyAttr(1), OutputState::readyAttr,
                                       OutputState::outputReadyAttr(0)}));
+
+  // The scan state publishes changes and names the last unscanned stream.
+  auto scan = Oro::makePtr<InputSmScanState>("Test::InputSmScanState", 4);
+  Recorder scanRec;
+  scanRec.reactor.notifierIs(scan.get());
+  EXPECT_EQ(scan->lastUnscannedStream(), 3u);
+  scan->streamScanIs(3, true);
+  scan->streamScanIs(3, true);
+  EXPECT_EQ(scan->lastUnscannedStream(), 2u);
+  for (size_t n = 0; n < 3; ++n) scan->streamScanIs(n, true);
+  EXPECT_TRUE(scan->allStreamsScanned());
+  scan->idleIs(true);
+  scan->idleIs(true);
+  EXPECT_EQ(scanRec.attrs,
+            (std::vector<Oro::AttrId>{
+                InputSmScanState::streamScanAttr(3), InputSmScanState::streamScanAttr(0),
+                InputSmScanState::streamScanAttr(1), InputSmScanState::streamScanAttr(2),
+                InputSmScanState::idleAttr}));
 }
 
-TEST(MergeCompanions, ScanStatePublishesChangesAndNamesTheLastUnscannedStream) {
-  auto state = Oro::makePtr<InputSmScanState>("Test::InputSmScanState", 4);
-  Recorder rec;
-  rec.reactor.notifierIs(state.get());
-  EXPECT_EQ(state->lastUnscannedStream(), 3u);
-  state->streamScanIs(3, true);
-  state->streamScanIs(3, true);
-  EXPECT_EQ(state->lastUnscannedStream(), 2u);
-  for (size_t n = 0; n < 3; ++n) state->streamScanIs(n, true);
-  EXPECT_TRUE(state->allStreamsScanned());
-  state->idleIs(true);
-  state->idleIs(true);
-  EXPECT_EQ(rec.attrs, (std::vector<Oro::AttrId>{
-                           InputSmScanState::streamScanAttr(3), InputSmScanState::streamScanAttr(0),
-                           InputSmScanState::streamScanAttr(1), InputSmScanState::streamScanAttr(2),
-                           InputSmScanState::idleAttr}));
-}
-
-TEST(MergeSeenSet, AgreesWithAReferenceSetThroughGrowthAndClear) {
+TEST(MergeSeenSet, AgreesWithAReferenceSetAndGivesClearedMemoryBackInPieces) {
   VrfSeenSet seen;
   std::set<uint32_t> model;
   std::mt19937 rng(7);
@@ -82,33 +82,31 @@ TEST(MergeSeenSet, AgreesWithAReferenceSetThroughGrowthAndClear) {
     EXPECT_TRUE(seen.empty());
     EXPECT_FALSE(seen.contains(VrfId(1)));
   }
-}
 
-// A cleared set keeps its mapping until releaseSome() has given it back piece by piece; it
-// is usable again at once, and its new arrays are not given back with the old ones.
-TEST(MergeSeenSet, ClearedMemoryIsGivenBackInPieces) {
-  VrfSeenSet seen;
-  seen.reserve(1 << 20);  // 2M slots: 8 MiB of keys and 2 MiB of flags
-  for (uint32_t k = 0; k < 1000; ++k) seen.insert(VrfId(k));
-  EXPECT_EQ(seen.retainedBytes(), 0u);
-  seen.clear();
-  const size_t retained = seen.retainedBytes();
+  // A cleared set keeps its mapping until releaseSome() has given it back piece by piece; it is
+  // usable again at once, and its new arrays are not given back with the old ones.
+  VrfSeenSet big;
+  big.reserve(1 << 20);  // 2M slots: 8 MiB of keys and 2 MiB of flags
+  for (uint32_t k = 0; k < 1000; ++k) big.insert(VrfId(k));
+  EXPECT_EQ(big.retainedBytes(), 0u);
+  big.clear();
+  const size_t retained = big.retainedBytes();
   EXPECT_GE(retained, (size_t{1} << 21) * (sizeof(VrfId) + 1));
-  EXPECT_TRUE(seen.empty());
-  EXPECT_FALSE(seen.contains(VrfId(5)));
-  EXPECT_TRUE(seen.insert(VrfId(5)));
+  EXPECT_TRUE(big.empty());
+  EXPECT_FALSE(big.contains(VrfId(5)));
+  EXPECT_TRUE(big.insert(VrfId(5)));
 
   size_t calls = 0;
   for (bool more = true; more; ++calls) {
-    const size_t before = seen.retainedBytes();
-    more = seen.releaseSome();
-    ASSERT_EQ(seen.retainedBytes(), more ? before - VrfSeenSet::kReleaseStep : 0u);
+    const size_t before = big.retainedBytes();
+    more = big.releaseSome();
+    ASSERT_EQ(big.retainedBytes(), more ? before - VrfSeenSet::kReleaseStep : 0u);
   }
   EXPECT_EQ(calls, (retained + VrfSeenSet::kReleaseStep - 1) / VrfSeenSet::kReleaseStep);
-  EXPECT_FALSE(seen.releaseSome());
-  EXPECT_TRUE(seen.contains(VrfId(5)));
-  EXPECT_FALSE(seen.insert(VrfId(5)));
-  EXPECT_EQ(seen.size(), 1u);
+  EXPECT_FALSE(big.releaseSome());
+  EXPECT_TRUE(big.contains(VrfId(5)));
+  EXPECT_FALSE(big.insert(VrfId(5)));
+  EXPECT_EQ(big.size(), 1u);
 }
 
 // A restart over a grown output: the output is ready as soon as the walk ends, with Seen

@@ -251,23 +251,16 @@ void script(int w, int phase, const Ops& ops) {
 }
 
 Ops modelOps(Contents& c) {
-  auto dropVrf = [&c](uint32_t vrf) {
+  Ops ops;
+  ops.putRoute = [&c](uint32_t v, uint32_t n, const std::string& d) { c.routes[{v, n}] = d; };
+  ops.putIntf = [&c](uint32_t v, uint32_t n, const std::string& d) { c.intfs[{v, n}] = d; };
+  ops.delRoute = [&c](uint32_t v, uint32_t n) { c.routes.erase({v, n}); };
+  ops.delIntf = [&c](uint32_t v, uint32_t n) { c.intfs.erase({v, n}); };
+  ops.delVrf = [&c](uint32_t vrf) {
     std::erase_if(c.routes, [vrf](const auto& e) { return e.first.first == vrf; });
     std::erase_if(c.intfs, [vrf](const auto& e) { return e.first.first == vrf; });
   };
-  return Ops{[&c](uint32_t v, uint32_t n, const std::string& d) {
-               c.routes[{v, n}] = d;
-             },
-             [&c](uint32_t v, uint32_t n, const std::string& d) {
-               c.intfs[{v, n}] = d;
-             },
-             [&c](uint32_t v, uint32_t n) {
-               c.routes.erase({v, n});
-             },
-             [&c](uint32_t v, uint32_t n) {
-               c.intfs.erase({v, n});
-             },
-             dropVrf};
+  return ops;
 }
 
 Ops statusOps(MvpnTunnelEncapStatus& s) {
