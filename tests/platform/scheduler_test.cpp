@@ -33,7 +33,7 @@ Oro::TimerId watchdog(TaskScheduler& s, bool* fired) {
   });
 }
 
-TEST(Scheduler, PriorityThenFifoOrder) {
+TEST(Scheduler, PriorityThenFifoOrderAndTasksDeletedWhileQueued) {
   TaskScheduler s;
   std::string order;
   std::vector<std::unique_ptr<Task>> t;  // a to e
@@ -58,6 +58,36 @@ TEST(Scheduler, PriorityThenFifoOrder) {
   s.runUntilIdle();
   EXPECT_EQ(order, "b");
   EXPECT_EQ(s.tasksRun(), 6u);
+
+  // Tasks deleted while queued or from their own handler.
+  order.clear();
+  auto first = std::make_unique<Task>(&s, TaskPriority::normal, "first", [&] { order += '1'; });
+  auto victim = std::make_unique<Task>(&s, TaskPriority::normal, "victim", [&] { order += 'v'; });
+  std::unique_ptr<Task> self;
+  self = std::make_unique<Task>(&s, TaskPriority::normal, "self", [&] {
+    order += 's';
+    victim.reset();  // queued behind us
+    self.reset();    // the running task itself
+    order += s.taskCurrentlyRunning() == nullptr ? 'n' : 'x';
+    order += s.taskShouldYield() ? 'x' : 'n';
+  });
+  auto last = std::make_unique<Task>(&s, TaskPriority::low, "last", [&] { order += 'l'; });
+  auto middle = std::make_unique<Task>(&s, TaskPriority::normal, "middle", [&] { order += 'm'; });
+  for (Task* q : {first.get(), self.get(), victim.get(), middle.get(), last.get()}) q->schedule();
+  first.reset();  // dequeued from the head
+  EXPECT_EQ(s.runUntilIdle(), 3u);
+  EXPECT_EQ(order, "snnml");
+  EXPECT_EQ(self, nullptr);
+
+  // A task that outlives its scheduler is detached, not left pointing at it.
+  std::unique_ptr<Task> orphan;
+  {
+    TaskScheduler gone;
+    orphan = std::make_unique<Task>(&gone, TaskPriority::normal, "orphan", [] {});
+    orphan->schedule();
+  }
+  EXPECT_EQ(orphan->scheduler(), nullptr);
+  EXPECT_FALSE(orphan->scheduled());
 }
 
 // A scan-like task: handles items until the scheduler says to yield, records progress and
@@ -140,7 +170,7 @@ TEST(Scheduler, TimeSliceDecidesWithoutAPolicy) {
   }
 }
 
-TEST(Scheduler, TimersFireInDeadlineOrderAndCanBeCancelled) {
+TEST(Scheduler, TimersFireInDeadlineOrderCanBeCancelledAndEndRunUntil) {
   TaskScheduler s;
   std::vector<int> fired;
   auto now = Clock::now();
@@ -167,38 +197,25 @@ TEST(Scheduler, TimersFireInDeadlineOrderAndCanBeCancelled) {
   s.runUntilIdle();
   EXPECT_EQ(rearmed, 3);
   s.timerDel(later);
-}
 
-TEST(Scheduler, TasksDeletedWhileQueuedOrFromTheirOwnHandler) {
-  TaskScheduler s;
-  std::string order;
-  auto first = std::make_unique<Task>(&s, TaskPriority::normal, "first", [&] { order += '1'; });
-  auto victim = std::make_unique<Task>(&s, TaskPriority::normal, "victim", [&] { order += 'v'; });
-  std::unique_ptr<Task> self;
-  self = std::make_unique<Task>(&s, TaskPriority::normal, "self", [&] {
-    order += 's';
-    victim.reset();  // queued behind us
-    self.reset();    // the running task itself
-    order += s.taskCurrentlyRunning() == nullptr ? 'n' : 'x';
-    order += s.taskShouldYield() ? 'x' : 'n';
-  });
-  auto last = std::make_unique<Task>(&s, TaskPriority::low, "last", [&] { order += 'l'; });
-  auto middle = std::make_unique<Task>(&s, TaskPriority::normal, "middle", [&] { order += 'm'; });
-  for (Task* t : {first.get(), self.get(), victim.get(), middle.get(), last.get()}) t->schedule();
-  first.reset();  // dequeued from the head
-  EXPECT_EQ(s.runUntilIdle(), 3u);
-  EXPECT_EQ(order, "snnml");
-  EXPECT_EQ(self, nullptr);
+  // runUntil fires timers and returns at its deadline.
+  bool timerFired = false;
+  auto start = Clock::now();
+  s.timerIs(20ms, [&] { timerFired = true; });
+  s.runUntil(start + 60ms);
+  EXPECT_TRUE(timerFired);
+  EXPECT_GE(Clock::now() - start, 60ms);
 
-  // A task that outlives its scheduler is detached, not left pointing at it.
-  std::unique_ptr<Task> orphan;
-  {
-    TaskScheduler gone;
-    orphan = std::make_unique<Task>(&gone, TaskPriority::normal, "orphan", [] {});
-    orphan->schedule();
-  }
-  EXPECT_EQ(orphan->scheduler(), nullptr);
-  EXPECT_FALSE(orphan->scheduled());
+  // A stop() with no loop running makes the next one return before it runs anything.
+  bool ran = false;
+  Task t(&s, TaskPriority::normal, "t", [&] { ran = true; });
+  t.schedule();
+  s.stop();
+  s.runUntil(Clock::time_point::max());
+  EXPECT_FALSE(ran);
+  EXPECT_TRUE(t.scheduled());
+  s.runUntilIdle();
+  EXPECT_TRUE(ran);
 }
 
 // Lets another thread act at the last moment before run() goes to sleep. Before it sleeps
@@ -292,27 +309,6 @@ TEST(SchedulerLoop, PostFromAnotherThreadSwitchesToAtomicCounts) {
   EXPECT_TRUE(atomicWhenRun);
   EXPECT_EQ(shared->refs(), 1u);
   Oro::threadsInUseIs(before);
-}
-
-TEST(SchedulerLoop, RunUntilFiresTimersAndReturnsAtItsDeadline) {
-  TaskScheduler s;
-  bool timerFired = false;
-  auto start = Clock::now();
-  s.timerIs(20ms, [&] { timerFired = true; });
-  s.runUntil(start + 60ms);
-  EXPECT_TRUE(timerFired);
-  EXPECT_GE(Clock::now() - start, 60ms);
-
-  // A stop() with no loop running makes the next one return before it runs anything.
-  bool ran = false;
-  Task t(&s, TaskPriority::normal, "t", [&] { ran = true; });
-  t.schedule();
-  s.stop();
-  s.runUntil(Clock::time_point::max());
-  EXPECT_FALSE(ran);
-  EXPECT_TRUE(t.scheduled());
-  s.runUntilIdle();
-  EXPECT_TRUE(ran);
 }
 
 // A word in memory shared with another process: the writer stores a new value and wakes

@@ -184,7 +184,7 @@ TEST(TraceEnvDeathTest, SettingsAndFileComeFromTheEnvironmentAtStartup) {
   EXPECT_EQ(readFile(path), "EnvComp/3: from env\n");
 }
 
-TEST(DumpContext, PrintsIndentedLinesIntoAString) {
+TEST(DumpContext, PrintsIndentedLinesAndCompletesOnlyAnUnfinishedOne) {
   Oro::DumpContext dc;
   dc.print("MvpnVrfStatus #%u:\n", 2u);
   dc.print("%*cVRF %s\n", 2, ' ', "5");
@@ -196,22 +196,21 @@ TEST(DumpContext, PrintsIndentedLinesIntoAString) {
   Oro::DumpContext big;
   big.print("%*c%s|\n", 3, ' ', longText.c_str());
   EXPECT_EQ(big.str(), "   " + longText + "|\n");
+
+  // ensureNewline completes an unfinished line only.
+  Oro::DumpContext line;
+  line.ensureNewline();
+  EXPECT_EQ(line.str(), "");
+  line.print("%s", "");
+  line.ensureNewline();
+  EXPECT_EQ(line.str(), "");
+  line.print("partial");
+  line.ensureNewline();
+  line.ensureNewline();
+  EXPECT_EQ(line.str(), "partial\n");
 }
 
-TEST(DumpContext, EnsureNewlineOnlyCompletesAnUnfinishedLine) {
-  Oro::DumpContext dc;
-  dc.ensureNewline();
-  EXPECT_EQ(dc.str(), "");
-  dc.print("%s", "");
-  dc.ensureNewline();
-  EXPECT_EQ(dc.str(), "");
-  dc.print("partial");
-  dc.ensureNewline();
-  dc.ensureNewline();
-  EXPECT_EQ(dc.str(), "partial\n");
-}
-
-TEST(DumpContext, ReportsDuplicatesAndNullChildren) {
+TEST(DumpContext, ReportsDuplicatesAndNullChildrenAndWritesToAFile) {
   Oro::DumpContext dc;
   int a = 0, b = 0;
   EXPECT_TRUE(dc.markPrinted(&a, 2, "MvpnVrfRouteStatus"));
@@ -229,20 +228,18 @@ TEST(DumpContext, ReportsDuplicatesAndNullChildren) {
   // Marks belong to one dump: a new context prints the object again.
   Oro::DumpContext next;
   EXPECT_TRUE(next.markPrinted(&a, 0, "MvpnGroup"));
-}
 
-TEST(DumpContext, WritesToAFile) {
   char* buf = nullptr;
   size_t len = 0;
   FILE* f = open_memstream(&buf, &len);
   ASSERT_NE(f, nullptr);
   {
-    Oro::DumpContext dc(f);
-    dc.print("%*cVRF ID: %u", 2, ' ', 5u);
-    dc.ensureNewline();
-    dc.reportNull(4, "MvpnGroup");
-    EXPECT_EQ(dc.str(), "");
-    EXPECT_EQ(dc.size(), 33u);
+    Oro::DumpContext file(f);
+    file.print("%*cVRF ID: %u", 2, ' ', 5u);
+    file.ensureNewline();
+    file.reportNull(4, "MvpnGroup");
+    EXPECT_EQ(file.str(), "");
+    EXPECT_EQ(file.size(), 33u);
   }
   std::fclose(f);
   EXPECT_EQ(std::string(buf, len), "  VRF ID: 5\n    MvpnGroup (null)\n");
@@ -279,7 +276,7 @@ TEST(Counter, IncrementsAndKeepsTheValueAcrossStorageRebinding) {
   EXPECT_EQ(slot.load(), 42u + (uint64_t{1} << 40));
 }
 
-TEST(CounterRegistry, ListsLiveCountersInConstructionOrderWithOwners) {
+TEST(CounterRegistry, ListsLiveCountersInConstructionOrderWithOwnersAndPrintsThem) {
   const size_t before = Oro::CounterRegistry::global().size();
   auto a = std::make_unique<Oro::Counter>("regTestDel", "vrfStatus/bgp");
   auto b = std::make_unique<Oro::Counter>("regTestDel", "vrfStatus/evpn");
@@ -306,13 +303,12 @@ TEST(CounterRegistry, ListsLiveCountersInConstructionOrderWithOwners) {
   EXPECT_EQ(Oro::CounterRegistry::global().size(), before);
   Oro::Counter d("regTestAfter");
   EXPECT_EQ(samplesNamed("regTestAfter").size(), 1u);
-}
 
-TEST(CounterRegistry, PrintsOneLinePerCounter) {
-  Oro::Counter a("printTestIs", "vrfStatus/bgp");
-  Oro::Counter b("printTestNotify");
-  a.inc(12);
-  b.inc(7);
+  // Printed one line per counter.
+  Oro::Counter is("printTestIs", "vrfStatus/bgp");
+  Oro::Counter notify("printTestNotify");
+  is.inc(12);
+  notify.inc(7);
   char* buf = nullptr;
   size_t len = 0;
   FILE* f = open_memstream(&buf, &len);
