@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "common/notice_log.h"
-#include "common/shm_damage.h"
+#include "common/shm_test_util.h"
 #include "mapper/MvpnMapper.h"
 #include "platform/CharRange.h"
 #include "platform/Error.h"

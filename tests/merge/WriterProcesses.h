@@ -14,7 +14,7 @@
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
-#include "platform/shm_test_util.h"
+#include "common/shm_test_util.h"
 
 namespace MergeTest {
 

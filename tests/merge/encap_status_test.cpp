@@ -8,11 +8,10 @@
 #include <vector>
 
 #include "common/notice_log.h"
-#include "common/shm_damage.h"
+#include "common/shm_test_util.h"
 #include "merge/MvpnTunnelEncapStatus.h"
 #include "platform/net/IpAddr.h"
 #include "platform/runtime/TaskScheduler.h"
-#include "platform/shm_test_util.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 #include <map>
 #include <string>
 
-#include "common/shm_damage.h"
+#include "common/shm_test_util.h"
 #include "merge/EncapTestRig.h"
 #include "merge/MergeTestRig.h"
 #include "platform/shm/ShmTable.h"

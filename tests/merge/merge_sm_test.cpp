@@ -13,14 +13,13 @@
 #include <string>
 #include <vector>
 
-#include "common/shm_damage.h"
 #include "merge/EncapTestRig.h"
 #include "merge/MergeTestRig.h"
 #include "merge/MvpnVrfStatusMergeSm.h"
 #include "platform/runtime/Entity.h"
 #include "platform/shm/ShmSegment.h"
 #include "platform/shm/ShmStore.h"
-#include "platform/shm_test_util.h"
+#include "common/shm_test_util.h"
 
 namespace {
 

@@ -13,9 +13,9 @@
 #include <thread>
 #include <vector>
 
+#include "common/shm_test_util.h"
 #include "platform/runtime/Futex.h"
 #include "platform/runtime/TaskScheduler.h"
-#include "platform/shm_test_util.h"
 
 namespace {
 

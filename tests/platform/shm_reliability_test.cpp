@@ -17,13 +17,12 @@
 #include <set>
 #include <thread>
 
-#include "common/shm_damage.h"
+#include "common/shm_test_util.h"
 #include "platform/Error.h"
 #include "platform/runtime/TaskScheduler.h"
 #include "platform/shm/ShmBell.h"
 #include "platform/shm/ShmStore.h"
 #include "platform/shm/ShmTable.h"
-#include "platform/shm_test_util.h"
 
 namespace {
 

@@ -10,11 +10,10 @@
 #include <string>
 #include <vector>
 
-#include "common/shm_damage.h"
+#include "common/shm_test_util.h"
 #include "platform/Error.h"
 #include "platform/shm/ShmStore.h"
 #include "platform/shm/ShmTable.h"
-#include "platform/shm_test_util.h"
 #include "types/MvpnVrfRouteIntfKey.h"
 
 namespace {

@@ -11,10 +11,9 @@
 
 #include <gmock/gmock.h>
 
-#include "common/shm_damage.h"
+#include "common/shm_test_util.h"
 #include "platform/shm/ShmCollection.h"
 #include "platform/shm/ShmVerify.h"
-#include "platform/shm_test_util.h"
 
 namespace {
 

@@ -13,12 +13,11 @@
 #include <gtest/gtest.h>
 
 #include "common/notice_log.h"
-#include "common/shm_damage.h"
+#include "common/shm_test_util.h"
 #include "platform/Error.h"
 #include "platform/runtime/EntityDirectory.h"
 #include "platform/runtime/TaskScheduler.h"
 #include "platform/shm/ShmSegment.h"
-#include "platform/shm_test_util.h"
 #include "status/MvpnIntfStatus.h"
 #include "status/MvpnVrfStatus.h"
 

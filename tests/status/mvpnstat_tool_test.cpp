@@ -32,10 +32,10 @@
 #include <vector>
 
 #include "common/mvpnstat_run.h"
+#include "common/shm_test_util.h"
 #include "merge/MvpnTunnelEncapStatus.h"
 #include "platform/shm/ShmSegment.h"
 #include "platform/shm/ShmTable.h"
-#include "platform/shm_test_util.h"
 #include "status/MvpnIntfStatus.h"
 #include "status/MvpnRouteStatus.h"
 #include "status/MvpnVrfStatus.h"

@@ -9,12 +9,11 @@
 #include <set>
 #include <tuple>
 
-#include "common/shm_damage.h"
+#include "common/shm_test_util.h"
 #include "platform/Error.h"
 #include "platform/Toggle.h"
 #include "platform/runtime/TaskScheduler.h"
 #include "platform/shm/ShmEntityStore.h"
-#include "platform/shm_test_util.h"
 #include "status/MvpnRouteStatus.h"
 
 namespace Routing::Multicast {
