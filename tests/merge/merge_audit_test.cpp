@@ -12,7 +12,6 @@
 #include <fmt/format.h>
 
 #include "common/mvpnstat_run.h"
-#include "merge/EncapTestRig.h"
 #include "merge/MergeTestRig.h"
 #include "merge/MvpnVrfStatusMergeSm.h"
 #include "merge/WriterProcesses.h"

@@ -16,7 +16,6 @@
 #include <random>
 #include <string>
 
-#include "merge/EncapTestRig.h"
 #include "merge/MergeTestRig.h"
 
 namespace {

@@ -21,7 +21,6 @@
 
 #include <fmt/format.h>
 
-#include "merge/EncapTestRig.h"
 #include "merge/MergeTestRig.h"
 #include "merge/MvpnVrfStatusMergeSm.h"
 #include "merge/WriterProcesses.h"

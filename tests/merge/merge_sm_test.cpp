@@ -1,25 +1,29 @@
 // Both merge machines over in-process writer statuses.
 // - MergedMvpnVrfStatusSm: precedence, lifecycle, scans with yields, reconciliation after a
-//   restart, input departure, trace lines and fatal checks.
+//   restart, input departure, trace lines and fatal checks; over a damaged shared-memory input,
+//   merged entries survive the reader's restart and later merges.
 // - MergedMcastTunnelEncapStatusSm: the two rules (static wins, whole records), merged VRFs
 //   created and deleted with their records, whole input VRFs leaving, the lifecycle with child
 //   machines whose scans yield, reconciliation per output, the trace lines of a lifecycle and
-//   the fatal checks.
+//   the fatal checks; over a damaged static writer's status, no merged record is deleted or
+//   replaced on the ground of damage, neither at a restart nor after ready.
+// Damage is reported through the input's corruption handlers, and each output follows its
+// inputs again once the writer republishes.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <chrono>
+#include <map>
 #include <string>
 #include <vector>
 
-#include "merge/EncapTestRig.h"
+#include "common/shm_test_util.h"
 #include "merge/MergeTestRig.h"
 #include "merge/MvpnVrfStatusMergeSm.h"
 #include "platform/runtime/Entity.h"
 #include "platform/shm/ShmSegment.h"
 #include "platform/shm/ShmStore.h"
-#include "common/shm_test_util.h"
 
 namespace {
 
@@ -314,6 +318,93 @@ TEST(VrfMergeDeathTest, IntoKeyMismatchOrAnInputLeavingDuringItsOwnNotificationI
   teardown.notifierIs(rig.merged.get());
   EXPECT_DEATH(rig.put(0, 3), HasSubstr("We missed notifications that happened to mvpnVrf before "
                                         "the enclosing entity got deleted"));
+}
+
+// Input 0 (BGP) published through a shared-memory table that can be damaged.
+struct DamageRig : Rig {
+  DamageRig() {
+    static int instance = 0;
+    path = "test/multicast/vpn/vrfStatus/damaged" + std::to_string(++instance);
+    in[0]->mount(Oro::ShmAttach{path, Oro::ShmRole::writer});
+    in[0]->mvpnVrfCorruptionHandlerIs([this](const std::string&) { ++reports; });
+  }
+  void damage() { ASSERT_TRUE(shmtest::damageTable(path, "mvpnVrf")); }
+  // The BGP writer restarts on a fresh table and publishes `vrfs` again.
+  void republish(std::initializer_list<uint32_t> vrfs) {
+    in[0]->mount(Oro::ShmAttach{path + "-again", Oro::ShmRole::writer});
+    in[0]->mvpnVrfDelAll();
+    for (uint32_t v : vrfs) put(0, v);
+  }
+  std::string path;
+  int reports = 0;
+};
+
+TEST(VrfMergeDamage, RestartOverADamagedInputKeepsItsEntriesUntilItIsRepublished) {
+  for (bool synchronous : {false, true}) {
+    SCOPED_TRACE(synchronous ? "synchronous" : "asynchronous");
+    DamageRig rig;
+    rig.put(0, 1);
+    rig.put(0, 5);
+    rig.put(2, 2);
+    rig.put(2, 5);
+    // The merged status a previous reader left: 9 is stale.
+    for (auto [vrf, client] : std::map<uint32_t, MvpnClient>{{1, MvpnClient::bgp_},
+                                                             {2, MvpnClient::evpn_},
+                                                             {5, MvpnClient::bgp_},
+                                                             {9, MvpnClient::bgp_}}) {
+      rig.merged->mvpnVrfIs(MvpnVrf(VrfId(vrf), client));
+    }
+    const auto before = rig.mergedMap();
+    rig.damage();
+    rig.start(synchronous);
+    rig.settle();
+    EXPECT_GT(rig.reports, 0);
+    // Nothing was deleted or downgraded, not even the stale entry: with input 0's keys
+    // unknown, the reconciliation waits.
+    EXPECT_EQ(rig.mergedMap(), before);
+    EXPECT_FALSE(rig.sm->ready());
+    EXPECT_TRUE(rig.sm->mergedVrfStatusMvpnVrfOutputReconciling());
+
+    rig.republish({1});
+    rig.settle();
+    EXPECT_TRUE(rig.sm->ready());
+    EXPECT_EQ(rig.mergedMap(),
+              (std::map<uint32_t, MvpnClient>{
+                  {1, MvpnClient::bgp_}, {2, MvpnClient::evpn_}, {5, MvpnClient::evpn_}}));
+  }
+}
+
+TEST(VrfMergeDamage, MergesAfterReadyNeverDeleteOrDowngradeWhatAnUnreadableInputHolds) {
+  DamageRig rig;
+  rig.put(0, 3);
+  rig.put(2, 3);
+  rig.put(0, 4);
+  rig.put(3, 6);
+  rig.start();
+  rig.settle();
+  ASSERT_TRUE(rig.sm->ready());
+  rig.damage();
+
+  // Input 2 withdraws and rewrites 3 and 4, and input 1 writes 6 and 7: the BGP entries stay,
+  // 6 is upgraded past static EVPN (whatever BGP holds, static MVPN outranks it), and 7 is
+  // created from the best readable input.
+  rig.del(2, 3);
+  rig.put(2, 4);
+  rig.del(2, 4);
+  rig.put(1, 6);
+  rig.put(1, 7);
+  EXPECT_GT(rig.reports, 0);
+  EXPECT_EQ(rig.mergedMap(), (std::map<uint32_t, MvpnClient>{{3, MvpnClient::bgp_},
+                                                             {4, MvpnClient::bgp_},
+                                                             {6, MvpnClient::staticMvpn_},
+                                                             {7, MvpnClient::staticMvpn_}}));
+
+  // BGP republishes without 3: every key follows its inputs again.
+  rig.republish({4, 7});
+  rig.settle();
+  EXPECT_TRUE(rig.sm->ready());
+  EXPECT_EQ(rig.mergedMap(), rig.expected());
+  EXPECT_EQ(rig.mergedMap().count(3), 0u);
 }
 
 }  // namespace vrfMerge
@@ -734,6 +825,77 @@ TEST(TunnelMergeDeathTest, AVrfLeavingWithAChangeItsChildHasNotSeenIsFatal) {
                            (intfColl ? "encapIntfTunnel" : "encapTunnel") +
                            " before the enclosing entity got deleted"));
   }
+}
+
+TEST(TunnelMergeDamage, RestartOverADamagedStaticRootKeepsTheMergedStatusUntilRepublished) {
+  for (bool synchronous : {false, true}) {
+    SCOPED_TRACE(synchronous ? "synchronous" : "asynchronous");
+    EncapTest::Rig rig;
+    rig.putRoute(kStatic, 1, 1, "s");
+    rig.putIntf(kStatic, 2, 1, "si");
+    rig.putRoute(kMvpn, 1, 1, "m");
+    rig.putRoute(kMvpn, 1, 2, "m2");
+    // What an earlier life merged; (9, route 1) no writer holds any more.
+    auto m1 = rig.merged->vrfStatusIs(VrfId(1));
+    m1->encapTunnelIs(MvpnEncapTunnel(route(1), "s"));
+    m1->encapTunnelIs(MvpnEncapTunnel(route(2), "m2"));
+    rig.merged->vrfStatusIs(VrfId(2))->encapIntfTunnelIs(MvpnEncapIntfTunnel(intf(1), "si"));
+    rig.merged->vrfStatusIs(VrfId(9))->encapTunnelIs(MvpnEncapTunnel(route(1), "old"));
+    const Contents before = rig.mergedContents();
+    int reports = 0;
+    rig.in[kStatic]->vrfStatusCorruptionHandlerIs([&](const std::string&) { ++reports; });
+    Routing::Multicast::EncapStatusFaults::vrfStatusDamagedIs(*rig.in[kStatic], true);
+
+    rig.start(synchronous);
+    rig.settle();
+    EXPECT_GT(reports, 0);
+    // The MVPN record did not replace the static one it may be hidden by, and nothing was
+    // reconciled away: both outputs wait for the static writer's streams.
+    EXPECT_EQ(rig.mergedContents(), before);
+    EXPECT_FALSE(rig.sm->ready());
+
+    // The static writer republishes: its status reads again and it announces its VRFs.
+    Routing::Multicast::EncapStatusFaults::vrfStatusDamagedIs(*rig.in[kStatic], false);
+    rig.delVrf(kStatic, 2);
+    rig.putIntf(kStatic, 2, 1, "si2");
+    rig.settle();
+    EXPECT_TRUE(rig.sm->ready());
+    EXPECT_EQ(rig.mergedContents(), rig.expected());
+    EXPECT_EQ(rig.mergedContents().vrfs.count(9), 0u);
+  }
+}
+
+TEST(TunnelMergeDamage, AfterReadyAnUnreadableStaticVrfNeitherLosesNorYieldsItsRecords) {
+  EncapTest::Rig rig;
+  rig.putRoute(kStatic, 1, 1, "s");
+  rig.putRoute(kMvpn, 1, 1, "m");
+  rig.putIntf(kStatic, 1, 4, "si");
+  rig.start();
+  rig.settle();
+  ASSERT_TRUE(rig.sm->ready());
+  auto staticVrf = rig.in[kStatic]->vrfStatus(VrfId(1));
+  int reports = 0;
+  staticVrf->encapTunnelCorruptionHandlerIs([&](const std::string&) { ++reports; });
+  Routing::Multicast::EncapStatusFaults::encapTunnelDamagedIs(*staticVrf, true);
+
+  rig.putRoute(kMvpn, 1, 1, "m2");  // the static record may still be there: kept
+  rig.delRoute(kMvpn, 1, 1);        // kept, not deleted
+  rig.putRoute(kMvpn, 1, 5, "m5");  // missing: created from the readable writer
+  rig.putIntf(kEvpn, 1, 4, "e");    // the interface collection is sound: static still wins
+  EXPECT_GT(reports, 0);
+  Contents got = rig.mergedContents();
+  EXPECT_EQ(got.routes.at({1, 1}), "s");
+  EXPECT_EQ(got.routes.at({1, 5}), "m5");
+  EXPECT_EQ(got.intfs.at({1, 4}), "si");
+
+  // The static writer's next change, once its status reads again, rescans it and merges the
+  // kept keys anew.
+  Routing::Multicast::EncapStatusFaults::encapTunnelDamagedIs(*staticVrf, false);
+  rig.delRoute(kStatic, 1, 1);
+  rig.putRoute(kStatic, 1, 5, "s5");
+  rig.settle();
+  EXPECT_EQ(rig.mergedContents(), rig.expected());
+  EXPECT_EQ(rig.mergedContents().routes.count({1, 1}), 0u);
 }
 
 }  // namespace tunnelMerge
