@@ -148,6 +148,10 @@ struct Rig : SmRig<Rig, MergedMvpnVrfStatusSm> {
                                                             control(synchronous));
   }
   void put(int n, uint32_t vrf) { in[n]->mvpnVrfIs(MvpnVrf(VrfId(vrf), kWriters[n])); }
+  // Each (input, VRF) in turn.
+  void put(std::initializer_list<std::pair<int, uint32_t>> records) {
+    for (auto [n, vrf] : records) put(n, vrf);
+  }
   void del(int n, uint32_t vrf) { in[n]->mvpnVrfDel(VrfId(vrf)); }
   std::map<uint32_t, MvpnClient> mergedMap() const { return contents(*merged); }
   // What the merged status must hold for the inputs' present contents, leaving out the
@@ -253,6 +257,18 @@ struct Rig : MergeTest::SmRig<Rig, MergedMcastTunnelEncapStatusSm> {
 
   void putRoute(int w, uint32_t vrf, uint32_t n, const std::string& data) {
     in[w]->vrfStatusIs(VrfId(vrf))->encapTunnelIs(MvpnEncapTunnel(route(n), data));
+  }
+  // Each (writer, VRF, n, data) in turn.
+  struct Record {
+    int w;
+    uint32_t vrf, n;
+    std::string data;
+  };
+  void putRoutes(std::initializer_list<Record> records) {
+    for (const Record& r : records) putRoute(r.w, r.vrf, r.n, r.data);
+  }
+  void putIntfs(std::initializer_list<Record> records) {
+    for (const Record& r : records) putIntf(r.w, r.vrf, r.n, r.data);
   }
   void delRoute(int w, uint32_t vrf, uint32_t n) {
     if (auto e = in[w]->vrfStatus(VrfId(vrf))) e->encapTunnelDel(route(n));

@@ -11,7 +11,6 @@
 #include <utility>
 #include <vector>
 
-#include <fmt/format.h>
 #include <gtest/gtest.h>
 
 #include "common/shm_test_util.h"

@@ -148,12 +148,8 @@ TEST_F(MergeAuditTest, EncapMergeExplainsAndChecksBothCollections) {
   }
   const std::string merged = MvpnTunnelEncapStatus::mountPath("merged");
   rig.merged->mount(ShmAttach{merged, ShmRole::writer});
-  rig.putRoute(kMvpn, 7, 1, "m1");
-  rig.putRoute(kStatic, 7, 1, "s1");
-  rig.putRoute(kMvpn, 7, 2, "m2");
-  rig.putIntf(kEvpn, 8, 3, "e3");
-  rig.putIntf(kEvpn, 8, 4, "e4");
-  rig.putIntf(kStatic, 8, 4, "s4");
+  rig.putRoutes({{kMvpn, 7, 1, "m1"}, {kStatic, 7, 1, "s1"}, {kMvpn, 7, 2, "m2"}});
+  rig.putIntfs({{kEvpn, 8, 3, "e3"}, {kEvpn, 8, 4, "e4"}, {kStatic, 8, 4, "s4"}});
   rig.start();
   rig.settle();
   ASSERT_TRUE(rig.sm->ready());

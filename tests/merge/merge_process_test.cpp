@@ -25,8 +25,6 @@
 #include "merge/MvpnVrfStatusMergeSm.h"
 #include "merge/WriterProcesses.h"
 #include "platform/net/IpAddr.h"
-#include "platform/shm/ShmSegment.h"
-#include "platform/shm/ShmTable.h"
 
 namespace {
 

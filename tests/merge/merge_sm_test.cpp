@@ -18,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "common/notice_log.h"
 #include "common/shm_test_util.h"
 #include "merge/MergeTestRig.h"
 #include "merge/MvpnVrfStatusMergeSm.h"
@@ -51,12 +52,6 @@ namespace vrfMerge {
 
 using namespace MergeTest;
 
-std::vector<uint32_t> keysInOrder(const MvpnVrfStatus& status) {
-  std::vector<uint32_t> keys;
-  for (auto it = status.mvpnVrfIter(); it.valid(); it.next()) keys.push_back(it.key().value());
-  return keys;
-}
-
 TEST(VrfMerge, PrecedenceFollowsEveryChangeAndEveryRemergedKeyIsWritten) {
   for (bool synchronous : {false, true}) {
     SCOPED_TRACE(synchronous ? "synchronous" : "asynchronous");
@@ -70,13 +65,10 @@ TEST(VrfMerge, PrecedenceFollowsEveryChangeAndEveryRemergedKeyIsWritten) {
     EXPECT_EQ(rig.mergedMap(),
               (std::map<uint32_t, MvpnClient>{{7, MvpnClient::evpn_}, {9, MvpnClient::bgp_}}));
     // Every re-merged key is written again, even when its merged value stays.
-    int changes = 0;
-    Oro::KeyReactor<VrfId> watcher(MvpnVrfStatus::mvpnVrfAttr,
-                                   [&](const VrfId& k) { changes += k == VrfId(7); });
-    watcher.notifierIs(rig.merged.get());
+    shmtest::KeyLog<VrfId> changes(rig.merged.get(), MvpnVrfStatus::mvpnVrfAttr);
     rig.put(2, 7);  // the winner's same record again
     rig.put(3, 7);  // a lower-ranked writer: the merged value stays evpn_
-    EXPECT_EQ(changes, 2);
+    EXPECT_EQ(changes.keys, (std::vector<VrfId>{7, 7}));
     EXPECT_EQ(rig.mergedMap().at(7), MvpnClient::evpn_);
 
     // Each change is merged at once; then EVPN leaves 7 (static MVPN remains) and BGP
@@ -102,9 +94,7 @@ TEST(VrfMergeLifecycle, ScansStartWhenInitializedYieldByTheSliceAndTheFirstWrite
   Rig rig(0ns);  // every slice is used up after one key
   for (uint32_t v = 1; v <= 3; ++v) rig.put(0, v);
   rig.put(2, 3);
-  int writes = 0;
-  Oro::KeyReactor<VrfId> watcher(MvpnVrfStatus::mvpnVrfAttr, [&](const VrfId&) { ++writes; });
-  watcher.notifierIs(rig.merged.get());
+  shmtest::KeyLog<VrfId> writes(rig.merged.get(), MvpnVrfStatus::mvpnVrfAttr);
   // Construction alone does nothing; initializedIs starts the scans.
   rig.sm = rig.make(false);
   EXPECT_EQ(rig.scheduler.runUntilIdle(), 0u);
@@ -127,7 +117,7 @@ TEST(VrfMergeLifecycle, ScansStartWhenInitializedYieldByTheSliceAndTheFirstWrite
   EXPECT_TRUE(sm0->task0()->scheduled());
 
   while (!rig.sm->initialScanDone()) ASSERT_TRUE(rig.scheduler.runOnce());
-  EXPECT_EQ(writes, 0);
+  EXPECT_TRUE(writes.keys.empty());
   EXPECT_TRUE(rig.mergedMap().empty());
   EXPECT_FALSE(rig.sm->ready());
   for (size_t n = 0; n < 4; ++n) EXPECT_FALSE(rig.sm->inputSmScanState()->streamScan(n));
@@ -136,7 +126,7 @@ TEST(VrfMergeLifecycle, ScansStartWhenInitializedYieldByTheSliceAndTheFirstWrite
   EXPECT_TRUE(rig.sm->ready());
   EXPECT_TRUE(rig.sm->idle());
   EXPECT_EQ(rig.mergedMap(), rig.expected());
-  EXPECT_EQ(writes, 4);  // VRF 3 is merged by both inputs' scans
+  EXPECT_EQ(writes.keys.size(), 4u);  // VRF 3 is merged by both inputs' scans
   for (size_t n = 0; n < 4; ++n) {
     EXPECT_EQ(rig.sm->inputSm(n)->inputScanState(), kScanComplete);
     EXPECT_EQ(rig.sm->inputSm(n)->task(), nullptr);  // deleted once complete
@@ -155,8 +145,7 @@ TEST(VrfMergeReconcile, RestartDeletesExactlyTheUnsupportedEntriesAndAnEmptyOutp
       rig.merged->mvpnVrfIs(MvpnVrf(VrfId(101), MvpnClient::evpn_));
       rig.merged->mvpnVrfIs(MvpnVrf(VrfId(5), MvpnClient::staticEvpn_));
     }
-    rig.put(0, 5);
-    rig.put(3, 6);
+    rig.put({{0, 5}, {3, 6}});
     rig.start(mode == 2);
     EXPECT_EQ(rig.sm->mergedVrfStatusMvpnVrfOutputReconciling(), mode < 2);
     // A synchronous machine did everything inside initializedIs, however short the slice.
@@ -175,9 +164,7 @@ TEST(VrfMergeReconcile, RestartDeletesExactlyTheUnsupportedEntriesAndAnEmptyOutp
 
 TEST(VrfMergeDeparture, DepartedInputFallsBackToTheOthersAndAnEarlyOneCountsAsEmpty) {
   Rig rig;
-  rig.put(0, 5);
-  rig.put(0, 6);
-  rig.put(3, 5);
+  rig.put({{0, 5}, {0, 6}, {3, 5}});
   rig.start();
   rig.settle();
   rig.sm->doDeleteAll();  // every input still there: nothing changes
@@ -192,9 +179,7 @@ TEST(VrfMergeDeparture, DepartedInputFallsBackToTheOthersAndAnEarlyOneCountsAsEm
 
   // An input departing before its initial scan is done counts as empty.
   Rig early(0ns);
-  early.put(2, 4);
-  early.put(2, 8);
-  early.put(1, 8);
+  early.put({{2, 4}, {2, 8}, {1, 8}});
   early.start();
   early.scheduler.runOnce();
   early.sm->inputRootDel(2);
@@ -205,10 +190,11 @@ TEST(VrfMergeDeparture, DepartedInputFallsBackToTheOthersAndAnEarlyOneCountsAsEm
 
 TEST(VrfMergeTrace, LifecycleLines) {
   Rig rig(0ns);
-  rig.put(0, 1);
-  rig.put(0, 2);
-  const std::vector<uint32_t> order = keysInOrder(*rig.in[0]);
-  const std::string a = std::to_string(order[0]), b = std::to_string(order[1]);
+  rig.put({{0, 1}, {0, 2}});
+  auto it = rig.in[0]->mvpnVrfIter();  // the keys in store order
+  const std::string a = std::to_string(it.key().value());
+  it.next();
+  const std::string b = std::to_string(it.key().value());
   TraceCapture trace("MergedMvpnVrfStatusSm");
   rig.start();
   rig.settle();
@@ -343,10 +329,7 @@ TEST(VrfMergeDamage, RestartOverADamagedInputKeepsItsEntriesUntilItIsRepublished
   for (bool synchronous : {false, true}) {
     SCOPED_TRACE(synchronous ? "synchronous" : "asynchronous");
     DamageRig rig;
-    rig.put(0, 1);
-    rig.put(0, 5);
-    rig.put(2, 2);
-    rig.put(2, 5);
+    rig.put({{0, 1}, {0, 5}, {2, 2}, {2, 5}});
     // The merged status a previous reader left: 9 is stale.
     for (auto [vrf, client] : std::map<uint32_t, MvpnClient>{{1, MvpnClient::bgp_},
                                                              {2, MvpnClient::evpn_},
@@ -376,10 +359,7 @@ TEST(VrfMergeDamage, RestartOverADamagedInputKeepsItsEntriesUntilItIsRepublished
 
 TEST(VrfMergeDamage, MergesAfterReadyNeverDeleteOrDowngradeWhatAnUnreadableInputHolds) {
   DamageRig rig;
-  rig.put(0, 3);
-  rig.put(2, 3);
-  rig.put(0, 4);
-  rig.put(3, 6);
+  rig.put({{0, 3}, {2, 3}, {0, 4}, {3, 6}});
   rig.start();
   rig.settle();
   ASSERT_TRUE(rig.sm->ready());
@@ -391,8 +371,7 @@ TEST(VrfMergeDamage, MergesAfterReadyNeverDeleteOrDowngradeWhatAnUnreadableInput
   rig.del(2, 3);
   rig.put(2, 4);
   rig.del(2, 4);
-  rig.put(1, 6);
-  rig.put(1, 7);
+  rig.put({{1, 6}, {1, 7}});
   EXPECT_GT(rig.reports, 0);
   EXPECT_EQ(rig.mergedMap(), (std::map<uint32_t, MvpnClient>{{3, MvpnClient::bgp_},
                                                              {4, MvpnClient::bgp_},
@@ -475,18 +454,14 @@ TEST(TunnelMerge, MergedVrfLivesWhileEitherCollectionHoldsARecord) {
   EXPECT_EQ(rig.mergedContents().vrfs.count(4), 1u);  // and the reverse
   // Deleting what the merged VRF does not hold, or in a VRF it does not have, changes and
   // creates nothing.
-  int mergedChanges = 0;
-  Oro::KeyReactor<VrfId> watch(MvpnTunnelEncapStatus::vrfStatusAttr,
-                               [&](const VrfId&) { ++mergedChanges; });
-  watch.notifierIs(rig.merged.get());
   const Contents before = rig.mergedContents();
   rig.putRoute(kMvpn, 9, 1, "x");
   rig.merged->vrfStatusDel(VrfId(9));  // as if the merged VRF were gone
-  mergedChanges = 0;
+  shmtest::KeyLog<VrfId> mergedChanges(rig.merged.get(), MvpnTunnelEncapStatus::vrfStatusAttr);
   rig.sm->intoMergedEncapVrfStatusEncapTunnel(VrfId(9), route(1), std::nullopt);
   rig.sm->intoMergedEncapVrfStatusEncapTunnel(VrfId(4), route(7), std::nullopt);
   rig.sm->intoMergedEncapVrfStatusEncapIntfTunnel(VrfId(8), intf(1), std::nullopt);
-  EXPECT_EQ(mergedChanges, 0);
+  EXPECT_TRUE(mergedChanges.keys.empty());
   EXPECT_EQ(rig.mergedContents(), before);
   rig.delRoute(kStatic, 4, 2);
   EXPECT_EQ(rig.mergedContents().vrfs.count(4), 0u);
@@ -497,9 +472,7 @@ TEST(TunnelMerge, AWholeInputVrfLeavingRemergesEachOfItsKeys) {
     Rig rig;
     for (uint32_t n = 1; n <= 4; ++n) rig.putRoute(kMvpn, 5, n, "m" + std::to_string(n));
     rig.putRoute(kStatic, 5, 2, "s2");
-    rig.putIntf(kStatic, 5, 1, "si");
-    rig.putIntf(kEvpn, 5, 1, "ei");
-    rig.putIntf(kEvpn, 5, 3, "ei3");
+    rig.putIntfs({{kStatic, 5, 1, "si"}, {kEvpn, 5, 1, "ei"}, {kEvpn, 5, 3, "ei3"}});
     rig.start(synchronous);
     rig.settle();
     rig.delVrf(kMvpn, 5);  // 1, 3, 4 disappear, 2 stays static
@@ -631,8 +604,7 @@ TEST(TunnelMergeLifecycle,
   EXPECT_FALSE(rig.sm->inputSmScanState()->streamScan(0));
 
   // Changes before the initial scan is done do not reach the merged status.
-  rig.putRoute(kMvpn, 1, 9, "early");
-  rig.putRoute(kStatic, 7, 1, "early");
+  rig.putRoutes({{kMvpn, 1, 9, "early"}, {kStatic, 7, 1, "early"}});
   EXPECT_TRUE(rig.mergedContents().vrfs.empty());
   while (!rig.sm->initialScanDone()) ASSERT_TRUE(rig.scheduler.runOnce());
   EXPECT_TRUE(rig.mergedContents().vrfs.empty());
@@ -717,8 +689,7 @@ TEST(TunnelMergeReconcile, EachOutputIsReadyOnItsOwnAndTheMachineWhenBothAre) {
 
 TEST(TunnelMergeTrace, LifecycleLines) {
   Rig rig;
-  rig.putRoute(kMvpn, 1, 1, "a");
-  rig.putRoute(kMvpn, 1, 2, "b");
+  rig.putRoutes({{kMvpn, 1, 1, "a"}, {kMvpn, 1, 2, "b"}});
   TraceCapture trace("MergedMcastTunnelEncapStatusSm");
   rig.start();
   rig.settle();
@@ -833,8 +804,7 @@ TEST(TunnelMergeDamage, RestartOverADamagedStaticRootKeepsTheMergedStatusUntilRe
     EncapTest::Rig rig;
     rig.putRoute(kStatic, 1, 1, "s");
     rig.putIntf(kStatic, 2, 1, "si");
-    rig.putRoute(kMvpn, 1, 1, "m");
-    rig.putRoute(kMvpn, 1, 2, "m2");
+    rig.putRoutes({{kMvpn, 1, 1, "m"}, {kMvpn, 1, 2, "m2"}});
     // What an earlier life merged; (9, route 1) no writer holds any more.
     auto m1 = rig.merged->vrfStatusIs(VrfId(1));
     m1->encapTunnelIs(MvpnEncapTunnel(route(1), "s"));
@@ -867,8 +837,7 @@ TEST(TunnelMergeDamage, RestartOverADamagedStaticRootKeepsTheMergedStatusUntilRe
 
 TEST(TunnelMergeDamage, AfterReadyAnUnreadableStaticVrfNeitherLosesNorYieldsItsRecords) {
   EncapTest::Rig rig;
-  rig.putRoute(kStatic, 1, 1, "s");
-  rig.putRoute(kMvpn, 1, 1, "m");
+  rig.putRoutes({{kStatic, 1, 1, "s"}, {kMvpn, 1, 1, "m"}});
   rig.putIntf(kStatic, 1, 4, "si");
   rig.start();
   rig.settle();

@@ -1,11 +1,8 @@
 // What the shared-memory store guarantees when things go wrong: no change lost behind an
 // overrun, never two writers, readers that cannot harm writers or each other, whole records
 // and agreeing counts after a writer dies at any step, damaged stores recreated, no leftovers.
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <pthread.h>
 #include <pwd.h>
-#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/un.h>

@@ -10,7 +10,6 @@
 #include <atomic>
 #include <functional>
 
-#include <map>
 #include <random>
 #include <set>
 #include <string>

@@ -22,7 +22,6 @@
 #include <csignal>
 
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
