@@ -61,7 +61,7 @@ using shmtest::ChangeLog;
 using shmtest::KeyLog;
 using RouteLog = ChangeLog<MvpnVrfRouteKey, TunnelId>;
 
-TEST(Mapper, ValueMapPublishesChangesOnlyWithTheOldValue) {
+TEST(Mapper, ValueMapPublishesChangesWithTheOldValueAndDelAllEachRemovalToSubscribers) {
   auto m = newMapper();
   RouteLog log(m.get(), MvpnMapper::routeKeyToTunnelIdAttr);
   m->routeKeyToTunnelIdIs(routeKey(1), TunnelId(7));
@@ -74,32 +74,31 @@ TEST(Mapper, ValueMapPublishesChangesOnlyWithTheOldValue) {
                                                         {routeKey(1), TunnelId(7), TunnelId(8)},
                                                         {routeKey(1), TunnelId(8), std::nullopt}}));
   EXPECT_EQ(m->routeKeyToTunnelIdGet(routeKey(1)), std::nullopt);
-}
 
-TEST(Mapper, DelAllAnnouncesEachRemovalInMapOrderOnlyToSubscribers) {
-  auto m = newMapper();
-  for (int i = 0; i < 20; ++i) m->routeKeyToTunnelIdIs(routeKey(i), TunnelId(1));
-  m->routeKeyToTunnelIdDelAll();  // no subscriber: emptied at once
-  EXPECT_EQ(m->routeKeyToTunnelIdSize(), 0u);
+  // DelAll announces each removal in map order, only to subscribers.
+  auto d = newMapper();
+  for (int i = 0; i < 20; ++i) d->routeKeyToTunnelIdIs(routeKey(i), TunnelId(1));
+  d->routeKeyToTunnelIdDelAll();  // no subscriber: emptied at once
+  EXPECT_EQ(d->routeKeyToTunnelIdSize(), 0u);
 
-  for (int i = 0; i < 20; ++i) m->routeKeyToTunnelIdIs(routeKey(i), TunnelId(1));
+  for (int i = 0; i < 20; ++i) d->routeKeyToTunnelIdIs(routeKey(i), TunnelId(1));
   std::vector<MvpnVrfRouteKey> order;
-  for (const auto& e : m->routeKeyToTunnelIdMap()) order.push_back(e.first);
+  for (const auto& e : d->routeKeyToTunnelIdMap()) order.push_back(e.first);
   // A subscriber that removes another key while a removal is published: each key is still
   // announced exactly once, and each removal is already done when it is announced.
-  RouteLog log(m.get(), MvpnMapper::routeKeyToTunnelIdAttr);
-  log.onChange = [&](const MvpnVrfRouteKey& k) {
-    EXPECT_FALSE(m->routeKeyToTunnelIdHas(k));
-    if (k == order[0]) m->routeKeyToTunnelIdDel(order[5]);
+  RouteLog removals(d.get(), MvpnMapper::routeKeyToTunnelIdAttr);
+  removals.onChange = [&](const MvpnVrfRouteKey& k) {
+    EXPECT_FALSE(d->routeKeyToTunnelIdHas(k));
+    if (k == order[0]) d->routeKeyToTunnelIdDel(order[5]);
   };
-  m->routeKeyToTunnelIdDelAll();
-  EXPECT_EQ(m->routeKeyToTunnelIdSize(), 0u);
+  d->routeKeyToTunnelIdDelAll();
+  EXPECT_EQ(d->routeKeyToTunnelIdSize(), 0u);
   std::vector<MvpnVrfRouteKey> want = {order[0], order[5]};  // [5] inside [0]'s announcement
   for (size_t i = 1; i < order.size(); ++i) {
     if (i != 5) want.push_back(order[i]);
   }
   std::vector<MvpnVrfRouteKey> announced;
-  for (const auto& c : log.changes) announced.push_back(std::get<0>(c));
+  for (const auto& c : removals.changes) announced.push_back(std::get<0>(c));
   EXPECT_EQ(announced, want);
 }
 
@@ -257,7 +256,7 @@ class PmsiVlanTest : public ::testing::Test {
   Oro::Ptr<MvpnMapper> mapper_ = newMapper(intf_);
 };
 
-TEST_F(PmsiVlanTest, EveryMissingLinkGivesNone) {
+TEST_F(PmsiVlanTest, EveryMissingLinkGivesNoneAndOnlyTheFirstTreeIdIsConsulted) {
   intf_->vrfIntfIdIs(MvpnVrfIntfId(VrfId(5), IntfId::vlan(105)));
   intf_->vrfIntfIdIs(MvpnVrfIntfId(VrfId(7), IntfId()));
   // Even a record under the invalid VRF id is not used for it.
@@ -285,9 +284,8 @@ TEST_F(PmsiVlanTest, EveryMissingLinkGivesNone) {
   blind->tunnelIdToTreeIdCollIs(TunnelId(1))->keyCollIs(treeId(1));
   blind->treeIdToVrfIdIs(treeId(1), VrfId(5));
   EXPECT_TRUE(blind->tunnelIdToPmsiVlan(TunnelId(1)).isNone()) << "no interface status table";
-}
 
-TEST_F(PmsiVlanTest, OnlyTheFirstTreeIdIsConsulted) {
+  // Only the first tree id is consulted.
   intf_->vrfIntfIdIs(MvpnVrfIntfId(VrfId(5), IntfId::vlan(105)));
   intf_->vrfIntfIdIs(MvpnVrfIntfId(VrfId(9), IntfId::vlan(109)));
   for (int i = 0; i < 8; ++i) carry(8, treeId(i), VrfId(i % 2 ? 9 : 5));
@@ -299,7 +297,7 @@ TEST_F(PmsiVlanTest, OnlyTheFirstTreeIdIsConsulted) {
   EXPECT_TRUE(mapper_->tunnelIdToPmsiVlan(TunnelId(8)).isNone());
 }
 
-TEST_F(PmsiVlanTest, APmsiInterfaceBeyondTheVlanRangeRaises) {
+TEST_F(PmsiVlanTest, AnInterfaceBeyondTheVlanRangeRaisesAndACorruptTableGivesNone) {
   intf_->vrfIntfIdIs(MvpnVrfIntfId(VrfId(5), IntfId::vlan(5000)));
   carry(1, treeId(1), VrfId(5));
   EXPECT_THAT([&] { mapper_->tunnelIdToPmsiVlan(TunnelId(1)); },
@@ -307,9 +305,8 @@ TEST_F(PmsiVlanTest, APmsiInterfaceBeyondTheVlanRangeRaises) {
                   ::testing::StrEq("Bridging::VlanIdOrNone::value > 4094 not allowed")));
   intf_->vrfIntfIdIs(MvpnVrfIntfId(VrfId(5), IntfId::vlan(4094)));
   EXPECT_EQ(mapper_->tunnelIdToPmsiVlan(TunnelId(1)).value(), 4094);
-}
 
-TEST_F(PmsiVlanTest, ACorruptInterfaceTableIsReportedAndGivesNone) {
+  // A corrupt interface table is reported and gives none.
   const std::string path = "h1test/mapper/intfStatus";
   intf_->mount(Oro::ShmAttach{path, Oro::ShmRole::writer});
   std::vector<std::string> reports;
@@ -502,7 +499,7 @@ TEST(KeeperAudit, EachInjectedMistakeIsReported) {
   }
 }
 
-TEST(KeeperAudit, ReportAsJson) {
+TEST(KeeperAudit, ReportAsJsonAndTheAgentScenario) {
   auto mapper = newMapper();
   MvpnMapperKeeper keeper(mapper);
   keeper.routeIs(routeKey(1), TunnelId(7));
@@ -523,26 +520,24 @@ TEST(KeeperAudit, ReportAsJson) {
   mapper->treeIdToVrfIdDelAll();
   EXPECT_NE(mvpnMapperAuditJson(auditMvpnMapper(*mapper)).find("\"clean\": true, \"issues\": []}"),
             std::string::npos);
-}
 
-// The example agent's flow: a tree moves to another tunnel (make-before-break) and the PMSI
-// answer follows it; a tunnel goes away with all it carried; the audit stays clean.
-TEST(KeeperAudit, AgentScenario) {
+  // The example agent's flow: a tree moves to another tunnel (make-before-break) and the PMSI
+  // answer follows it; a tunnel goes away with all it carried; the audit stays clean.
   auto intf = mvpnIntfStatusFactory("agent");
   intf->vrfIntfIdIs(MvpnVrfIntfId(VrfId(5), IntfId::vlan(105)));
-  auto mapper = newMapper(intf);
-  MvpnMapperKeeper keeper(mapper);
-  keeper.treeIdIs(TunnelId(10), treeId(1), VrfId(5));
-  keeper.treeIdIs(TunnelId(20), treeId(2), VrfId(6));
-  for (int i = 0; i < 4; ++i) keeper.routeIs(routeKey(i), TunnelId(i % 2 ? 20 : 10));
-  EXPECT_EQ(keeper.pmsiVlan(TunnelId(10)).value(), 105);
-  keeper.treeIdIs(TunnelId(30), treeId(1), VrfId(5));
-  EXPECT_TRUE(keeper.pmsiVlan(TunnelId(10)).isNone());
-  EXPECT_EQ(keeper.pmsiVlan(TunnelId(30)).value(), 105);
-  keeper.tunnelDel(TunnelId(20));
-  EXPECT_FALSE(mapper->routeKeyToTunnelIdHas(routeKey(1)));
-  EXPECT_FALSE(mapper->treeIdToVrfIdHas(treeId(2)));
-  const auto report = auditMvpnMapper(*mapper);
+  auto flow = newMapper(intf);
+  MvpnMapperKeeper agent(flow);
+  agent.treeIdIs(TunnelId(10), treeId(1), VrfId(5));
+  agent.treeIdIs(TunnelId(20), treeId(2), VrfId(6));
+  for (int i = 0; i < 4; ++i) agent.routeIs(routeKey(i), TunnelId(i % 2 ? 20 : 10));
+  EXPECT_EQ(agent.pmsiVlan(TunnelId(10)).value(), 105);
+  agent.treeIdIs(TunnelId(30), treeId(1), VrfId(5));
+  EXPECT_TRUE(agent.pmsiVlan(TunnelId(10)).isNone());
+  EXPECT_EQ(agent.pmsiVlan(TunnelId(30)).value(), 105);
+  agent.tunnelDel(TunnelId(20));
+  EXPECT_FALSE(flow->routeKeyToTunnelIdHas(routeKey(1)));
+  EXPECT_FALSE(flow->treeIdToVrfIdHas(treeId(2)));
+  const auto report = auditMvpnMapper(*flow);
   EXPECT_TRUE(report.clean()) << issuesText(report);
   EXPECT_EQ(report.routeKeys, 2u);    // routes 0 and 2, still on tunnel 10
   EXPECT_EQ(report.collections, 2u);  // routes of 10, trees of 30

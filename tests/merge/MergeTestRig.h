@@ -153,6 +153,10 @@ struct Rig : SmRig<Rig, MergedMvpnVrfStatusSm> {
     for (auto [n, vrf] : records) put(n, vrf);
   }
   void del(int n, uint32_t vrf) { in[n]->mvpnVrfDel(VrfId(vrf)); }
+  // Records of the merged status, as an earlier life left them.
+  void mergedIs(std::initializer_list<std::pair<uint32_t, MvpnClient>> records) {
+    for (auto [vrf, client] : records) merged->mvpnVrfIs(MvpnVrf(VrfId(vrf), client));
+  }
   std::map<uint32_t, MvpnClient> mergedMap() const { return contents(*merged); }
   // What the merged status must hold for the inputs' present contents, leaving out the
   // inputs flagged in `departed` (bit n = input n).
@@ -186,6 +190,8 @@ using Vrf::VrfIdMap::VrfId;
 
 // The writers, in argument order.
 enum Writer { kMvpn = 0, kStatic = 1, kEvpn = 2 };
+// Puts given kOutput write to the merged status (as an earlier life left it).
+constexpr int kOutput = 3;
 
 inline MvpnRouteKey route(uint32_t n) {
   return MvpnRouteKey(Nevo::IpGenAddr::ipv4Addr(0x0a000001),
@@ -256,7 +262,9 @@ struct Rig : MergeTest::SmRig<Rig, MergedMcastTunnelEncapStatusSm> {
   }
 
   void putRoute(int w, uint32_t vrf, uint32_t n, const std::string& data) {
-    in[w]->vrfStatusIs(VrfId(vrf))->encapTunnelIs(MvpnEncapTunnel(route(n), data));
+    (w == kOutput ? merged : in[w])
+        ->vrfStatusIs(VrfId(vrf))
+        ->encapTunnelIs(MvpnEncapTunnel(route(n), data));
   }
   // Each (writer, VRF, n, data) in turn.
   struct Record {
@@ -274,7 +282,9 @@ struct Rig : MergeTest::SmRig<Rig, MergedMcastTunnelEncapStatusSm> {
     if (auto e = in[w]->vrfStatus(VrfId(vrf))) e->encapTunnelDel(route(n));
   }
   void putIntf(int w, uint32_t vrf, uint32_t n, const std::string& data) {
-    in[w]->vrfStatusIs(VrfId(vrf))->encapIntfTunnelIs(MvpnEncapIntfTunnel(intf(n), data));
+    (w == kOutput ? merged : in[w])
+        ->vrfStatusIs(VrfId(vrf))
+        ->encapIntfTunnelIs(MvpnEncapIntfTunnel(intf(n), data));
   }
   void delIntf(int w, uint32_t vrf, uint32_t n) {
     if (auto e = in[w]->vrfStatus(VrfId(vrf))) e->encapIntfTunnelDel(intf(n));

@@ -170,7 +170,8 @@ TEST_F(EncapStatusReader, AWalksVrfIsTheVrfALookupFinds) {
 // A store its writer had to build anew (the old one was damaged) is a new store: the VRFs the
 // reader held leave, and the new store's VRFs are followed with their records, also one that
 // sits where the old one did.
-TEST_F(EncapStatusReader, AVrfOfARepublishedStoreIsFollowedAnew) {
+TEST_F(EncapStatusReader,
+       AVrfOfARepublishedStoreIsFollowedAnewAndOneHeldBeyondItsStatusKeepsItsRecords) {
   {
     auto first = mounted("first", ShmRole::writer);
     first->vrfStatusIs(VrfId(7))->encapTunnelIs(MvpnEncapTunnel(route(1), "a"));
@@ -194,11 +195,8 @@ TEST_F(EncapStatusReader, AVrfOfARepublishedStoreIsFollowedAnew) {
   EXPECT_TRUE(scheduler.runUntil(
       [&] { return reader->vrfStatus(VrfId(7))->encapTunnel(route(3)).has_value(); },
       Oro::TaskScheduler::Clock::now() + std::chrono::seconds(20)));
-}
 
-// A VRF held beyond its status keeps its records in process memory; the others go with it.
-TEST_F(EncapStatusReader, AVrfHeldBeyondItsStatusKeepsItsRecords) {
-  auto writer = mounted("writer", ShmRole::writer);
+  // A VRF held beyond its status keeps its records in process memory; the others go with it.
   for (uint32_t v = 1; v <= 3; ++v) {
     writer->vrfStatusIs(VrfId(v))->encapTunnelIs(MvpnEncapTunnel(route(1), "a"));
     writer->vrfStatusIs(VrfId(v))->encapTunnelIs(MvpnEncapTunnel(route(2), "b"));

@@ -171,7 +171,7 @@ TEST_F(MergeAuditTest, EncapMergeExplainsAndChecksBothCollections) {
   mvpnstatExpect("check " + merged, 0);
 
   // Behind the merger's back: the MVPN record where the static one wins, and an empty VRF.
-  rig.merged->vrfStatus(VrfId(7))->encapTunnelIs(MvpnEncapTunnel(route(1), "m1"));
+  rig.putRoute(kOutput, 7, 1, "m1");
   rig.merged->vrfStatusIs(VrfId(9));
   mvpnstatExpect("check " + merged, 1,
                  {"2 inconsistent", "    differs encapTunnel 7 " + r1, "    empty vrfStatus 9"});

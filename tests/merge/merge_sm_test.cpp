@@ -141,9 +141,8 @@ TEST(VrfMergeReconcile, RestartDeletesExactlyTheUnsupportedEntriesAndAnEmptyOutp
     const bool earlier = mode != 3;
     Rig rig(mode == 1 ? std::chrono::nanoseconds(1s) : 0ns);
     if (earlier) {
-      rig.merged->mvpnVrfIs(MvpnVrf(VrfId(100), MvpnClient::bgp_));
-      rig.merged->mvpnVrfIs(MvpnVrf(VrfId(101), MvpnClient::evpn_));
-      rig.merged->mvpnVrfIs(MvpnVrf(VrfId(5), MvpnClient::staticEvpn_));
+      rig.mergedIs(
+          {{100, MvpnClient::bgp_}, {101, MvpnClient::evpn_}, {5, MvpnClient::staticEvpn_}});
     }
     rig.put({{0, 5}, {3, 6}});
     rig.start(mode == 2);
@@ -188,7 +187,7 @@ TEST(VrfMergeDeparture, DepartedInputFallsBackToTheOthersAndAnEarlyOneCountsAsEm
   EXPECT_EQ(early.mergedMap(), (std::map<uint32_t, MvpnClient>{{8, MvpnClient::staticMvpn_}}));
 }
 
-TEST(VrfMergeTrace, LifecycleLines) {
+TEST(VrfMergeTrace, LifecycleLinesAndReconciliationLinesWithAndWithoutYields) {
   Rig rig(0ns);
   rig.put({{0, 1}, {0, 2}});
   auto it = rig.in[0]->mvpnVrfIter();  // the keys in store order
@@ -235,9 +234,7 @@ TEST(VrfMergeTrace, LifecycleLines) {
   merge("5");
   EXPECT_EQ(trace.firstAppearances(lines), lines);
   trace.expectOnlyOwnLines();
-}
 
-TEST(VrfMergeTrace, ReconciliationLinesWithAndWithoutYields) {
   const std::vector<std::string> yielding = {
       "Input scans for mergedVrfStatusMvpnVrfOutput complete",
       "Yielding in reconciliation processing after processing 1 items, including 1 deletions .",
@@ -253,8 +250,7 @@ TEST(VrfMergeTrace, ReconciliationLinesWithAndWithoutYields) {
   };
   for (bool synchronous : {false, true}) {
     Rig rig(0ns);
-    rig.merged->mvpnVrfIs(MvpnVrf(VrfId(8), MvpnClient::bgp_));
-    rig.merged->mvpnVrfIs(MvpnVrf(VrfId(9), MvpnClient::bgp_));
+    rig.mergedIs({{8, MvpnClient::bgp_}, {9, MvpnClient::bgp_}});
     TraceCapture trace("MergedMvpnVrfStatusSm");
     rig.start(synchronous);
     if (!synchronous) {
@@ -325,18 +321,16 @@ struct DamageRig : Rig {
   int reports = 0;
 };
 
-TEST(VrfMergeDamage, RestartOverADamagedInputKeepsItsEntriesUntilItIsRepublished) {
+TEST(VrfMergeDamage, ADamagedInputKeepsItsEntriesAtARestartAndAfterReadyUntilItIsRepublished) {
   for (bool synchronous : {false, true}) {
     SCOPED_TRACE(synchronous ? "synchronous" : "asynchronous");
     DamageRig rig;
     rig.put({{0, 1}, {0, 5}, {2, 2}, {2, 5}});
     // The merged status a previous reader left: 9 is stale.
-    for (auto [vrf, client] : std::map<uint32_t, MvpnClient>{{1, MvpnClient::bgp_},
-                                                             {2, MvpnClient::evpn_},
-                                                             {5, MvpnClient::bgp_},
-                                                             {9, MvpnClient::bgp_}}) {
-      rig.merged->mvpnVrfIs(MvpnVrf(VrfId(vrf), client));
-    }
+    rig.mergedIs({{1, MvpnClient::bgp_},
+                  {2, MvpnClient::evpn_},
+                  {5, MvpnClient::bgp_},
+                  {9, MvpnClient::bgp_}});
     const auto before = rig.mergedMap();
     rig.damage();
     rig.start(synchronous);
@@ -355,9 +349,8 @@ TEST(VrfMergeDamage, RestartOverADamagedInputKeepsItsEntriesUntilItIsRepublished
               (std::map<uint32_t, MvpnClient>{
                   {1, MvpnClient::bgp_}, {2, MvpnClient::evpn_}, {5, MvpnClient::evpn_}}));
   }
-}
 
-TEST(VrfMergeDamage, MergesAfterReadyNeverDeleteOrDowngradeWhatAnUnreadableInputHolds) {
+  // Merges after ready never delete or downgrade what an unreadable input holds.
   DamageRig rig;
   rig.put({{0, 3}, {2, 3}, {0, 4}, {3, 6}});
   rig.start();
@@ -442,7 +435,8 @@ TEST(TunnelMerge, StaticWinsWholeAndTheOtherWriterTakesOverOnDelete) {
   }
 }
 
-TEST(TunnelMerge, MergedVrfLivesWhileEitherCollectionHoldsARecord) {
+TEST(TunnelMerge,
+     AMergedVrfLivesWhileEitherCollectionHoldsARecordAndAWholeInputVrfLeavingRemergesItsKeys) {
   Rig rig;
   rig.start(true);
   rig.putRoute(kMvpn, 4, 1, "r");
@@ -465,9 +459,8 @@ TEST(TunnelMerge, MergedVrfLivesWhileEitherCollectionHoldsARecord) {
   EXPECT_EQ(rig.mergedContents(), before);
   rig.delRoute(kStatic, 4, 2);
   EXPECT_EQ(rig.mergedContents().vrfs.count(4), 0u);
-}
 
-TEST(TunnelMerge, AWholeInputVrfLeavingRemergesEachOfItsKeys) {
+  // A whole input VRF leaving re-merges each of its keys.
   for (bool synchronous : {false, true}) {
     Rig rig;
     for (uint32_t n = 1; n <= 4; ++n) rig.putRoute(kMvpn, 5, n, "m" + std::to_string(n));
@@ -632,17 +625,13 @@ TEST(TunnelMergeLifecycle,
   EXPECT_EQ(rig.mergedContents(), rig.expected());
 }
 
-TEST(TunnelMergeReconcile, RestartDeletesUnsupportedRecordsPerOutput) {
+TEST(TunnelMergeReconcile, RestartDeletesUnsupportedRecordsPerOutputAndEachIsReadyOnItsOwn) {
   for (auto mode : {0, 1, 2}) {  // yielding, large slice, synchronous
     SCOPED_TRACE(mode);
     Rig rig(mode == 1 ? std::chrono::nanoseconds(1s) : 0ns);
     // A merged status from an earlier life: 1/1 and 2/(intf 1) are still supported.
-    auto m1 = rig.merged->vrfStatusIs(VrfId(1));
-    m1->encapTunnelIs(MvpnEncapTunnel(route(1), "old"));
-    m1->encapTunnelIs(MvpnEncapTunnel(route(2), "stale"));
-    m1->encapIntfTunnelIs(MvpnEncapIntfTunnel(intf(3), "stale"));
-    rig.merged->vrfStatusIs(VrfId(2))->encapIntfTunnelIs(MvpnEncapIntfTunnel(intf(1), "old"));
-    rig.merged->vrfStatusIs(VrfId(6))->encapTunnelIs(MvpnEncapTunnel(route(1), "stale"));
+    rig.putRoutes({{kOutput, 1, 1, "old"}, {kOutput, 1, 2, "stale"}, {kOutput, 6, 1, "stale"}});
+    rig.putIntfs({{kOutput, 1, 3, "stale"}, {kOutput, 2, 1, "old"}});
     rig.merged->vrfStatusIs(VrfId(7));  // an empty merged VRF goes too
     rig.putRoute(kMvpn, 1, 1, "new");
     rig.putIntf(kEvpn, 2, 1, "new");
@@ -661,14 +650,11 @@ TEST(TunnelMergeReconcile, RestartDeletesUnsupportedRecordsPerOutput) {
     EXPECT_TRUE(rig.sm->mergedEncapVrfStatusEncapTunnelOutputSeen().empty());
     EXPECT_FALSE(rig.sm->mergedEncapVrfStatusEncapIntfTunnelOutputUseBookmark());
   }
-}
 
-TEST(TunnelMergeReconcile, EachOutputIsReadyOnItsOwnAndTheMachineWhenBothAre) {
+  // Each output is ready on its own, and the machine when both are.
   Rig rig(0ns);
-  rig.merged->vrfStatusIs(VrfId(1))->encapTunnelIs(MvpnEncapTunnel(route(1), "stale"));
-  for (uint32_t n = 0; n < 5; ++n) {
-    rig.merged->vrfStatusIs(VrfId(2))->encapIntfTunnelIs(MvpnEncapIntfTunnel(intf(n), "stale"));
-  }
+  rig.putRoute(kOutput, 1, 1, "stale");
+  for (uint32_t n = 0; n < 5; ++n) rig.putIntf(kOutput, 2, n, "stale");
   rig.start();
   auto* state = rig.sm->outputState();
   // The outputs reconcile in their own tasks: one is ready before the other, and the
@@ -760,7 +746,7 @@ TEST(TunnelMergeDeathTest, NullPointerArgumentsAreFatal) {
   });
 }
 
-TEST(TunnelMergeDeathTest, IntoKeyMismatchIsFatalAndWritesNothing) {
+TEST(TunnelMergeDeathTest, IntoKeyMismatchOrAVrfLeavingWithAChangeItsChildHasNotSeenIsFatal) {
   Rig rig;
   rig.start(true);
   EXPECT_DEATH(rig.sm->intoMergedEncapVrfStatusEncapTunnel(VrfId(1), route(1),
@@ -776,9 +762,7 @@ TEST(TunnelMergeDeathTest, IntoKeyMismatchIsFatalAndWritesNothing) {
                 "the value inserted in the into statement has internal key: " +
                 intf(2).toStrep()));
   EXPECT_TRUE(rig.mergedContents().vrfs.empty());
-}
 
-TEST(TunnelMergeDeathTest, AVrfLeavingWithAChangeItsChildHasNotSeenIsFatal) {
   for (bool intfColl : {false, true}) {
     Rig rig;
     const int w = intfColl ? kEvpn : kMvpn;
@@ -798,7 +782,8 @@ TEST(TunnelMergeDeathTest, AVrfLeavingWithAChangeItsChildHasNotSeenIsFatal) {
   }
 }
 
-TEST(TunnelMergeDamage, RestartOverADamagedStaticRootKeepsTheMergedStatusUntilRepublished) {
+TEST(TunnelMergeDamage,
+     AtARestartOrAfterReadyAnUnreadableStaticInputKeepsTheMergedRecordsUntilRepublished) {
   for (bool synchronous : {false, true}) {
     SCOPED_TRACE(synchronous ? "synchronous" : "asynchronous");
     EncapTest::Rig rig;
@@ -806,11 +791,8 @@ TEST(TunnelMergeDamage, RestartOverADamagedStaticRootKeepsTheMergedStatusUntilRe
     rig.putIntf(kStatic, 2, 1, "si");
     rig.putRoutes({{kMvpn, 1, 1, "m"}, {kMvpn, 1, 2, "m2"}});
     // What an earlier life merged; (9, route 1) no writer holds any more.
-    auto m1 = rig.merged->vrfStatusIs(VrfId(1));
-    m1->encapTunnelIs(MvpnEncapTunnel(route(1), "s"));
-    m1->encapTunnelIs(MvpnEncapTunnel(route(2), "m2"));
-    rig.merged->vrfStatusIs(VrfId(2))->encapIntfTunnelIs(MvpnEncapIntfTunnel(intf(1), "si"));
-    rig.merged->vrfStatusIs(VrfId(9))->encapTunnelIs(MvpnEncapTunnel(route(1), "old"));
+    rig.putRoutes({{kOutput, 1, 1, "s"}, {kOutput, 1, 2, "m2"}, {kOutput, 9, 1, "old"}});
+    rig.putIntf(kOutput, 2, 1, "si");
     const Contents before = rig.mergedContents();
     int reports = 0;
     rig.in[kStatic]->vrfStatusCorruptionHandlerIs([&](const std::string&) { ++reports; });
@@ -833,9 +815,8 @@ TEST(TunnelMergeDamage, RestartOverADamagedStaticRootKeepsTheMergedStatusUntilRe
     EXPECT_EQ(rig.mergedContents(), rig.expected());
     EXPECT_EQ(rig.mergedContents().vrfs.count(9), 0u);
   }
-}
 
-TEST(TunnelMergeDamage, AfterReadyAnUnreadableStaticVrfNeitherLosesNorYieldsItsRecords) {
+  // After ready, an unreadable static VRF neither loses nor yields its records.
   EncapTest::Rig rig;
   rig.putRoutes({{kStatic, 1, 1, "s"}, {kMvpn, 1, 1, "m"}});
   rig.putIntf(kStatic, 1, 4, "si");

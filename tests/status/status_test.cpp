@@ -49,6 +49,13 @@ using VrfStatusDeathTest = VrfStatusTest;
 TEST_F(VrfStatusDeathTest, MountPathsAndTheClientsAndFamiliesTheyRejectDeathTest) {
   EXPECT_EQ(MvpnVrfStatus::mountPath(Nevo::ipv4, MvpnClient::bgp_),
             "routing/multicast/vpn/vrfStatus/bgp");
+  // The route status names the writer without checking it.
+  EXPECT_EQ(MvpnRouteStatus::mountPath(Nevo::ipv4, MvpnClient::bgp_),
+            "routing/multicast/vpn/routeStatus/bgp");
+  EXPECT_EQ(MvpnRouteStatus::mountPath(Nevo::ipv6, MvpnClient::bgp_),
+            "routing6/multicast/vpn/routeStatus/bgp");
+  EXPECT_EQ(MvpnRouteStatus::mountPath(Nevo::ipv4, MvpnClient::pimBidir_),
+            "routing/multicast/vpn/routeStatus/pimBidir");
   EXPECT_EQ(MvpnVrfStatus::mountPath(Nevo::ipv6, MvpnClient::staticEvpn_),
             "routing6/multicast/vpn/vrfStatus/staticEvpn");
   EXPECT_EQ(MvpnIntfStatus::mountPath(), "routing/multicast/vpn/intfStatus");
@@ -61,6 +68,8 @@ TEST_F(VrfStatusDeathTest, MountPathsAndTheClientsAndFamiliesTheyRejectDeathTest
                exactly("\"Unexpected writer agent\""));
   EXPECT_DEATH(MvpnVrfStatus::mountPath(static_cast<Nevo::AddressFamily>(3), MvpnClient::evpn_),
                exactly("false && \"Unsupported address family\""));
+  EXPECT_DEATH(MvpnRouteStatus::mountPath(Nevo::ipunknown, MvpnClient::bgp_),
+               "false && \"Unsupported address family\"");
 }
 
 TEST_F(VrfStatusTest, MutatorsCountAndAnnounce) {
@@ -156,12 +165,10 @@ TEST_F(VrfStatusTest, ControlCarriesMountStatusAndQuiesced) {
   EXPECT_TRUE(rc->quiesced());
   EXPECT_EQ(rcChanges, (std::vector<Oro::AttrId>{TylKetab::CollectionControl::mountStatusAttr,
                                                  TylKetab::CollectionControl::quiescedAttr}));
-  onControl.notifierIs(nullptr);
 
   s->mvpnVrfControlIs(Oro::makePtr<TylKetab::CollectionControl>());
   EXPECT_EQ(controlChanges, 1);
   EXPECT_NE(s->mvpnVrfControl(), control);
-  onRoot.notifierIs(nullptr);
 }
 
 TEST_F(VrfStatusTest, Dumps) {
@@ -190,7 +197,7 @@ bool ownerListed(const std::string& owner) {
   return false;
 }
 
-TEST_F(VrfStatusTest, LastReferenceHandsTheRootToItsControl) {
+TEST_F(VrfStatusTest, CreationByFactoryAndDirectoryAndTheLastReferenceHandingTheRootToItsControl) {
   Oro::Ptr<TylKetab::CollectionControl> control;
   {
     auto s = mvpnVrfStatusFactory("handover");
@@ -208,9 +215,8 @@ TEST_F(VrfStatusTest, LastReferenceHandsTheRootToItsControl) {
   // Nobody holds the control: the root goes with it.
   { auto s = mvpnVrfStatusFactory("alone"); }
   EXPECT_FALSE(ownerListed("alone"));
-}
 
-TEST_F(VrfStatusTest, CreationByFactoryAndDirectory) {
+  // Creation by the factory and by the entity directory.
   auto& dir = Oro::EntityDirectory::global();
   Oro::Ptr<Oro::Entity> e = dir.create("Routing::Multicast::MvpnVrfStatus", {"evpn"});
   ASSERT_TRUE(e);
@@ -320,7 +326,6 @@ TEST_F(VrfStatusTest, ReaderInAnotherProcessPublishesTheWritersKeys) {
         present ? std::optional<MvpnVrf>(MvpnVrf(VrfId(k), MvpnClient::evpn_)) : std::nullopt);
   }
   EXPECT_GE(r->notifyCounter().value(), seen.size());
-  reactor.notifierIs(nullptr);
 }
 
 using Bytes = std::vector<uint8_t>;
@@ -502,15 +507,6 @@ class RouteStatusTest : public shmtest::ShmTest {
 };
 using RouteStatusDeathTest = RouteStatusTest;
 
-TEST_F(RouteStatusTest, MountPathsNameTheWriterWithoutCheckingIt) {
-  EXPECT_EQ(MvpnRouteStatus::mountPath(Nevo::ipv4, MvpnClient::bgp_),
-            "routing/multicast/vpn/routeStatus/bgp");
-  EXPECT_EQ(MvpnRouteStatus::mountPath(Nevo::ipv6, MvpnClient::bgp_),
-            "routing6/multicast/vpn/routeStatus/bgp");
-  EXPECT_EQ(MvpnRouteStatus::mountPath(Nevo::ipv4, MvpnClient::pimBidir_),
-            "routing/multicast/vpn/routeStatus/pimBidir");
-}
-
 TEST_F(RouteStatusTest, SourcesAndTheGroupLifetimeRule) {
   auto root = mvpnRouteStatusFactory("bgp");
   auto vrf = root->vrfRouteStatusIs(VrfId(5));
@@ -606,9 +602,7 @@ TEST_F(RouteStatusTest, RootsAreMadeInTheStoresHeapAndByTheStoresCreator) {
   EXPECT_EQ(created->binding().mountPath(), "t/created");
 }
 
-TEST_F(RouteStatusDeathTest, AnotherFamilyOrCreationWithoutInitializerIsFatalDeathTest) {
-  EXPECT_DEATH(MvpnRouteStatus::mountPath(Nevo::ipunknown, MvpnClient::bgp_),
-               "false && \"Unsupported address family\"");
+TEST_F(RouteStatusDeathTest, CreationWithoutInitializerIsFatalDeathTest) {
   EXPECT_DEATH(Oro::ShmEntityStore::createRoot(MvpnRouteStatus::kTypeName, "x", nullptr),
                "Assertion failed: initializer");
 }
