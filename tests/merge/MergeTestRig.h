@@ -36,6 +36,9 @@ using Routing::Multicast::MvpnVrf;
 using Routing::Multicast::MvpnVrfStatus;
 using Vrf::VrfIdMap::VrfId;
 
+// The merged status's contents: each VRF's client.
+using Merged = std::map<uint32_t, MvpnClient>;
+
 // The writer of each input, in argument order.
 inline constexpr MvpnClient kWriters[4] = {MvpnClient::bgp_, MvpnClient::staticMvpn_,
                                            MvpnClient::evpn_, MvpnClient::staticEvpn_};
@@ -62,14 +65,14 @@ inline std::optional<MvpnClient> precedence(unsigned present) {
 }
 
 // The merged contents for the inputs holding each VRF (bit n = input n).
-inline std::map<uint32_t, MvpnClient> mergeOf(const std::map<uint32_t, unsigned>& present) {
-  std::map<uint32_t, MvpnClient> out;
+inline Merged mergeOf(const std::map<uint32_t, unsigned>& present) {
+  Merged out;
   for (auto [vrf, bits] : present) out[vrf] = *precedence(bits);
   return out;
 }
 
-inline std::map<uint32_t, MvpnClient> contents(const MvpnVrfStatus& status) {
-  std::map<uint32_t, MvpnClient> out;
+inline Merged contents(const MvpnVrfStatus& status) {
+  Merged out;
   for (auto it = status.mvpnVrfIter(); it.valid(); it.next()) {
     out[it.key().value()] = it.value().client();
   }
@@ -157,10 +160,10 @@ struct Rig : SmRig<Rig, MergedMvpnVrfStatusSm> {
   void mergedIs(std::initializer_list<std::pair<uint32_t, MvpnClient>> records) {
     for (auto [vrf, client] : records) merged->mvpnVrfIs(MvpnVrf(VrfId(vrf), client));
   }
-  std::map<uint32_t, MvpnClient> mergedMap() const { return contents(*merged); }
+  Merged mergedMap() const { return contents(*merged); }
   // What the merged status must hold for the inputs' present contents, leaving out the
   // inputs flagged in `departed` (bit n = input n).
-  std::map<uint32_t, MvpnClient> expected(unsigned departed = 0) const {
+  Merged expected(unsigned departed = 0) const {
     std::map<uint32_t, unsigned> present;
     for (int n = 0; n < 4; ++n) {
       if (departed & (1u << n)) continue;

@@ -22,6 +22,7 @@ namespace {
 using ::testing::HasSubstr;
 
 using namespace MergeTest;
+using enum MvpnClient;
 using namespace std::chrono_literals;
 using Oro::ShmAttach;
 using Oro::ShmRole;
@@ -53,7 +54,7 @@ TEST_F(MergeAuditTest, VrfMergeExplainsEveryPrecedenceAndChecksAgainstWriterProc
   auto in = mountedReaders(scheduler);
   auto merged = mvpnVrfStatusFactory("merged");
   merged->mount(ShmAttach{kMerged, ShmRole::writer});
-  merged->mvpnVrfIs(MvpnVrf(VrfId(99), MvpnClient::bgp_));  // left by an earlier merger
+  merged->mvpnVrfIs(MvpnVrf(VrfId(99), bgp_));  // left by an earlier merger
   auto sm = Routing::Multicast::mergedMvpnVrfStatusSmFactory(in[0], in[1], in[2], in[3], merged,
                                                              Dyx::SmControl{&scheduler});
   EXPECT_FALSE(Oro::shmStoreInfo(kMerged).merge);  // a machine not started records nothing
@@ -121,8 +122,8 @@ TEST_F(MergeAuditTest, VrfMergeExplainsEveryPrecedenceAndChecksAgainstWriterProc
 
   // Entries written behind the merger's back: a wrong winner, a VRF no writer lists, a VRF
   // missing.
-  merged->mvpnVrfIs(MvpnVrf(VrfId(5), MvpnClient::staticEvpn_));
-  merged->mvpnVrfIs(MvpnVrf(VrfId(40), MvpnClient::evpn_));
+  merged->mvpnVrfIs(MvpnVrf(VrfId(5), staticEvpn_));
+  merged->mvpnVrfIs(MvpnVrf(VrfId(40), evpn_));
   merged->mvpnVrfDel(VrfId(3));
   const Json report = Json::parse(mvpnstatExpect(std::string("check --json ") + kMerged, 1).out);
   EXPECT_EQ(report["ok"], false);

@@ -40,6 +40,7 @@ using TunnelMergeProcessTest = VrfMergeProcessTest;
 namespace vrfProcess {
 
 using namespace MergeTest;
+using enum MvpnClient;
 
 constexpr const char* kMergedPath = "test/multicast/vpn/vrfStatus/merged";
 constexpr int kPhases = 7;
@@ -90,10 +91,10 @@ TEST_F(VrfMergeProcessTest, MergedTableFollowsFourWriterProcesses) {
   const pid_t previous = shmtest::forkChild([]() -> int {
     auto merged = mvpnVrfStatusFactory("merged");
     merged->mount(ShmAttach{kMergedPath, ShmRole::writer});
-    merged->mvpnVrfIs(MvpnVrf(VrfId(500), MvpnClient::bgp_));
-    merged->mvpnVrfIs(MvpnVrf(VrfId(501), MvpnClient::evpn_));
-    merged->mvpnVrfIs(MvpnVrf(VrfId(2), MvpnClient::staticEvpn_));
-    merged->mvpnVrfIs(MvpnVrf(VrfId(7), MvpnClient::bgp_));
+    merged->mvpnVrfIs(MvpnVrf(VrfId(500), bgp_));
+    merged->mvpnVrfIs(MvpnVrf(VrfId(501), evpn_));
+    merged->mvpnVrfIs(MvpnVrf(VrfId(2), staticEvpn_));
+    merged->mvpnVrfIs(MvpnVrf(VrfId(7), bgp_));
     ::_exit(0);  // no clean-up, like a crash
   });
   ASSERT_EQ(shmtest::waitChild(previous), 0);
@@ -145,12 +146,12 @@ TEST_F(VrfMergeProcessTest, MergedTableFollowsFourWriterProcesses) {
   };
 
   ASSERT_TRUE(settle());
-  EXPECT_EQ(contents(*merged).at(7), MvpnClient::evpn_);  // static MVPN and EVPN: EVPN
-  EXPECT_EQ(contents(*merged).at(2), MvpnClient::bgp_);
+  EXPECT_EQ(contents(*merged).at(7), evpn_);  // static MVPN and EVPN: EVPN
+  EXPECT_EQ(contents(*merged).at(2), bgp_);
   // The two stale entries no writer supports were deleted.
   EXPECT_EQ(sm->mergedVrfStatusMvpnVrfOutput().deletedTotal(), 2u);
 
-  const MvpnClient after30[] = {MvpnClient::staticEvpn_, MvpnClient::bgp_, MvpnClient::staticEvpn_};
+  const MvpnClient after30[] = {staticEvpn_, bgp_, staticEvpn_};
   for (int phase = 1; phase < kPhases; ++phase) {
     SCOPED_TRACE(phase);
     runPhase(phase);
@@ -161,7 +162,7 @@ TEST_F(VrfMergeProcessTest, MergedTableFollowsFourWriterProcesses) {
       EXPECT_FALSE(merged->mvpnVrf(VrfId(30)).has_value());
     }
   }
-  EXPECT_EQ(contents(*merged).at(7), MvpnClient::evpn_);
+  EXPECT_EQ(contents(*merged).at(7), evpn_);
   EXPECT_EQ(contents(*merged).count(10), 0u);
 
   sm = nullptr;

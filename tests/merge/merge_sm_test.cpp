@@ -51,6 +51,7 @@ void expectNullArgumentsFatal(const char* const (&names)[N], const auto& make) {
 namespace vrfMerge {
 
 using namespace MergeTest;
+using enum MvpnClient;
 
 TEST(VrfMerge, PrecedenceFollowsEveryChangeAndEveryRemergedKeyIsWritten) {
   for (bool synchronous : {false, true}) {
@@ -62,14 +63,13 @@ TEST(VrfMerge, PrecedenceFollowsEveryChangeAndEveryRemergedKeyIsWritten) {
     rig.start(synchronous);
     rig.settle();
     ASSERT_TRUE(rig.sm->ready());
-    EXPECT_EQ(rig.mergedMap(),
-              (std::map<uint32_t, MvpnClient>{{7, MvpnClient::evpn_}, {9, MvpnClient::bgp_}}));
+    EXPECT_EQ(rig.mergedMap(), (Merged{{7, evpn_}, {9, bgp_}}));
     // Every re-merged key is written again, even when its merged value stays.
     shmtest::KeyLog<VrfId> changes(rig.merged.get(), MvpnVrfStatus::mvpnVrfAttr);
     rig.put(2, 7);  // the winner's same record again
     rig.put(3, 7);  // a lower-ranked writer: the merged value stays evpn_
     EXPECT_EQ(changes.keys, (std::vector<VrfId>{7, 7}));
-    EXPECT_EQ(rig.mergedMap().at(7), MvpnClient::evpn_);
+    EXPECT_EQ(rig.mergedMap().at(7), evpn_);
 
     // Each change is merged at once; then EVPN leaves 7 (static MVPN remains) and BGP
     // leaves 9 (EVPN ranks above static MVPN).
@@ -78,9 +78,9 @@ TEST(VrfMerge, PrecedenceFollowsEveryChangeAndEveryRemergedKeyIsWritten) {
       int input;
       uint32_t vrf;
       std::optional<MvpnClient> merged;
-    } steps[] = {{true, 3, 11, MvpnClient::staticEvpn_},  {true, 0, 11, MvpnClient::bgp_},
-                 {false, 0, 11, MvpnClient::staticEvpn_}, {false, 3, 11, std::nullopt},
-                 {false, 2, 7, MvpnClient::staticMvpn_},  {false, 0, 9, MvpnClient::evpn_}};
+    } steps[] = {{true, 3, 11, staticEvpn_},  {true, 0, 11, bgp_},
+                 {false, 0, 11, staticEvpn_}, {false, 3, 11, std::nullopt},
+                 {false, 2, 7, staticMvpn_},  {false, 0, 9, evpn_}};
     for (const Step& step : steps) {
       step.put ? rig.put(step.input, step.vrf) : rig.del(step.input, step.vrf);
       auto got = rig.merged->mvpnVrf(VrfId(step.vrf));
@@ -141,8 +141,7 @@ TEST(VrfMergeReconcile, RestartDeletesExactlyTheUnsupportedEntriesAndAnEmptyOutp
     const bool earlier = mode != 3;
     Rig rig(mode == 1 ? std::chrono::nanoseconds(1s) : 0ns);
     if (earlier) {
-      rig.mergedIs(
-          {{100, MvpnClient::bgp_}, {101, MvpnClient::evpn_}, {5, MvpnClient::staticEvpn_}});
+      rig.mergedIs({{100, bgp_}, {101, evpn_}, {5, staticEvpn_}});
     }
     rig.put({{0, 5}, {3, 6}});
     rig.start(mode == 2);
@@ -150,8 +149,7 @@ TEST(VrfMergeReconcile, RestartDeletesExactlyTheUnsupportedEntriesAndAnEmptyOutp
     // A synchronous machine did everything inside initializedIs, however short the slice.
     EXPECT_EQ(rig.scheduler.runUntilIdle() == 0, mode == 2);
     ASSERT_TRUE(rig.sm->ready() && rig.sm->idle());
-    EXPECT_EQ(rig.mergedMap(), (std::map<uint32_t, MvpnClient>{{5, MvpnClient::bgp_},
-                                                               {6, MvpnClient::staticEvpn_}}));
+    EXPECT_EQ(rig.mergedMap(), (Merged{{5, bgp_}, {6, staticEvpn_}}));
     const auto& output = rig.sm->mergedVrfStatusMvpnVrfOutput();
     EXPECT_EQ(output.deletedTotal(), earlier ? 2u : 0u);
     EXPECT_EQ(output.processedTotal(), earlier ? 4u : 0u);
@@ -170,11 +168,11 @@ TEST(VrfMergeDeparture, DepartedInputFallsBackToTheOthersAndAnEarlyOneCountsAsEm
   EXPECT_EQ(rig.mergedMap(), rig.expected());
 
   rig.sm->inputRootDel(0);
-  EXPECT_EQ(rig.mergedMap(), (std::map<uint32_t, MvpnClient>{{5, MvpnClient::staticEvpn_}}));
+  EXPECT_EQ(rig.mergedMap(), (Merged{{5, staticEvpn_}}));
   rig.put(0, 7);  // no longer watched
   EXPECT_FALSE(rig.merged->mvpnVrf(VrfId(7)).has_value());
   rig.put(2, 5);
-  EXPECT_EQ(rig.mergedMap().at(5), MvpnClient::evpn_);
+  EXPECT_EQ(rig.mergedMap().at(5), evpn_);
 
   // An input departing before its initial scan is done counts as empty.
   Rig early(0ns);
@@ -184,7 +182,7 @@ TEST(VrfMergeDeparture, DepartedInputFallsBackToTheOthersAndAnEarlyOneCountsAsEm
   early.sm->inputRootDel(2);
   early.settle();
   EXPECT_TRUE(early.sm->ready());
-  EXPECT_EQ(early.mergedMap(), (std::map<uint32_t, MvpnClient>{{8, MvpnClient::staticMvpn_}}));
+  EXPECT_EQ(early.mergedMap(), (Merged{{8, staticMvpn_}}));
 }
 
 TEST(VrfMergeTrace, LifecycleLinesAndReconciliationLinesWithAndWithoutYields) {
@@ -250,7 +248,7 @@ TEST(VrfMergeTrace, LifecycleLinesAndReconciliationLinesWithAndWithoutYields) {
   };
   for (bool synchronous : {false, true}) {
     Rig rig(0ns);
-    rig.mergedIs({{8, MvpnClient::bgp_}, {9, MvpnClient::bgp_}});
+    rig.mergedIs({{8, bgp_}, {9, bgp_}});
     TraceCapture trace("MergedMvpnVrfStatusSm");
     rig.start(synchronous);
     if (!synchronous) {
@@ -288,7 +286,7 @@ TEST(VrfMergeDeathTest, IntoKeyMismatchOrAnInputLeavingDuringItsOwnNotificationI
   Rig rig;
   rig.start(true);
   EXPECT_DEATH(
-      rig.sm->intoMergedVrfStatusMvpnVrf(VrfId(5), MvpnVrf(VrfId(6), MvpnClient::bgp_)),
+      rig.sm->intoMergedVrfStatusMvpnVrf(VrfId(5), MvpnVrf(VrfId(6), bgp_)),
       HasSubstr("In \"into( mergedVrfStatus.mvpnVrf[ vrfId ] )\" the value inserted in the "
                 "into statement has internal key: 6, but the key specified in the into "
                 "is: 5"));
@@ -327,10 +325,7 @@ TEST(VrfMergeDamage, ADamagedInputKeepsItsEntriesAtARestartAndAfterReadyUntilItI
     DamageRig rig;
     rig.put({{0, 1}, {0, 5}, {2, 2}, {2, 5}});
     // The merged status a previous reader left: 9 is stale.
-    rig.mergedIs({{1, MvpnClient::bgp_},
-                  {2, MvpnClient::evpn_},
-                  {5, MvpnClient::bgp_},
-                  {9, MvpnClient::bgp_}});
+    rig.mergedIs({{1, bgp_}, {2, evpn_}, {5, bgp_}, {9, bgp_}});
     const auto before = rig.mergedMap();
     rig.damage();
     rig.start(synchronous);
@@ -345,9 +340,7 @@ TEST(VrfMergeDamage, ADamagedInputKeepsItsEntriesAtARestartAndAfterReadyUntilItI
     rig.republish({1});
     rig.settle();
     EXPECT_TRUE(rig.sm->ready());
-    EXPECT_EQ(rig.mergedMap(),
-              (std::map<uint32_t, MvpnClient>{
-                  {1, MvpnClient::bgp_}, {2, MvpnClient::evpn_}, {5, MvpnClient::evpn_}}));
+    EXPECT_EQ(rig.mergedMap(), (Merged{{1, bgp_}, {2, evpn_}, {5, evpn_}}));
   }
 
   // Merges after ready never delete or downgrade what an unreadable input holds.
@@ -366,10 +359,7 @@ TEST(VrfMergeDamage, ADamagedInputKeepsItsEntriesAtARestartAndAfterReadyUntilItI
   rig.del(2, 4);
   rig.put({{1, 6}, {1, 7}});
   EXPECT_GT(rig.reports, 0);
-  EXPECT_EQ(rig.mergedMap(), (std::map<uint32_t, MvpnClient>{{3, MvpnClient::bgp_},
-                                                             {4, MvpnClient::bgp_},
-                                                             {6, MvpnClient::staticMvpn_},
-                                                             {7, MvpnClient::staticMvpn_}}));
+  EXPECT_EQ(rig.mergedMap(), (Merged{{3, bgp_}, {4, bgp_}, {6, staticMvpn_}, {7, staticMvpn_}}));
 
   // BGP republishes without 3: every key follows its inputs again.
   rig.republish({4, 7});

@@ -48,6 +48,7 @@ using shmtest::mvpnstat;
 using shmtest::mvpnstatExpect;
 using shmtest::promtool;
 using shmtest::Result;
+using enum MvpnClient;
 
 class MvpnstatToolTest : public ::testing::Test {
  protected:
@@ -56,10 +57,10 @@ class MvpnstatToolTest : public ::testing::Test {
 };
 
 TEST_F(MvpnstatToolTest, ShowsListsAndWatchesTables) {
-  const std::string path = MvpnVrfStatus::mountPath(Nevo::ipv4, MvpnClient::evpn_);
+  const std::string path = MvpnVrfStatus::mountPath(Nevo::ipv4, evpn_);
   auto vrfs = mvpnVrfStatusFactory(path);
   vrfs->mount(Oro::ShmAttach{path, Oro::ShmRole::writer});
-  vrfs->mvpnVrfIs(MvpnVrf(Vrf::VrfIdMap::VrfId(7), MvpnClient::evpn_));
+  vrfs->mvpnVrfIs(MvpnVrf(Vrf::VrfIdMap::VrfId(7), evpn_));
   auto intfs = mvpnIntfStatusFactory(MvpnIntfStatus::mountPath());
   intfs->mount(Oro::ShmAttach{MvpnIntfStatus::mountPath(), Oro::ShmRole::writer});
   intfs->vrfIntfIdIs(MvpnVrfIntfId(Vrf::VrfIdMap::VrfId(7), Nevo::IntfId::vlan(107)));
@@ -97,7 +98,7 @@ std::vector<std::string> sortedLines(const std::string& text) {
 TEST_F(MvpnstatToolTest, ShowsAndWatchesNestedStatuses) {
   using Vrf::VrfIdMap::VrfId;
   const auto v4 = Nevo::IpGenAddr::ipv4Addr;
-  const std::string treePath = MvpnRouteStatus::mountPath(Nevo::ipv4, MvpnClient::bgp_);
+  const std::string treePath = MvpnRouteStatus::mountPath(Nevo::ipv4, bgp_);
   auto tree = mvpnRouteStatusFactory(treePath);
   tree->mount(Oro::ShmAttach{treePath, Oro::ShmRole::writer});
   tree->vrfRouteStatusIs(VrfId(3))->mvpnSourceIs(v4(0xef000001), v4(0x0a000001),
@@ -164,11 +165,11 @@ TEST_F(MvpnstatToolTest, ReportsUnknownDamagedAndForeignTables) {
                  {"holds a Test::Other, which mvpnstat does not know"});
 
   // A header overwritten with garbage.
-  const std::string path = MvpnVrfStatus::mountPath(Nevo::ipv4, MvpnClient::bgp_);
+  const std::string path = MvpnVrfStatus::mountPath(Nevo::ipv4, bgp_);
   {
     auto vrfs = mvpnVrfStatusFactory(path);
     vrfs->mount(Oro::ShmAttach{path, Oro::ShmRole::writer});
-    vrfs->mvpnVrfIs(MvpnVrf(Vrf::VrfIdMap::VrfId(1), MvpnClient::bgp_));
+    vrfs->mvpnVrfIs(MvpnVrf(Vrf::VrfIdMap::VrfId(1), bgp_));
     vrfs->unmount();
   }
   const std::string file = "/dev/shm/" + Oro::shmStoreName(path).substr(1);
@@ -196,7 +197,7 @@ std::vector<std::string> filesOf(const std::string& path) {
 }
 
 TEST_F(MvpnstatToolTest, RemoveRefusesALiveWriterAndLeavesNothingOfADeadOne) {
-  const std::string path = MvpnVrfStatus::mountPath(Nevo::ipv4, MvpnClient::evpn_);
+  const std::string path = MvpnVrfStatus::mountPath(Nevo::ipv4, evpn_);
   shmtest::Pipe ready;
   const pid_t writer = shmtest::forkChild([&]() -> int {
     auto vrfs = mvpnVrfStatusFactory(path);
@@ -225,7 +226,7 @@ TEST_F(MvpnstatToolTest, RemoveRefusesALiveWriterAndLeavesNothingOfADeadOne) {
 }
 
 TEST_F(MvpnstatToolTest, BadCountsAreUsageErrors) {
-  const std::string watch = "watch " + MvpnVrfStatus::mountPath(Nevo::ipv4, MvpnClient::bgp_);
+  const std::string watch = "watch " + MvpnVrfStatus::mountPath(Nevo::ipv4, bgp_);
   for (const char* count : {"-1", "-5", "''", "abc", "' 3'", "+3", "3x", "0", "0x10",
                             "18446744073709551616", "99999999999999999999999"}) {
     mvpnstatExpect(watch + " --count " + count, 2,
@@ -286,7 +287,7 @@ TEST_F(MvpnstatToolTest, HostileNamesStayValidJsonAndVisibleText) {
 // once, with every key that was never touched.
 TEST_F(MvpnstatToolTest, ShowJsonListsEachKeyOnceWhileKeysMove) {
   constexpr uint32_t kKeys = 20000, kMoved = 1000, kFiller = 1000000;
-  const std::string path = MvpnVrfStatus::mountPath(Nevo::ipv4, MvpnClient::bgp_);
+  const std::string path = MvpnVrfStatus::mountPath(Nevo::ipv4, bgp_);
   auto vrfs = mvpnVrfStatusFactory(path);
   vrfs->mount(Oro::ShmAttach{path, Oro::ShmRole::writer});
   for (uint32_t k = 0; k < kKeys; ++k) vrfs->mvpnVrfIs(MvpnVrf(Vrf::VrfIdMap::VrfId(k)));
@@ -342,7 +343,7 @@ int freePort() {
 
 TEST(MetricsScrape, PrometheusScrapesTheEndpointAndAnswersACounterQuery) {
   Oro::shmUnlinkNamespace();
-  const std::string path = MvpnVrfStatus::mountPath(Nevo::ipv4, MvpnClient::bgp_);
+  const std::string path = MvpnVrfStatus::mountPath(Nevo::ipv4, bgp_);
   auto vrfs = mvpnVrfStatusFactory(path);
   vrfs->mount(Oro::ShmAttach{path, Oro::ShmRole::writer});
   for (uint32_t v = 1; v <= 3; ++v) vrfs->mvpnVrfIs(MvpnVrf(Vrf::VrfIdMap::VrfId(v)));

@@ -35,6 +35,7 @@ using ::testing::HasSubstr;
 using Oro::ShmAttach;
 using Oro::ShmRole;
 using shmtest::KeyLog;
+using enum MvpnClient;
 using Vrf::VrfIdMap::VrfId;
 using namespace std::chrono_literals;
 
@@ -47,48 +48,45 @@ class VrfStatusTest : public shmtest::ShmTest {};
 using VrfStatusDeathTest = VrfStatusTest;
 
 TEST_F(VrfStatusDeathTest, MountPathsAndTheClientsAndFamiliesTheyRejectDeathTest) {
-  EXPECT_EQ(MvpnVrfStatus::mountPath(Nevo::ipv4, MvpnClient::bgp_),
-            "routing/multicast/vpn/vrfStatus/bgp");
+  EXPECT_EQ(MvpnVrfStatus::mountPath(Nevo::ipv4, bgp_), "routing/multicast/vpn/vrfStatus/bgp");
   // The route status names the writer without checking it.
-  EXPECT_EQ(MvpnRouteStatus::mountPath(Nevo::ipv4, MvpnClient::bgp_),
-            "routing/multicast/vpn/routeStatus/bgp");
-  EXPECT_EQ(MvpnRouteStatus::mountPath(Nevo::ipv6, MvpnClient::bgp_),
-            "routing6/multicast/vpn/routeStatus/bgp");
-  EXPECT_EQ(MvpnRouteStatus::mountPath(Nevo::ipv4, MvpnClient::pimBidir_),
+  EXPECT_EQ(MvpnRouteStatus::mountPath(Nevo::ipv4, bgp_), "routing/multicast/vpn/routeStatus/bgp");
+  EXPECT_EQ(MvpnRouteStatus::mountPath(Nevo::ipv6, bgp_), "routing6/multicast/vpn/routeStatus/bgp");
+  EXPECT_EQ(MvpnRouteStatus::mountPath(Nevo::ipv4, pimBidir_),
             "routing/multicast/vpn/routeStatus/pimBidir");
-  EXPECT_EQ(MvpnVrfStatus::mountPath(Nevo::ipv6, MvpnClient::staticEvpn_),
+  EXPECT_EQ(MvpnVrfStatus::mountPath(Nevo::ipv6, staticEvpn_),
             "routing6/multicast/vpn/vrfStatus/staticEvpn");
   EXPECT_EQ(MvpnIntfStatus::mountPath(), "routing/multicast/vpn/intfStatus");
-  EXPECT_DEATH(MvpnVrfStatus::mountPath(Nevo::ipv4, MvpnClient::pimBidir_),
+  EXPECT_DEATH(MvpnVrfStatus::mountPath(Nevo::ipv4, pimBidir_),
                exactly("( client == MvpnClient::bgp_ || client == MvpnClient::staticMvpn_ || "
                        "client == MvpnClient::evpn_ || client == MvpnClient::staticEvpn_ ) && "
                        "\"Unexpected writer agent\""));
   // The client is checked before the family.
   EXPECT_DEATH(MvpnVrfStatus::mountPath(Nevo::ipunknown, static_cast<MvpnClient>(9)),
                exactly("\"Unexpected writer agent\""));
-  EXPECT_DEATH(MvpnVrfStatus::mountPath(static_cast<Nevo::AddressFamily>(3), MvpnClient::evpn_),
+  EXPECT_DEATH(MvpnVrfStatus::mountPath(static_cast<Nevo::AddressFamily>(3), evpn_),
                exactly("false && \"Unsupported address family\""));
-  EXPECT_DEATH(MvpnRouteStatus::mountPath(Nevo::ipunknown, MvpnClient::bgp_),
+  EXPECT_DEATH(MvpnRouteStatus::mountPath(Nevo::ipunknown, bgp_),
                "false && \"Unsupported address family\"");
 }
 
 TEST_F(VrfStatusTest, MutatorsCountAndAnnounce) {
   auto s = mvpnVrfStatusFactory("bgp");
   KeyLog<VrfId> seen(s.get(), MvpnVrfStatus::mvpnVrfAttr);
-  s->mvpnVrfIs(MvpnVrf(VrfId(5), MvpnClient::evpn_));
-  s->mvpnVrfIs(MvpnVrf(VrfId(5), MvpnClient::evpn_));  // unchanged: announced anyway
+  s->mvpnVrfIs(MvpnVrf(VrfId(5), evpn_));
+  s->mvpnVrfIs(MvpnVrf(VrfId(5), evpn_));  // unchanged: announced anyway
   s->mvpnVrfIs(MvpnVrf(VrfId(6)));
   EXPECT_EQ(s->mvpnVrfSize(), 2u);
-  EXPECT_EQ(s->mvpnVrf(VrfId(5)), MvpnVrf(VrfId(5), MvpnClient::evpn_));
+  EXPECT_EQ(s->mvpnVrf(VrfId(5)), MvpnVrf(VrfId(5), evpn_));
   EXPECT_EQ(s->mvpnVrf(VrfId(7)), std::nullopt);
 
   EXPECT_EQ(s->mvpnVrfDel(VrfId(7)), MvpnVrf());  // absent: the default record
   EXPECT_EQ(s->mvpnVrfDel(VrfId(6)), MvpnVrf(VrfId(6)));
 
   MvpnVrf& staged = s->mvpnVrfDirectWrite();
-  staged = MvpnVrf(VrfId(8), MvpnClient::staticMvpn_);
+  staged = MvpnVrf(VrfId(8), staticMvpn_);
   s->mvpnVrfCommit(&staged);
-  EXPECT_EQ(s->mvpnVrf(VrfId(8)), MvpnVrf(VrfId(8), MvpnClient::staticMvpn_));
+  EXPECT_EQ(s->mvpnVrf(VrfId(8)), MvpnVrf(VrfId(8), staticMvpn_));
   s->mvpnVrfNotify(VrfId(42));
 
   EXPECT_EQ(seen.keys, (std::vector<VrfId>{5, 5, 6, 6, 8, 42}));
@@ -126,7 +124,7 @@ TEST_F(VrfStatusTest, OldValuesAreDeliveredInThatModeOnly) {
   s->mvpnVrfIs(MvpnVrf(VrfId(1)));
   EXPECT_TRUE(rec.changes.empty());
   s->oldValuesIs(true);
-  const MvpnVrf one(VrfId(1)), oneEvpn(VrfId(1), MvpnClient::evpn_);
+  const MvpnVrf one(VrfId(1)), oneEvpn(VrfId(1), evpn_);
   s->mvpnVrfIs(oneEvpn);
   s->mvpnVrfIs(MvpnVrf(VrfId(2)));
   s->mvpnVrfDel(VrfId(1));
@@ -149,13 +147,13 @@ TEST_F(VrfStatusTest, ControlCarriesMountStatusAndQuiesced) {
   s->mvpnVrfControlIs(control);  // the same object: nothing
   EXPECT_EQ(controlChanges, 0);
 
-  s->mount(ShmAttach{MvpnVrfStatus::mountPath(Nevo::ipv4, MvpnClient::bgp_), ShmRole::writer});
+  s->mount(ShmAttach{MvpnVrfStatus::mountPath(Nevo::ipv4, bgp_), ShmRole::writer});
   EXPECT_EQ(control->mountStatus(), TylKetab::MountStatus::mounted);
   s->binding().quiescedIs(true);
   EXPECT_TRUE(control->quiesced());
 
   auto r = mvpnVrfStatusFactory("bgp");
-  r->mount(ShmAttach{MvpnVrfStatus::mountPath(Nevo::ipv4, MvpnClient::bgp_), ShmRole::reader});
+  r->mount(ShmAttach{MvpnVrfStatus::mountPath(Nevo::ipv4, bgp_), ShmRole::reader});
   Oro::Ptr<TylKetab::CollectionControl> rc = r->mvpnVrfControl();
   std::vector<Oro::AttrId> rcChanges;
   Oro::AttrReactor onControl([&](Oro::AttrId a) { rcChanges.push_back(a); });
@@ -176,7 +174,7 @@ TEST_F(VrfStatusTest, Dumps) {
   Oro::DumpContext empty;
   s->dumpState(empty, 0);
   EXPECT_EQ(empty.str(), "MvpnVrfStatus #0:\n");
-  s->mvpnVrfIs(MvpnVrf(VrfId(3), MvpnClient::evpn_));
+  s->mvpnVrfIs(MvpnVrf(VrfId(3), evpn_));
   s->mvpnVrfIs(MvpnVrf(VrfId(4)));
   Oro::DumpContext dc;
   s->dumpState(dc, 2);
@@ -289,17 +287,17 @@ TEST_F(VrfStatusTest, IntfStatusPmsiLookupAndDeletion) {
 }
 
 TEST_F(VrfStatusTest, ReaderInAnotherProcessPublishesTheWritersKeys) {
-  const std::string path = MvpnVrfStatus::mountPath(Nevo::ipv4, MvpnClient::evpn_);
+  const std::string path = MvpnVrfStatus::mountPath(Nevo::ipv4, evpn_);
   shmtest::Pipe ready, go;
   const pid_t child = shmtest::forkChild([&] {
     auto w = mvpnVrfStatusFactory("evpn");
-    w->mvpnVrfIs(MvpnVrf(VrfId(1), MvpnClient::evpn_));  // before mounting
+    w->mvpnVrfIs(MvpnVrf(VrfId(1), evpn_));  // before mounting
     w->mount(ShmAttach{path, ShmRole::writer});
     ready.send();
     if (!go.receive()) return 3;
-    for (uint32_t k = 2; k < 200; ++k) w->mvpnVrfIs(MvpnVrf(VrfId(k), MvpnClient::evpn_));
+    for (uint32_t k = 2; k < 200; ++k) w->mvpnVrfIs(MvpnVrf(VrfId(k), evpn_));
     for (uint32_t k = 2; k < 200; k += 2) w->mvpnVrfDel(VrfId(k));
-    w->mvpnVrfIs(MvpnVrf(VrfId(1000), MvpnClient::evpn_));
+    w->mvpnVrfIs(MvpnVrf(VrfId(1000), evpn_));
     return 0;
   });
   ASSERT_TRUE(ready.receive());
@@ -321,9 +319,8 @@ TEST_F(VrfStatusTest, ReaderInAnotherProcessPublishesTheWritersKeys) {
   for (uint32_t k = 1; k < 200; ++k) {
     EXPECT_TRUE(seen.count(VrfId(k))) << k;
     const bool present = k == 1 || k % 2 == 1;
-    EXPECT_EQ(
-        r->mvpnVrf(VrfId(k)),
-        present ? std::optional<MvpnVrf>(MvpnVrf(VrfId(k), MvpnClient::evpn_)) : std::nullopt);
+    EXPECT_EQ(r->mvpnVrf(VrfId(k)),
+              present ? std::optional<MvpnVrf>(MvpnVrf(VrfId(k), evpn_)) : std::nullopt);
   }
   EXPECT_GE(r->notifyCounter().value(), seen.size());
 }
@@ -380,11 +377,11 @@ Bytes messageWithField(uint32_t number, uint8_t wireType) {
 TEST(MvpnVrfTest, EqualityOrderTextDumpAndValueForm) {
   const MvpnVrf def;
   EXPECT_EQ(def.key(), VrfId(16777215));
-  EXPECT_EQ(def.client(), MvpnClient::bgp_);
-  const MvpnVrf a(VrfId(12), MvpnClient::evpn_), b(VrfId(12), MvpnClient::staticMvpn_);
+  EXPECT_EQ(def.client(), bgp_);
+  const MvpnVrf a(VrfId(12), evpn_), b(VrfId(12), staticMvpn_);
   EXPECT_FALSE(a.isEq(b));
   EXPECT_LT(b, a);  // same key: client decides
-  EXPECT_LT(MvpnVrf(VrfId(3), MvpnClient::staticEvpn_), b);
+  EXPECT_LT(MvpnVrf(VrfId(3), staticEvpn_), b);
   EXPECT_EQ(a.toStrep(), "12");
   EXPECT_EQ(a.toStrep(), b.toStrep());  // the client is not part of the text
   Oro::DumpContext dc;
@@ -393,7 +390,7 @@ TEST(MvpnVrfTest, EqualityOrderTextDumpAndValueForm) {
   EXPECT_EQ(dc.str(), "VRF 12\n    VRF 12\n");
 
   // The value form carries the client.
-  const MvpnVrf c(VrfId(12), MvpnClient::staticEvpn_);
+  const MvpnVrf c(VrfId(12), staticEvpn_);
   const std::string text = c.toValueForm();
   EXPECT_EQ(text, "Value('Routing::Multicast::MvpnVrf', ** {'key': 12, 'client': staticEvpn})");
   Oro::CharRange in(text);
@@ -412,11 +409,11 @@ TEST(MvpnVrfTest, EqualityOrderTextDumpAndValueForm) {
 
 TEST(MvpnVrfTest, WireFormBytesReadingAndErrors) {
   Oro::PbWriteBuffer out;
-  writeMessage(out, MvpnVrf(VrfId(7), MvpnClient::bgp_));
+  writeMessage(out, MvpnVrf(VrfId(7), bgp_));
   EXPECT_EQ(bytesOf(out), (Bytes{0xB0, 0xD5, 0x07, 0x07, 0xC0, 0xE6, 0x0F, 0x00}));
 
   Oro::PbWriteBuffer framed;
-  const MvpnVrf v(VrfId(300), MvpnClient::staticEvpn_);
+  const MvpnVrf v(VrfId(300), staticEvpn_);
   writePbMessage(framed, v);
   framed.writeVarint(99);  // something after the message
   Oro::PbReadBuffer in(framed.bytes());
@@ -435,14 +432,14 @@ TEST(MvpnVrfTest, WireFormBytesReadingAndErrors) {
   partial.closeSection(s);
   Oro::PbReadBuffer pin(partial.bytes());
   constructFromPbMessage(&got, pin);
-  EXPECT_EQ(got, MvpnVrf(VrfId(16777215), MvpnClient::evpn_));
+  EXPECT_EQ(got, MvpnVrf(VrfId(16777215), evpn_));
 
   // A zero length reads nothing.
   const Bytes empty{0x00};
   Oro::PbReadBuffer ein(empty);
-  MvpnVrf keep(VrfId(5), MvpnClient::evpn_);
+  MvpnVrf keep(VrfId(5), evpn_);
   readMessage(ein, keep);
-  EXPECT_EQ(keep, MvpnVrf(VrfId(5), MvpnClient::evpn_));
+  EXPECT_EQ(keep, MvpnVrf(VrfId(5), evpn_));
   EXPECT_TRUE(ein.atEnd());
 
   // Bad bytes raise.
@@ -454,9 +451,9 @@ TEST(MvpnVrfTest, WireFormBytesReadingAndErrors) {
   // A length that runs past the buffer; the record is left as it was.
   const Bytes truncated{0x08, 0xB0, 0xD5, 0x07, 0x07};
   Oro::PbReadBuffer tin(truncated);
-  MvpnVrf t(VrfId(1), MvpnClient::evpn_);
+  MvpnVrf t(VrfId(1), evpn_);
   EXPECT_THROW(readMessage(tin, t), Oro::ProtobufReadException);
-  EXPECT_EQ(t, MvpnVrf(VrfId(1), MvpnClient::evpn_));
+  EXPECT_EQ(t, MvpnVrf(VrfId(1), evpn_));
 }
 
 TEST(MvpnVrfIntfIdTest, ValuesTextAndWireForms) {
@@ -758,7 +755,7 @@ void changeTree(MvpnRouteStatus& root, std::mt19937& rng, int steps) {
 }
 
 TEST_F(RouteStatusTest, AReaderInAnotherProcessFollowsTheTreeAtEveryLevel) {
-  const std::string path = MvpnRouteStatus::mountPath(Nevo::ipv4, MvpnClient::bgp_);
+  const std::string path = MvpnRouteStatus::mountPath(Nevo::ipv4, bgp_);
   shmtest::Pipe ready, go, done;
   const pid_t writer = shmtest::forkChild([&] {
     auto root = mvpnRouteStatusFactory("bgp");
