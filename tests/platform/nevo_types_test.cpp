@@ -95,7 +95,7 @@ TEST(IpGenPrefix, TextMaskAndRange) {
   EXPECT_NE(p.hash(3), parseText<IpGenPrefix>("10.0.0.0/9").hash(3));
 }
 
-TEST(IntfId, TypedIdsTextErrorsAndOrder) {
+TEST(IntfId, TypedIdsTextErrorsOrderAndVrfIds) {
   EXPECT_TRUE(IntfId().empty());
   EXPECT_FALSE(IntfId::ethernet(0).empty());
   EXPECT_EQ(IntfId::vlan(100).toStrep(), "Vlan100");
@@ -115,9 +115,8 @@ TEST(IntfId, TypedIdsTextErrorsAndOrder) {
   EXPECT_LT(IntfId(), IntfId::ethernet(1));
   EXPECT_LT(IntfId::ethernet(9), IntfId::vlan(1));
   EXPECT_NE(IntfId::vlan(1).hash(0), IntfId::vlan(2).hash(0));
-}
 
-TEST(VrfId, DefaultTextRangeAndOrder) {
+  // VRF ids: default, text, range and order.
   EXPECT_EQ(VrfId().value(), 16777215u);
   EXPECT_FALSE(VrfId().isValid());
   EXPECT_EQ(VrfId(12).toStrep(), "12");
@@ -129,7 +128,7 @@ TEST(VrfId, DefaultTextRangeAndOrder) {
   EXPECT_EQ((std::unordered_set<VrfId>{VrfId(1), VrfId(2), VrfId(1)}.size()), 2u);
 }
 
-TEST(CharRange, CursorOperations) {
+TEST(CharRange, CursorOperationsAndTheValueForm) {
   Oro::CharRange in("abc 'x\\'y' \"q\" 42");
   EXPECT_EQ(in.peek(), 'a');
   EXPECT_FALSE(in.consume("abd"));
@@ -155,22 +154,21 @@ TEST(CharRange, CursorOperations) {
   std::string quoted = Oro::quoteText(s);
   Oro::CharRange q(quoted);
   EXPECT_EQ(q.readQuoted(), s);
-}
 
-TEST(ValueForm, WriteReadBackAndErrors) {
+  // The value form: written, read back, and its errors.
   std::string text = Oro::ValueFormWriter("Test::Rec")
                          .attr("key", VrfId(7).toStrep())
                          .attr("on", true)
                          .attr("intf", IntfId::vlan(3).toStrep())
                          .done();
   EXPECT_EQ(text, "Value('Test::Rec', ** {'key': 7, 'on': True, 'intf': Vlan3})");
-  Oro::CharRange in(text);
-  Oro::ValueFormReader r(in, "Test::Rec");
+  Oro::CharRange form(text);
+  Oro::ValueFormReader r(form, "Test::Rec");
   EXPECT_EQ(r.attr("key", VrfId::readFrom), VrfId(7));
   EXPECT_TRUE(r.boolAttr("on"));
   EXPECT_EQ(r.attr("intf", IntfId::readFrom), IntfId::vlan(3));
   r.end();
-  EXPECT_TRUE(in.atEnd());
+  EXPECT_TRUE(form.atEnd());
 
   // A range error names the attribute; mismatched literals are parse errors.
   auto readKey = [](const char* text) {

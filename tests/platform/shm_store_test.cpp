@@ -78,7 +78,7 @@ TEST_F(ShmStoreTest, DetachedTableInsertsReplacesRemovesAndResumesWalks) {
   EXPECT_EQ(seen.size(), 998u);
 }
 
-TEST_F(ShmStoreTest, ReaderSeesWriterChangesControlFlagsAndKeysItHeldBefore) {
+TEST_F(ShmStoreTest, ReaderSeesWriterChangesControlFlagsAndKeysItHeldBeforeAndDetachesOverDamage) {
   Table w("test::Rec", "recs", {});
   w.insert(1, Rec::of(1));
   w.attach(ShmAttach{"t/a", ShmRole::writer});
@@ -111,24 +111,22 @@ TEST_F(ShmStoreTest, ReaderSeesWriterChangesControlFlagsAndKeysItHeldBefore) {
   EXPECT_EQ(r.find(2), Rec::of(2));
   w.detach();
   EXPECT_EQ(w.size(), 2u);
-}
 
-// Detaching copies the records into process memory, mapping what the reader had not mapped
-// yet: a segment removed meanwhile is damage reported to the handler, not an exception out of
-// detach (which runs in destructors).
-TEST_F(ShmStoreTest, DetachingOverARemovedChunkReportsDamage) {
-  Table w("test::Rec", "recs", {});
-  w.attach(ShmAttach{"t/gone", ShmRole::writer});
-  for (uint32_t k = 0; k < Oro::ShmLayout::kBaseChunkSlots; ++k) w.insert(k, Rec::of(k));
-  Table r("test::Rec", "recs", {});
+  // Detaching copies the records into process memory, mapping what the reader had not mapped yet: a
+  // segment removed meanwhile is damage reported to the handler, not an exception out of detach
+  // (which runs in destructors).
+  Table writer("test::Rec", "recs", {});
+  writer.attach(ShmAttach{"t/gone", ShmRole::writer});
+  for (uint32_t k = 0; k < Oro::ShmLayout::kBaseChunkSlots; ++k) writer.insert(k, Rec::of(k));
+  Table reader("test::Rec", "recs", {});
   std::vector<std::string> reports;
-  r.corruptionHandlerIs([&](const std::string& m) { reports.push_back(m); });
-  r.attach(ShmAttach{"t/gone", ShmRole::reader});
-  w.insert(Oro::ShmLayout::kBaseChunkSlots, Rec::of(0));  // the first record of chunk 1
+  reader.corruptionHandlerIs([&](const std::string& m) { reports.push_back(m); });
+  reader.attach(ShmAttach{"t/gone", ShmRole::reader});
+  writer.insert(Oro::ShmLayout::kBaseChunkSlots, Rec::of(0));  // the first record of chunk 1
   const ShmStore view = ShmStore::openReader("t/gone", nullptr);
   const std::string chunk1 = Oro::shmStoreSegmentName("t/gone", view.header()->instance, "0k1");
   ASSERT_EQ(::unlink(("/dev/shm" + chunk1).c_str()), 0);
-  EXPECT_NO_THROW(r.detach());
+  EXPECT_NO_THROW(reader.detach());
   ASSERT_EQ(reports.size(), 1u);
   EXPECT_THAT(reports[0], HasSubstr(chunk1));
 }
@@ -191,7 +189,7 @@ std::vector<uint32_t> members(const ShmStore& s, uint32_t c, uint64_t parent) {
   return out;
 }
 
-TEST_F(ShmStoreTest, NestedMembersLiveOnTheirParentsPagesAndGoWithThem) {
+TEST_F(ShmStoreTest, NestedMembersLiveOnTheirParentsPagesCommittedAsTheyAreCarved) {
   ShmStore s = ShmStore::openWriter("t/tree", nestedSchema(), 0600, 1024);
   const uint64_t a = addParent(s, 1);
   const uint64_t b = addParent(s, 2);
@@ -239,15 +237,13 @@ TEST_F(ShmStoreTest, NestedMembersLiveOnTheirParentsPagesAndGoWithThem) {
   EXPECT_EQ(s.header()->colls[1].slotHighWater.load(), carved);
   EXPECT_FALSE(reader.childVersion(1, a).has_value());  // even when c took a's slot
   EXPECT_EQ(members(reader, 1, c).size(), 100u);
-}
 
-// A nested chunk's memory, its page directory included (a megabyte for a chunk of 128k
-// slots), is committed a step at a time as pages are carved: the write that opens a chunk
-// does not commit the whole directory.
-TEST_F(ShmStoreTest, ANestedChunkIsCommittedAsItsPagesAreCarved) {
-  ShmStore s = ShmStore::openWriter("t/big", nestedSchema(), 0600, 1024);
-  const uint64_t parent = addParent(s, 1);
-  const auto& desc = s.header()->colls[1];
+  // A nested chunk'big memory, its page directory included (a megabyte for a chunk of 128k slots),
+  // is committed a step at a time as pages are carved: the write that opens a chunk does not commit
+  // the whole directory.
+  ShmStore big = ShmStore::openWriter("t/big", nestedSchema(), 0600, 1024);
+  const uint64_t parent = addParent(big, 1);
+  const auto& desc = big.header()->colls[1];
   uint32_t opened = 0;
   for (uint32_t k = 0; desc.chunkCount.load() < 10; ++k) {
     const uint32_t chunks = desc.chunkCount.load();
@@ -255,11 +251,11 @@ TEST_F(ShmStoreTest, ANestedChunkIsCommittedAsItsPagesAreCarved) {
         chunks >= 8 && desc.slotHighWater.load() + (Oro::ShmLayout::kMinPageSlots
                                                     << (Oro::ShmLayout::kMaxPageClass + 1)) >
                            Oro::ShmLayout::slotCapacity(chunks);
-    const size_t before = last ? s.committedBytes() : 0;
-    putMember(s, 1, parent, k, Rec::of(k));
+    const size_t before = last ? big.committedBytes() : 0;
+    putMember(big, 1, parent, k, Rec::of(k));
     if (desc.chunkCount.load() != chunks && last) {
       ++opened;  // chunks 8 and 9: directories of 512 KiB and 1 MiB
-      EXPECT_LT(s.committedBytes() - before, 256u * 1024) << "chunk " << chunks;
+      EXPECT_LT(big.committedBytes() - before, 256u * 1024) << "chunk " << chunks;
     }
   }
   EXPECT_EQ(opened, 2u);

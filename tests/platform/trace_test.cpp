@@ -82,7 +82,7 @@ TEST_F(TraceTest, DisabledLevelsFormatNothingAndEnabledOnesReachTheSink) {
   EXPECT_EQ(formats, 1);
 }
 
-TEST_F(TraceTest, StarAppliesToExistingAndFutureHandlesAndLaterSettingsWin) {
+TEST_F(TraceTest, StarAndSettingsStringsEnableComponentsLevelsAndRangesAndLaterSettingsWin) {
   Oro::TraceHandle a("A");
   Oro::traceEnable("*", 5, true);
   Oro::TraceHandle b("B");
@@ -104,9 +104,8 @@ TEST_F(TraceTest, StarAppliesToExistingAndFutureHandlesAndLaterSettingsWin) {
   EXPECT_FALSE(b.enabled(5));
   EXPECT_TRUE(b.enabled(1));
   EXPECT_FALSE(a.enabled(1));
-}
 
-TEST_F(TraceTest, SettingsStringsEnableComponentsLevelsAndRanges) {
+  // Settings strings enable components, levels and ranges.
   Oro::TraceHandle c1("Comp1"), c2("Comp2"), other("Other");
   EXPECT_TRUE(Oro::traceSettingsApply("Comp1/0-3,Comp2/5,*/0"));
   for (int l = 0; l <= 3; ++l) EXPECT_TRUE(c1.enabled(l)) << l;
@@ -127,7 +126,7 @@ TEST_F(TraceTest, SettingsStringsEnableComponentsLevelsAndRanges) {
   EXPECT_TRUE(other.enabled(6));
 }
 
-TEST_F(TraceTest, MemorySinksStackAndUnlinkInAnyOrder) {
+TEST_F(TraceTest, MemorySinksStackAndUnlinkInAnyOrderAndAFileSinkWritesLines) {
   Oro::TraceHandle h("Comp");
   Oro::traceEnable("Comp", 2, true);
   {
@@ -145,18 +144,17 @@ TEST_F(TraceTest, MemorySinksStackAndUnlinkInAnyOrder) {
   EXPECT_EQ(sink.messages(), (std::vector<std::string>{"three"}));
   sink.clear();
   EXPECT_TRUE(sink.lines().empty());
-}
 
-TEST_F(TraceTest, FileSinkWritesComponentLevelAndMessageLines) {
+  // A file sink writes component, level and message lines.
   sink.uninstall();
   std::string path = ::testing::TempDir() + "trace_file_test.txt";
   std::remove(path.c_str());
-  Oro::TraceHandle h("FileComp");
+  Oro::TraceHandle fh("FileComp");
   Oro::traceEnable("FileComp", 7, true);
   Oro::traceFileIs(path);
-  ORO_TRACE(h, 7, "Line {}: vrf {}", 15, 5);
+  ORO_TRACE(fh, 7, "Line {}: vrf {}", 15, 5);
   Oro::traceFileIs("");
-  ORO_TRACE(h, 7, "to stderr");
+  ORO_TRACE(fh, 7, "to stderr");
   EXPECT_EQ(readFile(path), "FileComp/7: Line 15: vrf 5\n");
   EXPECT_THROW(Oro::traceFileIs("/nonexistent-dir/x/trace.txt"), Oro::Exception);
 }

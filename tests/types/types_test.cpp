@@ -119,7 +119,7 @@ TEST(MvpnRouteKeyDeathTest, HandleInitRejectsUnknownFamily) {
                "Nevo::ipv6\\) && \"Route key address of unknown family\"");
 }
 
-TEST(MvpnRouteIntfKey, DefaultsTextAndOrder) {
+TEST(MvpnRouteIntfKey, DefaultsTextOrderAndTheVrfQualifiedKeys) {
   MvpnRouteIntfKey def;
   EXPECT_TRUE(def.intfId().empty());
   EXPECT_EQ(def.routeKey(), MvpnRouteKey());
@@ -131,9 +131,8 @@ TEST(MvpnRouteIntfKey, DefaultsTextAndOrder) {
   expectRoundTrips({def, onVlan, onNone, MvpnRouteIntfKey(kStar, IntfId::tunnel(2))});
   EXPECT_THROW(parseText<MvpnRouteIntfKey>("(10.0.0.1, 239.1.1.1)"), Oro::ParseException);
   EXPECT_THROW(parseText<MvpnRouteIntfKey>("(10.0.0.1, 239.1.1.1) on Vlan5 "), Oro::ParseException);
-}
 
-TEST(MvpnVrfRouteKeys, VrfFirstThenInnerKey) {
+  // VRF-qualified keys order by VRF first, then by the inner key.
   MvpnRouteKey high(ip("10.0.0.9"), ip("239.1.1.1"), false);
   MvpnVrfRouteKey a(2, high), b(10, kSg), c(10, high);
   EXPECT_LT(a, b);
