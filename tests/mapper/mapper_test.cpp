@@ -102,7 +102,7 @@ TEST(Mapper, ValueMapPublishesChangesWithTheOldValueAndDelAllEachRemovalToSubscr
   EXPECT_EQ(announced, want);
 }
 
-TEST(Mapper, CollectionMapCreatesOnceAndHandsTheCollectionBack) {
+TEST(Mapper, CollectionMapCreatesOnceHandsTheCollectionBackAndEachMapHasItsOwnAttribute) {
   auto m = newMapper();
   ChangeLog<TunnelId, const MvpnVrfRouteKeyColl*> log(m.get(), MvpnMapper::tunnelIdToRouteKeysAttr);
   const auto coll = m->tunnelIdToRouteKeysIs(TunnelId(7));
@@ -121,20 +121,17 @@ TEST(Mapper, CollectionMapCreatesOnceAndHandsTheCollectionBack) {
   m->tunnelIdToRouteKeysDelAll();
   EXPECT_EQ(log.changes.size(), 2u);
   EXPECT_EQ(m->tunnelIdToRouteKeysSize(), 0u);
-}
 
-// Every map is wired to its own attribute id and storage: an insertion and a DelAll publish
-// exactly two changes of that attribute. Defaults of the value maps' getters.
-TEST(Mapper, EachMapPublishesUnderItsOwnAttribute) {
-  auto m = newMapper();
+  // Every map is wired to its own attribute id and storage: an insertion and a DelAll publish
+  // exactly two changes of that attribute. Defaults of the value maps' getters.
   const MvpnVrfRouteIntfKey intfKey(VrfId(1), MvpnRouteIntfKey(routeKey(1).key(), IntfId::vlan(3)));
   std::vector<Oro::AttrId> published;
   struct Log : Oro::Notifiee {
     std::vector<Oro::AttrId>* out;
     void onAttributeKey(Oro::AttrId a, const void*) override { out->push_back(a); }
-  } log;
-  log.out = &published;
-  log.notifierIs(m.get());
+  } attrs;
+  attrs.out = &published;
+  attrs.notifierIs(m.get());
   const std::vector<std::tuple<Oro::AttrId, std::function<void()>, std::function<void()>>> rows = {
       {MvpnMapper::treeIdToVrfIdAttr, [&] { m->treeIdToVrfIdIs(treeId(1), VrfId(4)); },
        [&] { m->treeIdToVrfIdDelAll(); }},
@@ -198,7 +195,7 @@ TEST(Mapper, ReadyIsPublishedOnChangeWithTheOldFlag) {
   EXPECT_EQ(plain, (std::vector<Oro::AttrId>{MvpnMapper::readyAttr, MvpnMapper::readyAttr}));
 }
 
-TEST(VrfIdMapStatus, NamesArePublishedWithTheirOldValues) {
+TEST(VrfIdMapStatus, NamesArePublishedWithTheirOldValuesAndTheVlanRangeIsCheckedOnEveryWayIn) {
   auto s = Vrf::VrfIdMap::vrfIdMapStatusFactory();
   ChangeLog<VrfId, std::string> log(s.get(), Vrf::VrfIdMap::Status::vrfNameAttr);
   s->vrfNameIs(VrfId(5), "red");
@@ -218,9 +215,8 @@ TEST(VrfIdMapStatus, NamesArePublishedWithTheirOldValues) {
                                          {VrfId(1), "a", std::nullopt},
                                          {VrfId(5), "blue", std::nullopt}}));
   EXPECT_EQ(s->vrfNameGet(VrfId(5)), std::nullopt);
-}
 
-TEST(VlanIdOrNone, RangeIsCheckedOnEveryWayIn) {
+  // The VLAN range is checked on every way in.
   for (const uint32_t v : {0u, 1u, 4094u, 4095u, 65541u}) {
     SCOPED_TRACE(v);
     VlanIdOrNone kept(100);

@@ -31,7 +31,7 @@ std::vector<MvpnRouteKey> keys(EncapTunnelIterator it) {
   return out;
 }
 
-TEST(EncapStatus, MutatorsPublishEveryChangedKeyAndCountMembers) {
+TEST(EncapStatus, MutatorsPublishEveryChangedKeyAndCountMembersAndWalksResumeAtABookmark) {
   auto root = mvpnTunnelEncapStatusFactory("writer");
   shmtest::KeyLog<VrfId> vrfChanges(root.get(), MvpnTunnelEncapStatus::vrfStatusAttr);
 
@@ -58,23 +58,22 @@ TEST(EncapStatus, MutatorsPublishEveryChangedKeyAndCountMembers) {
   EXPECT_EQ(root->vrfStatus(VrfId(7)), nullptr);
   EXPECT_EQ(vrf->encapIntfTunnelSize(), 1u);  // kept for whoever still holds it
   EXPECT_EQ(vrfChanges.keys, (std::vector<VrfId>{VrfId(7), VrfId(7)}));
-}
 
-TEST(EncapStatus, WalksResumeAtABookmarkAndSurviveChanges) {
-  auto vrf = Oro::makePtr<MvpnVrfTunnelEncapStatus>(VrfId(1));
-  for (uint32_t g : {5, 1, 4, 2, 3}) vrf->encapTunnelIs(MvpnEncapTunnel(route(g)));
-  auto it = vrf->encapTunnelIter();
-  it.next();
-  const EncapTunnelBookmark at2 = it.bookmark();
-  EXPECT_EQ(keys(vrf->encapTunnelIterAt(at2)),
+  // Walks resume at a bookmark and survive changes.
+  auto walked = Oro::makePtr<MvpnVrfTunnelEncapStatus>(VrfId(1));
+  for (uint32_t g : {5, 1, 4, 2, 3}) walked->encapTunnelIs(MvpnEncapTunnel(route(g)));
+  auto at = walked->encapTunnelIter();
+  at.next();
+  const EncapTunnelBookmark at2 = at.bookmark();
+  EXPECT_EQ(keys(walked->encapTunnelIterAt(at2)),
             (std::vector{route(2), route(3), route(4), route(5)}));
   // The bookmarked key and the iterator's own key removed, a key inserted behind: both go on
   // with the next key.
-  vrf->encapTunnelDel(route(2));
-  vrf->encapTunnelIs(MvpnEncapTunnel(route(0)));
-  EXPECT_EQ(keys(vrf->encapTunnelIterAt(at2)), (std::vector{route(3), route(4), route(5)}));
-  it.next();
-  EXPECT_EQ(it.key(), route(3));
+  walked->encapTunnelDel(route(2));
+  walked->encapTunnelIs(MvpnEncapTunnel(route(0)));
+  EXPECT_EQ(keys(walked->encapTunnelIterAt(at2)), (std::vector{route(3), route(4), route(5)}));
+  at.next();
+  EXPECT_EQ(at.key(), route(3));
 }
 
 TEST(EncapStatus, DamagedCollectionsRaiseOnEveryRead) {

@@ -72,11 +72,7 @@ void script(int w, int phase, const Ops& ops) {
       std::mt19937 rng(static_cast<uint32_t>(100 + w));
       for (int i = 0; i < 3000; ++i) {
         const uint32_t k = 1000 + rng() % 300;
-        if (rng() % 3 == 0) {
-          ops.del(k);
-        } else {
-          ops.put(k);
-        }
+        rng() % 3 == 0 ? ops.del(k) : ops.put(k);
       }
       break;
     }

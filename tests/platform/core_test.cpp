@@ -200,12 +200,9 @@ TEST_F(EntityDirectoryTest, CreatesByTypeNameAndChecksArguments) {
   EXPECT_TRUE(dir.typeRegistered("Test::Other"));
   EXPECT_FALSE(dir.typeRegistered("Test::Missing"));
   using ::testing::StrEq;
-  EXPECT_THAT(
-      [&] {
-        dir.create("Test::Named", {"a", "b"});
-      },
-      ::testing::ThrowsMessage<Oro::UnexpectedEntityArgumentsException>(
-          StrEq("unexpected arguments creating Test::Named: 2 given, 1 expected")));
+  const auto twoArguments = [&] { dir.create("Test::Named", {"a", "b"}); };
+  EXPECT_THAT(twoArguments, ::testing::ThrowsMessage<Oro::UnexpectedEntityArgumentsException>(StrEq(
+                                "unexpected arguments creating Test::Named: 2 given, 1 expected")));
   EXPECT_THROW(dir.create("Test::Other", {"x"}), Oro::UnexpectedEntityArgumentsException);
   EXPECT_THAT([&] { dir.create("Test::Missing", {}); },
               ::testing::ThrowsMessage<Oro::Exception>(StrEq("unknown entity type Test::Missing")));

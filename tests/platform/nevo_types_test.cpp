@@ -42,7 +42,7 @@ void expectRejected(std::initializer_list<const char*> texts) {
   for (const char* text : texts) EXPECT_THROW(parseText<T>(text), E) << text;
 }
 
-TEST(IpGenAddr, DefaultTextRoundTripErrorsOrderAndHash) {
+TEST(IpGenAddr, DefaultTextRoundTripErrorsOrderHashAndPrefixes) {
   IpGenAddr a;
   EXPECT_EQ(a.af(), Nevo::ipv4);
   EXPECT_TRUE(a.isZero());
@@ -74,9 +74,8 @@ TEST(IpGenAddr, DefaultTextRoundTripErrorsOrderAndHash) {
   EXPECT_NE(h.hash(1), ip("10.0.0.2").hash(1));
   // Same bytes, different family.
   EXPECT_NE(IpGenAddr::zero(Nevo::ipv4).hash(7), IpGenAddr::zero(Nevo::ipv6).hash(7));
-}
 
-TEST(IpGenPrefix, TextMaskAndRange) {
+  // Prefixes: text, mask and range.
   EXPECT_EQ(IpGenPrefix().toStrep(), "0.0.0.0/0");
   for (auto [text, canonical] : {std::pair{"10.0.0.0/8", "10.0.0.0/8"},
                                  {"10.1.2.3/12", "10.0.0.0/12"},

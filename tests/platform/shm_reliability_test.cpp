@@ -96,11 +96,7 @@ TEST_F(ShmReliabilityTest, NoDeletionIsLostBehindRepeatedOverruns) {
     const int n = static_cast<int>(rng() % 60);
     for (int i = 0; i < n; ++i) {
       const uint32_t k = rng() % 50;
-      if (rng() % 2) {
-        w.insert(k, Rec::of(k + round));
-      } else {
-        w.remove(k);
-      }
+      rng() % 2 ? w.insert(k, Rec::of(k + round)) : w.remove(k);
     }
     r.table.reader()->batchIs(1 + rng() % 8);
     for (uint32_t d = rng() % 4; d > 0 && r.table.reader()->hasPending(); --d)

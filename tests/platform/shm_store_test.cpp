@@ -135,11 +135,9 @@ TEST_F(ShmStoreTest, OneLiveWriterOneTypeOneRevision) {
   Table w("test::Rec", "recs", {});
   w.attach(ShmAttach{"t/one", ShmRole::writer});
   Table second("test::Rec", "recs", {});
-  EXPECT_THAT(
-      [&] {
-        second.attach(ShmAttach{"t/one", ShmRole::writer});
-      },
-      ThrowsMessage<Oro::ShmException>(HasSubstr("already has a live writer (pid ")));
+  const auto secondWriter = [&] { second.attach(ShmAttach{"t/one", ShmRole::writer}); };
+  EXPECT_THAT(secondWriter,
+              ThrowsMessage<Oro::ShmException>(HasSubstr("already has a live writer (pid ")));
   Oro::ShmTable<uint32_t, uint64_t> other("test::Other", "recs", {});
   EXPECT_THROW(other.attach(ShmAttach{"t/one", ShmRole::writer}), Oro::ShmException);
   EXPECT_THROW(other.attach(ShmAttach{"t/one", ShmRole::reader}), Oro::ShmException);

@@ -56,7 +56,17 @@ class MvpnstatToolTest : public ::testing::Test {
   void TearDown() override { Oro::shmUnlinkNamespace(); }
 };
 
-TEST_F(MvpnstatToolTest, ShowsListsAndWatchesTables) {
+// The lines of a watch, sorted: a reader's first dispatch reports what is present in store
+// order, which is not the order of writing.
+std::vector<std::string> sortedLines(const std::string& text) {
+  std::vector<std::string> lines;
+  std::istringstream in(text);
+  for (std::string l; std::getline(in, l);) lines.push_back(l);
+  std::sort(lines.begin(), lines.end());
+  return lines;
+}
+
+TEST_F(MvpnstatToolTest, ShowsListsAndWatchesTablesAndNestedStatuses) {
   const std::string path = MvpnVrfStatus::mountPath(Nevo::ipv4, evpn_);
   auto vrfs = mvpnVrfStatusFactory(path);
   vrfs->mount(Oro::ShmAttach{path, Oro::ShmRole::writer});
@@ -82,20 +92,8 @@ TEST_F(MvpnstatToolTest, ShowsListsAndWatchesTables) {
        "mvpn_table_writer_alive{path=\"" + path + "\"} 1\n",
        "mvpn_table_writer_takeovers{path=\"" + path + "\"} 0\n"});
   EXPECT_EQ(promtool(metrics.out).status, 0) << promtool(metrics.out).out;
-}
 
-// The lines of a watch, sorted: a reader's first dispatch reports what is present in store
-// order, which is not the order of writing.
-std::vector<std::string> sortedLines(const std::string& text) {
-  std::vector<std::string> lines;
-  std::istringstream in(text);
-  for (std::string l; std::getline(in, l);) lines.push_back(l);
-  std::sort(lines.begin(), lines.end());
-  return lines;
-}
-
-// Statuses with entities inside: the route status tree and a tunnel encapsulation status.
-TEST_F(MvpnstatToolTest, ShowsAndWatchesNestedStatuses) {
+  // Statuses with entities inside: the route status tree and a tunnel encapsulation status.
   using Vrf::VrfIdMap::VrfId;
   const auto v4 = Nevo::IpGenAddr::ipv4Addr;
   const std::string treePath = MvpnRouteStatus::mountPath(Nevo::ipv4, bgp_);

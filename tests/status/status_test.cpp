@@ -70,7 +70,7 @@ TEST_F(VrfStatusDeathTest, MountPathsAndTheClientsAndFamiliesTheyRejectDeathTest
                "false && \"Unsupported address family\"");
 }
 
-TEST_F(VrfStatusTest, MutatorsCountAndAnnounce) {
+TEST_F(VrfStatusTest, MutatorsCountAndAnnounceAndOldValuesComeInThatModeOnly) {
   auto s = mvpnVrfStatusFactory("bgp");
   KeyLog<VrfId> seen(s.get(), MvpnVrfStatus::mvpnVrfAttr);
   s->mvpnVrfIs(MvpnVrf(VrfId(5), evpn_));
@@ -114,21 +114,20 @@ TEST_F(VrfStatusTest, MutatorsCountAndAnnounce) {
   EXPECT_EQ(d->mvpnVrfSize(), 0u);
   d->mvpnVrfDelAll();  // empty: nothing
   EXPECT_EQ(d->delCounter().value(), 50u);
-}
 
-TEST_F(VrfStatusTest, OldValuesAreDeliveredInThatModeOnly) {
-  auto s = mvpnVrfStatusFactory("x");
-  shmtest::ChangeLog<VrfId, MvpnVrf> rec(s.get(), MvpnVrfStatus::mvpnVrfAttr);
+  // Old values are delivered in that mode only.
+  auto o = mvpnVrfStatusFactory("x");
+  shmtest::ChangeLog<VrfId, MvpnVrf> rec(o.get(), MvpnVrfStatus::mvpnVrfAttr);
   // A subscriber of keys alone hears each change once, in either mode.
-  KeyLog<VrfId> keys(s.get(), MvpnVrfStatus::mvpnVrfAttr);
-  s->mvpnVrfIs(MvpnVrf(VrfId(1)));
+  KeyLog<VrfId> keys(o.get(), MvpnVrfStatus::mvpnVrfAttr);
+  o->mvpnVrfIs(MvpnVrf(VrfId(1)));
   EXPECT_TRUE(rec.changes.empty());
-  s->oldValuesIs(true);
+  o->oldValuesIs(true);
   const MvpnVrf one(VrfId(1)), oneEvpn(VrfId(1), evpn_);
-  s->mvpnVrfIs(oneEvpn);
-  s->mvpnVrfIs(MvpnVrf(VrfId(2)));
-  s->mvpnVrfDel(VrfId(1));
-  s->mvpnVrfDel(VrfId(3));
+  o->mvpnVrfIs(oneEvpn);
+  o->mvpnVrfIs(MvpnVrf(VrfId(2)));
+  o->mvpnVrfDel(VrfId(1));
+  o->mvpnVrfDel(VrfId(3));
   EXPECT_EQ(rec.changes, (std::vector<decltype(rec)::Change>{{1, one, oneEvpn},
                                                              {2, std::nullopt, MvpnVrf(VrfId(2))},
                                                              {1, oneEvpn, std::nullopt}}));
@@ -339,25 +338,17 @@ Bytes bytesOf(const Oro::PbWriteBuffer& b) {
 template <class R>
 void expectBadAttribute(const char* text, const char* attribute) {
   using E = Oro::DeserializationException;
-  EXPECT_THAT(
-      [text] {
-        Oro::CharRange in(text);
-        R{in};
-      },
-      Throws<E>(Property(&E::attribute, attribute)))
-      << text;
+  Oro::CharRange in(text);
+  EXPECT_THAT([&] { R{in}; }, Throws<E>(Property(&E::attribute, attribute))) << text;
 }
 
 template <class R>
 void expectWireError(const Bytes& bytes) {
-  EXPECT_THAT(
-      [&] {
-        Oro::PbReadBuffer in(bytes);
-        R got;
-        constructFromPbMessage(&got, in);
-      },
-      ThrowsMessage<Oro::ProtobufReadException>(
-          StrEq("Unexpected error when reading Protobuf bytes")));
+  Oro::PbReadBuffer in(bytes);
+  R got;
+  EXPECT_THAT([&] { constructFromPbMessage(&got, in); },
+              ThrowsMessage<Oro::ProtobufReadException>(
+                  StrEq("Unexpected error when reading Protobuf bytes")));
 }
 
 // One embedded message holding a single field `number` of wire type `wireType`.
@@ -365,11 +356,7 @@ Bytes messageWithField(uint32_t number, uint8_t wireType) {
   Oro::PbWriteBuffer out;
   auto s = out.openSection();
   out.writeTag(number, wireType);
-  if (wireType == Oro::kPbVarint) {
-    out.writeVarint(5);
-  } else {
-    out.writeLengthDelimited(std::string_view("a"));
-  }
+  wireType == Oro::kPbVarint ? out.writeVarint(5) : out.writeLengthDelimited(std::string_view("a"));
   out.closeSection(s);
   return bytesOf(out);
 }
