@@ -18,6 +18,7 @@
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
+#include "platform/shm/ShmBinding.h"
 #include "platform/shm/ShmImage.h"
 #include "platform/shm/ShmLayout.h"
 #include "platform/shm/ShmSegment.h"
@@ -94,6 +95,13 @@ inline int waitChild(pid_t pid) {
   ::waitpid(pid, &status, 0);
   if (WIFEXITED(status)) return WEXITSTATUS(status);
   return 128 + WTERMSIG(status);
+}
+
+// `status`, mounted as `attach` says.
+template <class P>
+P mounted(P status, const Oro::ShmAttach& attach) {
+  status->mount(attach);
+  return status;
 }
 
 // A one-byte signal between processes over a pipe.

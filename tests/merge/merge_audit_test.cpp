@@ -52,8 +52,7 @@ TEST_F(MergeAuditTest, VrfMergeExplainsEveryPrecedenceAndChecksAgainstWriterProc
 
   Oro::TaskScheduler scheduler;
   auto in = mountedReaders(scheduler);
-  auto merged = mvpnVrfStatusFactory("merged");
-  merged->mount(ShmAttach{kMerged, ShmRole::writer});
+  auto merged = shmtest::mounted(mvpnVrfStatusFactory("merged"), {kMerged, ShmRole::writer});
   merged->mvpnVrfIs(MvpnVrf(VrfId(99), bgp_));  // left by an earlier merger
   auto sm = Routing::Multicast::mergedMvpnVrfStatusSmFactory(in[0], in[1], in[2], in[3], merged,
                                                              Dyx::SmControl{&scheduler});

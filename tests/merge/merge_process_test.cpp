@@ -85,8 +85,7 @@ void script(int w, int phase, const Ops& ops) {
 TEST_F(VrfMergeProcessTest, MergedTableFollowsFourWriterProcesses) {
   // An earlier reader wrote a merged table and died without cleaning up.
   const pid_t previous = shmtest::forkChild([]() -> int {
-    auto merged = mvpnVrfStatusFactory("merged");
-    merged->mount(ShmAttach{kMergedPath, ShmRole::writer});
+    auto merged = shmtest::mounted(mvpnVrfStatusFactory("merged"), {kMergedPath, ShmRole::writer});
     merged->mvpnVrfIs(MvpnVrf(VrfId(500), bgp_));
     merged->mvpnVrfIs(MvpnVrf(VrfId(501), evpn_));
     merged->mvpnVrfIs(MvpnVrf(VrfId(2), staticEvpn_));
@@ -119,8 +118,7 @@ TEST_F(VrfMergeProcessTest, MergedTableFollowsFourWriterProcesses) {
   // The merging reader.
   Oro::TaskScheduler scheduler;
   auto in = mountedReaders(scheduler);
-  auto merged = mvpnVrfStatusFactory("merged");
-  merged->mount(ShmAttach{kMergedPath, ShmRole::writer});
+  auto merged = shmtest::mounted(mvpnVrfStatusFactory("merged"), {kMergedPath, ShmRole::writer});
   ASSERT_EQ(merged->mvpnVrfSize(), 4u);  // taken over from the dead reader
 
   auto sm = Routing::Multicast::mergedMvpnVrfStatusSmFactory(in[0], in[1], in[2], in[3], merged,

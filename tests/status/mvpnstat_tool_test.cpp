@@ -68,8 +68,7 @@ std::vector<std::string> sortedLines(const std::string& text) {
 
 TEST_F(MvpnstatToolTest, ShowsListsAndWatchesTablesAndNestedStatuses) {
   const std::string path = MvpnVrfStatus::mountPath(Nevo::ipv4, evpn_);
-  auto vrfs = mvpnVrfStatusFactory(path);
-  vrfs->mount(Oro::ShmAttach{path, Oro::ShmRole::writer});
+  auto vrfs = shmtest::mounted(mvpnVrfStatusFactory(path), {path, Oro::ShmRole::writer});
   vrfs->mvpnVrfIs(MvpnVrf(Vrf::VrfIdMap::VrfId(7), evpn_));
   auto intfs = mvpnIntfStatusFactory(MvpnIntfStatus::mountPath());
   intfs->mount(Oro::ShmAttach{MvpnIntfStatus::mountPath(), Oro::ShmRole::writer});
@@ -97,8 +96,7 @@ TEST_F(MvpnstatToolTest, ShowsListsAndWatchesTablesAndNestedStatuses) {
   using Vrf::VrfIdMap::VrfId;
   const auto v4 = Nevo::IpGenAddr::ipv4Addr;
   const std::string treePath = MvpnRouteStatus::mountPath(Nevo::ipv4, bgp_);
-  auto tree = mvpnRouteStatusFactory(treePath);
-  tree->mount(Oro::ShmAttach{treePath, Oro::ShmRole::writer});
+  auto tree = shmtest::mounted(mvpnRouteStatusFactory(treePath), {treePath, Oro::ShmRole::writer});
   tree->vrfRouteStatusIs(VrfId(3))->mvpnSourceIs(v4(0xef000001), v4(0x0a000001),
                                                  Nevo::IpGenPrefix(v4(0x0a000000), 8), true,
                                                  MvpnSource::SourceFlags(1));
@@ -165,8 +163,7 @@ TEST_F(MvpnstatToolTest, ReportsUnknownDamagedAndForeignTables) {
   // A header overwritten with garbage.
   const std::string path = MvpnVrfStatus::mountPath(Nevo::ipv4, bgp_);
   {
-    auto vrfs = mvpnVrfStatusFactory(path);
-    vrfs->mount(Oro::ShmAttach{path, Oro::ShmRole::writer});
+    auto vrfs = shmtest::mounted(mvpnVrfStatusFactory(path), {path, Oro::ShmRole::writer});
     vrfs->mvpnVrfIs(MvpnVrf(Vrf::VrfIdMap::VrfId(1), bgp_));
     vrfs->unmount();
   }
@@ -198,8 +195,7 @@ TEST_F(MvpnstatToolTest, RemoveRefusesALiveWriterAndLeavesNothingOfADeadOne) {
   const std::string path = MvpnVrfStatus::mountPath(Nevo::ipv4, evpn_);
   shmtest::Pipe ready;
   const pid_t writer = shmtest::forkChild([&]() -> int {
-    auto vrfs = mvpnVrfStatusFactory(path);
-    vrfs->mount(Oro::ShmAttach{path, Oro::ShmRole::writer});
+    auto vrfs = shmtest::mounted(mvpnVrfStatusFactory(path), {path, Oro::ShmRole::writer});
     // Enough records for several chunks and index generations.
     for (uint32_t v = 1; v <= 50000; ++v) vrfs->mvpnVrfIs(MvpnVrf(Vrf::VrfIdMap::VrfId(v)));
     ready.send();
@@ -286,8 +282,7 @@ TEST_F(MvpnstatToolTest, HostileNamesStayValidJsonAndVisibleText) {
 TEST_F(MvpnstatToolTest, ShowJsonListsEachKeyOnceWhileKeysMove) {
   constexpr uint32_t kKeys = 20000, kMoved = 1000, kFiller = 1000000;
   const std::string path = MvpnVrfStatus::mountPath(Nevo::ipv4, bgp_);
-  auto vrfs = mvpnVrfStatusFactory(path);
-  vrfs->mount(Oro::ShmAttach{path, Oro::ShmRole::writer});
+  auto vrfs = shmtest::mounted(mvpnVrfStatusFactory(path), {path, Oro::ShmRole::writer});
   for (uint32_t k = 0; k < kKeys; ++k) vrfs->mvpnVrfIs(MvpnVrf(Vrf::VrfIdMap::VrfId(k)));
 
   shmtest::Child tool({MVPNSTAT_PATH, "--namespace", Oro::shmNamespace(), "show", path, "--json"});
@@ -342,8 +337,7 @@ int freePort() {
 TEST(MetricsScrape, PrometheusScrapesTheEndpointAndAnswersACounterQuery) {
   Oro::shmUnlinkNamespace();
   const std::string path = MvpnVrfStatus::mountPath(Nevo::ipv4, bgp_);
-  auto vrfs = mvpnVrfStatusFactory(path);
-  vrfs->mount(Oro::ShmAttach{path, Oro::ShmRole::writer});
+  auto vrfs = shmtest::mounted(mvpnVrfStatusFactory(path), {path, Oro::ShmRole::writer});
   for (uint32_t v = 1; v <= 3; ++v) vrfs->mvpnVrfIs(MvpnVrf(Vrf::VrfIdMap::VrfId(v)));
 
   shmtest::Child tool(

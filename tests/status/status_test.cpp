@@ -152,6 +152,7 @@ TEST_F(VrfStatusTest, ControlCarriesMountStatusAndQuiesced) {
   EXPECT_TRUE(control->quiesced());
 
   auto r = mvpnVrfStatusFactory("bgp");
+
   r->mount(ShmAttach{MvpnVrfStatus::mountPath(Nevo::ipv4, bgp_), ShmRole::reader});
   Oro::Ptr<TylKetab::CollectionControl> rc = r->mvpnVrfControl();
   std::vector<Oro::AttrId> rcChanges;
@@ -592,8 +593,7 @@ TEST_F(RouteStatusDeathTest, CreationWithoutInitializerIsFatalDeathTest) {
 }
 
 TEST_F(RouteStatusTest, ADeletedVrfKeepsItsRecordsForWhoeverHoldsIt) {
-  auto root = mvpnRouteStatusFactory("bgp");
-  root->mount(ShmAttach{"t/departed", ShmRole::writer});
+  auto root = shmtest::mounted(mvpnRouteStatusFactory("bgp"), {"t/departed", ShmRole::writer});
   auto vrf = root->vrfRouteStatusIs(VrfId(9));
   vrf->mvpnSourceIs(v4(0xef010101), v4(0x0a010101), prefix(0, 0), true, Flags());
   const MvpnRoute route(MvpnRouteKey(v4(1), v4(0xef010101), true), prefix(0, 0), {});
@@ -795,8 +795,7 @@ TEST_F(RouteStatusTest, AReaderInAnotherProcessFollowsTheTreeAtEveryLevel) {
   sched.runUntilIdle();
   ASSERT_TRUE(reader->vrfRouteStatus(VrfId(100)));
   // The writer's tree as the reader sees it equals the tree a second, fresh reader rebuilds.
-  auto fresh = mvpnRouteStatusFactory("bgp");
-  fresh->mount(ShmAttach{path, ShmRole::reader});
+  auto fresh = shmtest::mounted(mvpnRouteStatusFactory("bgp"), {path, ShmRole::reader});
   EXPECT_TRUE(copyOf(*reader) == copyOf(*fresh));
   EXPECT_EQ(levels, (std::set<std::string>{"vrf", "route", "group", "sharedTree", "sourceTree"}));
   for (auto& [k, w] : watches) w->notifierIs(nullptr);
@@ -810,8 +809,7 @@ TEST_F(RouteStatusTest, AWriterKilledInNestedWritesLeavesAConsistentTreeToTakeOv
     SCOPED_TRACE(static_cast<int>(point));
     const std::string path = fmt::format("t/killed{}", static_cast<int>(point));
     const pid_t writer = shmtest::forkChild([&] {
-      auto root = mvpnRouteStatusFactory("bgp");
-      root->mount(ShmAttach{path, ShmRole::writer});
+      auto root = shmtest::mounted(mvpnRouteStatusFactory("bgp"), {path, ShmRole::writer});
       std::mt19937 rng(5);
       changeTree(*root, rng, 300);
       shmtest::faultAt(point, 3);
@@ -820,8 +818,7 @@ TEST_F(RouteStatusTest, AWriterKilledInNestedWritesLeavesAConsistentTreeToTakeOv
     });
     ASSERT_EQ(shmtest::waitChild(writer), 128 + SIGKILL);
     // Whole records, members only under live parents, counts that agree with walks.
-    auto reader = mvpnRouteStatusFactory("bgp");
-    reader->mount(ShmAttach{path, ShmRole::reader});
+    auto reader = shmtest::mounted(mvpnRouteStatusFactory("bgp"), {path, ShmRole::reader});
     for (auto v = reader->vrfRouteStatusIter(); v.valid(); v.next()) {
       auto vrf = v.value();
       size_t groups = 0;
@@ -833,8 +830,7 @@ TEST_F(RouteStatusTest, AWriterKilledInNestedWritesLeavesAConsistentTreeToTakeOv
       EXPECT_EQ(groups, vrf->mvpnGroupSize());
     }
     const TreeCopy before = copyOf(*reader);
-    auto taken = mvpnRouteStatusFactory("bgp");
-    taken->mount(ShmAttach{path, ShmRole::writer});
+    auto taken = shmtest::mounted(mvpnRouteStatusFactory("bgp"), {path, ShmRole::writer});
     EXPECT_TRUE(copyOf(*taken) == before);
     std::mt19937 rng(6);
     changeTree(*taken, rng, 500);
