@@ -169,8 +169,7 @@ TEST_F(EncapStatusReader, AWalksVrfIsTheVrfALookupFinds) {
 // A store its writer had to build anew (the old one was damaged) is a new store: the VRFs the
 // reader held leave, and the new store's VRFs are followed with their records, also one that
 // sits where the old one did.
-TEST_F(EncapStatusReader,
-       AVrfOfARepublishedStoreIsFollowedAnewAndOneHeldBeyondItsStatusKeepsItsRecords) {
+TEST_F(EncapStatusReader, RepublishedAndHeldVrfsKeepTheirRecords) {
   {
     auto first = mounted("first", ShmRole::writer);
     first->vrfStatusIs(VrfId(7))->encapTunnelIs(MvpnEncapTunnel(route(1), "a"));

@@ -428,8 +428,7 @@ TEST(TunnelMerge, StaticWinsWholeAndTheOtherWriterTakesOverOnDelete) {
   }
 }
 
-TEST(TunnelMerge,
-     AMergedVrfLivesWhileEitherCollectionHoldsARecordAndAWholeInputVrfLeavingRemergesItsKeys) {
+TEST(TunnelMerge, MergedVrfsLiveWithTheirRecordsAndInputVrfsLeaveWhole) {
   Rig rig;
   rig.start(true);
   rig.putRoute(kMvpn, 4, 1, "r");
@@ -557,8 +556,7 @@ TEST_F(TunnelMergeShm, AReaderThatLostItsDamagedStoreKeepsTheMergedRecordsOfItsV
   EXPECT_FALSE(rig.sm->ready());
 }
 
-TEST(TunnelMergeLifecycle,
-     ChildScansYieldInTheirInputsTaskAndNothingIsWrittenBeforeTheInitialScan) {
+TEST(TunnelMergeLifecycle, ChildScansYieldInTheInputsTaskAndWriteNothingBeforeTheyEnd) {
   Rig rig(0ns);  // every slice is used up after one key
   for (uint32_t v = 1; v <= 3; ++v) {
     for (uint32_t n = 1; n <= 3; ++n) rig.putRoute(kMvpn, v, n, "m");
@@ -775,8 +773,7 @@ TEST(TunnelMergeDeathTest, IntoKeyMismatchOrAVrfLeavingWithAChangeItsChildHasNot
   }
 }
 
-TEST(TunnelMergeDamage,
-     AtARestartOrAfterReadyAnUnreadableStaticInputKeepsTheMergedRecordsUntilRepublished) {
+TEST(TunnelMergeDamage, AnUnreadableStaticInputKeepsTheMergedRecordsUntilRepublished) {
   for (bool synchronous : {false, true}) {
     SCOPED_TRACE(synchronous ? "synchronous" : "asynchronous");
     EncapTest::Rig rig;

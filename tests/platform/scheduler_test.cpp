@@ -218,6 +218,8 @@ TEST(Scheduler, TimersFireInDeadlineOrderCanBeCancelledAndEndRunUntil) {
   EXPECT_TRUE(ran);
 }
 
+struct Counted : Oro::RefCounted {};
+
 // Lets another thread act at the last moment before run() goes to sleep. Before it sleeps
 // the scheduler captures its wake word, registers every source as a sleeper and only then
 // asks the sources for pending work (after its own posted and stop flags): whatever
@@ -235,7 +237,7 @@ struct SleepProbe : Oro::WaitSource {
   mutable std::counting_semaphore<> asked{0};
 };
 
-TEST(SchedulerLoop, RunWokenByPostAndStopFromAnotherThread) {
+TEST(SchedulerLoop, RunWokenByPostAndStopFromAnotherThreadWhosePostsSwitchToAtomicCounts) {
   TaskScheduler s;
   SleepProbe probe;
   s.waitSourceIs(&probe);
@@ -279,33 +281,29 @@ TEST(SchedulerLoop, RunWokenByPostAndStopFromAnotherThread) {
   s.runUntilIdle();
   EXPECT_EQ(posted, 2);
   s.waitSourceDel(&probe);
-}
 
-struct Counted : Oro::RefCounted {};
-
-// A closure posted from the scheduler's own thread leaves reference counts plain; one
-// posted from another thread switches the process to atomic counts before it is queued,
-// so the closure's Ptr is released on the scheduler thread with atomic counts.
-TEST(SchedulerLoop, PostFromAnotherThreadSwitchesToAtomicCounts) {
+  // A closure posted from the scheduler'plain own thread leaves reference counts plain; one posted
+  // from another thread switches the process to atomic counts before it is queued, so the
+  // closure'plain Ptr is released on the scheduler thread with atomic counts.
   const bool before = Oro::threadsInUse();
   Oro::threadsInUseIs(false);
-  TaskScheduler s;
+  TaskScheduler plain;
   bool ran = false;
-  s.post([&] { ran = true; });
-  s.runUntilIdle();
+  plain.post([&] { ran = true; });
+  plain.runUntilIdle();
   EXPECT_TRUE(ran);
   EXPECT_FALSE(Oro::threadsInUse());
 
   Oro::Ptr<Counted> shared = Oro::makePtr<Counted>();
   bool atomicWhenQueued = false, atomicWhenRun = false;
-  std::thread poster([&, copy = shared] {
+  std::thread sender([&, copy = shared] {
     // Queued at once if the switch did not happen first: the check below sees it.
-    s.post([&, copy] { atomicWhenRun = Oro::threadsInUse(); });
+    plain.post([&, copy] { atomicWhenRun = Oro::threadsInUse(); });
     atomicWhenQueued = Oro::threadsInUse();
   });
-  poster.join();
+  sender.join();
   EXPECT_TRUE(atomicWhenQueued);
-  s.runUntilIdle();
+  plain.runUntilIdle();
   EXPECT_TRUE(atomicWhenRun);
   EXPECT_EQ(shared->refs(), 1u);
   Oro::threadsInUseIs(before);

@@ -148,7 +148,7 @@ TEST_F(MvpnstatToolTest, ShowsListsAndWatchesTablesAndNestedStatuses) {
                 "vrf 2: present"}));
 }
 
-TEST_F(MvpnstatToolTest, ReportsUnknownDamagedAndForeignTables) {
+TEST_F(MvpnstatToolTest, ReportsUnknownDamagedAndForeignTablesAndBadUsage) {
   mvpnstatExpect("show routing/multicast/vpn/vrfStatus/bgp", 1,
                  {"no status table at routing/multicast/vpn/vrfStatus/bgp"});
   mvpnstatExpect("show ../etc", 1);
@@ -179,6 +179,15 @@ TEST_F(MvpnstatToolTest, ReportsUnknownDamagedAndForeignTables) {
   // Its writer is gone: a damaged table is removed like any other.
   mvpnstatExpect("remove " + path, 0);
   mvpnstatExpect("show " + path, 1);
+
+  // Bad counts are usage errors.
+  const std::string watch = "watch " + MvpnVrfStatus::mountPath(Nevo::ipv4, bgp_);
+  for (const char* count : {"-1", "-5", "''", "abc", "' 3'", "+3", "3x", "0", "0x10",
+                            "18446744073709551616", "99999999999999999999999"}) {
+    mvpnstatExpect(watch + " --count " + count, 2,
+                   {"--count needs a whole number from 1 to 18446744073709551615"});
+  }
+  mvpnstatExpect(watch + " --count", 2);
 }
 
 // The shared-memory files of the table at `path`: its header and every segment named after it.
@@ -217,16 +226,6 @@ TEST_F(MvpnstatToolTest, RemoveRefusesALiveWriterAndLeavesNothingOfADeadOne) {
             fmt::format("removed {} ({} shared-memory files)\n", path, files + 1));
   EXPECT_EQ(filesOf(path), std::vector<std::string>{});
   mvpnstatExpect("remove " + path, 1, {"no status table at " + path});
-}
-
-TEST_F(MvpnstatToolTest, BadCountsAreUsageErrors) {
-  const std::string watch = "watch " + MvpnVrfStatus::mountPath(Nevo::ipv4, bgp_);
-  for (const char* count : {"-1", "-5", "''", "abc", "' 3'", "+3", "3x", "0", "0x10",
-                            "18446744073709551616", "99999999999999999999999"}) {
-    mvpnstatExpect(watch + " --count " + count, 2,
-                   {"--count needs a whole number from 1 to 18446744073709551615"});
-  }
-  mvpnstatExpect(watch + " --count", 2);
 }
 
 // True when text holds no raw control character but '\n' (C0, DEL, or C1 encoded in UTF-8).
