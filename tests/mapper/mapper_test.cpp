@@ -1,11 +1,8 @@
-// MvpnMapper: the map families (publication with old values, lookups, DelAll with and without
-// subscribers) on one map of each kind plus the wiring of every map, the key collections,
-// ready, and the PMSI VLAN lookup with every way it comes back empty, its range error and a
-// corrupt interface table. And the platform types it stands on: the VLAN range on every way
-// in, and the VRF id map status's publications.
-// MvpnMapperKeeper and auditMvpnMapper: seeded random event sequences kept by the keeper leave
-// the audit clean and the mapper equal to a plain model; mistakes a hand-written agent makes
-// are each reported; the JSON form of a report; the example agent's flow.
+// MvpnMapper: publication with old values, lookups and DelAll on one map of each kind, every
+// map's wiring, key collections, ready, and the PMSI VLAN lookup (every way it comes back
+// empty, its range error, a corrupt interface table); the VLAN range and VRF id map status it
+// stands on. MvpnMapperKeeper and auditMvpnMapper: seeded random events keep the audit clean
+// and match a plain model, each agent mistake is reported, the report's JSON, the agent's flow.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

@@ -1,9 +1,7 @@
-// The rigs of the merge tests: each merge machine over in-process writer statuses and one
-// merged status, driven by a real scheduler, and what the merged status must hold for the
-// inputs' contents.
-// - MergeTest: MergedMvpnVrfStatusSm over the four VRF statuses.
-// - EncapTest: MergedMcastTunnelEncapStatusSm over the MVPN, static and EVPN tunnel
-//   encapsulation statuses.
+// The rigs of the merge tests: a merge machine over in-process writer statuses and a merged
+// status, driven by a real scheduler, and what the merged status must hold for the inputs.
+// MergeTest: MergedMvpnVrfStatusSm over the four VRF statuses. EncapTest:
+// MergedMcastTunnelEncapStatusSm over the MVPN, static and EVPN tunnel encapsulation statuses.
 #pragma once
 
 #include <algorithm>
@@ -130,7 +128,11 @@ struct SmRig {
     sm = static_cast<Derived*>(this)->make(synchronous);
     sm->initializedIs(true);
   }
-  void settle() { scheduler.runUntilIdle(); }
+  // Runs until idle; whether the machine is ready then.
+  bool settle() {
+    scheduler.runUntilIdle();
+    return sm->ready();
+  }
 
   Oro::TaskScheduler scheduler;
   Oro::Ptr<Sm> sm;

@@ -151,8 +151,7 @@ TEST_F(MergeAuditTest, EncapMergeExplainsAndChecksBothCollections) {
   rig.putRoutes({{kMvpn, 7, 1, "m1"}, {kStatic, 7, 1, "s1"}, {kMvpn, 7, 2, "m2"}});
   rig.putIntfs({{kEvpn, 8, 3, "e3"}, {kEvpn, 8, 4, "e4"}, {kStatic, 8, 4, "s4"}});
   rig.start();
-  rig.settle();
-  ASSERT_TRUE(rig.sm->ready());
+  ASSERT_TRUE(rig.settle());
 
   const std::string r1 = route(1).toStrep(), r2 = route(2).toStrep();
   const std::string i3 = intf(3).toStrep(), i4 = intf(4).toStrep();

@@ -1,11 +1,9 @@
 // Both merge machines over in-process writer statuses, and the runtime parts they share.
-// - MergedMvpnVrfStatusSm: precedence, lifecycle, scans with yields, reconciliation after a
-//   restart (and the Seen set's memory given back after it), input departure, trace lines, fatal
-//   checks, and a damaged shared-memory input whose merged entries survive restarts and merges.
-// - MergedMcastTunnelEncapStatusSm: the two rules (static wins, whole records), merged VRFs
-//   living with their records, whole input VRFs leaving, child machines whose scans yield,
-//   reconciliation per output, lifecycle trace lines, fatal checks, and a damaged static
-//   writer's status of which no merged record is deleted or replaced on the ground of damage.
+// - MergedMvpnVrfStatusSm: precedence, lifecycle, yielding scans, reconciliation (and the Seen
+//   set's memory given back after it), departures, trace lines, fatal checks, damaged inputs.
+// - MergedMcastTunnelEncapStatusSm: static wins whole records, merged VRFs live with their
+//   records, input VRFs leave whole, child scans yield, reconciliation per output, trace lines,
+//   fatal checks, and no merged record deleted or replaced on the ground of damage.
 // - The companions' publications and the Seen set against a reference set.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -64,8 +62,7 @@ TEST(VrfMerge, PrecedenceFollowsEveryChangeAndEveryRemergedKeyIsWritten) {
     rig.put(2, 7);
     for (int n = 0; n < 4; ++n) rig.put(n, 9);  // everyone: BGP wins
     rig.start(synchronous);
-    rig.settle();
-    ASSERT_TRUE(rig.sm->ready());
+    ASSERT_TRUE(rig.settle());
     EXPECT_EQ(rig.mergedMap(), (Merged{{7, evpn_}, {9, bgp_}}));
     // Every re-merged key is written again, even when its merged value stays.
     shmtest::KeyLog<VrfId> changes(rig.merged.get(), MvpnVrfStatus::mvpnVrfAttr);
@@ -125,8 +122,7 @@ TEST(VrfMergeLifecycle, ScansStartWhenInitializedYieldByTheSliceAndTheFirstWrite
   EXPECT_FALSE(rig.sm->ready());
   for (size_t n = 0; n < 4; ++n) EXPECT_FALSE(rig.sm->inputSmScanState()->streamScan(n));
 
-  rig.settle();
-  EXPECT_TRUE(rig.sm->ready());
+  EXPECT_TRUE(rig.settle());
   EXPECT_TRUE(rig.sm->idle());
   EXPECT_EQ(rig.mergedMap(), rig.expected());
   EXPECT_EQ(writes.keys.size(), 4u);  // VRF 3 is merged by both inputs' scans
@@ -262,8 +258,7 @@ TEST(VrfMergeTrace, LifecycleLinesAndReconciliationLinesWithAndWithoutYields) {
       EXPECT_EQ(rig.merged->mvpnVrfSize(), 1u);
       EXPECT_FALSE(rig.sm->ready());
     }
-    rig.settle();
-    ASSERT_TRUE(rig.sm->ready());
+    ASSERT_TRUE(rig.settle());
     rig.sm->handleMergedVrfStatusMvpnVrfOutputInputReady();
     const auto lines = trace.messagesWhere([](const std::string& m) {
       return m.starts_with("Input scans") || m.find("reconcil") != std::string::npos;
@@ -341,8 +336,7 @@ TEST(VrfMergeDamage, ADamagedInputKeepsItsEntriesAtARestartAndAfterReadyUntilItI
     EXPECT_TRUE(rig.sm->mergedVrfStatusMvpnVrfOutputReconciling());
 
     rig.republish({1});
-    rig.settle();
-    EXPECT_TRUE(rig.sm->ready());
+    EXPECT_TRUE(rig.settle());
     EXPECT_EQ(rig.mergedMap(), (Merged{{1, bgp_}, {2, evpn_}, {5, evpn_}}));
   }
 
@@ -350,8 +344,7 @@ TEST(VrfMergeDamage, ADamagedInputKeepsItsEntriesAtARestartAndAfterReadyUntilItI
   DamageRig rig;
   rig.put({{0, 3}, {2, 3}, {0, 4}, {3, 6}});
   rig.start();
-  rig.settle();
-  ASSERT_TRUE(rig.sm->ready());
+  ASSERT_TRUE(rig.settle());
   rig.damage();
 
   // Input 2 withdraws and rewrites 3 and 4, and input 1 writes 6 and 7: the BGP entries stay,
@@ -366,8 +359,7 @@ TEST(VrfMergeDamage, ADamagedInputKeepsItsEntriesAtARestartAndAfterReadyUntilItI
 
   // BGP republishes without 3: every key follows its inputs again.
   rig.republish({4, 7});
-  rig.settle();
-  EXPECT_TRUE(rig.sm->ready());
+  EXPECT_TRUE(rig.settle());
   EXPECT_EQ(rig.mergedMap(), rig.expected());
   EXPECT_EQ(rig.mergedMap().count(3), 0u);
 }
@@ -409,8 +401,7 @@ TEST(TunnelMerge, StaticWinsWholeAndTheOtherWriterTakesOverOnDelete) {
     SCOPED_TRACE(synchronous ? "synchronous" : "asynchronous");
     Rig rig;
     rig.start(synchronous);
-    rig.settle();
-    ASSERT_TRUE(rig.sm->ready());
+    ASSERT_TRUE(rig.settle());
     for (const Step& s : steps) {
       SCOPED_TRACE(s.what);
       if (s.intfColl) {
@@ -594,8 +585,7 @@ TEST(TunnelMergeLifecycle, ChildScansYieldInTheInputsTaskAndWriteNothingBeforeTh
   EXPECT_TRUE(rig.mergedContents().vrfs.empty());
   EXPECT_FALSE(rig.sm->ready());
 
-  rig.settle();
-  EXPECT_TRUE(rig.sm->ready());
+  EXPECT_TRUE(rig.settle());
   EXPECT_TRUE(rig.sm->idle());
   EXPECT_EQ(rig.mergedContents(), rig.expected());
   EXPECT_EQ(sm0->childSmVrfStatusRoutingMulticastMvpnVrfTunnelEncapStatusPtrConst(VrfId(3))
@@ -630,8 +620,7 @@ TEST(TunnelMergeReconcile, RestartDeletesUnsupportedRecordsPerOutputAndEachIsRea
     // A synchronous machine has reconciled inside initializedIs.
     EXPECT_EQ(rig.sm->mergedEncapVrfStatusEncapTunnelOutputReconciling(), mode != 2);
     EXPECT_EQ(rig.sm->mergedEncapVrfStatusEncapIntfTunnelOutputReconciling(), mode != 2);
-    rig.settle();
-    ASSERT_TRUE(rig.sm->ready());
+    ASSERT_TRUE(rig.settle());
     EXPECT_EQ(rig.mergedContents(), rig.expected());
     EXPECT_EQ(rig.mergedContents().vrfs, (std::set<uint32_t>{1, 2}));
     // Two route records, one interface record, and VRF 7 (by whichever output walks it first).
@@ -800,8 +789,7 @@ TEST(TunnelMergeDamage, AnUnreadableStaticInputKeepsTheMergedRecordsUntilRepubli
     Routing::Multicast::EncapStatusFaults::vrfStatusDamagedIs(*rig.in[kStatic], false);
     rig.delVrf(kStatic, 2);
     rig.putIntf(kStatic, 2, 1, "si2");
-    rig.settle();
-    EXPECT_TRUE(rig.sm->ready());
+    EXPECT_TRUE(rig.settle());
     EXPECT_EQ(rig.mergedContents(), rig.expected());
     EXPECT_EQ(rig.mergedContents().vrfs.count(9), 0u);
   }
@@ -811,8 +799,7 @@ TEST(TunnelMergeDamage, AnUnreadableStaticInputKeepsTheMergedRecordsUntilRepubli
   rig.putRoutes({{kStatic, 1, 1, "s"}, {kMvpn, 1, 1, "m"}});
   rig.putIntf(kStatic, 1, 4, "si");
   rig.start();
-  rig.settle();
-  ASSERT_TRUE(rig.sm->ready());
+  ASSERT_TRUE(rig.settle());
   auto staticVrf = rig.in[kStatic]->vrfStatus(VrfId(1));
   int reports = 0;
   staticVrf->encapTunnelCorruptionHandlerIs([&](const std::string&) { ++reports; });

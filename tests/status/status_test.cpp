@@ -1,10 +1,8 @@
-// The status entities. MvpnVrfStatus and MvpnIntfStatus: mount paths, mutators with their
-// counters and notifications, old values, control handover, dumps, creation, corruption
-// handling, and a reader in another process; their records MvpnVrf and MvpnVrfIntfId:
-// equality, order, text and value forms, wire forms and their error cases. The route status
-// tree: mount paths, the source and group operations with the group lifetime rule, counts,
-// dumps in both models, creation in the store's heap, departed entities, a randomized model
-// check, and readers in other processes following a writer's tree.
+// The status entities. MvpnVrfStatus and MvpnIntfStatus: mount paths, mutators, counters,
+// notifications and old values, control handover, dumps, creation, corruption, a reader in
+// another process; their records' order, text, value and wire forms. The route status tree:
+// sources and groups under the group lifetime rule, counts, dumps in both models, creation in
+// the store's heap, departed VRFs, a randomized model check, readers in other processes.
 #include <unistd.h>
 
 #include <map>
