@@ -270,7 +270,7 @@ TEST(VrfMergeTrace, LifecycleLinesAndReconciliationLinesWithAndWithoutYields) {
   }
 }
 
-TEST(VrfMergeDeathTest, NullPointerArgumentsAreFatal) {
+TEST(VrfMergeDeathTest, NullArgumentsIntoKeyMismatchAndAnInputLeavingInItsOwnNotification) {
   const char* const names[] = {"mvpnVrfStatus", "staticMvpnVrfStatus", "evpnVrfStatus",
                                "staticEvpnVrfStatus", "mergedVrfStatus"};
   expectNullArgumentsFatal<Rig>(names, [](Rig& r, auto null) {
@@ -278,9 +278,7 @@ TEST(VrfMergeDeathTest, NullPointerArgumentsAreFatal) {
     return Routing::Multicast::mergedMvpnVrfStatusSmFactory(
         in(0), in(1), in(2), in(3), null(4) ? nullptr : r.merged, Dyx::SmControl{&r.scheduler});
   });
-}
 
-TEST(VrfMergeDeathTest, IntoKeyMismatchOrAnInputLeavingDuringItsOwnNotificationIsFatal) {
   Rig rig;
   rig.start(true);
   EXPECT_DEATH(
@@ -715,7 +713,7 @@ TEST(TunnelMerge, AChildIsNeverRepointedAtAnotherEntity) {
       same.get());
 }
 
-TEST(TunnelMergeDeathTest, NullPointerArgumentsAreFatal) {
+TEST(TunnelMergeDeathTest, NullArgumentsIntoKeyMismatchAndAVrfLeavingWithAnUnseenChange) {
   const char* const names[] = {"mvpnEncap", "staticEncap", "evpnEncap", "mergedEncap"};
   expectNullArgumentsFatal<Rig>(names, [](Rig& r, auto null) {
     auto in = [&](int n) {
@@ -724,9 +722,7 @@ TEST(TunnelMergeDeathTest, NullPointerArgumentsAreFatal) {
     return Routing::Multicast::mergedMcastTunnelEncapStatusSmFactory(
         in(0), in(1), in(2), null(3) ? nullptr : r.merged, Dyx::SmControl{&r.scheduler});
   });
-}
 
-TEST(TunnelMergeDeathTest, IntoKeyMismatchOrAVrfLeavingWithAChangeItsChildHasNotSeenIsFatal) {
   Rig rig;
   rig.start(true);
   EXPECT_DEATH(rig.sm->intoMergedEncapVrfStatusEncapTunnel(VrfId(1), route(1),

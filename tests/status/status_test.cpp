@@ -567,7 +567,7 @@ TEST_F(RouteStatusTest, DumpsInBothModels) {
   EXPECT_THAT(routes.str(), HasSubstr("  MvpnVrfRouteStatus (already printed)\n"));
 }
 
-TEST_F(RouteStatusTest, RootsAreMadeInTheStoresHeapAndByTheStoresCreator) {
+TEST_F(RouteStatusDeathTest, RootsAreMadeInTheStoresHeapByItsCreatorGivenAnInitializerDeathTest) {
   Oro::CountingHeap& heap = Oro::ShmEntityStore::heap();
   const uint64_t before = heap.allocations();
   auto root = mvpnRouteStatusFactory("x");
@@ -583,9 +583,6 @@ TEST_F(RouteStatusTest, RootsAreMadeInTheStoresHeapAndByTheStoresCreator) {
   auto* created = static_cast<MvpnRouteStatus*>(made.get());
   EXPECT_EQ(created->name(), "z");
   EXPECT_EQ(created->binding().mountPath(), "t/created");
-}
-
-TEST_F(RouteStatusDeathTest, CreationWithoutInitializerIsFatalDeathTest) {
   EXPECT_DEATH(Oro::ShmEntityStore::createRoot(MvpnRouteStatus::kTypeName, "x", nullptr),
                "Assertion failed: initializer");
 }
