@@ -404,9 +404,10 @@ struct Raw {
   ShmStore view = ShmStore::openReader(path, nullptr);
 
   const CollectionDesc& desc(uint32_t c) const { return view.header()->colls[c]; }
-  template <class T>
-  void pokeHeader(size_t offset, T v) const {
-    writeSegment(Oro::shmStoreName(path), offset, &v, sizeof v);
+  // The record count in the header of collection c.
+  void pokeCount(uint32_t c, uint64_t v) const {
+    const size_t at = offsetof(Header, colls) + c * sizeof(CollectionDesc);
+    writeSegment(Oro::shmStoreName(path), at + offsetof(CollectionDesc, count), &v, sizeof v);
   }
   // Word `word` of slot `slot` of collection c (word 0: the sequence word).
   void pokeSlot(uint32_t c, uint32_t slot, uint32_t word, uint32_t v) const {
@@ -526,56 +527,50 @@ TEST_F(ShmVerifyTest, AHealthyStoreChecksCleanAlsoWhileItsWriterWrites) {
 TEST_F(ShmVerifyTest, DamageIsFoundAndNamed) {
   struct Case {
     const char* name;
-    // Damages the store; returns the collection and the words expected in a problem.
-    std::function<std::pair<std::string, std::string>(ShmStore& w, Raw& raw)> damage;
+    const char* coll;  // the collection a problem must name
+    // Damages the store; returns the words expected in the problem.
+    std::function<std::string(ShmStore& w, Raw& raw)> damage;
   };
   const std::vector<Case> cases = {
-      {"wrong count",
+      {"wrong count", "flat",
        [](ShmStore&, Raw& raw) {
-         raw.pokeHeader(offsetof(Header, colls) + kFlat * sizeof(CollectionDesc) +
-                            offsetof(CollectionDesc, count),
-                        uint64_t{kFlatRecords + 3});
-         return std::pair{std::string("flat"), fmt::format("count {} but {} occupied slots",
-                                                           kFlatRecords + 3, kFlatRecords)};
+         raw.pokeCount(kFlat, kFlatRecords + 3);
+         return fmt::format("count {} but {} occupied slots", kFlatRecords + 3, kFlatRecords);
        }},
-      {"index entry naming an empty slot",
+      {"index entry naming an empty slot", "flat",
        [](ShmStore& w, Raw& raw) {
          const uint32_t key[2] = {7, ~7u};
          const uint32_t slot = w.find(kFlat, key, nullptr);
          w.remove(kFlat, key);
          const uint32_t pos = raw.freeIndexEntry(kFlat);
          raw.pokeIndex(kFlat, pos, slot + 1);
-         return std::pair{std::string("flat"),
-                          fmt::format("index entry {} names slot {}, which is empty", pos, slot)};
+         return fmt::format("index entry {} names slot {}, which is empty", pos, slot);
        }},
-      {"a key in two slots",
+      {"a key in two slots", "flat",
        [](ShmStore& w, Raw& raw) {
          const uint32_t a[2] = {3, ~3u}, b[2] = {4, ~4u};
          const uint32_t sa = w.find(kFlat, a, nullptr), sb = w.find(kFlat, b, nullptr);
          raw.pokeSlot(kFlat, sb, 1, 3);
          raw.pokeSlot(kFlat, sb, 2, ~3u);
-         return std::pair{std::string("flat"), fmt::format("slots {} and {} hold the same key",
-                                                           std::min(sa, sb), std::max(sa, sb))};
+         return fmt::format("slots {} and {} hold the same key", std::min(sa, sb),
+                            std::max(sa, sb));
        }},
-      {"a member whose parent is gone",
+      {"a member whose parent is gone", "routes",
        [](ShmStore& w, Raw& raw) {
          const uint64_t parent = vrfRef(w, 5);
          raw.pokeSlot(kVrfs, refSlot(parent), 0,
                       raw.slotWord(kVrfs, refSlot(parent), 0) & ~kSeqOccupied);
-         return std::pair{std::string("routes"),
-                          fmt::format("names parent slot {} generation {}, which is gone",
-                                      refSlot(parent), refGen(parent))};
+         return fmt::format("names parent slot {} generation {}, which is gone", refSlot(parent),
+                            refGen(parent));
        }},
-      {"a wrong per-parent count",
+      {"a wrong per-parent count", "routes",
        [](ShmStore& w, Raw& raw) {
          const uint32_t ps = refSlot(vrfRef(w, 2));
          raw.pokeSlot(kVrfs, ps, raw.sideWord(kVrfs, childBlock(0) + kChildCount), kMembers - 1);
-         return std::pair{
-             std::string("routes"),
-             fmt::format("parent slot {} counts {} members but its page chain holds {}", ps,
-                         kMembers - 1, kMembers)};
+         return fmt::format("parent slot {} counts {} members but its page chain holds {}", ps,
+                            kMembers - 1, kMembers);
        }},
-      {"a looping page chain",
+      {"a looping page chain", "routes",
        [](ShmStore& w, Raw& raw) {
          const uint32_t ps = refSlot(vrfRef(w, 4));
          const uint32_t first = raw.slotWord(kVrfs, ps, raw.sideWord(kVrfs, childBlock(0)));
@@ -586,16 +581,14 @@ TEST_F(ShmVerifyTest, DamageIsFoundAndNamed) {
          writeSegment(Oro::shmStoreSegmentName(raw.path, raw.view.header()->instance,
                                                fmt::format("{}k{}", kRoutes, chunk)),
                       dir + offsetof(PageEntry, next), &first, 4);
-         return std::pair{std::string("routes"),
-                          fmt::format("the page chain of parent slot {} loops", ps)};
+         return fmt::format("the page chain of parent slot {} loops", ps);
        }},
-      {"a blob reference beyond the heap",
+      {"a blob reference beyond the heap", "blobs",
        [](ShmStore& w, Raw& raw) {
          const uint32_t key[1] = {9};
          const uint32_t slot = w.find(kBlobs, key, nullptr);
          raw.pokeSlot(kBlobs, slot, 1 + 2, 9);  // the reference's chunk
-         return std::pair{std::string("blobs"),
-                          fmt::format("slot {}: blob reference (chunk 9", slot)};
+         return fmt::format("slot {}: blob reference (chunk 9", slot);
        }},
   };
   for (const Case& c : cases) {
@@ -603,11 +596,11 @@ TEST_F(ShmVerifyTest, DamageIsFoundAndNamed) {
     const std::string path = "v/damaged";
     ShmStore w = filledStore(path);
     Raw raw{path};
-    const auto [coll, what] = c.damage(w, raw);
+    const std::string what = c.damage(w, raw);
     const Oro::ShmIntegrityReport r = Oro::shmVerifyStore(path);
     EXPECT_FALSE(r.unstable);
-    EXPECT_TRUE(mentions(r, coll, what)) << "expected " << coll << ": " << what << "\ngot\n"
-                                         << listed(r);
+    EXPECT_TRUE(mentions(r, c.coll, what)) << "expected " << c.coll << ": " << what << "\ngot\n"
+                                           << listed(r);
     Oro::shmUnlinkNamespace();
   }
 }
@@ -619,9 +612,7 @@ TEST_F(ShmVerifyTest, ForgedCountsClaimNoMoreThanTheSlots) {
   ShmStore w = filledStore("v/forged");
   Raw raw{"v/forged"};
   const uint64_t parent = vrfRef(w, 0);
-  raw.pokeHeader(
-      offsetof(Header, colls) + kFlat * sizeof(CollectionDesc) + offsetof(CollectionDesc, count),
-      uint64_t{0xf0000000});
+  raw.pokeCount(kFlat, 0xf0000000);
   raw.pokeSlot(kVrfs, refSlot(parent), raw.sideWord(kVrfs, childBlock(0) + kChildCount),
                0xf0000000);
   ShmStore r = ShmStore::openReader("v/forged", nullptr);
