@@ -103,11 +103,8 @@ TEST_F(MergeAuditTest, VrfMergeExplainsEveryPrecedenceAndChecksAgainstWriterProc
     Result r = mvpnstatExpect(fmt::format("explain {} {} --json", kMerged, k), 0);
     const Json e = Json::parse(r.out);
     Json winner = nullptr;
-    for (int w : {0, 2, 1, 3}) {
-      if (k & (1u << w)) {
-        winner = names[w];
-        break;
-      }
+    for (int w : {3, 1, 2, 0}) {  // from the lowest rank: the last one present wins
+      if (k & (1u << w)) winner = names[w];
     }
     EXPECT_EQ(e["winner"], winner) << k;
     EXPECT_EQ(e["agrees"], true) << r.out;

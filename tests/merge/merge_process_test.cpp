@@ -86,10 +86,9 @@ TEST_F(VrfMergeProcessTest, MergedTableFollowsFourWriterProcesses) {
   // An earlier reader wrote a merged table and died without cleaning up.
   const pid_t previous = shmtest::forkChild([]() -> int {
     auto merged = shmtest::mounted(mvpnVrfStatusFactory("merged"), {kMergedPath, ShmRole::writer});
-    merged->mvpnVrfIs(MvpnVrf(VrfId(500), bgp_));
-    merged->mvpnVrfIs(MvpnVrf(VrfId(501), evpn_));
-    merged->mvpnVrfIs(MvpnVrf(VrfId(2), staticEvpn_));
-    merged->mvpnVrfIs(MvpnVrf(VrfId(7), bgp_));
+    for (auto [vrf, client] : Merged{{500, bgp_}, {501, evpn_}, {2, staticEvpn_}, {7, bgp_}}) {
+      merged->mvpnVrfIs(MvpnVrf(VrfId(vrf), client));
+    }
     ::_exit(0);  // no clean-up, like a crash
   });
   ASSERT_EQ(shmtest::waitChild(previous), 0);

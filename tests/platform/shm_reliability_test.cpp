@@ -316,10 +316,6 @@ TEST_F(ShmReliabilityTest, ATruncatedSegmentIsDamageNotACrash) {
 
 // A writer killed at a given step of its n-th write leaves a store in which walks, lookups and
 // counts agree, every record is whole, and a new writer continues it.
-struct StepCase {
-  ShmFaultPoint point;
-  int nth;
-};
 
 void checkAgreement(const ShmStore& s, uint32_t keySpace) {
   uint32_t walked = 0;
@@ -344,7 +340,7 @@ void checkAgreement(const ShmStore& s, uint32_t keySpace) {
 }
 
 TEST_F(ShmReliabilityTest, AWriterKilledAtAnyStepLeavesAStoreThatAgreesWithItself) {
-  const StepCase cases[] = {
+  const std::pair<ShmFaultPoint, int> cases[] = {
       {ShmFaultPoint::insertFilled, 300},    {ShmFaultPoint::insertIndexed, 300},
       {ShmFaultPoint::insertCommitted, 300}, {ShmFaultPoint::rewriteJournaled, 40},
       {ShmFaultPoint::rewriteWriting, 40},   {ShmFaultPoint::rewriteCommitted, 40},
@@ -353,12 +349,12 @@ TEST_F(ShmReliabilityTest, AWriterKilledAtAnyStepLeavesAStoreThatAgreesWithItsel
       {ShmFaultPoint::chunkAdded, 2},        {ShmFaultPoint::logAppended, 500},
   };
   constexpr uint32_t kKeys = 2000;
-  for (const StepCase& c : cases) {
-    SCOPED_TRACE(static_cast<int>(c.point));
-    const std::string path = fmt::format("r/step{}", static_cast<int>(c.point));
+  for (const auto& [point, nth] : cases) {
+    SCOPED_TRACE(static_cast<int>(point));
+    const std::string path = fmt::format("r/step{}", static_cast<int>(point));
     const pid_t child = forkChild([&] {
       Attached w(ShmAttach{path, ShmRole::writer});
-      faultAt(c.point, c.nth);
+      faultAt(point, nth);
       for (uint32_t k = 0; k < kKeys; ++k) {
         w.insert(k, Rec::of(k));
         if (k % 10 == 0) w.insert(k / 2, Rec::of(k / 2 + 1000000));

@@ -9,8 +9,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <iterator>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <thread>
 
@@ -33,9 +33,7 @@ struct Probe {
 
 std::string readFile(const std::string& path) {
   std::ifstream in(path);
-  std::stringstream ss;
-  ss << in.rdbuf();
-  return ss.str();
+  return {std::istreambuf_iterator<char>(in), {}};
 }
 
 class TraceTest : public ::testing::Test {

@@ -5,6 +5,7 @@
 // the store's heap, departed VRFs, a randomized model check, readers in other processes.
 #include <unistd.h>
 
+#include <algorithm>
 #include <map>
 #include <random>
 #include <regex>
@@ -187,10 +188,8 @@ TEST_F(VrfStatusTest, Dumps) {
 }
 
 bool ownerListed(const std::string& owner) {
-  for (const auto& c : Oro::CounterRegistry::global().list()) {
-    if (c.owner == owner) return true;
-  }
-  return false;
+  return std::ranges::any_of(Oro::CounterRegistry::global().list(),
+                             [&](const auto& c) { return c.owner == owner; });
 }
 
 TEST_F(VrfStatusTest, CreationByFactoryAndDirectoryAndTheLastReferenceHandingTheRootToItsControl) {
