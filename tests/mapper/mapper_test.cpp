@@ -155,7 +155,7 @@ TEST(Mapper, CollectionMapCreatesOnceHandsTheCollectionBackAndEachMapHasItsOwnAt
   EXPECT_EQ(m->routeIntfKeyToTunnelId(intfKey), TunnelId(0));
 }
 
-TEST(Mapper, KeyCollectionsAreLeftAloneByForwardDeletesAndAnnounceRealChanges) {
+TEST(Mapper, KeyCollectionsAnnounceRealChangesAndReadyIsPublishedWithTheOldFlag) {
   auto m = newMapper();
   m->routeKeyToTunnelIdIs(routeKey(1), TunnelId(5));
   const auto routes = m->tunnelIdToRouteKeysIs(TunnelId(5));
@@ -174,19 +174,17 @@ TEST(Mapper, KeyCollectionsAreLeftAloneByForwardDeletesAndAnnounceRealChanges) {
   trees->keyCollDel(treeId(1));
   trees->keyCollDelAll();
   EXPECT_EQ(announced.keys, (std::vector{treeId(1), treeId(2), treeId(1), treeId(2)}));
-}
 
-TEST(Mapper, ReadyIsPublishedOnChangeWithTheOldFlag) {
-  auto mapper = newMapper();
-  EXPECT_FALSE(mapper->ready());
-  ChangeLog<bool, bool> oldNew(mapper.get(), MvpnMapper::readyAttr);
+  // Ready is published on change, with the old flag.
+  EXPECT_FALSE(m->ready());
+  ChangeLog<bool, bool> oldNew(m.get(), MvpnMapper::readyAttr);
   std::vector<Oro::AttrId> plain;
   Oro::AttrReactor attrs([&](Oro::AttrId a) { plain.push_back(a); });
-  attrs.notifierIs(mapper.get());
-  mapper->readyIs(false);  // unchanged
-  mapper->readyIs(true);
-  mapper->readyIs(true);
-  mapper->readyIs(false);
+  attrs.notifierIs(m.get());
+  m->readyIs(false);  // unchanged
+  m->readyIs(true);
+  m->readyIs(true);
+  m->readyIs(false);
   using C = ChangeLog<bool, bool>::Change;
   EXPECT_EQ(oldNew.changes, (std::vector<C>{{true, false, true}, {false, true, false}}));
   EXPECT_EQ(plain, (std::vector<Oro::AttrId>{MvpnMapper::readyAttr, MvpnMapper::readyAttr}));

@@ -554,18 +554,16 @@ TEST(TunnelMergeLifecycle, ChildScansYieldInTheInputsTaskAndWriteNothingBeforeTh
   rig.start();
   auto* sm0 = rig.sm->mvpnEncapSm0();
   auto* sm2 = rig.sm->staticEncapSm2();
-  EXPECT_EQ(sm0->task0()->name(),
-            "Routing::Multicast::MergedMcastTunnelEncapStatusSm-MvpnEncapSm0InputScanTask0");
-  EXPECT_EQ(sm2->task1()->name(),
-            "Routing::Multicast::MergedMcastTunnelEncapStatusSm-StaticEncapSm2InputScanTask1");
-  EXPECT_EQ(sm2->task3()->name(),
-            "Routing::Multicast::MergedMcastTunnelEncapStatusSm-StaticEncapSm2InputScanTask3");
+  const std::string machine = "MergedMcastTunnelEncapStatusSm-", scope = "Routing::Multicast::";
+  EXPECT_EQ(sm0->task0()->name(), scope + machine + "MvpnEncapSm0InputScanTask0");
+  EXPECT_EQ(sm2->task1()->name(), scope + machine + "StaticEncapSm2InputScanTask1");
+  EXPECT_EQ(sm2->task3()->name(), scope + machine + "StaticEncapSm2InputScanTask3");
   EXPECT_EQ(rig.sm->evpnEncapSm4()->task2()->name(),
-            "Routing::Multicast::MergedMcastTunnelEncapStatusSm-EvpnEncapSm4InputScanTask2");
+            scope + machine + "EvpnEncapSm4InputScanTask2");
   EXPECT_EQ(rig.sm->mergedEncapVrfStatusEncapTunnelOutputReconciliationTask()->name(),
-            "MergedMcastTunnelEncapStatusSm-mergedEncapVrfStatusEncapTunnelOutputTask");
+            machine + "mergedEncapVrfStatusEncapTunnelOutputTask");
   EXPECT_EQ(rig.sm->mergedEncapVrfStatusEncapIntfTunnelOutputReconciliationTask()->name(),
-            "MergedMcastTunnelEncapStatusSm-mergedEncapVrfStatusEncapIntfTunnelOutputTask");
+            machine + "mergedEncapVrfStatusEncapIntfTunnelOutputTask");
 
   // task0's first run: VRF 1's child scans one key and yields; its scan waits in the queue
   // and the stream is not complete.

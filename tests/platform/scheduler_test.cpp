@@ -93,7 +93,7 @@ TEST(Scheduler, PriorityThenFifoOrderAndTasksDeletedWhileQueued) {
 // A scan-like task: handles items until the scheduler says to yield, records progress and
 // reschedules itself; a higher-priority task scheduled meanwhile runs in between. The
 // yields come from a seeded policy, so every run of the test yields at the same items.
-TEST(Scheduler, SelfReschedulingTaskYieldsWhenThePolicySays) {
+TEST(Scheduler, YieldsComeFromThePolicyOrWithoutOneFromTheTimeSlice) {
   TaskScheduler s;
   constexpr uint64_t kItems = 3000;
   std::mt19937 rng(20240611);
@@ -145,12 +145,10 @@ TEST(Scheduler, SelfReschedulingTaskYieldsWhenThePolicySays) {
   EXPECT_EQ(urgentRuns, 1u);
   EXPECT_EQ(runsAtUrgent, 1u);  // ahead of the scan's second run
   EXPECT_EQ(s.taskCurrentlyRunning(), nullptr);
-}
 
-// Without a policy the time slice decides: an empty slice is used up as soon as the task
-// starts, an hour-long one is not used up by a task that returns at once. Clearing the
-// policy brings the slice back.
-TEST(Scheduler, TimeSliceDecidesWithoutAPolicy) {
+  // Without a policy the time slice decides: an empty slice is used up as soon as the task starts,
+  // an hour-long one is not used up by a task that returns at once. Clearing the policy brings the
+  // slice back.
   for (bool withCleared : {false, true}) {
     SCOPED_TRACE(withCleared ? "policy set, then cleared" : "no policy");
     for (auto [slice, expect] :

@@ -150,14 +150,11 @@ TEST_F(ShmStoreTest, OneLiveWriterOneTypeOneRevision) {
 
 // A store with entities (parents) whose members are values (kids) and strings (notes).
 Oro::ShmStoreSchema nestedSchema() {
-  Oro::ShmCollectionSchema parents{
-      "parents", "test::Parent", 1, 0, Oro::ShmLayout::kCollEntities, Oro::ShmLayout::kNoParent, 4,
-      0,         false};
-  Oro::ShmCollectionSchema kids{"kids", "test::Kid", 2,  3,    Oro::ShmLayout::kCollValues,
-                                0,      4,           32, false};
-  Oro::ShmCollectionSchema notes{"notes", "test::Note", 4, 5, Oro::ShmLayout::kCollValues, 0, 4,
-                                 0,       true};
-  return Oro::ShmStoreSchema{"test::Tree", {parents, kids, notes}};
+  using namespace Oro::ShmLayout;
+  return {"test::Tree",
+          {{"parents", "test::Parent", 1, 0, kCollEntities, kNoParent, 4, 0, false},
+           {"kids", "test::Kid", 2, 3, kCollValues, 0, 4, 32, false},
+           {"notes", "test::Note", 4, 5, kCollValues, 0, 4, 0, true}}};
 }
 
 uint64_t addParent(ShmStore& s, uint32_t key) {
@@ -355,15 +352,11 @@ constexpr uint32_t kFlat = 0, kVrfs = 1, kRoutes = 2, kBlobs = 3;
 constexpr uint32_t kFlatRecords = 4000, kParents = 12, kMembers = 20, kBlobRecords = 40;
 
 Oro::ShmStoreSchema schema() {
-  Oro::ShmStoreSchema s;
-  s.rootType = "test::VerifyRoot";
-  s.collections = {
-      {"flat", "test::Flat", 1, 2, kCollValues, kNoParent, 8, 16, false},
-      {"vrfs", "test::Vrf", 3, 4, kCollEntities, kNoParent, 4, 8, false},
-      {"routes", "test::Route", 5, 6, kCollValues, kVrfs, 8, 8, false},
-      {"blobs", "test::Blob", 7, 8, kCollValues, kNoParent, 4, 4, true},
-  };
-  return s;
+  return {"test::VerifyRoot",
+          {{"flat", "test::Flat", 1, 2, kCollValues, kNoParent, 8, 16, false},
+           {"vrfs", "test::Vrf", 3, 4, kCollEntities, kNoParent, 4, 8, false},
+           {"routes", "test::Route", 5, 6, kCollValues, kVrfs, 8, 8, false},
+           {"blobs", "test::Blob", 7, 8, kCollValues, kNoParent, 4, 4, true}}};
 }
 
 // Flat records: key (k, ~k), value four words derived from k.

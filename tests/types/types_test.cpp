@@ -154,7 +154,7 @@ TEST(MvpnRouteIntfKey, DefaultsTextOrderAndTheVrfQualifiedKeys) {
   EXPECT_EQ((std::unordered_set<MvpnVrfRouteIntfKey>{i, j, i}.size()), 2u);
 }
 
-TEST(MulticastTreeId, SameTextIsSameKey) {
+TEST(MulticastTreeId, SameTextIsSameKeyAndMvpnConstsAreAlwaysEqualAndNotHashable) {
   MulticastTreeId a("P2MP:10.0.0.1:7");
   MulticastTreeId b(std::string("P2MP:10.0.0.1:7"));
   EXPECT_EQ(a, b);
@@ -164,14 +164,13 @@ TEST(MulticastTreeId, SameTextIsSameKey) {
   EXPECT_EQ(parseText<MulticastTreeId>("any text, even ) this"),
             MulticastTreeId("any text, even ) this"));
   EXPECT_EQ(fmt::format("{}", a), "P2MP:10.0.0.1:7");
-}
 
-TEST(MvpnConsts, AlwaysEqualAndNotHashable) {
-  MvpnConsts a, b;
-  EXPECT_EQ(a <=> b, std::strong_ordering::equal);
-  EXPECT_THROW(a.hash(0), Oro::NonHashableTypeException);
-  EXPECT_EQ(a.toStrep(), "Value('Routing::Multicast::MvpnConsts', ** {})");
-  EXPECT_EQ(parseText<MvpnConsts>(a.toStrep()), a);
+  // MvpnConsts are always equal and not hashable.
+  MvpnConsts c, d;
+  EXPECT_EQ(c <=> d, std::strong_ordering::equal);
+  EXPECT_THROW(c.hash(0), Oro::NonHashableTypeException);
+  EXPECT_EQ(c.toStrep(), "Value('Routing::Multicast::MvpnConsts', ** {})");
+  EXPECT_EQ(parseText<MvpnConsts>(c.toStrep()), c);
   EXPECT_THROW(parseText<MvpnConsts>("Value('Routing::Multicast::MvpnConsts', ** {}) "),
                Oro::ParseException);
 }
@@ -244,7 +243,7 @@ TEST(MvpnRouteDeathTest, RouteFlagsMustMatchTheSharedJoinFlag) {
   EXPECT_DEATH(MvpnRoute().handleRouteFlags(), kInvariant);
 }
 
-TEST(MvpnRoute, DisplayFormOrderAndValueForm) {
+TEST(MvpnRoute, DisplayFormOrderAndValueFormOfRoutesAndSources) {
   EXPECT_EQ(MvpnRoute(kStar, kUmh, RouteFlags()).toStrep(), "(*, 239.1.1.1): UMH: 10.0.0.0/8");
   EXPECT_EQ(MvpnRoute(kSg, kUmh, RouteFlags(7)).toStrep(),
             "(10.0.0.1, 239.1.1.1): UMH: 10.0.0.0/8, (S,G), (S,G,Rpt), discovered");
@@ -279,9 +278,8 @@ TEST(MvpnRoute, DisplayFormOrderAndValueForm) {
   using E = Oro::DeserializationException;
   EXPECT_THAT([&] { parseText<MvpnRoute>(badLen); },
               Throws<E>(Property(&E::attribute, "umhPrefix")));
-}
 
-TEST(MvpnSource, DisplayOrderAndValueForm) {
+  // Sources: display, order and value form.
   EXPECT_EQ(MvpnSource().toStrep(), "0.0.0.0: UMH: 0.0.0.0/0");
   MvpnSource s(ip("10.0.0.1"), kUmh, SourceFlags(7));
   EXPECT_EQ(s.toStrep(), "10.0.0.1: UMH: 10.0.0.0/8, (S,G), (S,G,Rpt), discovered");
