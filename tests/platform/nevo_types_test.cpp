@@ -223,7 +223,7 @@ void writeOuter(Oro::PbWriteBuffer& w, const std::string& name, uint32_t key, ui
   w.writeVarint(client);
 }
 
-TEST(PbWriteBuffer, EncodesVarintsAndFixedValuesAndSectionsBackFillMinimalLengths) {
+TEST(PbWriteBufferDeathTest, VarintsFixedValuesAndSectionsClosedInnermostFirst) {
   // Tags, varints and sections are checked against generated code by PbInterop below.
   Oro::PbWriteBuffer w;
   w.writeVarint(300);
@@ -263,13 +263,12 @@ TEST(PbWriteBuffer, EncodesVarintsAndFixedValuesAndSectionsBackFillMinimalLength
   EXPECT_TRUE(o.atEnd());
   EXPECT_EQ(r.readVarint(), 2u);
   EXPECT_TRUE(r.atEnd());
-}
 
-TEST(PbWriteBufferDeathTest, ClosingAnOuterSectionFirstIsFatal) {
-  Oro::PbWriteBuffer w;
-  auto outer = w.openSection();
-  w.openSection();
-  EXPECT_DEATH(w.closeSection(outer),
+  // Closing an outer section first is fatal.
+  Oro::PbWriteBuffer bad;
+  auto first = bad.openSection();
+  bad.openSection();
+  EXPECT_DEATH(bad.closeSection(first),
                "Assertion failed: !open_.empty\\(\\) && open_.back\\(\\) == s.lengthAt && "
                "\"sections are closed innermost first\"");
 }

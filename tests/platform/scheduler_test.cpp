@@ -280,9 +280,9 @@ TEST(SchedulerLoop, RunWokenByPostAndStopFromAnotherThreadWhosePostsSwitchToAtom
   EXPECT_EQ(posted, 2);
   s.waitSourceDel(&probe);
 
-  // A closure posted from the scheduler'plain own thread leaves reference counts plain; one posted
+  // A closure posted from the scheduler's own thread leaves reference counts plain; one posted
   // from another thread switches the process to atomic counts before it is queued, so the
-  // closure'plain Ptr is released on the scheduler thread with atomic counts.
+  // closure's Ptr is released on the scheduler thread with atomic counts.
   const bool before = Oro::threadsInUse();
   Oro::threadsInUseIs(false);
   TaskScheduler plain;

@@ -40,7 +40,7 @@ void drain(Table& t) {
   while (t.reader()->hasPending()) t.reader()->dispatch();
 }
 
-TEST_F(ShmStoreTest, NamesAreValidatedAndNamespacesCannotOverlap) {
+TEST_F(ShmStoreTest, NamesAreValidatedAndADetachedTableInsertsReplacesRemovesAndResumesWalks) {
   for (const char* bad : {"", "/a", "a/", "a//b", "a/b c", "a/b.c", "a/b@c", "../x"}) {
     EXPECT_THROW(Oro::shmStoreName(bad), Oro::ShmException) << bad;
   }
@@ -51,9 +51,8 @@ TEST_F(ShmStoreTest, NamesAreValidatedAndNamespacesCannotOverlap) {
   for (const char* bad : {"", "x.y", "a/b", "sp ace", "\xff"}) {
     EXPECT_THROW(Oro::shmNamespaceIs(bad), Oro::ShmException) << bad;
   }
-}
 
-TEST_F(ShmStoreTest, DetachedTableInsertsReplacesRemovesAndResumesWalks) {
+  // A detached table inserts, replaces, removes and resumes walks.
   Table t("test::Rec", "recs", {});
   EXPECT_TRUE(t.insert(1, Rec::of(1)));
   EXPECT_FALSE(t.insert(1, Rec::of(11)));
@@ -233,7 +232,7 @@ TEST_F(ShmStoreTest, NestedMembersLiveOnTheirParentsPagesCommittedAsTheyAreCarve
   EXPECT_FALSE(reader.childVersion(1, a).has_value());  // even when c took a's slot
   EXPECT_EQ(members(reader, 1, c).size(), 100u);
 
-  // A nested chunk'big memory, its page directory included (a megabyte for a chunk of 128k slots),
+  // A nested chunk's memory, its page directory included (a megabyte for a chunk of 128k slots),
   // is committed a step at a time as pages are carved: the write that opens a chunk does not commit
   // the whole directory.
   ShmStore big = ShmStore::openWriter("t/big", nestedSchema(), 0600, 1024);
@@ -294,7 +293,7 @@ TEST_F(ShmStoreTest, BlobsAreReadWholeAndTheirSpaceIsReused) {
   EXPECT_EQ(note(1005), std::string(100 + 19995 % 300, 'g'));
 }
 
-TEST_F(ShmStoreTest, IndexGrowsAcrossChunksWithoutLongWritesOrLostKeys) {
+TEST_F(ShmStoreTest, TheIndexGrowsWithoutLongWritesOrLostKeysAndEqualKeysHaveOneImage) {
   Table w("test::Rec", "recs", {});
   w.attach(ShmAttach{"t/grow", ShmRole::writer});
   Table r("test::Rec", "recs", {});
@@ -315,21 +314,20 @@ TEST_F(ShmStoreTest, IndexGrowsAcrossChunksWithoutLongWritesOrLostKeys) {
   const ShmStore::IndexGrowth g = w.store().indexGrowth(0);
   EXPECT_GT(g.generationsPublished, 5u);
   EXPECT_LE(g.maxSlotsPerWrite, 64u);  // no write rebuilt the index at once
-}
 
-TEST_F(ShmStoreTest, EqualKeysHaveOneImageAndBadImagesAreDamage) {
+  // Equal keys have one image; bad images are damage.
   using Routing::Multicast::MvpnRouteIntfKey;
   using Routing::Multicast::MvpnVrfRouteIntfKey;
   static_assert(std::has_unique_object_representations_v<MvpnVrfRouteIntfKey>);
-  const auto g = Nevo::IpGenAddr::ipv4Addr(0xef010101);
+  const auto group = Nevo::IpGenAddr::ipv4Addr(0xef010101);
   const auto src = Nevo::IpGenAddr::ipv4Addr(0x0a000001);
   MvpnVrfRouteIntfKey a(Vrf::VrfIdMap::VrfId(5),
-                        MvpnRouteIntfKey(src, g, Nevo::IntfId::vlan(7), false));
+                        MvpnRouteIntfKey(src, group, Nevo::IntfId::vlan(7), false));
   MvpnVrfRouteIntfKey b;
   std::memset(static_cast<void*>(&b), 0x5a, sizeof b);  // whatever the memory held before
   b = MvpnVrfRouteIntfKey();
   b.vrfIdIs(Vrf::VrfIdMap::VrfId(5));
-  b.keyIs(MvpnRouteIntfKey(src, g, Nevo::IntfId::vlan(7), false));
+  b.keyIs(MvpnRouteIntfKey(src, group, Nevo::IntfId::vlan(7), false));
   Oro::ShmTable<MvpnVrfRouteIntfKey, uint64_t> t("test::Keys", "keys", {});
   t.insert(a, 1);
   t.insert(b, 2);
