@@ -9,21 +9,18 @@
 
 #include "common/notice_log.h"
 #include "common/shm_test_util.h"
+#include "merge/MergeTestRig.h"
 #include "merge/MvpnTunnelEncapStatus.h"
-#include "platform/net/IpAddr.h"
 #include "platform/runtime/TaskScheduler.h"
 
 namespace {
 
 using namespace Routing::Multicast;
+using EncapTest::intf;
+using EncapTest::route;
 using Oro::ShmAttach;
 using Oro::ShmRole;
 using Vrf::VrfIdMap::VrfId;
-
-MvpnRouteKey route(uint32_t group) {
-  return MvpnRouteKey(Nevo::IpGenAddr::ipv4Addr(0x0a000001), Nevo::IpGenAddr::ipv4Addr(group),
-                      false);
-}
 
 std::vector<MvpnRouteKey> keys(EncapTunnelIterator it) {
   std::vector<MvpnRouteKey> out;
@@ -50,7 +47,7 @@ TEST(EncapStatus, MutatorsPublishEveryChangedKeyAndCountMembersAndWalksResumeAtA
   EXPECT_EQ(root->vrfStatus(VrfId(7)), vrf);
   EXPECT_EQ(routeChanges.keys, (std::vector<MvpnRouteKey>{route(1), route(1), route(1)}));
 
-  vrf->encapIntfTunnelIs(MvpnEncapIntfTunnel(MvpnRouteIntfKey(route(3), Nevo::IntfId::vlan(5))));
+  vrf->encapIntfTunnelIs(MvpnEncapIntfTunnel(intf(3)));
   root->vrfStatusIs(VrfId(7));
   EXPECT_EQ(vrf->encapIntfTunnelSize(), 1u);  // vrfStatusIs on an existing VRF keeps records
   root->vrfStatusDel(VrfId(7));
@@ -207,7 +204,7 @@ TEST_F(EncapStatusReader, RepublishedAndHeldVrfsKeepTheirRecords) {
 }
 
 TEST(EncapRecords, TextFormIsTheValueForm) {
-  EXPECT_EQ(MvpnEncapTunnel(route(0xef010101), "it's \\x").toStrep(),
+  EXPECT_EQ(MvpnEncapTunnel(route(0x10101), "it's \\x").toStrep(),
             "Value('Routing::Multicast::MvpnEncapTunnel', ** {'routeKey': (10.0.0.1, "
             "239.1.1.1), 'encapData': 'it\\'s \\\\x'})");
   EXPECT_EQ(MvpnEncapIntfTunnel().toStrep(),

@@ -132,7 +132,7 @@ TEST(VrfMergeLifecycle, ScansStartWhenInitializedYieldByTheSliceAndTheFirstWrite
   }
 }
 
-TEST(VrfMergeReconcile, RestartDeletesExactlyTheUnsupportedEntriesAndAnEmptyOutputIsLeftAlone) {
+TEST(VrfMergeReconcile, RestartDeletesExactlyTheUnsupportedEntriesAndDeparturesFallBack) {
   // Over an earlier merged status: yielding, large slice, synchronous with the smallest slice;
   // then (3) over an empty one, which is not reconciled at all.
   for (auto mode : {0, 1, 2, 3}) {
@@ -156,9 +156,8 @@ TEST(VrfMergeReconcile, RestartDeletesExactlyTheUnsupportedEntriesAndAnEmptyOutp
     EXPECT_FALSE(rig.sm->mergedVrfStatusMvpnVrfOutputUseBookmark());
     EXPECT_TRUE(rig.sm->mergedVrfStatusMvpnVrfOutputSeen().empty());
   }
-}
 
-TEST(VrfMergeDeparture, DepartedInputFallsBackToTheOthersAndAnEarlyOneCountsAsEmpty) {
+  // A departed input falls back to the others.
   Rig rig;
   rig.put({{0, 5}, {0, 6}, {3, 5}});
   rig.start();

@@ -61,7 +61,7 @@ struct fmt::formatter<Probe> : fmt::formatter<int> {
 
 namespace {
 
-TEST_F(TraceTest, DisabledLevelsFormatNothingAndEnabledOnesReachTheSink) {
+TEST_F(TraceTest, LevelsFormatOnlyWhenEnabledByComponentStarOrSettingsString) {
   Oro::TraceHandle h("MergedMvpnVrfStatusSm");
   int formats = 0;
   ORO_TRACE(h, 3, "probe {}", Probe{&formats});
@@ -78,9 +78,8 @@ TEST_F(TraceTest, DisabledLevelsFormatNothingAndEnabledOnesReachTheSink) {
   Oro::traceEnable("MergedMvpnVrfStatusSm", 3, false);
   ORO_TRACE(h, 3, "probe {}", Probe{&formats});
   EXPECT_EQ(formats, 1);
-}
 
-TEST_F(TraceTest, StarAndSettingsStringsEnableComponentsLevelsAndRangesAndLaterSettingsWin) {
+  // The star applies to existing and future handles; later settings win.
   Oro::TraceHandle a("A");
   Oro::traceEnable("*", 5, true);
   Oro::TraceHandle b("B");
