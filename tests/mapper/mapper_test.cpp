@@ -99,7 +99,7 @@ TEST(Mapper, ValueMapPublishesChangesWithTheOldValueAndDelAllEachRemovalToSubscr
   EXPECT_EQ(announced, want);
 }
 
-TEST(Mapper, CollectionMapCreatesOnceHandsTheCollectionBackAndEachMapHasItsOwnAttribute) {
+TEST(Mapper, CollectionsAndTheirKeysEachMapsAttributeAndReady) {
   auto m = newMapper();
   ChangeLog<TunnelId, const MvpnVrfRouteKeyColl*> log(m.get(), MvpnMapper::tunnelIdToRouteKeysAttr);
   const auto coll = m->tunnelIdToRouteKeysIs(TunnelId(7));
@@ -153,10 +153,8 @@ TEST(Mapper, CollectionMapCreatesOnceHandsTheCollectionBackAndEachMapHasItsOwnAt
   }
   EXPECT_EQ(m->treeIdToVrfId(treeId(1)), VrfId(16777215));
   EXPECT_EQ(m->routeIntfKeyToTunnelId(intfKey), TunnelId(0));
-}
 
-TEST(Mapper, KeyCollectionsAnnounceRealChangesAndReadyIsPublishedWithTheOldFlag) {
-  auto m = newMapper();
+  // Key collections are left alone by forward deletes and announce real changes.
   m->routeKeyToTunnelIdIs(routeKey(1), TunnelId(5));
   const auto routes = m->tunnelIdToRouteKeysIs(TunnelId(5));
   routes->keyCollIs(routeKey(1));
@@ -179,14 +177,14 @@ TEST(Mapper, KeyCollectionsAnnounceRealChangesAndReadyIsPublishedWithTheOldFlag)
   EXPECT_FALSE(m->ready());
   ChangeLog<bool, bool> oldNew(m.get(), MvpnMapper::readyAttr);
   std::vector<Oro::AttrId> plain;
-  Oro::AttrReactor attrs([&](Oro::AttrId a) { plain.push_back(a); });
-  attrs.notifierIs(m.get());
+  Oro::AttrReactor readyWatch([&](Oro::AttrId a) { plain.push_back(a); });
+  readyWatch.notifierIs(m.get());
   m->readyIs(false);  // unchanged
   m->readyIs(true);
   m->readyIs(true);
   m->readyIs(false);
-  using C = ChangeLog<bool, bool>::Change;
-  EXPECT_EQ(oldNew.changes, (std::vector<C>{{true, false, true}, {false, true, false}}));
+  using ReadyChange = ChangeLog<bool, bool>::Change;
+  EXPECT_EQ(oldNew.changes, (std::vector<ReadyChange>{{true, false, true}, {false, true, false}}));
   EXPECT_EQ(plain, (std::vector<Oro::AttrId>{MvpnMapper::readyAttr, MvpnMapper::readyAttr}));
 }
 

@@ -599,6 +599,16 @@ TEST(TunnelMergeLifecycle, ChildScansYieldInTheInputsTaskAndWriteNothingBeforeTh
   rig.putRoute(kMvpn, 8, 1, "late");
   rig.settle();
   EXPECT_EQ(rig.mergedContents(), rig.expected());
+  // A child is never repointed at another entity.
+  auto other = Oro::makePtr<MvpnVrfTunnelEncapStatus>(VrfId(1));
+  EXPECT_THROW(
+      sm0->childSmVrfStatusRoutingMulticastMvpnVrfTunnelEncapStatusPtrConstIs(other, sm0, VrfId(1)),
+      Oro::MutatorReinstantiationException);
+  auto same = rig.in[kMvpn]->vrfStatus(VrfId(1));
+  EXPECT_EQ(
+      sm0->childSmVrfStatusRoutingMulticastMvpnVrfTunnelEncapStatusPtrConstIs(same, sm0, VrfId(1))
+          ->entity(),
+      same.get());
 }
 
 TEST(TunnelMergeReconcile, RestartDeletesUnsupportedRecordsPerOutputAndEachIsReadyOnItsOwn) {
@@ -692,22 +702,6 @@ TEST(TunnelMergeTrace, LifecycleLines) {
   // traces the initial-scan wait, route 1 is merged again when the static writer comes).
   EXPECT_EQ(trace.firstAppearances(lines), lines);
   trace.expectOnlyOwnLines();
-}
-
-TEST(TunnelMerge, AChildIsNeverRepointedAtAnotherEntity) {
-  Rig rig;
-  rig.putRoute(kMvpn, 1, 1, "a");
-  rig.start(true);
-  auto* sm0 = rig.sm->mvpnEncapSm0();
-  auto other = Oro::makePtr<MvpnVrfTunnelEncapStatus>(VrfId(1));
-  EXPECT_THROW(
-      sm0->childSmVrfStatusRoutingMulticastMvpnVrfTunnelEncapStatusPtrConstIs(other, sm0, VrfId(1)),
-      Oro::MutatorReinstantiationException);
-  auto same = rig.in[kMvpn]->vrfStatus(VrfId(1));
-  EXPECT_EQ(
-      sm0->childSmVrfStatusRoutingMulticastMvpnVrfTunnelEncapStatusPtrConstIs(same, sm0, VrfId(1))
-          ->entity(),
-      same.get());
 }
 
 TEST(TunnelMergeDeathTest, NullArgumentsIntoKeyMismatchAndAVrfLeavingWithAnUnseenChange) {
@@ -833,7 +827,7 @@ struct Recorder {
   Oro::AttrReactor reactor{[this](Oro::AttrId a) { attrs.push_back(a); }};
 };
 
-TEST(MergeCompanions, OutputStateIsReadyWhenEveryOutputIsAndScanStateNamesTheLastUnscannedStream) {
+TEST(MergeCompanions, TheirStatesPublishChangesAndTheSeenSetAgreesWithAReferenceSet) {
   auto state = Oro::makePtr<OutputState>("Test::OutputState", 2);
   Recorder rec;
   rec.reactor.notifierIs(state.get());
@@ -867,9 +861,8 @@ TEST(MergeCompanions, OutputStateIsReadyWhenEveryOutputIsAndScanStateNamesTheLas
                 InputSmScanState::streamScanAttr(3), InputSmScanState::streamScanAttr(0),
                 InputSmScanState::streamScanAttr(1), InputSmScanState::streamScanAttr(2),
                 InputSmScanState::idleAttr}));
-}
 
-TEST(MergeSeenSet, AgreesWithAReferenceSetAndGivesClearedMemoryBackInPieces) {
+  // The Seen set agrees with a reference set through growth and clearing.
   VrfSeenSet seen;
   std::set<uint32_t> model;
   std::mt19937 rng(7);
