@@ -8,8 +8,6 @@
 #include <array>
 #include <chrono>
 #include <cstdint>
-#include <functional>
-#include <iterator>
 #include <map>
 #include <ostream>
 #include <set>
@@ -90,13 +88,6 @@ struct TraceCapture {
     for (int level = 0; level <= Oro::kTraceMaxLevel; ++level) {
       Oro::traceEnable(component, level, false);
     }
-  }
-  // The captured messages for which `keep` holds, in order.
-  std::vector<std::string> messagesWhere(
-      const std::function<bool(const std::string&)>& keep) const {
-    std::vector<std::string> out;
-    std::ranges::copy_if(sink.messages(), std::back_inserter(out), keep);
-    return out;
   }
   // The first appearance of each of `lines` among the captured messages, in capture order.
   std::vector<std::string> firstAppearances(const std::vector<std::string>& lines) const {

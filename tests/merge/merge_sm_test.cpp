@@ -1,16 +1,16 @@
 // Both merge machines over in-process writer statuses, and the runtime parts they share.
 // - MergedMvpnVrfStatusSm: precedence, lifecycle, yielding scans, reconciliation (and the Seen
-//   set's memory given back after it), departures, trace lines, fatal checks, damaged inputs.
+//   set's memory given back after it), departures, trace lines and fatal checks.
 // - MergedMcastTunnelEncapStatusSm: static wins whole records, merged VRFs live with their
-//   records, input VRFs leave whole, child scans yield, reconciliation per output, trace lines,
-//   fatal checks, and no merged record deleted or replaced on the ground of damage.
+//   records, input VRFs leave whole, child scans yield, reconciliation per output, trace lines
+//   and fatal checks.
 // - The companions' publications and the Seen set against a reference set.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <chrono>
-#include <map>
+#include <iterator>
 #include <random>
 #include <set>
 #include <string>
@@ -259,7 +259,8 @@ TEST(VrfMergeTrace, LifecycleLinesAndReconciliationLinesWithAndWithoutYields) {
     }
     ASSERT_TRUE(rig.settle());
     rig.sm->handleMergedVrfStatusMvpnVrfOutputInputReady();
-    const auto lines = trace.messagesWhere([](const std::string& m) {
+    std::vector<std::string> lines;
+    std::ranges::copy_if(trace.sink.messages(), std::back_inserter(lines), [](const auto& m) {
       return m.starts_with("Input scans") || m.find("reconcil") != std::string::npos;
     });
     std::vector<std::string> want = synchronous ? straight : yielding;
@@ -295,70 +296,125 @@ TEST(VrfMergeDeathTest, NullArgumentsIntoKeyMismatchAndAnInputLeavingInItsOwnNot
                                         "the enclosing entity got deleted"));
 }
 
-// Input 0 (BGP) published through a shared-memory table that can be damaged.
-struct DamageRig : Rig {
-  DamageRig() {
-    static int instance = 0;
-    path = "test/multicast/vpn/vrfStatus/damaged" + std::to_string(++instance);
-    in[0]->mount(Oro::ShmAttach{path, Oro::ShmRole::writer});
-    in[0]->mvpnVrfCorruptionHandlerIs([this](const std::string&) { ++reports; });
-  }
-  void damage() { ASSERT_TRUE(shmtest::damageTable(path, "mvpnVrf")); }
-  // The BGP writer restarts on a fresh table and publishes `vrfs` again.
-  void republish(std::initializer_list<uint32_t> vrfs) {
-    in[0]->mount(Oro::ShmAttach{path + "-again", Oro::ShmRole::writer});
-    in[0]->mvpnVrfDelAll();
-    for (uint32_t v : vrfs) put(0, v);
-  }
-  std::string path;
-  int reports = 0;
+using Routing::Multicast::DynaCode::InputSmScanState;
+using Routing::Multicast::DynaCode::OutputState;
+using Routing::Multicast::DynaCode::SeenSet;
+using VrfSeenSet = SeenSet<VrfId, std::hash<VrfId>>;
+
+struct Recorder {
+  std::vector<Oro::AttrId> attrs;
+  Oro::AttrReactor reactor{[this](Oro::AttrId a) { attrs.push_back(a); }};
 };
 
-TEST(VrfMergeDamage, ADamagedInputKeepsItsEntriesAtARestartAndAfterReadyUntilItIsRepublished) {
-  for (bool synchronous : {false, true}) {
-    SCOPED_TRACE(synchronous ? "synchronous" : "asynchronous");
-    DamageRig rig;
-    rig.put({{0, 1}, {0, 5}, {2, 2}, {2, 5}});
-    // The merged status a previous reader left: 9 is stale.
-    rig.mergedIs({{1, bgp_}, {2, evpn_}, {5, bgp_}, {9, bgp_}});
-    const auto before = rig.mergedMap();
-    rig.damage();
-    rig.start(synchronous);
-    rig.settle();
-    EXPECT_GT(rig.reports, 0);
-    // Nothing was deleted or downgraded, not even the stale entry: with input 0's keys
-    // unknown, the reconciliation waits.
-    EXPECT_EQ(rig.mergedMap(), before);
-    EXPECT_FALSE(rig.sm->ready());
-    EXPECT_TRUE(rig.sm->mergedVrfStatusMvpnVrfOutputReconciling());
+TEST(MergeCompanions, TheirStatesPublishChangesAndTheSeenSetAgreesWithAReferenceSet) {
+  auto state = Oro::makePtr<OutputState>("Test::OutputState", 2);
+  Recorder rec;
+  rec.reactor.notifierIs(state.get());
+  state->outputReadyIs(0, true);
+  EXPECT_FALSE(state->ready());
+  state->outputReadyIs(0, true);  // unchanged: nothing published
+  state->outputReadyIs(1, true);  // ready changes too, and is published first
+  EXPECT_TRUE(state->ready());
+  state->outputReadyIs(0, false);
+  EXPECT_FALSE(state->ready());
+  state->handleReady();  // already consistent
+  EXPECT_EQ(rec.attrs,
+            (std::vector<Oro::AttrId>{OutputState::outputReadyAttr(0), OutputState::readyAttr,
+                                      OutputState::outputReadyAttr(1), OutputState::readyAttr,
+                                      OutputState::outputReadyAttr(0)}));
 
-    rig.republish({1});
-    EXPECT_TRUE(rig.settle());
-    EXPECT_EQ(rig.mergedMap(), (Merged{{1, bgp_}, {2, evpn_}, {5, evpn_}}));
+  // The scan state publishes changes and names the last unscanned stream.
+  auto scan = Oro::makePtr<InputSmScanState>("Test::InputSmScanState", 4);
+  Recorder scanRec;
+  scanRec.reactor.notifierIs(scan.get());
+  EXPECT_EQ(scan->lastUnscannedStream(), 3u);
+  scan->streamScanIs(3, true);
+  scan->streamScanIs(3, true);
+  EXPECT_EQ(scan->lastUnscannedStream(), 2u);
+  for (size_t n = 0; n < 3; ++n) scan->streamScanIs(n, true);
+  EXPECT_TRUE(scan->allStreamsScanned());
+  scan->idleIs(true);
+  scan->idleIs(true);
+  EXPECT_EQ(scanRec.attrs,
+            (std::vector<Oro::AttrId>{
+                InputSmScanState::streamScanAttr(3), InputSmScanState::streamScanAttr(0),
+                InputSmScanState::streamScanAttr(1), InputSmScanState::streamScanAttr(2),
+                InputSmScanState::idleAttr}));
+
+  // The Seen set agrees with a reference set through growth and clearing.
+  VrfSeenSet seen;
+  std::set<uint32_t> model;
+  std::mt19937 rng(7);
+  seen.reserve(100);
+  for (int round = 0; round < 3; ++round) {
+    for (int i = 0; i < 5000; ++i) {  // far past the reserved size
+      const uint32_t k = rng() % 20000;
+      EXPECT_EQ(seen.insert(VrfId(k)), model.insert(k).second);
+    }
+    EXPECT_EQ(seen.size(), model.size());
+    for (uint32_t k = 0; k < 20000; ++k) {
+      ASSERT_EQ(seen.contains(VrfId(k)), model.count(k) == 1) << k;
+    }
+    seen.clear();
+    model.clear();
+    EXPECT_TRUE(seen.empty());
+    EXPECT_FALSE(seen.contains(VrfId(1)));
   }
 
-  // Merges after ready never delete or downgrade what an unreadable input holds.
-  DamageRig rig;
-  rig.put({{0, 3}, {2, 3}, {0, 4}, {3, 6}});
+  // A cleared set keeps its mapping until releaseSome() has given it back piece by piece; it is
+  // usable again at once, and its new arrays are not given back with the old ones.
+  VrfSeenSet big;
+  big.reserve(1 << 20);  // 2M slots: 8 MiB of keys and 2 MiB of flags
+  for (uint32_t k = 0; k < 1000; ++k) big.insert(VrfId(k));
+  EXPECT_EQ(big.retainedBytes(), 0u);
+  big.clear();
+  const size_t retained = big.retainedBytes();
+  EXPECT_GE(retained, (size_t{1} << 21) * (sizeof(VrfId) + 1));
+  EXPECT_TRUE(big.empty());
+  EXPECT_FALSE(big.contains(VrfId(5)));
+  EXPECT_TRUE(big.insert(VrfId(5)));
+
+  size_t calls = 0;
+  for (bool more = true; more; ++calls) {
+    const size_t before = big.retainedBytes();
+    more = big.releaseSome();
+    ASSERT_EQ(big.retainedBytes(), more ? before - VrfSeenSet::kReleaseStep : 0u);
+  }
+  EXPECT_EQ(calls, (retained + VrfSeenSet::kReleaseStep - 1) / VrfSeenSet::kReleaseStep);
+  EXPECT_FALSE(big.releaseSome());
+  EXPECT_TRUE(big.contains(VrfId(5)));
+  EXPECT_FALSE(big.insert(VrfId(5)));
+  EXPECT_EQ(big.size(), 1u);
+}
+
+// A restart over a grown output: the output is ready as soon as the walk ends, with Seen
+// emptied; its memory then goes back in later runs of the release task, one piece per run
+// when every run must yield at once, and the output's contents stay merged throughout.
+TEST(VrfMergeReconciliation, SeenMemoryIsGivenBackAfterReadyOverSeveralRuns) {
+  constexpr uint32_t kVrfs = 30000;
+  Rig rig(0ns);
+  for (uint32_t v = 0; v < kVrfs; ++v) rig.put(0, v);
+  for (uint32_t v = 0; v < kVrfs + kVrfs / 10; ++v) {
+    rig.merged->mvpnVrfIs(MvpnVrf(VrfId(v), MvpnClient::bgp_));
+  }
   rig.start();
-  ASSERT_TRUE(rig.settle());
-  rig.damage();
-
-  // Input 2 withdraws and rewrites 3 and 4, and input 1 writes 6 and 7: the BGP entries stay,
-  // 6 is upgraded past static EVPN (whatever BGP holds, static MVPN outranks it), and 7 is
-  // created from the best readable input.
-  rig.del(2, 3);
-  rig.put(2, 4);
-  rig.del(2, 4);
-  rig.put({{1, 6}, {1, 7}});
-  EXPECT_GT(rig.reports, 0);
-  EXPECT_EQ(rig.mergedMap(), (Merged{{3, bgp_}, {4, bgp_}, {6, staticMvpn_}, {7, staticMvpn_}}));
-
-  // BGP republishes without 3: every key follows its inputs again.
-  rig.republish({4, 7});
-  EXPECT_TRUE(rig.settle());
+  while (!rig.sm->ready()) ASSERT_TRUE(rig.scheduler.runOnce());
   EXPECT_EQ(rig.mergedMap(), rig.expected());
-  EXPECT_EQ(rig.mergedMap().count(3), 0u);
+  const auto& seen = rig.sm->mergedVrfStatusMvpnVrfOutputSeen();
+  Oro::Task* release = rig.sm->mergedVrfStatusMvpnVrfOutputSeenReleaseTask();
+  ASSERT_NE(release, nullptr);
+  EXPECT_TRUE(seen.empty());
+  const size_t retained = seen.retainedBytes();
+  EXPECT_GT(retained, VrfSeenSet::kReleaseStep);
+  EXPECT_TRUE(release->scheduled());
+
+  const uint64_t runsBefore = release->runs();
+  rig.settle();
+  EXPECT_EQ(seen.retainedBytes(), 0u);
+  EXPECT_FALSE(release->scheduled());
+  EXPECT_GE(release->runs() - runsBefore, 2u);
+  EXPECT_TRUE(rig.sm->ready());
+  EXPECT_EQ(rig.mergedMap(), rig.expected());
 }
 
 }  // namespace vrfMerge
@@ -749,195 +805,6 @@ TEST(TunnelMergeDeathTest, NullArgumentsIntoKeyMismatchAndAVrfLeavingWithAnUnsee
   }
 }
 
-TEST(TunnelMergeDamage, AnUnreadableStaticInputKeepsTheMergedRecordsUntilRepublished) {
-  for (bool synchronous : {false, true}) {
-    SCOPED_TRACE(synchronous ? "synchronous" : "asynchronous");
-    EncapTest::Rig rig;
-    rig.putRoute(kStatic, 1, 1, "s");
-    rig.putIntf(kStatic, 2, 1, "si");
-    rig.putRoutes({{kMvpn, 1, 1, "m"}, {kMvpn, 1, 2, "m2"}});
-    // What an earlier life merged; (9, route 1) no writer holds any more.
-    rig.putRoutes({{kOutput, 1, 1, "s"}, {kOutput, 1, 2, "m2"}, {kOutput, 9, 1, "old"}});
-    rig.putIntf(kOutput, 2, 1, "si");
-    const Contents before = rig.mergedContents();
-    int reports = 0;
-    rig.in[kStatic]->vrfStatusCorruptionHandlerIs([&](const std::string&) { ++reports; });
-    Routing::Multicast::EncapStatusFaults::vrfStatusDamagedIs(*rig.in[kStatic], true);
-
-    rig.start(synchronous);
-    rig.settle();
-    EXPECT_GT(reports, 0);
-    // The MVPN record did not replace the static one it may be hidden by, and nothing was
-    // reconciled away: both outputs wait for the static writer's streams.
-    EXPECT_EQ(rig.mergedContents(), before);
-    EXPECT_FALSE(rig.sm->ready());
-
-    // The static writer republishes: its status reads again and it announces its VRFs.
-    Routing::Multicast::EncapStatusFaults::vrfStatusDamagedIs(*rig.in[kStatic], false);
-    rig.delVrf(kStatic, 2);
-    rig.putIntf(kStatic, 2, 1, "si2");
-    EXPECT_TRUE(rig.settle());
-    EXPECT_EQ(rig.mergedContents(), rig.expected());
-    EXPECT_EQ(rig.mergedContents().vrfs.count(9), 0u);
-  }
-
-  // After ready, an unreadable static VRF neither loses nor yields its records.
-  EncapTest::Rig rig;
-  rig.putRoutes({{kStatic, 1, 1, "s"}, {kMvpn, 1, 1, "m"}});
-  rig.putIntf(kStatic, 1, 4, "si");
-  rig.start();
-  ASSERT_TRUE(rig.settle());
-  auto staticVrf = rig.in[kStatic]->vrfStatus(VrfId(1));
-  int reports = 0;
-  staticVrf->encapTunnelCorruptionHandlerIs([&](const std::string&) { ++reports; });
-  Routing::Multicast::EncapStatusFaults::encapTunnelDamagedIs(*staticVrf, true);
-
-  rig.putRoute(kMvpn, 1, 1, "m2");  // the static record may still be there: kept
-  rig.delRoute(kMvpn, 1, 1);        // kept, not deleted
-  rig.putRoute(kMvpn, 1, 5, "m5");  // missing: created from the readable writer
-  rig.putIntf(kEvpn, 1, 4, "e");    // the interface collection is sound: static still wins
-  EXPECT_GT(reports, 0);
-  Contents got = rig.mergedContents();
-  EXPECT_EQ(got.routes.at({1, 1}), "s");
-  EXPECT_EQ(got.routes.at({1, 5}), "m5");
-  EXPECT_EQ(got.intfs.at({1, 4}), "si");
-
-  // The static writer's next change, once its status reads again, rescans it and merges the
-  // kept keys anew.
-  Routing::Multicast::EncapStatusFaults::encapTunnelDamagedIs(*staticVrf, false);
-  rig.delRoute(kStatic, 1, 1);
-  rig.putRoute(kStatic, 1, 5, "s5");
-  rig.settle();
-  EXPECT_EQ(rig.mergedContents(), rig.expected());
-  EXPECT_EQ(rig.mergedContents().routes.count({1, 1}), 0u);
-}
-
 }  // namespace tunnelMerge
-
-namespace parts {
-
-using Routing::Multicast::DynaCode::InputSmScanState;
-using Routing::Multicast::DynaCode::OutputState;
-using Routing::Multicast::DynaCode::SeenSet;
-using namespace MergeTest;
-using VrfSeenSet = SeenSet<VrfId, std::hash<VrfId>>;
-
-struct Recorder {
-  std::vector<Oro::AttrId> attrs;
-  Oro::AttrReactor reactor{[this](Oro::AttrId a) { attrs.push_back(a); }};
-};
-
-TEST(MergeCompanions, TheirStatesPublishChangesAndTheSeenSetAgreesWithAReferenceSet) {
-  auto state = Oro::makePtr<OutputState>("Test::OutputState", 2);
-  Recorder rec;
-  rec.reactor.notifierIs(state.get());
-  state->outputReadyIs(0, true);
-  EXPECT_FALSE(state->ready());
-  state->outputReadyIs(0, true);  // unchanged: nothing published
-  state->outputReadyIs(1, true);  // ready changes too, and is published first
-  EXPECT_TRUE(state->ready());
-  state->outputReadyIs(0, false);
-  EXPECT_FALSE(state->ready());
-  state->handleReady();  // already consistent
-  EXPECT_EQ(rec.attrs,
-            (std::vector<Oro::AttrId>{OutputState::outputReadyAttr(0), OutputState::readyAttr,
-                                      OutputState::outputReadyAttr(1), OutputState::readyAttr,
-                                      OutputState::outputReadyAttr(0)}));
-
-  // The scan state publishes changes and names the last unscanned stream.
-  auto scan = Oro::makePtr<InputSmScanState>("Test::InputSmScanState", 4);
-  Recorder scanRec;
-  scanRec.reactor.notifierIs(scan.get());
-  EXPECT_EQ(scan->lastUnscannedStream(), 3u);
-  scan->streamScanIs(3, true);
-  scan->streamScanIs(3, true);
-  EXPECT_EQ(scan->lastUnscannedStream(), 2u);
-  for (size_t n = 0; n < 3; ++n) scan->streamScanIs(n, true);
-  EXPECT_TRUE(scan->allStreamsScanned());
-  scan->idleIs(true);
-  scan->idleIs(true);
-  EXPECT_EQ(scanRec.attrs,
-            (std::vector<Oro::AttrId>{
-                InputSmScanState::streamScanAttr(3), InputSmScanState::streamScanAttr(0),
-                InputSmScanState::streamScanAttr(1), InputSmScanState::streamScanAttr(2),
-                InputSmScanState::idleAttr}));
-
-  // The Seen set agrees with a reference set through growth and clearing.
-  VrfSeenSet seen;
-  std::set<uint32_t> model;
-  std::mt19937 rng(7);
-  seen.reserve(100);
-  for (int round = 0; round < 3; ++round) {
-    for (int i = 0; i < 5000; ++i) {  // far past the reserved size
-      const uint32_t k = rng() % 20000;
-      EXPECT_EQ(seen.insert(VrfId(k)), model.insert(k).second);
-    }
-    EXPECT_EQ(seen.size(), model.size());
-    for (uint32_t k = 0; k < 20000; ++k) {
-      ASSERT_EQ(seen.contains(VrfId(k)), model.count(k) == 1) << k;
-    }
-    seen.clear();
-    model.clear();
-    EXPECT_TRUE(seen.empty());
-    EXPECT_FALSE(seen.contains(VrfId(1)));
-  }
-
-  // A cleared set keeps its mapping until releaseSome() has given it back piece by piece; it is
-  // usable again at once, and its new arrays are not given back with the old ones.
-  VrfSeenSet big;
-  big.reserve(1 << 20);  // 2M slots: 8 MiB of keys and 2 MiB of flags
-  for (uint32_t k = 0; k < 1000; ++k) big.insert(VrfId(k));
-  EXPECT_EQ(big.retainedBytes(), 0u);
-  big.clear();
-  const size_t retained = big.retainedBytes();
-  EXPECT_GE(retained, (size_t{1} << 21) * (sizeof(VrfId) + 1));
-  EXPECT_TRUE(big.empty());
-  EXPECT_FALSE(big.contains(VrfId(5)));
-  EXPECT_TRUE(big.insert(VrfId(5)));
-
-  size_t calls = 0;
-  for (bool more = true; more; ++calls) {
-    const size_t before = big.retainedBytes();
-    more = big.releaseSome();
-    ASSERT_EQ(big.retainedBytes(), more ? before - VrfSeenSet::kReleaseStep : 0u);
-  }
-  EXPECT_EQ(calls, (retained + VrfSeenSet::kReleaseStep - 1) / VrfSeenSet::kReleaseStep);
-  EXPECT_FALSE(big.releaseSome());
-  EXPECT_TRUE(big.contains(VrfId(5)));
-  EXPECT_FALSE(big.insert(VrfId(5)));
-  EXPECT_EQ(big.size(), 1u);
-}
-
-// A restart over a grown output: the output is ready as soon as the walk ends, with Seen
-// emptied; its memory then goes back in later runs of the release task, one piece per run
-// when every run must yield at once, and the output's contents stay merged throughout.
-TEST(VrfMergeReconciliation, SeenMemoryIsGivenBackAfterReadyOverSeveralRuns) {
-  constexpr uint32_t kVrfs = 30000;
-  Rig rig(0ns);
-  for (uint32_t v = 0; v < kVrfs; ++v) rig.put(0, v);
-  for (uint32_t v = 0; v < kVrfs + kVrfs / 10; ++v) {
-    rig.merged->mvpnVrfIs(MvpnVrf(VrfId(v), MvpnClient::bgp_));
-  }
-  rig.start();
-  while (!rig.sm->ready()) ASSERT_TRUE(rig.scheduler.runOnce());
-  EXPECT_EQ(rig.mergedMap(), rig.expected());
-  const auto& seen = rig.sm->mergedVrfStatusMvpnVrfOutputSeen();
-  Oro::Task* release = rig.sm->mergedVrfStatusMvpnVrfOutputSeenReleaseTask();
-  ASSERT_NE(release, nullptr);
-  EXPECT_TRUE(seen.empty());
-  const size_t retained = seen.retainedBytes();
-  EXPECT_GT(retained, VrfSeenSet::kReleaseStep);
-  EXPECT_TRUE(release->scheduled());
-
-  const uint64_t runsBefore = release->runs();
-  rig.settle();
-  EXPECT_EQ(seen.retainedBytes(), 0u);
-  EXPECT_FALSE(release->scheduled());
-  EXPECT_GE(release->runs() - runsBefore, 2u);
-  EXPECT_TRUE(rig.sm->ready());
-  EXPECT_EQ(rig.mergedMap(), rig.expected());
-}
-
-}  // namespace parts
 
 }  // namespace
