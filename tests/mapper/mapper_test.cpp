@@ -188,7 +188,7 @@ TEST(Mapper, CollectionsAndTheirKeysEachMapsAttributeAndReady) {
   EXPECT_EQ(plain, (std::vector<Oro::AttrId>{MvpnMapper::readyAttr, MvpnMapper::readyAttr}));
 }
 
-TEST(VrfIdMapStatus, NamesArePublishedWithTheirOldValuesAndTheVlanRangeIsCheckedOnEveryWayIn) {
+TEST(MapperPlatformTypes, VrfNamesArePublishedWithOldValuesAndVlanRangesCheckedOnEveryWayIn) {
   auto s = Vrf::VrfIdMap::vrfIdMapStatusFactory();
   ChangeLog<VrfId, std::string> log(s.get(), Vrf::VrfIdMap::Status::vrfNameAttr);
   s->vrfNameIs(VrfId(5), "red");
