@@ -15,6 +15,7 @@
 #include <vector>
 
 #include <fmt/format.h>
+#include <gtest/gtest.h>
 
 #include "platform/shm/ShmSegment.h"
 
@@ -38,6 +39,15 @@ inline Result run(const std::string& command) {
 
 inline Result mvpnstat(const std::string& args) {
   return run(fmt::format("{} --namespace {} {}", MVPNSTAT_PATH, Oro::shmNamespace(), args));
+}
+
+// Runs mvpnstat, expecting its exit status and each of `parts` in its output.
+inline Result mvpnstatExpect(const std::string& args, int status,
+                             const std::vector<std::string>& parts = {}) {
+  Result r = mvpnstat(args);
+  EXPECT_EQ(r.status, status) << args << ":\n" << r.out;
+  for (const auto& p : parts) EXPECT_NE(r.out.find(p), std::string::npos) << p << "\n" << r.out;
+  return r;
 }
 
 // promtool's verdict on a metrics exposition.

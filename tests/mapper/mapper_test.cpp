@@ -1,20 +1,26 @@
-// MvpnMapper: the map families (publication with old values, lookups, DelAll with and without
-// subscribers) on one map of each kind plus the wiring of every map, the key collections,
-// ready, and the PMSI VLAN lookup with every way it comes back empty, its range error and a
-// corrupt interface table. And the platform types it stands on: the VLAN range on every way
-// in, and the VRF id map status's publications.
+// MvpnMapper: publication with old values, lookups and DelAll on one map of each kind, every
+// map's wiring, key collections, ready, and the PMSI VLAN lookup (every way it comes back
+// empty, its range error, a corrupt interface table); the VLAN range and VRF id map status it
+// stands on. MvpnMapperKeeper and auditMvpnMapper: seeded random events keep the audit clean
+// and match a plain model, each agent mistake is reported, the report's JSON, the agent's flow.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <optional>
+#include <random>
 #include <string>
 #include <tuple>
+#include <utility>
 #include <vector>
 
-#include "common/shm_damage.h"
+#include "common/notice_log.h"
+#include "common/shm_test_util.h"
 #include "mapper/MvpnMapper.h"
+#include "mapper/MvpnMapperAudit.h"
+#include "mapper/MvpnMapperKeeper.h"
 #include "platform/CharRange.h"
 #include "platform/Error.h"
 #include "platform/net/VlanId.h"
@@ -33,49 +39,28 @@ using Nevo::IpGenAddr;
 using Vrf::VrfIdMap::VrfId;
 
 MvpnVrfRouteKey routeKey(int i) {
-  return MvpnVrfRouteKey(VrfId(i % 3), MvpnRouteKey(IpGenAddr::ipv4Addr(0x0a000000u + i),
-                                                    IpGenAddr::ipv4Addr(0xef000001u), false));
+  return MvpnVrfRouteKey(VrfId(1 + i % 3), MvpnRouteKey(IpGenAddr::ipv4Addr(0x0a000000u + i),
+                                                        IpGenAddr::ipv4Addr(0xef000001u), false));
+}
+MvpnVrfRouteIntfKey routeIntfKey(int i) {
+  return MvpnVrfRouteIntfKey(VrfId(1 + i % 3),
+                             MvpnRouteIntfKey(routeKey(i).key(), IntfId::vlan(i)));
 }
 MulticastTreeId treeId(int i) {
-  return MulticastTreeId("tree-" + std::to_string(i));
+  return MulticastTreeId("mldp:" + std::to_string(i));
 }
 
-Oro::Ptr<MvpnMapper> emptyMapper() {
-  return mvpnMapperFactory(mvpnIntfStatusFactory("mapper-test"),
-                           Vrf::VrfIdMap::vrfIdMapStatusFactory());
+Oro::Ptr<MvpnMapper> newMapper(Oro::Ptr<MvpnIntfStatus> intf = mvpnIntfStatusFactory("mapper")) {
+  return mvpnMapperFactory(intf, Vrf::VrfIdMap::vrfIdMapStatusFactory());
 }
 
-// Records the old-value publications of one attribute; values are copied, or kept as
-// pointers when they are entities.
-template <class K, class V>
-struct ChangeLog : Oro::Notifiee {
-  using Change = std::tuple<K, std::optional<V>, std::optional<V>>;
-  explicit ChangeLog(Oro::AttrId a) : attr(a) {}
-  Oro::AttrId attr;
-  std::vector<Change> changes;
-  std::function<void(const K&)> onChange;
-  void onAttributeOldNew(Oro::AttrId a, const void* key, const void* o, const void* n) override {
-    if (a != attr) return;
-    auto value = [](const void* p) -> std::optional<V> {
-      if (p == nullptr) return std::nullopt;
-      if constexpr (std::is_pointer_v<V>) {
-        return static_cast<V>(p);
-      } else {
-        return *static_cast<const V*>(p);
-      }
-    };
-    const K& k = *static_cast<const K*>(key);
-    changes.emplace_back(k, value(o), value(n));
-    if (onChange) onChange(k);
-  }
-};
-
+using shmtest::ChangeLog;
+using shmtest::KeyLog;
 using RouteLog = ChangeLog<MvpnVrfRouteKey, TunnelId>;
 
-TEST(Mapper, ValueMapPublishesChangesOnlyWithTheOldValue) {
-  auto m = emptyMapper();
-  RouteLog log(MvpnMapper::routeKeyToTunnelIdAttr);
-  log.notifierIs(m.get());
+TEST(Mapper, ValueMapPublishesChangesWithTheOldValueAndDelAllEachRemovalToSubscribers) {
+  auto m = newMapper();
+  RouteLog log(m.get(), MvpnMapper::routeKeyToTunnelIdAttr);
   m->routeKeyToTunnelIdIs(routeKey(1), TunnelId(7));
   m->routeKeyToTunnelIdIs(routeKey(1), TunnelId(7));  // the value already stored: nothing
   m->routeKeyToTunnelIdIs(routeKey(1), TunnelId(8));
@@ -86,40 +71,37 @@ TEST(Mapper, ValueMapPublishesChangesOnlyWithTheOldValue) {
                                                         {routeKey(1), TunnelId(7), TunnelId(8)},
                                                         {routeKey(1), TunnelId(8), std::nullopt}}));
   EXPECT_EQ(m->routeKeyToTunnelIdGet(routeKey(1)), std::nullopt);
-}
 
-TEST(Mapper, DelAllAnnouncesEachRemovalInMapOrderOnlyToSubscribers) {
-  auto m = emptyMapper();
-  for (int i = 0; i < 20; ++i) m->routeKeyToTunnelIdIs(routeKey(i), TunnelId(1));
-  m->routeKeyToTunnelIdDelAll();  // no subscriber: emptied at once
-  EXPECT_EQ(m->routeKeyToTunnelIdSize(), 0u);
+  // DelAll announces each removal in map order, only to subscribers.
+  auto d = newMapper();
+  for (int i = 0; i < 20; ++i) d->routeKeyToTunnelIdIs(routeKey(i), TunnelId(1));
+  d->routeKeyToTunnelIdDelAll();  // no subscriber: emptied at once
+  EXPECT_EQ(d->routeKeyToTunnelIdSize(), 0u);
 
-  for (int i = 0; i < 20; ++i) m->routeKeyToTunnelIdIs(routeKey(i), TunnelId(1));
+  for (int i = 0; i < 20; ++i) d->routeKeyToTunnelIdIs(routeKey(i), TunnelId(1));
   std::vector<MvpnVrfRouteKey> order;
-  for (const auto& e : m->routeKeyToTunnelIdMap()) order.push_back(e.first);
+  for (const auto& e : d->routeKeyToTunnelIdMap()) order.push_back(e.first);
   // A subscriber that removes another key while a removal is published: each key is still
   // announced exactly once, and each removal is already done when it is announced.
-  RouteLog log(MvpnMapper::routeKeyToTunnelIdAttr);
-  log.onChange = [&](const MvpnVrfRouteKey& k) {
-    EXPECT_FALSE(m->routeKeyToTunnelIdHas(k));
-    if (k == order[0]) m->routeKeyToTunnelIdDel(order[5]);
+  RouteLog removals(d.get(), MvpnMapper::routeKeyToTunnelIdAttr);
+  removals.onChange = [&](const MvpnVrfRouteKey& k) {
+    EXPECT_FALSE(d->routeKeyToTunnelIdHas(k));
+    if (k == order[0]) d->routeKeyToTunnelIdDel(order[5]);
   };
-  log.notifierIs(m.get());
-  m->routeKeyToTunnelIdDelAll();
-  EXPECT_EQ(m->routeKeyToTunnelIdSize(), 0u);
+  d->routeKeyToTunnelIdDelAll();
+  EXPECT_EQ(d->routeKeyToTunnelIdSize(), 0u);
   std::vector<MvpnVrfRouteKey> want = {order[0], order[5]};  // [5] inside [0]'s announcement
   for (size_t i = 1; i < order.size(); ++i) {
     if (i != 5) want.push_back(order[i]);
   }
   std::vector<MvpnVrfRouteKey> announced;
-  for (const auto& c : log.changes) announced.push_back(std::get<0>(c));
+  for (const auto& c : removals.changes) announced.push_back(std::get<0>(c));
   EXPECT_EQ(announced, want);
 }
 
-TEST(Mapper, CollectionMapCreatesOnceAndHandsTheCollectionBack) {
-  auto m = emptyMapper();
-  ChangeLog<TunnelId, const MvpnVrfRouteKeyColl*> log(MvpnMapper::tunnelIdToRouteKeysAttr);
-  log.notifierIs(m.get());
+TEST(Mapper, CollectionsAndTheirKeysEachMapsAttributeAndReady) {
+  auto m = newMapper();
+  ChangeLog<TunnelId, const MvpnVrfRouteKeyColl*> log(m.get(), MvpnMapper::tunnelIdToRouteKeysAttr);
   const auto coll = m->tunnelIdToRouteKeysIs(TunnelId(7));
   EXPECT_EQ(coll->tunnelId(), TunnelId(7));
   EXPECT_EQ(m->tunnelIdToRouteKeysIs(TunnelId(7)), coll);  // the same one, not announced again
@@ -136,20 +118,17 @@ TEST(Mapper, CollectionMapCreatesOnceAndHandsTheCollectionBack) {
   m->tunnelIdToRouteKeysDelAll();
   EXPECT_EQ(log.changes.size(), 2u);
   EXPECT_EQ(m->tunnelIdToRouteKeysSize(), 0u);
-}
 
-// Every map is wired to its own attribute id and storage: an insertion and a DelAll publish
-// exactly two changes of that attribute. Defaults of the value maps' getters.
-TEST(Mapper, EachMapPublishesUnderItsOwnAttribute) {
-  auto m = emptyMapper();
+  // Every map is wired to its own attribute id and storage: an insertion and a DelAll publish
+  // exactly two changes of that attribute. Defaults of the value maps' getters.
   const MvpnVrfRouteIntfKey intfKey(VrfId(1), MvpnRouteIntfKey(routeKey(1).key(), IntfId::vlan(3)));
   std::vector<Oro::AttrId> published;
   struct Log : Oro::Notifiee {
     std::vector<Oro::AttrId>* out;
     void onAttributeKey(Oro::AttrId a, const void*) override { out->push_back(a); }
-  } log;
-  log.out = &published;
-  log.notifierIs(m.get());
+  } attrs;
+  attrs.out = &published;
+  attrs.notifierIs(m.get());
   const std::vector<std::tuple<Oro::AttrId, std::function<void()>, std::function<void()>>> rows = {
       {MvpnMapper::treeIdToVrfIdAttr, [&] { m->treeIdToVrfIdIs(treeId(1), VrfId(4)); },
        [&] { m->treeIdToVrfIdDelAll(); }},
@@ -174,10 +153,8 @@ TEST(Mapper, EachMapPublishesUnderItsOwnAttribute) {
   }
   EXPECT_EQ(m->treeIdToVrfId(treeId(1)), VrfId(16777215));
   EXPECT_EQ(m->routeIntfKeyToTunnelId(intfKey), TunnelId(0));
-}
 
-TEST(Mapper, KeyCollectionsAreLeftAloneByForwardDeletesAndAnnounceRealChanges) {
-  auto m = emptyMapper();
+  // Key collections are left alone by forward deletes and announce real changes.
   m->routeKeyToTunnelIdIs(routeKey(1), TunnelId(5));
   const auto routes = m->tunnelIdToRouteKeysIs(TunnelId(5));
   routes->keyCollIs(routeKey(1));
@@ -187,41 +164,33 @@ TEST(Mapper, KeyCollectionsAreLeftAloneByForwardDeletesAndAnnounceRealChanges) {
   EXPECT_TRUE(m->tunnelIdToRouteKeysHas(TunnelId(5)));  // empty, but still there
 
   auto trees = tunnelIdToTreeIdCollFactory(TunnelId(3));
-  std::vector<std::string> announced;
-  Oro::KeyReactor<MulticastTreeId> reactor(
-      TunnelIdToTreeIdColl::keyCollAttr,
-      [&](const MulticastTreeId& t) { announced.push_back(t.value()); });
-  reactor.notifierIs(trees.get());
+  KeyLog<MulticastTreeId> announced(trees.get(), TunnelIdToTreeIdColl::keyCollAttr);
   trees->keyCollIs(treeId(1));
   trees->keyCollIs(treeId(1));  // present: left alone, not announced
   trees->keyCollIs(treeId(2));
   trees->keyCollDel(treeId(9));  // absent: not announced
   trees->keyCollDel(treeId(1));
   trees->keyCollDelAll();
-  EXPECT_EQ(announced, (std::vector<std::string>{"tree-1", "tree-2", "tree-1", "tree-2"}));
-}
+  EXPECT_EQ(announced.keys, (std::vector{treeId(1), treeId(2), treeId(1), treeId(2)}));
 
-TEST(Mapper, ReadyIsPublishedOnChangeWithTheOldFlag) {
-  auto mapper = emptyMapper();
-  EXPECT_FALSE(mapper->ready());
-  ChangeLog<bool, bool> oldNew(MvpnMapper::readyAttr);
-  oldNew.notifierIs(mapper.get());
+  // Ready is published on change, with the old flag.
+  EXPECT_FALSE(m->ready());
+  ChangeLog<bool, bool> oldNew(m.get(), MvpnMapper::readyAttr);
   std::vector<Oro::AttrId> plain;
-  Oro::AttrReactor attrs([&](Oro::AttrId a) { plain.push_back(a); });
-  attrs.notifierIs(mapper.get());
-  mapper->readyIs(false);  // unchanged
-  mapper->readyIs(true);
-  mapper->readyIs(true);
-  mapper->readyIs(false);
-  using C = ChangeLog<bool, bool>::Change;
-  EXPECT_EQ(oldNew.changes, (std::vector<C>{{true, false, true}, {false, true, false}}));
+  Oro::AttrReactor readyWatch([&](Oro::AttrId a) { plain.push_back(a); });
+  readyWatch.notifierIs(m.get());
+  m->readyIs(false);  // unchanged
+  m->readyIs(true);
+  m->readyIs(true);
+  m->readyIs(false);
+  using ReadyChange = ChangeLog<bool, bool>::Change;
+  EXPECT_EQ(oldNew.changes, (std::vector<ReadyChange>{{true, false, true}, {false, true, false}}));
   EXPECT_EQ(plain, (std::vector<Oro::AttrId>{MvpnMapper::readyAttr, MvpnMapper::readyAttr}));
 }
 
-TEST(VrfIdMapStatus, NamesArePublishedWithTheirOldValues) {
+TEST(MapperPlatformTypes, VrfNamesArePublishedWithOldValuesAndVlanRangesCheckedOnEveryWayIn) {
   auto s = Vrf::VrfIdMap::vrfIdMapStatusFactory();
-  ChangeLog<VrfId, std::string> log(Vrf::VrfIdMap::Status::vrfNameAttr);
-  log.notifierIs(s.get());
+  ChangeLog<VrfId, std::string> log(s.get(), Vrf::VrfIdMap::Status::vrfNameAttr);
   s->vrfNameIs(VrfId(5), "red");
   s->vrfNameIs(VrfId(5), "red");  // unchanged: nothing published
   s->vrfNameIs(VrfId(5), "blue");
@@ -239,9 +208,8 @@ TEST(VrfIdMapStatus, NamesArePublishedWithTheirOldValues) {
                                          {VrfId(1), "a", std::nullopt},
                                          {VrfId(5), "blue", std::nullopt}}));
   EXPECT_EQ(s->vrfNameGet(VrfId(5)), std::nullopt);
-}
 
-TEST(VlanIdOrNone, RangeIsCheckedOnEveryWayIn) {
+  // The VLAN range is checked on every way in.
   for (const uint32_t v : {0u, 1u, 4094u, 4095u, 65541u}) {
     SCOPED_TRACE(v);
     VlanIdOrNone kept(100);
@@ -274,10 +242,10 @@ class PmsiVlanTest : public ::testing::Test {
     if (vrf) mapper_->treeIdToVrfIdIs(tree, *vrf);
   }
   Oro::Ptr<MvpnIntfStatus> intf_ = mvpnIntfStatusFactory("pmsi");
-  Oro::Ptr<MvpnMapper> mapper_ = mvpnMapperFactory(intf_, Vrf::VrfIdMap::vrfIdMapStatusFactory());
+  Oro::Ptr<MvpnMapper> mapper_ = newMapper(intf_);
 };
 
-TEST_F(PmsiVlanTest, EveryMissingLinkGivesNone) {
+TEST_F(PmsiVlanTest, EveryMissingLinkGivesNoneAndOnlyTheFirstTreeIdIsConsulted) {
   intf_->vrfIntfIdIs(MvpnVrfIntfId(VrfId(5), IntfId::vlan(105)));
   intf_->vrfIntfIdIs(MvpnVrfIntfId(VrfId(7), IntfId()));
   // Even a record under the invalid VRF id is not used for it.
@@ -305,9 +273,8 @@ TEST_F(PmsiVlanTest, EveryMissingLinkGivesNone) {
   blind->tunnelIdToTreeIdCollIs(TunnelId(1))->keyCollIs(treeId(1));
   blind->treeIdToVrfIdIs(treeId(1), VrfId(5));
   EXPECT_TRUE(blind->tunnelIdToPmsiVlan(TunnelId(1)).isNone()) << "no interface status table";
-}
 
-TEST_F(PmsiVlanTest, OnlyTheFirstTreeIdIsConsulted) {
+  // Only the first tree id is consulted.
   intf_->vrfIntfIdIs(MvpnVrfIntfId(VrfId(5), IntfId::vlan(105)));
   intf_->vrfIntfIdIs(MvpnVrfIntfId(VrfId(9), IntfId::vlan(109)));
   for (int i = 0; i < 8; ++i) carry(8, treeId(i), VrfId(i % 2 ? 9 : 5));
@@ -319,7 +286,7 @@ TEST_F(PmsiVlanTest, OnlyTheFirstTreeIdIsConsulted) {
   EXPECT_TRUE(mapper_->tunnelIdToPmsiVlan(TunnelId(8)).isNone());
 }
 
-TEST_F(PmsiVlanTest, APmsiInterfaceBeyondTheVlanRangeRaises) {
+TEST_F(PmsiVlanTest, AnInterfaceBeyondTheVlanRangeRaisesAndACorruptTableGivesNone) {
   intf_->vrfIntfIdIs(MvpnVrfIntfId(VrfId(5), IntfId::vlan(5000)));
   carry(1, treeId(1), VrfId(5));
   EXPECT_THAT([&] { mapper_->tunnelIdToPmsiVlan(TunnelId(1)); },
@@ -327,9 +294,8 @@ TEST_F(PmsiVlanTest, APmsiInterfaceBeyondTheVlanRangeRaises) {
                   ::testing::StrEq("Bridging::VlanIdOrNone::value > 4094 not allowed")));
   intf_->vrfIntfIdIs(MvpnVrfIntfId(VrfId(5), IntfId::vlan(4094)));
   EXPECT_EQ(mapper_->tunnelIdToPmsiVlan(TunnelId(1)).value(), 4094);
-}
 
-TEST_F(PmsiVlanTest, ACorruptInterfaceTableIsReportedAndGivesNone) {
+  // A corrupt interface table is reported and gives none.
   const std::string path = "h1test/mapper/intfStatus";
   intf_->mount(Oro::ShmAttach{path, Oro::ShmRole::writer});
   std::vector<std::string> reports;
@@ -344,6 +310,226 @@ TEST_F(PmsiVlanTest, ACorruptInterfaceTableIsReportedAndGivesNone) {
   // Lookups that stop before the table do not touch it.
   EXPECT_TRUE(mapper_->tunnelIdToPmsiVlan(TunnelId(2)).isNone());
   EXPECT_EQ(reports.size(), 1u);
+}
+
+// --- MvpnMapperKeeper and auditMvpnMapper ---
+
+using Family = MvpnMapperAuditFamily;
+using Kind = MvpnMapperAuditKind;
+using Issues = std::vector<MvpnMapperAuditIssue>;
+
+// What the mapper's forward maps should say, kept the simplest way.
+struct Model {
+  std::map<MvpnVrfRouteKey, TunnelId> routes;
+  std::map<MvpnVrfRouteIntfKey, TunnelId> routeIntfs;
+  std::map<std::string, std::pair<TunnelId, VrfId>> trees;  // tunnel and VRF of each tree id
+
+  void expectMatchedBy(const MvpnMapper& m) const {
+    const auto& r = m.routeKeyToTunnelIdMap();
+    EXPECT_EQ(routes, (std::map<MvpnVrfRouteKey, TunnelId>(r.begin(), r.end())));
+    const auto& ri = m.routeIntfKeyToTunnelIdMap();
+    EXPECT_EQ(routeIntfs, (std::map<MvpnVrfRouteIntfKey, TunnelId>(ri.begin(), ri.end())));
+    EXPECT_EQ(trees.size(), m.treeIdToVrfIdSize());
+    for (const auto& [tree, tv] : trees) {
+      EXPECT_EQ(m.treeIdToVrfIdGet(MulticastTreeId(tree)), tv.second);
+      const auto coll = m.tunnelIdToTreeIdColl(tv.first);
+      EXPECT_TRUE(coll && coll->keyCollHas(MulticastTreeId(tree))) << tree;
+    }
+  }
+};
+
+std::string issuesText(const MvpnMapperAuditReport& r) {
+  std::string out;
+  for (const auto& i : r.issues) out += i.toStrep() + "\n";
+  return out;
+}
+
+// Seeded random agent events, applied through the keeper and the model alike; small key spaces
+// make routes and trees move between tunnels and tunnels empty out often.
+void randomEvents(uint32_t seed, int events, MvpnMapperKeeper& keeper, Model& model,
+                  const std::function<void()>& afterEach = {}) {
+  std::mt19937 rng(seed);
+  auto pick = [&](uint32_t n) { return static_cast<int>(rng() % n); };
+  for (int n = 0; n < events; ++n) {
+    const int what = pick(100);
+    const int k = pick(12);
+    const TunnelId t(1 + static_cast<uint64_t>(pick(5)));
+    if (what < 30) {
+      keeper.routeIs(routeKey(k), t);
+      model.routes[routeKey(k)] = t;
+    } else if (what < 45) {
+      keeper.routeDel(routeKey(k));
+      model.routes.erase(routeKey(k));
+    } else if (what < 60) {
+      keeper.routeIntfIs(routeIntfKey(k), t);
+      model.routeIntfs[routeIntfKey(k)] = t;
+    } else if (what < 70) {
+      keeper.routeIntfDel(routeIntfKey(k));
+      model.routeIntfs.erase(routeIntfKey(k));
+    } else if (what < 85) {
+      const VrfId vrf(1 + static_cast<uint32_t>(pick(3)));
+      keeper.treeIdIs(t, treeId(k % 8), vrf);
+      model.trees[treeId(k % 8).value()] = {t, vrf};
+    } else if (what < 93) {
+      keeper.treeIdDel(treeId(k % 8));
+      model.trees.erase(treeId(k % 8).value());
+    } else {
+      keeper.tunnelDel(t);
+      std::erase_if(model.routes, [&](const auto& e) { return e.second == t; });
+      std::erase_if(model.routeIntfs, [&](const auto& e) { return e.second == t; });
+      std::erase_if(model.trees, [&](const auto& e) { return e.second.first == t; });
+    }
+    if (afterEach) afterEach();
+  }
+}
+
+constexpr uint32_t kSeeds[] = {1, 7, 42, 2024, 65537};
+
+TEST(KeeperAudit, RandomEventSequencesKeepTheAuditClean) {
+  for (const uint32_t seed : kSeeds) {
+    SCOPED_TRACE(seed);
+    auto mapper = newMapper();
+    MvpnMapperKeeper keeper(mapper);
+    Model model;
+    randomEvents(seed, 600, keeper, model, [&] {
+      const auto report = auditMvpnMapper(*mapper);
+      ASSERT_TRUE(report.clean()) << issuesText(report);
+    });
+    model.expectMatchedBy(*mapper);
+    // A second keeper over the same mapper picks up the tree ids' tunnels and carries on.
+    MvpnMapperKeeper successor(mapper);
+    randomEvents(seed + 1, 200, successor, model);
+    model.expectMatchedBy(*mapper);
+    EXPECT_TRUE(auditMvpnMapper(*mapper).clean()) << issuesText(auditMvpnMapper(*mapper));
+  }
+}
+
+const TunnelId kStranger(77);  // a tunnel the random events never use
+
+// A mistake made by hand on a mapper the keeper has kept so far, and the issues it must raise
+// (in report order).
+struct Mistake {
+  const char* what;
+  std::function<Issues(MvpnMapper&, const Model&)> apply;
+};
+
+const std::vector<Mistake> kMistakes = {
+    {"forgotten reverse delete of a route",
+     [](MvpnMapper& m, const Model& model) {
+       const auto& [k, t] = *model.routes.begin();
+       m.routeKeyToTunnelIdDel(k);
+       return Issues{{Family::routeKey, Kind::collKeyWithoutForward, t, k.toStrep(), {}}};
+     }},
+    {"stale forward entry of a moved route",
+     [](MvpnMapper& m, const Model& model) {
+       const auto& [k, t] = *model.routes.begin();
+       m.tunnelIdToRouteKeysIs(kStranger)->keyCollIs(k);
+       const auto old = m.tunnelIdToRouteKeys(t);
+       old->keyCollDel(k);
+       if (old->keyCollEmpty()) m.tunnelIdToRouteKeysDel(t);
+       return Issues{{Family::routeKey, Kind::forwardKeyNotInColl, t, k.toStrep(), {}},
+                     {Family::routeKey, Kind::collKeyPointsElsewhere, kStranger, k.toStrep(), t}};
+     }},
+    {"empty route collection left behind",
+     [](MvpnMapper& m, const Model& model) {
+       const TunnelId t = model.routes.begin()->second;
+       const auto coll = m.tunnelIdToRouteKeys(t);
+       for (const auto& [k, kt] : model.routes) {
+         if (kt == t && m.routeKeyToTunnelIdDel(k) == t) coll->keyCollDel(k);
+       }
+       return Issues{{Family::routeKey, Kind::emptyColl, t, {}, {}}};
+     }},
+    {"route-interface key pointed at another tunnel, collections unchanged",
+     [](MvpnMapper& m, const Model& model) {
+       const auto& [k, t] = *model.routeIntfs.begin();
+       m.routeIntfKeyToTunnelIdIs(k, kStranger);
+       return Issues{
+           {Family::routeIntfKey, Kind::forwardKeyNotInColl, kStranger, k.toStrep(), {}},
+           {Family::routeIntfKey, Kind::collKeyPointsElsewhere, t, k.toStrep(), kStranger}};
+     }},
+    {"forgotten reverse delete of a tree id",
+     [](MvpnMapper& m, const Model& model) {
+       const auto& [tree, tv] = *model.trees.begin();
+       m.treeIdToVrfIdDel(MulticastTreeId(tree));
+       return Issues{{Family::treeId, Kind::collKeyWithoutForward, tv.first, tree, {}}};
+     }},
+    {"tree id added to a second tunnel",
+     [](MvpnMapper& m, const Model& model) {
+       const auto& [tree, tv] = *model.trees.begin();
+       m.tunnelIdToTreeIdCollIs(kStranger)->keyCollIs(MulticastTreeId(tree));
+       return Issues{{Family::treeId, Kind::collKeyPointsElsewhere, kStranger, tree, tv.first}};
+     }},
+    {"empty tree id collection left behind",
+     [](MvpnMapper& m, const Model&) {
+       m.tunnelIdToTreeIdCollIs(kStranger);
+       return Issues{{Family::treeId, Kind::emptyColl, kStranger, {}, {}}};
+     }},
+    {"tree id given a VRF but no tunnel",
+     [](MvpnMapper& m, const Model&) {
+       m.treeIdToVrfIdIs(MulticastTreeId("orphan"), VrfId(3));
+       return Issues{{Family::treeId, Kind::forwardKeyNotInColl, TunnelId(), "orphan", {}}};
+     }},
+};
+
+TEST(KeeperAudit, EachInjectedMistakeIsReported) {
+  for (const uint32_t seed : kSeeds) {
+    for (const Mistake& mistake : kMistakes) {
+      SCOPED_TRACE(testing::Message() << "seed " << seed << ": " << mistake.what);
+      auto mapper = newMapper();
+      MvpnMapperKeeper keeper(mapper);
+      Model model;
+      randomEvents(seed, 300, keeper, model);
+      ASSERT_FALSE(model.routes.empty() || model.routeIntfs.empty() || model.trees.empty());
+      ASSERT_TRUE(auditMvpnMapper(*mapper).clean());
+      const Issues expected = mistake.apply(*mapper, model);
+      const auto report = auditMvpnMapper(*mapper);
+      EXPECT_EQ(report.issues, expected) << issuesText(report);
+    }
+  }
+}
+
+TEST(KeeperAudit, ReportAsJsonAndTheAgentScenario) {
+  auto mapper = newMapper();
+  MvpnMapperKeeper keeper(mapper);
+  keeper.routeIs(routeKey(1), TunnelId(7));
+  mapper->routeKeyToTunnelIdDel(routeKey(1));
+  mapper->treeIdToVrfIdIs(MulticastTreeId("a \"quoted\" tree"), VrfId(5));
+  EXPECT_EQ(
+      mvpnMapperAuditJson(auditMvpnMapper(*mapper)),
+      "{\"type\": \"Routing::Multicast::MvpnMapper\", \"routeKeys\": 0, \"routeIntfKeys\": 0, "
+      "\"treeIds\": 1, \"collections\": 1, \"clean\": false, \"issues\": [\n"
+      "  {\"family\": \"routeKey\", \"kind\": \"collKeyWithoutForward\", \"tunnelId\": \"7\", "
+      "\"key\": \"VRF 2 (10.0.0.1, 239.0.0.1)\", \"otherTunnelId\": null, \"text\": \"routeKey "
+      "VRF 2 (10.0.0.1, 239.0.0.1) in tunnel 7's collection has no tunnel\"},\n"
+      "  {\"family\": \"treeId\", \"kind\": \"forwardKeyNotInColl\", \"tunnelId\": null, "
+      "\"key\": \"a \\\"quoted\\\" tree\", \"otherTunnelId\": null, \"text\": \"treeId a "
+      "\\\"quoted\\\" tree has a VRF but no tunnel's collection holds it\"}\n"
+      "]}\n");
+  mapper->tunnelIdToRouteKeysDelAll();
+  mapper->treeIdToVrfIdDelAll();
+  EXPECT_NE(mvpnMapperAuditJson(auditMvpnMapper(*mapper)).find("\"clean\": true, \"issues\": []}"),
+            std::string::npos);
+
+  // The example agent's flow: a tree moves to another tunnel (make-before-break) and the PMSI
+  // answer follows it; a tunnel goes away with all it carried; the audit stays clean.
+  auto intf = mvpnIntfStatusFactory("agent");
+  intf->vrfIntfIdIs(MvpnVrfIntfId(VrfId(5), IntfId::vlan(105)));
+  auto flow = newMapper(intf);
+  MvpnMapperKeeper agent(flow);
+  agent.treeIdIs(TunnelId(10), treeId(1), VrfId(5));
+  agent.treeIdIs(TunnelId(20), treeId(2), VrfId(6));
+  for (int i = 0; i < 4; ++i) agent.routeIs(routeKey(i), TunnelId(i % 2 ? 20 : 10));
+  EXPECT_EQ(agent.pmsiVlan(TunnelId(10)).value(), 105);
+  agent.treeIdIs(TunnelId(30), treeId(1), VrfId(5));
+  EXPECT_TRUE(agent.pmsiVlan(TunnelId(10)).isNone());
+  EXPECT_EQ(agent.pmsiVlan(TunnelId(30)).value(), 105);
+  agent.tunnelDel(TunnelId(20));
+  EXPECT_FALSE(flow->routeKeyToTunnelIdHas(routeKey(1)));
+  EXPECT_FALSE(flow->treeIdToVrfIdHas(treeId(2)));
+  const auto report = auditMvpnMapper(*flow);
+  EXPECT_TRUE(report.clean()) << issuesText(report);
+  EXPECT_EQ(report.routeKeys, 2u);    // routes 0 and 2, still on tunnel 10
+  EXPECT_EQ(report.collections, 2u);  // routes of 10, trees of 30
 }
 
 }  // namespace

@@ -1,22 +1,26 @@
-// A merge machine over four in-process writer statuses and one merged status, driven by a
-// real scheduler. Shared by the merge tests.
+// The rigs of the merge tests: a merge machine over in-process writer statuses and a merged
+// status, driven by a real scheduler, and what the merged status must hold for the inputs.
+// MergeTest: MergedMvpnVrfStatusSm over the four VRF statuses. EncapTest:
+// MergedMcastTunnelEncapStatusSm over the MVPN, static and EVPN tunnel encapsulation statuses.
 #pragma once
 
 #include <algorithm>
 #include <array>
 #include <chrono>
 #include <cstdint>
-#include <functional>
-#include <iterator>
 #include <map>
+#include <ostream>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "merge/MvpnTunnelEncapStatusMergeSm.h"
 #include "merge/MvpnVrfStatusMergeSm.h"
 #include "platform/Trace.h"
+#include "platform/net/IpAddr.h"
 #include "platform/runtime/TaskScheduler.h"
 #include "status/MvpnVrfStatus.h"
 
@@ -27,6 +31,9 @@ using Routing::Multicast::MvpnClient;
 using Routing::Multicast::MvpnVrf;
 using Routing::Multicast::MvpnVrfStatus;
 using Vrf::VrfIdMap::VrfId;
+
+// The merged status's contents: each VRF's client.
+using Merged = std::map<uint32_t, MvpnClient>;
 
 // The writer of each input, in argument order.
 inline constexpr MvpnClient kWriters[4] = {MvpnClient::bgp_, MvpnClient::staticMvpn_,
@@ -54,14 +61,14 @@ inline std::optional<MvpnClient> precedence(unsigned present) {
 }
 
 // The merged contents for the inputs holding each VRF (bit n = input n).
-inline std::map<uint32_t, MvpnClient> mergeOf(const std::map<uint32_t, unsigned>& present) {
-  std::map<uint32_t, MvpnClient> out;
+inline Merged mergeOf(const std::map<uint32_t, unsigned>& present) {
+  Merged out;
   for (auto [vrf, bits] : present) out[vrf] = *precedence(bits);
   return out;
 }
 
-inline std::map<uint32_t, MvpnClient> contents(const MvpnVrfStatus& status) {
-  std::map<uint32_t, MvpnClient> out;
+inline Merged contents(const MvpnVrfStatus& status) {
+  Merged out;
   for (auto it = status.mvpnVrfIter(); it.valid(); it.next()) {
     out[it.key().value()] = it.value().client();
   }
@@ -82,11 +89,13 @@ struct TraceCapture {
       Oro::traceEnable(component, level, false);
     }
   }
-  // The captured messages for which `keep` holds, in order.
-  std::vector<std::string> messagesWhere(
-      const std::function<bool(const std::string&)>& keep) const {
+  // The first appearance of each of `lines` among the captured messages, in capture order.
+  std::vector<std::string> firstAppearances(const std::vector<std::string>& lines) const {
     std::vector<std::string> out;
-    std::ranges::copy_if(sink.messages(), std::back_inserter(out), keep);
+    for (const auto& m : sink.messages()) {
+      if (std::ranges::find(lines, m) != lines.end() && std::ranges::find(out, m) == out.end())
+        out.push_back(m);
+    }
     return out;
   }
   void expectOnlyOwnLines() const {
@@ -110,7 +119,11 @@ struct SmRig {
     sm = static_cast<Derived*>(this)->make(synchronous);
     sm->initializedIs(true);
   }
-  void settle() { scheduler.runUntilIdle(); }
+  // Runs until idle; whether the machine is ready then.
+  bool settle() {
+    scheduler.runUntilIdle();
+    return sm->ready();
+  }
 
   Oro::TaskScheduler scheduler;
   Oro::Ptr<Sm> sm;
@@ -131,11 +144,19 @@ struct Rig : SmRig<Rig, MergedMvpnVrfStatusSm> {
                                                             control(synchronous));
   }
   void put(int n, uint32_t vrf) { in[n]->mvpnVrfIs(MvpnVrf(VrfId(vrf), kWriters[n])); }
+  // Each (input, VRF) in turn.
+  void put(std::initializer_list<std::pair<int, uint32_t>> records) {
+    for (auto [n, vrf] : records) put(n, vrf);
+  }
   void del(int n, uint32_t vrf) { in[n]->mvpnVrfDel(VrfId(vrf)); }
-  std::map<uint32_t, MvpnClient> mergedMap() const { return contents(*merged); }
+  // Records of the merged status, as an earlier life left them.
+  void mergedIs(std::initializer_list<std::pair<uint32_t, MvpnClient>> records) {
+    for (auto [vrf, client] : records) merged->mvpnVrfIs(MvpnVrf(VrfId(vrf), client));
+  }
+  Merged mergedMap() const { return contents(*merged); }
   // What the merged status must hold for the inputs' present contents, leaving out the
   // inputs flagged in `departed` (bit n = input n).
-  std::map<uint32_t, MvpnClient> expected(unsigned departed = 0) const {
+  Merged expected(unsigned departed = 0) const {
     std::map<uint32_t, unsigned> present;
     for (int n = 0; n < 4; ++n) {
       if (departed & (1u << n)) continue;
@@ -151,3 +172,128 @@ struct Rig : SmRig<Rig, MergedMvpnVrfStatusSm> {
 };
 
 }  // namespace MergeTest
+
+namespace EncapTest {
+
+using Routing::Multicast::MergedMcastTunnelEncapStatusSm;
+using Routing::Multicast::MvpnEncapIntfTunnel;
+using Routing::Multicast::MvpnEncapTunnel;
+using Routing::Multicast::MvpnRouteIntfKey;
+using Routing::Multicast::MvpnRouteKey;
+using Routing::Multicast::MvpnTunnelEncapStatus;
+using Routing::Multicast::MvpnVrfTunnelEncapStatus;
+using Vrf::VrfIdMap::VrfId;
+
+// The writers, in argument order.
+enum Writer { kMvpn = 0, kStatic = 1, kEvpn = 2 };
+// Puts given kOutput write to the merged status (as an earlier life left it).
+constexpr int kOutput = 3;
+
+inline MvpnRouteKey route(uint32_t n) {
+  return MvpnRouteKey(Nevo::IpGenAddr::ipv4Addr(0x0a000001),
+                      Nevo::IpGenAddr::ipv4Addr(0xef000000 + n), false);
+}
+inline MvpnRouteIntfKey intf(uint32_t n) {
+  return MvpnRouteIntfKey(route(n), Nevo::IntfId::vlan(5));
+}
+
+// What a status holds, per VRF and key: the encapData.
+struct Contents {
+  std::map<std::pair<uint32_t, uint32_t>, std::string> routes;  // (vrf, n of route(n))
+  std::map<std::pair<uint32_t, uint32_t>, std::string> intfs;   // (vrf, n of intf(n))
+  std::set<uint32_t> vrfs;
+  bool operator==(const Contents&) const = default;
+  friend void PrintTo(const Contents& c, std::ostream* os) {
+    for (const auto& [k, d] : c.routes) *os << " r" << k.first << "/" << k.second << "=" << d;
+    for (const auto& [k, d] : c.intfs) *os << " i" << k.first << "/" << k.second << "=" << d;
+    *os << " vrfs";
+    for (uint32_t v : c.vrfs) *os << " " << v;
+  }
+};
+
+inline uint32_t numberOf(const MvpnRouteKey& k) {
+  return k.group().v4HostOrder() - 0xef000000;
+}
+
+inline Contents contents(const MvpnTunnelEncapStatus& status) {
+  Contents c;
+  for (auto v = status.vrfStatusIter(); v.valid(); v.next()) {
+    const uint32_t vrf = v.key().value();
+    Oro::Ptr<MvpnVrfTunnelEncapStatus> e = v.value();
+    if (!e) continue;  // gone since the walk met it (a writer in another process)
+    c.vrfs.insert(vrf);
+    for (auto r = e->encapTunnelIter(); r.valid(); r.next()) {
+      c.routes[{vrf, numberOf(r.key())}] = r.value().encapData();
+    }
+    for (auto i = e->encapIntfTunnelIter(); i.valid(); i.next()) {
+      c.intfs[{vrf, numberOf(i.key().routeKey())}] = i.value().encapData();
+    }
+  }
+  return c;
+}
+
+// The merged status the rule gives for these inputs: per key the static writer's record when
+// it has one, else the other writer's; a VRF exactly where a merged record is.
+inline Contents mergeOf(const Contents& mvpn, const Contents& stat, const Contents& evpn) {
+  Contents out;
+  out.routes = mvpn.routes;
+  for (const auto& [k, d] : stat.routes) out.routes[k] = d;
+  out.intfs = evpn.intfs;
+  for (const auto& [k, d] : stat.intfs) out.intfs[k] = d;
+  for (const auto& [k, d] : out.routes) out.vrfs.insert(k.first);
+  for (const auto& [k, d] : out.intfs) out.vrfs.insert(k.first);
+  return out;
+}
+
+struct Rig : MergeTest::SmRig<Rig, MergedMcastTunnelEncapStatusSm> {
+  explicit Rig(std::chrono::nanoseconds slice = std::chrono::hours(1)) : SmRig(slice) {
+    for (int w = 0; w < 3; ++w) {
+      in[w] = Routing::Multicast::mvpnTunnelEncapStatusFactory("writer" + std::to_string(w));
+    }
+    merged = Routing::Multicast::mvpnTunnelEncapStatusFactory("merged");
+  }
+  Oro::Ptr<MergedMcastTunnelEncapStatusSm> make(bool synchronous) {
+    return Routing::Multicast::mergedMcastTunnelEncapStatusSmFactory(in[0], in[1], in[2], merged,
+                                                                     control(synchronous));
+  }
+
+  void putRoute(int w, uint32_t vrf, uint32_t n, const std::string& data) {
+    (w == kOutput ? merged : in[w])
+        ->vrfStatusIs(VrfId(vrf))
+        ->encapTunnelIs(MvpnEncapTunnel(route(n), data));
+  }
+  // Each (writer, VRF, n, data) in turn.
+  struct Record {
+    int w;
+    uint32_t vrf, n;
+    std::string data;
+  };
+  void putRoutes(std::initializer_list<Record> records) {
+    for (const Record& r : records) putRoute(r.w, r.vrf, r.n, r.data);
+  }
+  void putIntfs(std::initializer_list<Record> records) {
+    for (const Record& r : records) putIntf(r.w, r.vrf, r.n, r.data);
+  }
+  void delRoute(int w, uint32_t vrf, uint32_t n) {
+    if (auto e = in[w]->vrfStatus(VrfId(vrf))) e->encapTunnelDel(route(n));
+  }
+  void putIntf(int w, uint32_t vrf, uint32_t n, const std::string& data) {
+    (w == kOutput ? merged : in[w])
+        ->vrfStatusIs(VrfId(vrf))
+        ->encapIntfTunnelIs(MvpnEncapIntfTunnel(intf(n), data));
+  }
+  void delIntf(int w, uint32_t vrf, uint32_t n) {
+    if (auto e = in[w]->vrfStatus(VrfId(vrf))) e->encapIntfTunnelDel(intf(n));
+  }
+  void delVrf(int w, uint32_t vrf) { in[w]->vrfStatusDel(VrfId(vrf)); }
+
+  Contents mergedContents() const { return contents(*merged); }
+  Contents expected() const {
+    return mergeOf(contents(*in[kMvpn]), contents(*in[kStatic]), contents(*in[kEvpn]));
+  }
+
+  Oro::Ptr<MvpnTunnelEncapStatus> in[3];
+  Oro::Ptr<MvpnTunnelEncapStatus> merged;
+};
+
+}  // namespace EncapTest

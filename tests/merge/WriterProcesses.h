@@ -11,10 +11,9 @@
 #include <utility>
 #include <vector>
 
-#include <fmt/format.h>
 #include <gtest/gtest.h>
 
-#include "platform/shm_test_util.h"
+#include "common/shm_test_util.h"
 
 namespace MergeTest {
 

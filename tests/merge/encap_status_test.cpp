@@ -7,23 +7,20 @@
 #include <string>
 #include <vector>
 
-#include "common/shm_damage.h"
+#include "common/notice_log.h"
+#include "common/shm_test_util.h"
+#include "merge/MergeTestRig.h"
 #include "merge/MvpnTunnelEncapStatus.h"
-#include "platform/net/IpAddr.h"
 #include "platform/runtime/TaskScheduler.h"
-#include "platform/shm_test_util.h"
 
 namespace {
 
 using namespace Routing::Multicast;
+using EncapTest::intf;
+using EncapTest::route;
 using Oro::ShmAttach;
 using Oro::ShmRole;
 using Vrf::VrfIdMap::VrfId;
-
-MvpnRouteKey route(uint32_t group) {
-  return MvpnRouteKey(Nevo::IpGenAddr::ipv4Addr(0x0a000001), Nevo::IpGenAddr::ipv4Addr(group),
-                      false);
-}
 
 std::vector<MvpnRouteKey> keys(EncapTunnelIterator it) {
   std::vector<MvpnRouteKey> out;
@@ -31,20 +28,13 @@ std::vector<MvpnRouteKey> keys(EncapTunnelIterator it) {
   return out;
 }
 
-TEST(EncapStatus, MutatorsPublishEveryChangedKeyAndCountMembers) {
+TEST(EncapStatus, MutatorsPublishEveryChangedKeyAndCountMembersAndWalksResumeAtABookmark) {
   auto root = mvpnTunnelEncapStatusFactory("writer");
-  std::vector<VrfId> vrfChanges;
-  Oro::KeyReactor<VrfId> vrfWatch(MvpnTunnelEncapStatus::vrfStatusAttr,
-                                  [&](const VrfId& v) { vrfChanges.push_back(v); });
-  vrfWatch.notifierIs(root.get());
+  shmtest::KeyLog<VrfId> vrfChanges(root.get(), MvpnTunnelEncapStatus::vrfStatusAttr);
 
   auto vrf = root->vrfStatusIs(VrfId(7));
   EXPECT_EQ(root->vrfStatusIs(VrfId(7)), vrf);  // existing: same entity, nothing published
-  std::vector<MvpnRouteKey> routeChanges;
-  Oro::KeyReactor<MvpnRouteKey> routeWatch(
-      MvpnVrfTunnelEncapStatus::encapTunnelAttr,
-      [&](const MvpnRouteKey& k) { routeChanges.push_back(k); });
-  routeWatch.notifierIs(vrf.get());
+  shmtest::KeyLog<MvpnRouteKey> routeChanges(vrf.get(), MvpnVrfTunnelEncapStatus::encapTunnelAttr);
 
   const uint32_t v0 = vrf->encapTunnelVersion();
   vrf->encapTunnelIs(MvpnEncapTunnel(route(1), "a"));
@@ -55,33 +45,32 @@ TEST(EncapStatus, MutatorsPublishEveryChangedKeyAndCountMembers) {
   EXPECT_EQ(vrf->encapTunnelVersion(), v0 + 2);
   vrf->encapTunnelDel(route(1));  // the last record: the entity stays
   EXPECT_EQ(root->vrfStatus(VrfId(7)), vrf);
-  EXPECT_EQ(routeChanges, (std::vector<MvpnRouteKey>{route(1), route(1), route(1)}));
+  EXPECT_EQ(routeChanges.keys, (std::vector<MvpnRouteKey>{route(1), route(1), route(1)}));
 
-  vrf->encapIntfTunnelIs(MvpnEncapIntfTunnel(MvpnRouteIntfKey(route(3), Nevo::IntfId::vlan(5))));
+  vrf->encapIntfTunnelIs(MvpnEncapIntfTunnel(intf(3)));
   root->vrfStatusIs(VrfId(7));
   EXPECT_EQ(vrf->encapIntfTunnelSize(), 1u);  // vrfStatusIs on an existing VRF keeps records
   root->vrfStatusDel(VrfId(7));
   root->vrfStatusDel(VrfId(8));
   EXPECT_EQ(root->vrfStatus(VrfId(7)), nullptr);
   EXPECT_EQ(vrf->encapIntfTunnelSize(), 1u);  // kept for whoever still holds it
-  EXPECT_EQ(vrfChanges, (std::vector<VrfId>{VrfId(7), VrfId(7)}));
-}
+  EXPECT_EQ(vrfChanges.keys, (std::vector<VrfId>{VrfId(7), VrfId(7)}));
 
-TEST(EncapStatus, WalksResumeAtABookmarkAndSurviveChanges) {
-  auto vrf = Oro::makePtr<MvpnVrfTunnelEncapStatus>(VrfId(1));
-  for (uint32_t g : {5, 1, 4, 2, 3}) vrf->encapTunnelIs(MvpnEncapTunnel(route(g)));
-  auto it = vrf->encapTunnelIter();
-  it.next();
-  const EncapTunnelBookmark at2 = it.bookmark();
-  EXPECT_EQ(keys(vrf->encapTunnelIterAt(at2)),
+  // Walks resume at a bookmark and survive changes.
+  auto walked = Oro::makePtr<MvpnVrfTunnelEncapStatus>(VrfId(1));
+  for (uint32_t g : {5, 1, 4, 2, 3}) walked->encapTunnelIs(MvpnEncapTunnel(route(g)));
+  auto at = walked->encapTunnelIter();
+  at.next();
+  const EncapTunnelBookmark at2 = at.bookmark();
+  EXPECT_EQ(keys(walked->encapTunnelIterAt(at2)),
             (std::vector{route(2), route(3), route(4), route(5)}));
   // The bookmarked key and the iterator's own key removed, a key inserted behind: both go on
   // with the next key.
-  vrf->encapTunnelDel(route(2));
-  vrf->encapTunnelIs(MvpnEncapTunnel(route(0)));
-  EXPECT_EQ(keys(vrf->encapTunnelIterAt(at2)), (std::vector{route(3), route(4), route(5)}));
-  it.next();
-  EXPECT_EQ(it.key(), route(3));
+  walked->encapTunnelDel(route(2));
+  walked->encapTunnelIs(MvpnEncapTunnel(route(0)));
+  EXPECT_EQ(keys(walked->encapTunnelIterAt(at2)), (std::vector{route(3), route(4), route(5)}));
+  at.next();
+  EXPECT_EQ(at.key(), route(3));
 }
 
 TEST(EncapStatus, DamagedCollectionsRaiseOnEveryRead) {
@@ -177,7 +166,7 @@ TEST_F(EncapStatusReader, AWalksVrfIsTheVrfALookupFinds) {
 // A store its writer had to build anew (the old one was damaged) is a new store: the VRFs the
 // reader held leave, and the new store's VRFs are followed with their records, also one that
 // sits where the old one did.
-TEST_F(EncapStatusReader, AVrfOfARepublishedStoreIsFollowedAnew) {
+TEST_F(EncapStatusReader, RepublishedAndHeldVrfsKeepTheirRecords) {
   {
     auto first = mounted("first", ShmRole::writer);
     first->vrfStatusIs(VrfId(7))->encapTunnelIs(MvpnEncapTunnel(route(1), "a"));
@@ -201,11 +190,8 @@ TEST_F(EncapStatusReader, AVrfOfARepublishedStoreIsFollowedAnew) {
   EXPECT_TRUE(scheduler.runUntil(
       [&] { return reader->vrfStatus(VrfId(7))->encapTunnel(route(3)).has_value(); },
       Oro::TaskScheduler::Clock::now() + std::chrono::seconds(20)));
-}
 
-// A VRF held beyond its status keeps its records in process memory; the others go with it.
-TEST_F(EncapStatusReader, AVrfHeldBeyondItsStatusKeepsItsRecords) {
-  auto writer = mounted("writer", ShmRole::writer);
+  // A VRF held beyond its status keeps its records in process memory; the others go with it.
   for (uint32_t v = 1; v <= 3; ++v) {
     writer->vrfStatusIs(VrfId(v))->encapTunnelIs(MvpnEncapTunnel(route(1), "a"));
     writer->vrfStatusIs(VrfId(v))->encapTunnelIs(MvpnEncapTunnel(route(2), "b"));
@@ -218,7 +204,7 @@ TEST_F(EncapStatusReader, AVrfHeldBeyondItsStatusKeepsItsRecords) {
 }
 
 TEST(EncapRecords, TextFormIsTheValueForm) {
-  EXPECT_EQ(MvpnEncapTunnel(route(0xef010101), "it's \\x").toStrep(),
+  EXPECT_EQ(MvpnEncapTunnel(route(0x10101), "it's \\x").toStrep(),
             "Value('Routing::Multicast::MvpnEncapTunnel', ** {'routeKey': (10.0.0.1, "
             "239.1.1.1), 'encapData': 'it\\'s \\\\x'})");
   EXPECT_EQ(MvpnEncapIntfTunnel().toStrep(),

@@ -12,7 +12,6 @@
 #include <fmt/format.h>
 
 #include "common/mvpnstat_run.h"
-#include "merge/EncapTestRig.h"
 #include "merge/MergeTestRig.h"
 #include "merge/MvpnVrfStatusMergeSm.h"
 #include "merge/WriterProcesses.h"
@@ -23,6 +22,7 @@ namespace {
 using ::testing::HasSubstr;
 
 using namespace MergeTest;
+using enum MvpnClient;
 using namespace std::chrono_literals;
 using Oro::ShmAttach;
 using Oro::ShmRole;
@@ -32,6 +32,7 @@ using Json = nlohmann::json;
 constexpr const char* kMerged = "test/multicast/vpn/vrfStatus/merged";
 
 using shmtest::mvpnstat;
+using shmtest::mvpnstatExpect;
 using shmtest::Result;
 
 class MergeAuditTest : public shmtest::ShmTest {};
@@ -51,9 +52,8 @@ TEST_F(MergeAuditTest, VrfMergeExplainsEveryPrecedenceAndChecksAgainstWriterProc
 
   Oro::TaskScheduler scheduler;
   auto in = mountedReaders(scheduler);
-  auto merged = mvpnVrfStatusFactory("merged");
-  merged->mount(ShmAttach{kMerged, ShmRole::writer});
-  merged->mvpnVrfIs(MvpnVrf(VrfId(99), MvpnClient::bgp_));  // left by an earlier merger
+  auto merged = shmtest::mounted(mvpnVrfStatusFactory("merged"), {kMerged, ShmRole::writer});
+  merged->mvpnVrfIs(MvpnVrf(VrfId(99), bgp_));  // left by an earlier merger
   auto sm = Routing::Multicast::mergedMvpnVrfStatusSmFactory(in[0], in[1], in[2], in[3], merged,
                                                              Dyx::SmControl{&scheduler});
   EXPECT_FALSE(Oro::shmStoreInfo(kMerged).merge);  // a machine not started records nothing
@@ -77,9 +77,7 @@ TEST_F(MergeAuditTest, VrfMergeExplainsEveryPrecedenceAndChecksAgainstWriterProc
   ASSERT_TRUE(started);
   EXPECT_EQ(started->phase(), "initial scan");
   EXPECT_EQ(started->desc.inputs[2].path, MvpnVrfStatus::mountPath(Nevo::ipv4, kWriters[2]));
-  Result check = mvpnstat(std::string("check ") + kMerged);
-  EXPECT_EQ(check.status, 0) << check.out;
-  EXPECT_THAT(check.out, HasSubstr("not ready (initial scan 0/"));
+  mvpnstatExpect(std::string("check ") + kMerged, 0, {"not ready (initial scan 0/"});
 
   ASSERT_TRUE(
       scheduler.runUntil([&] { return sm->ready(); }, Oro::TaskScheduler::Clock::now() + 60s));
@@ -89,50 +87,41 @@ TEST_F(MergeAuditTest, VrfMergeExplainsEveryPrecedenceAndChecksAgainstWriterProc
   EXPECT_EQ(done->outputs[0].deleted, 1u);  // VRF 99, reconciled away
   EXPECT_EQ(done->streams[0].done, 8u);     // the BGP writer's eight VRFs, scanned
 
-  Result list = mvpnstat("list");
-  EXPECT_THAT(list.out, HasSubstr("    merger Routing::Multicast::MergedMvpnVrfStatusSm: ready\n"));
-  Result metrics = mvpnstat("metrics");
-  EXPECT_THAT(metrics.out, HasSubstr(fmt::format(
-                               "mvpn_merger_phase{{path=\"{}\",phase=\"ready\"}} 1\n", kMerged)));
+  mvpnstatExpect("list", 0, {"    merger Routing::Multicast::MergedMvpnVrfStatusSm: ready\n"});
+  Result metrics =
+      mvpnstatExpect("metrics", 0,
+                     {fmt::format("mvpn_merger_phase{{path=\"{}\",phase=\"ready\"}} 1\n", kMerged),
+                      fmt::format("mvpn_merger_input_keys{{path=\"{}\",stream=\"3\","
+                                  "input=\"staticEvpnVrfStatus\"}} 8\n",
+                                  kMerged)});
   EXPECT_EQ(shmtest::promtool(metrics.out).status, 0) << shmtest::promtool(metrics.out).out;
-  EXPECT_THAT(metrics.out, HasSubstr(fmt::format("mvpn_merger_input_keys{{path=\"{}\",stream=\"3\","
-                                                 "input=\"staticEvpnVrfStatus\"}} 8\n",
-                                                 kMerged)));
 
   // The winner of every combination: BGP, then EVPN, then static MVPN, then static EVPN.
   const char* names[] = {"mvpnVrfStatus", "staticMvpnVrfStatus", "evpnVrfStatus",
                          "staticEvpnVrfStatus"};
   for (uint32_t k = 1; k < 17; ++k) {
-    Result r = mvpnstat(fmt::format("explain {} {} --json", kMerged, k));
-    ASSERT_EQ(r.status, 0) << r.out;
+    Result r = mvpnstatExpect(fmt::format("explain {} {} --json", kMerged, k), 0);
     const Json e = Json::parse(r.out);
     Json winner = nullptr;
-    for (int w : {0, 2, 1, 3}) {
-      if (k & (1u << w)) {
-        winner = names[w];
-        break;
-      }
+    for (int w : {3, 1, 2, 0}) {  // from the lowest rank: the last one present wins
+      if (k & (1u << w)) winner = names[w];
     }
     EXPECT_EQ(e["winner"], winner) << k;
     EXPECT_EQ(e["agrees"], true) << r.out;
     ASSERT_EQ(e["inputs"].size(), 4u);
     for (int w = 0; w < 4; ++w) EXPECT_EQ(e["inputs"][w]["record"].is_null(), !(k & (1u << w)));
   }
-  check = mvpnstat("check");
-  EXPECT_EQ(check.status, 0) << check.out;
-  EXPECT_THAT(check.out,
-              HasSubstr(fmt::format("{}: merger Routing::Multicast::MergedMvpnVrfStatusSm "
-                                    "ready: 15 keys checked, consistent; integrity ok",
-                                    kMerged)));
+  mvpnstatExpect("check", 0,
+                 {fmt::format("{}: merger Routing::Multicast::MergedMvpnVrfStatusSm ready: 15 keys "
+                              "checked, consistent; integrity ok",
+                              kMerged)});
 
   // Entries written behind the merger's back: a wrong winner, a VRF no writer lists, a VRF
   // missing.
-  merged->mvpnVrfIs(MvpnVrf(VrfId(5), MvpnClient::staticEvpn_));
-  merged->mvpnVrfIs(MvpnVrf(VrfId(40), MvpnClient::evpn_));
+  merged->mvpnVrfIs(MvpnVrf(VrfId(5), staticEvpn_));
+  merged->mvpnVrfIs(MvpnVrf(VrfId(40), evpn_));
   merged->mvpnVrfDel(VrfId(3));
-  check = mvpnstat(std::string("check --json ") + kMerged);
-  EXPECT_EQ(check.status, 1) << check.out;
-  const Json report = Json::parse(check.out);
+  const Json report = Json::parse(mvpnstatExpect(std::string("check --json ") + kMerged, 1).out);
   EXPECT_EQ(report["ok"], false);
   EXPECT_EQ(report["tables"].size(), 5u);  // the merged status and its four inputs
   const Json& merge = report["tables"][0]["merge"];
@@ -141,13 +130,10 @@ TEST_F(MergeAuditTest, VrfMergeExplainsEveryPrecedenceAndChecksAgainstWriterProc
   for (const Json& f : merge["findings"])
     found.insert(f["kind"].get<std::string>() + " " + f["key"].get<std::string>());
   EXPECT_EQ(found, (std::set<std::string>{"differs 5", "stale 40", "missing 3"}));
-  Result explain = mvpnstat(fmt::format("explain {} 5", kMerged));
-  EXPECT_THAT(explain.out, HasSubstr("  winner: mvpnVrfStatus\n"));
-  EXPECT_THAT(explain.out, HasSubstr("(DISAGREES)"));
-
-  EXPECT_EQ(mvpnstat(fmt::format("explain {} 12x", kMerged)).status, 2);
-  EXPECT_EQ(mvpnstat("explain " + MvpnVrfStatus::mountPath(Nevo::ipv4, kWriters[0]) + " 1").status,
-            1);
+  mvpnstatExpect(fmt::format("explain {} 5", kMerged), 0,
+                 {"  winner: mvpnVrfStatus\n", "(DISAGREES)"});
+  mvpnstatExpect(fmt::format("explain {} 12x", kMerged), 2);
+  mvpnstatExpect("explain " + MvpnVrfStatus::mountPath(Nevo::ipv4, kWriters[0]) + " 1", 1);
 }
 
 TEST_F(MergeAuditTest, EncapMergeExplainsAndChecksBothCollections) {
@@ -159,15 +145,10 @@ TEST_F(MergeAuditTest, EncapMergeExplainsAndChecksBothCollections) {
   }
   const std::string merged = MvpnTunnelEncapStatus::mountPath("merged");
   rig.merged->mount(ShmAttach{merged, ShmRole::writer});
-  rig.putRoute(kMvpn, 7, 1, "m1");
-  rig.putRoute(kStatic, 7, 1, "s1");
-  rig.putRoute(kMvpn, 7, 2, "m2");
-  rig.putIntf(kEvpn, 8, 3, "e3");
-  rig.putIntf(kEvpn, 8, 4, "e4");
-  rig.putIntf(kStatic, 8, 4, "s4");
+  rig.putRoutes({{kMvpn, 7, 1, "m1"}, {kStatic, 7, 1, "s1"}, {kMvpn, 7, 2, "m2"}});
+  rig.putIntfs({{kEvpn, 8, 3, "e3"}, {kEvpn, 8, 4, "e4"}, {kStatic, 8, 4, "s4"}});
   rig.start();
-  rig.settle();
-  ASSERT_TRUE(rig.sm->ready());
+  ASSERT_TRUE(rig.settle());
 
   const std::string r1 = route(1).toStrep(), r2 = route(2).toStrep();
   const std::string i3 = intf(3).toStrep(), i4 = intf(4).toStrep();
@@ -177,29 +158,24 @@ TEST_F(MergeAuditTest, EncapMergeExplainsAndChecksBothCollections) {
         std::tuple{"9 " + r2, Json(nullptr), "encapTunnel"},
         std::tuple{"8 " + i3, Json("evpnEncap"), "encapIntfTunnel"},
         std::tuple{"8 " + i4, Json("staticEncap"), "encapIntfTunnel"}}) {
-    Result r = mvpnstat(fmt::format("explain {} '{}' --json", merged, key));
-    ASSERT_EQ(r.status, 0) << r.out;
+    Result r = mvpnstatExpect(fmt::format("explain {} '{}' --json", merged, key), 0);
     const Json e = Json::parse(r.out);
     EXPECT_EQ(e["winner"], winner) << key;
     EXPECT_EQ(e["collection"], collection);
     EXPECT_EQ(e["agrees"], true) << r.out;
   }
-  EXPECT_EQ(mvpnstat("check " + merged).status, 0);
+  mvpnstatExpect("check " + merged, 0);
 
   // Behind the merger's back: the MVPN record where the static one wins, and an empty VRF.
-  rig.merged->vrfStatus(VrfId(7))->encapTunnelIs(MvpnEncapTunnel(route(1), "m1"));
+  rig.putRoute(kOutput, 7, 1, "m1");
   rig.merged->vrfStatusIs(VrfId(9));
-  Result check = mvpnstat("check " + merged);
-  EXPECT_EQ(check.status, 1) << check.out;
-  EXPECT_THAT(check.out, HasSubstr("2 inconsistent"));
-  EXPECT_THAT(check.out, HasSubstr("    differs encapTunnel 7 " + r1));
-  EXPECT_THAT(check.out, HasSubstr("    empty vrfStatus 9"));
+  mvpnstatExpect("check " + merged, 1,
+                 {"2 inconsistent", "    differs encapTunnel 7 " + r1, "    empty vrfStatus 9"});
 
   // The machine goes, its writer stays: nobody keeps the merged status up to date any more.
   rig.sm = nullptr;
   EXPECT_EQ(Oro::shmStoreInfo(merged).merge->phase(), "not running");
-  check = mvpnstat("check " + merged);
-  EXPECT_THAT(check.out, HasSubstr("not ready (not running)"));
+  EXPECT_THAT(mvpnstat("check " + merged).out, HasSubstr("not ready (not running)"));
 }
 
 }  // namespace

@@ -1,30 +1,18 @@
-// Both merge machines over a damaged input, reported through the input's corruption handlers:
-// MergedMvpnVrfStatusSm over a shared-memory table, whose merged entries survive the reader's
-// restart and later merges; MergedMcastTunnelEncapStatusSm over a damaged static writer's
-// status, of which no merged record is deleted or replaced on the ground of damage, neither at
-// a restart nor after ready. Each output follows its inputs again once the writer republishes.
+// Both merge machines over a damaged input, reported through its corruption handlers: no
+// merged record is deleted or replaced on the ground of damage, at a restart or after ready, and
+// each output follows its inputs again once the writer republishes.
 #include <gtest/gtest.h>
 
-#include <map>
 #include <string>
 
-#include "common/shm_damage.h"
-#include "merge/EncapTestRig.h"
+#include "common/shm_test_util.h"
 #include "merge/MergeTestRig.h"
-#include "platform/shm/ShmTable.h"
 
 namespace {
 
 using namespace MergeTest;
-using EncapTest::Contents;
-using EncapTest::intf;
-using EncapTest::kEvpn;
-using EncapTest::kMvpn;
-using EncapTest::kStatic;
-using EncapTest::route;
+using enum MvpnClient;
 using Routing::Multicast::EncapStatusFaults;
-using Routing::Multicast::MvpnEncapIntfTunnel;
-using Routing::Multicast::MvpnEncapTunnel;
 
 // Input 0 (BGP) published through a shared-memory table that can be damaged.
 struct DamageRig : Rig {
@@ -45,21 +33,13 @@ struct DamageRig : Rig {
   int reports = 0;
 };
 
-TEST(VrfMergeDamage, RestartOverADamagedInputKeepsItsEntriesUntilItIsRepublished) {
+TEST(VrfMergeDamage, ADamagedInputKeepsItsEntriesAtARestartAndAfterReadyUntilItIsRepublished) {
   for (bool synchronous : {false, true}) {
     SCOPED_TRACE(synchronous ? "synchronous" : "asynchronous");
     DamageRig rig;
-    rig.put(0, 1);
-    rig.put(0, 5);
-    rig.put(2, 2);
-    rig.put(2, 5);
+    rig.put({{0, 1}, {0, 5}, {2, 2}, {2, 5}});
     // The merged status a previous reader left: 9 is stale.
-    for (auto [vrf, client] : std::map<uint32_t, MvpnClient>{{1, MvpnClient::bgp_},
-                                                             {2, MvpnClient::evpn_},
-                                                             {5, MvpnClient::bgp_},
-                                                             {9, MvpnClient::bgp_}}) {
-      rig.merged->mvpnVrfIs(MvpnVrf(VrfId(vrf), client));
-    }
+    rig.mergedIs({{1, bgp_}, {2, evpn_}, {5, bgp_}, {9, bgp_}});
     const auto before = rig.mergedMap();
     rig.damage();
     rig.start(synchronous);
@@ -72,23 +52,15 @@ TEST(VrfMergeDamage, RestartOverADamagedInputKeepsItsEntriesUntilItIsRepublished
     EXPECT_TRUE(rig.sm->mergedVrfStatusMvpnVrfOutputReconciling());
 
     rig.republish({1});
-    rig.settle();
-    EXPECT_TRUE(rig.sm->ready());
-    EXPECT_EQ(rig.mergedMap(),
-              (std::map<uint32_t, MvpnClient>{
-                  {1, MvpnClient::bgp_}, {2, MvpnClient::evpn_}, {5, MvpnClient::evpn_}}));
+    EXPECT_TRUE(rig.settle());
+    EXPECT_EQ(rig.mergedMap(), (Merged{{1, bgp_}, {2, evpn_}, {5, evpn_}}));
   }
-}
 
-TEST(VrfMergeDamage, MergesAfterReadyNeverDeleteOrDowngradeWhatAnUnreadableInputHolds) {
+  // Merges after ready never delete or downgrade what an unreadable input holds.
   DamageRig rig;
-  rig.put(0, 3);
-  rig.put(2, 3);
-  rig.put(0, 4);
-  rig.put(3, 6);
+  rig.put({{0, 3}, {2, 3}, {0, 4}, {3, 6}});
   rig.start();
-  rig.settle();
-  ASSERT_TRUE(rig.sm->ready());
+  ASSERT_TRUE(rig.settle());
   rig.damage();
 
   // Input 2 withdraws and rewrites 3 and 4, and input 1 writes 6 and 7: the BGP entries stay,
@@ -97,36 +69,31 @@ TEST(VrfMergeDamage, MergesAfterReadyNeverDeleteOrDowngradeWhatAnUnreadableInput
   rig.del(2, 3);
   rig.put(2, 4);
   rig.del(2, 4);
-  rig.put(1, 6);
-  rig.put(1, 7);
+  rig.put({{1, 6}, {1, 7}});
   EXPECT_GT(rig.reports, 0);
-  EXPECT_EQ(rig.mergedMap(), (std::map<uint32_t, MvpnClient>{{3, MvpnClient::bgp_},
-                                                             {4, MvpnClient::bgp_},
-                                                             {6, MvpnClient::staticMvpn_},
-                                                             {7, MvpnClient::staticMvpn_}}));
+  EXPECT_EQ(rig.mergedMap(), (Merged{{3, bgp_}, {4, bgp_}, {6, staticMvpn_}, {7, staticMvpn_}}));
 
   // BGP republishes without 3: every key follows its inputs again.
   rig.republish({4, 7});
-  rig.settle();
-  EXPECT_TRUE(rig.sm->ready());
+  EXPECT_TRUE(rig.settle());
   EXPECT_EQ(rig.mergedMap(), rig.expected());
   EXPECT_EQ(rig.mergedMap().count(3), 0u);
 }
 
-TEST(TunnelMergeDamage, RestartOverADamagedStaticRootKeepsTheMergedStatusUntilRepublished) {
+namespace tunnel {
+
+using namespace EncapTest;
+
+TEST(TunnelMergeDamage, AnUnreadableStaticInputKeepsTheMergedRecordsUntilRepublished) {
   for (bool synchronous : {false, true}) {
     SCOPED_TRACE(synchronous ? "synchronous" : "asynchronous");
     EncapTest::Rig rig;
     rig.putRoute(kStatic, 1, 1, "s");
     rig.putIntf(kStatic, 2, 1, "si");
-    rig.putRoute(kMvpn, 1, 1, "m");
-    rig.putRoute(kMvpn, 1, 2, "m2");
+    rig.putRoutes({{kMvpn, 1, 1, "m"}, {kMvpn, 1, 2, "m2"}});
     // What an earlier life merged; (9, route 1) no writer holds any more.
-    auto m1 = rig.merged->vrfStatusIs(VrfId(1));
-    m1->encapTunnelIs(MvpnEncapTunnel(route(1), "s"));
-    m1->encapTunnelIs(MvpnEncapTunnel(route(2), "m2"));
-    rig.merged->vrfStatusIs(VrfId(2))->encapIntfTunnelIs(MvpnEncapIntfTunnel(intf(1), "si"));
-    rig.merged->vrfStatusIs(VrfId(9))->encapTunnelIs(MvpnEncapTunnel(route(1), "old"));
+    rig.putRoutes({{kOutput, 1, 1, "s"}, {kOutput, 1, 2, "m2"}, {kOutput, 9, 1, "old"}});
+    rig.putIntf(kOutput, 2, 1, "si");
     const Contents before = rig.mergedContents();
     int reports = 0;
     rig.in[kStatic]->vrfStatusCorruptionHandlerIs([&](const std::string&) { ++reports; });
@@ -144,21 +111,17 @@ TEST(TunnelMergeDamage, RestartOverADamagedStaticRootKeepsTheMergedStatusUntilRe
     EncapStatusFaults::vrfStatusDamagedIs(*rig.in[kStatic], false);
     rig.delVrf(kStatic, 2);
     rig.putIntf(kStatic, 2, 1, "si2");
-    rig.settle();
-    EXPECT_TRUE(rig.sm->ready());
+    EXPECT_TRUE(rig.settle());
     EXPECT_EQ(rig.mergedContents(), rig.expected());
     EXPECT_EQ(rig.mergedContents().vrfs.count(9), 0u);
   }
-}
 
-TEST(TunnelMergeDamage, AfterReadyAnUnreadableStaticVrfNeitherLosesNorYieldsItsRecords) {
+  // After ready, an unreadable static VRF neither loses nor yields its records.
   EncapTest::Rig rig;
-  rig.putRoute(kStatic, 1, 1, "s");
-  rig.putRoute(kMvpn, 1, 1, "m");
+  rig.putRoutes({{kStatic, 1, 1, "s"}, {kMvpn, 1, 1, "m"}});
   rig.putIntf(kStatic, 1, 4, "si");
   rig.start();
-  rig.settle();
-  ASSERT_TRUE(rig.sm->ready());
+  ASSERT_TRUE(rig.settle());
   auto staticVrf = rig.in[kStatic]->vrfStatus(VrfId(1));
   int reports = 0;
   staticVrf->encapTunnelCorruptionHandlerIs([&](const std::string&) { ++reports; });
@@ -183,5 +146,7 @@ TEST(TunnelMergeDamage, AfterReadyAnUnreadableStaticVrfNeitherLosesNorYieldsItsR
   EXPECT_EQ(rig.mergedContents(), rig.expected());
   EXPECT_EQ(rig.mergedContents().routes.count({1, 1}), 0u);
 }
+
+}  // namespace tunnel
 
 }  // namespace

@@ -16,7 +16,6 @@
 #include <random>
 #include <string>
 
-#include "merge/EncapTestRig.h"
 #include "merge/MergeTestRig.h"
 
 namespace {
@@ -61,53 +60,50 @@ constexpr uint32_t kKeys = 24;
 void runHistory(uint32_t seed) {
   Rig rig;
   History h(seed, rig.scheduler);
-  auto pick = [&](uint32_t n) { return h.pick(n); };
-  auto note = [&](const std::string& what) { h.note(what); };
   unsigned departed = 0;  // bit n: input n has left
 
   // A merged output that survived an earlier life, and inputs filled before the start.
-  for (uint32_t i = pick(6); i > 0; --i) {
-    rig.merged->mvpnVrfIs(MvpnVrf(VrfId(pick(kKeys)), kWriters[pick(4)]));
+  for (uint32_t i = h.pick(6); i > 0; --i) {
+    rig.merged->mvpnVrfIs(MvpnVrf(VrfId(h.pick(kKeys)), kWriters[h.pick(4)]));
   }
-  for (uint32_t i = pick(20); i > 0; --i) rig.put(static_cast<int>(pick(4)), pick(kKeys));
+  for (uint32_t i = h.pick(20); i > 0; --i) rig.put(static_cast<int>(h.pick(4)), h.pick(kKeys));
   rig.start(h.synchronous);
 
-  for (uint32_t step = 0, steps = 10 + pick(40); step < steps; ++step) {
-    const uint32_t op = pick(100);
-    const int n = static_cast<int>(pick(4));
+  for (uint32_t step = 0, steps = 10 + h.pick(40); step < steps; ++step) {
+    const uint32_t op = h.pick(100);
+    const int n = static_cast<int>(h.pick(4));
     if (op < 40) {
-      const uint32_t k = pick(kKeys);
-      note("put " + std::to_string(n) + ":" + std::to_string(k));
+      const uint32_t k = h.pick(kKeys);
+      h.note("put " + std::to_string(n) + ":" + std::to_string(k));
       rig.put(n, k);
     } else if (op < 65) {
-      const uint32_t k = pick(kKeys);
-      note("del " + std::to_string(n) + ":" + std::to_string(k));
+      const uint32_t k = h.pick(kKeys);
+      h.note("del " + std::to_string(n) + ":" + std::to_string(k));
       rig.del(n, k);
     } else if (op < 68) {
-      note("delAll " + std::to_string(n));
+      h.note("delAll " + std::to_string(n));
       rig.in[n]->mvpnVrfDelAll();  // the writer withdraws everything at once
     } else if (op < 70) {
       if (!(departed & (1u << n))) {
-        note("depart " + std::to_string(n));
+        h.note("depart " + std::to_string(n));
         departed |= 1u << n;
         rig.sm->inputRootDel(static_cast<size_t>(n));
       }
     } else if (op < 73) {
-      note("restart");
+      h.note("restart");
       // The reader restarts, possibly in the middle of its scans, over the merged output
       // as it was left; the new machine watches every input again.
       rig.sm = nullptr;
       departed = 0;
-      for (uint32_t i = pick(3); i > 0; --i) rig.put(static_cast<int>(pick(4)), pick(kKeys));
+      for (uint32_t i = h.pick(3); i > 0; --i) rig.put(static_cast<int>(h.pick(4)), h.pick(kKeys));
       rig.start(h.synchronous);
     } else {
-      const uint32_t runs = pick(4);
-      note("run " + std::to_string(runs));
+      const uint32_t runs = h.pick(4);
+      h.note("run " + std::to_string(runs));
       for (uint32_t i = runs; i > 0; --i) rig.scheduler.runOnce();
     }
   }
-  rig.settle();
-  ASSERT_TRUE(rig.sm->ready()) << "seed " << seed;
+  ASSERT_TRUE(rig.settle()) << "seed " << seed;
   ASSERT_TRUE(rig.sm->idle()) << "seed " << seed;
   ASSERT_EQ(rig.mergedMap(), rig.expected(departed)) << "seed " << seed << ": " << h.log;
   ASSERT_TRUE(rig.sm->mergedVrfStatusMvpnVrfOutputSeen().empty()) << "seed " << seed;
@@ -129,68 +125,65 @@ constexpr uint32_t kKeys = 4;
 void runHistory(uint32_t seed) {
   Rig rig;
   History h(seed, rig.scheduler);
-  auto pick = [&](uint32_t n) { return h.pick(n); };
-  auto note = [&](const std::string& what) { h.note(what); };
-  auto data = [&] { return "d" + std::to_string(pick(3)); };
+  auto data = [&] { return "d" + std::to_string(h.pick(3)); };
   const int routeWriters[] = {kMvpn, kStatic};
   const int intfWriters[] = {kEvpn, kStatic};
 
   // A merged status that survived an earlier life, and inputs filled before the start.
-  for (uint32_t i = pick(5); i > 0; --i) {
-    auto vrf = rig.merged->vrfStatusIs(VrfId(1 + pick(kVrfs)));
-    if (pick(2)) {
-      vrf->encapTunnelIs(MvpnEncapTunnel(route(pick(kKeys)), "old"));
+  for (uint32_t i = h.pick(5); i > 0; --i) {
+    auto vrf = rig.merged->vrfStatusIs(VrfId(1 + h.pick(kVrfs)));
+    if (h.pick(2)) {
+      vrf->encapTunnelIs(MvpnEncapTunnel(route(h.pick(kKeys)), "old"));
     } else {
-      vrf->encapIntfTunnelIs(MvpnEncapIntfTunnel(intf(pick(kKeys)), "old"));
+      vrf->encapIntfTunnelIs(MvpnEncapIntfTunnel(intf(h.pick(kKeys)), "old"));
     }
   }
-  for (uint32_t i = pick(12); i > 0; --i) {
-    rig.putRoute(routeWriters[pick(2)], 1 + pick(kVrfs), pick(kKeys), data());
-    rig.putIntf(intfWriters[pick(2)], 1 + pick(kVrfs), pick(kKeys), data());
+  for (uint32_t i = h.pick(12); i > 0; --i) {
+    rig.putRoute(routeWriters[h.pick(2)], 1 + h.pick(kVrfs), h.pick(kKeys), data());
+    rig.putIntf(intfWriters[h.pick(2)], 1 + h.pick(kVrfs), h.pick(kKeys), data());
   }
   rig.start(h.synchronous);
 
-  for (uint32_t step = 0, steps = 10 + pick(50); step < steps; ++step) {
-    const uint32_t op = pick(100);
-    const uint32_t vrf = 1 + pick(kVrfs), key = pick(kKeys);
-    const int rw = routeWriters[pick(2)], iw = intfWriters[pick(2)];
+  for (uint32_t step = 0, steps = 10 + h.pick(50); step < steps; ++step) {
+    const uint32_t op = h.pick(100);
+    const uint32_t vrf = 1 + h.pick(kVrfs), key = h.pick(kKeys);
+    const int rw = routeWriters[h.pick(2)], iw = intfWriters[h.pick(2)];
     const std::string where = std::to_string(vrf) + "/" + std::to_string(key);
     if (op < 25) {
-      note("putRoute " + std::to_string(rw) + " " + where);
+      h.note("putRoute " + std::to_string(rw) + " " + where);
       rig.putRoute(rw, vrf, key, data());
     } else if (op < 40) {
-      note("delRoute " + std::to_string(rw) + " " + where);
+      h.note("delRoute " + std::to_string(rw) + " " + where);
       rig.delRoute(rw, vrf, key);
     } else if (op < 55) {
-      note("putIntf " + std::to_string(iw) + " " + where);
+      h.note("putIntf " + std::to_string(iw) + " " + where);
       rig.putIntf(iw, vrf, key, data());
     } else if (op < 67) {
-      note("delIntf " + std::to_string(iw) + " " + where);
+      h.note("delIntf " + std::to_string(iw) + " " + where);
       rig.delIntf(iw, vrf, key);
     } else if (op < 74) {
-      const int w = static_cast<int>(pick(3));
-      note("delVrf " + std::to_string(w) + " " + std::to_string(vrf));
+      const int w = static_cast<int>(h.pick(3));
+      h.note("delVrf " + std::to_string(w) + " " + std::to_string(vrf));
       rig.delVrf(w, vrf);
     } else if (op < 77) {
       // Records of collections the merge does not read from these writers.
-      note("unread " + where);
+      h.note("unread " + where);
       rig.putIntf(kMvpn, vrf, key, "x");
       rig.putRoute(kEvpn, vrf, key, "x");
     } else if (op < 80) {
-      note("restart");
+      h.note("restart");
       rig.sm = nullptr;
       rig.start(h.synchronous);
     } else {
-      const uint32_t runs = pick(6);
-      note("run " + std::to_string(runs));
+      const uint32_t runs = h.pick(6);
+      h.note("run " + std::to_string(runs));
       for (uint32_t i = runs; i > 0; --i) rig.scheduler.runOnce();
     }
     if (h.synchronous && rig.sm->ready()) {
       ASSERT_EQ(rig.mergedContents(), rig.expected()) << "seed " << seed << ": " << h.log;
     }
   }
-  rig.settle();
-  ASSERT_TRUE(rig.sm->ready()) << "seed " << seed << ": " << h.log;
+  ASSERT_TRUE(rig.settle()) << "seed " << seed << ": " << h.log;
   ASSERT_TRUE(rig.sm->idle()) << "seed " << seed;
   ASSERT_EQ(rig.mergedContents(), rig.expected()) << "seed " << seed << ": " << h.log;
   ASSERT_TRUE(rig.sm->mergedEncapVrfStatusEncapTunnelOutputSeen().empty()) << "seed " << seed;

@@ -21,13 +21,10 @@
 
 #include <fmt/format.h>
 
-#include "merge/EncapTestRig.h"
 #include "merge/MergeTestRig.h"
 #include "merge/MvpnVrfStatusMergeSm.h"
 #include "merge/WriterProcesses.h"
 #include "platform/net/IpAddr.h"
-#include "platform/shm/ShmSegment.h"
-#include "platform/shm/ShmTable.h"
 
 namespace {
 
@@ -43,6 +40,7 @@ using TunnelMergeProcessTest = VrfMergeProcessTest;
 namespace vrfProcess {
 
 using namespace MergeTest;
+using enum MvpnClient;
 
 constexpr const char* kMergedPath = "test/multicast/vpn/vrfStatus/merged";
 constexpr int kPhases = 7;
@@ -74,11 +72,7 @@ void script(int w, int phase, const Ops& ops) {
       std::mt19937 rng(static_cast<uint32_t>(100 + w));
       for (int i = 0; i < 3000; ++i) {
         const uint32_t k = 1000 + rng() % 300;
-        if (rng() % 3 == 0) {
-          ops.del(k);
-        } else {
-          ops.put(k);
-        }
+        rng() % 3 == 0 ? ops.del(k) : ops.put(k);
       }
       break;
     }
@@ -91,12 +85,10 @@ void script(int w, int phase, const Ops& ops) {
 TEST_F(VrfMergeProcessTest, MergedTableFollowsFourWriterProcesses) {
   // An earlier reader wrote a merged table and died without cleaning up.
   const pid_t previous = shmtest::forkChild([]() -> int {
-    auto merged = mvpnVrfStatusFactory("merged");
-    merged->mount(ShmAttach{kMergedPath, ShmRole::writer});
-    merged->mvpnVrfIs(MvpnVrf(VrfId(500), MvpnClient::bgp_));
-    merged->mvpnVrfIs(MvpnVrf(VrfId(501), MvpnClient::evpn_));
-    merged->mvpnVrfIs(MvpnVrf(VrfId(2), MvpnClient::staticEvpn_));
-    merged->mvpnVrfIs(MvpnVrf(VrfId(7), MvpnClient::bgp_));
+    auto merged = shmtest::mounted(mvpnVrfStatusFactory("merged"), {kMergedPath, ShmRole::writer});
+    for (auto [vrf, client] : Merged{{500, bgp_}, {501, evpn_}, {2, staticEvpn_}, {7, bgp_}}) {
+      merged->mvpnVrfIs(MvpnVrf(VrfId(vrf), client));
+    }
     ::_exit(0);  // no clean-up, like a crash
   });
   ASSERT_EQ(shmtest::waitChild(previous), 0);
@@ -125,8 +117,7 @@ TEST_F(VrfMergeProcessTest, MergedTableFollowsFourWriterProcesses) {
   // The merging reader.
   Oro::TaskScheduler scheduler;
   auto in = mountedReaders(scheduler);
-  auto merged = mvpnVrfStatusFactory("merged");
-  merged->mount(ShmAttach{kMergedPath, ShmRole::writer});
+  auto merged = shmtest::mounted(mvpnVrfStatusFactory("merged"), {kMergedPath, ShmRole::writer});
   ASSERT_EQ(merged->mvpnVrfSize(), 4u);  // taken over from the dead reader
 
   auto sm = Routing::Multicast::mergedMvpnVrfStatusSmFactory(in[0], in[1], in[2], in[3], merged,
@@ -148,12 +139,12 @@ TEST_F(VrfMergeProcessTest, MergedTableFollowsFourWriterProcesses) {
   };
 
   ASSERT_TRUE(settle());
-  EXPECT_EQ(contents(*merged).at(7), MvpnClient::evpn_);  // static MVPN and EVPN: EVPN
-  EXPECT_EQ(contents(*merged).at(2), MvpnClient::bgp_);
+  EXPECT_EQ(contents(*merged).at(7), evpn_);  // static MVPN and EVPN: EVPN
+  EXPECT_EQ(contents(*merged).at(2), bgp_);
   // The two stale entries no writer supports were deleted.
   EXPECT_EQ(sm->mergedVrfStatusMvpnVrfOutput().deletedTotal(), 2u);
 
-  const MvpnClient after30[] = {MvpnClient::staticEvpn_, MvpnClient::bgp_, MvpnClient::staticEvpn_};
+  const MvpnClient after30[] = {staticEvpn_, bgp_, staticEvpn_};
   for (int phase = 1; phase < kPhases; ++phase) {
     SCOPED_TRACE(phase);
     runPhase(phase);
@@ -164,7 +155,7 @@ TEST_F(VrfMergeProcessTest, MergedTableFollowsFourWriterProcesses) {
       EXPECT_FALSE(merged->mvpnVrf(VrfId(30)).has_value());
     }
   }
-  EXPECT_EQ(contents(*merged).at(7), MvpnClient::evpn_);
+  EXPECT_EQ(contents(*merged).at(7), evpn_);
   EXPECT_EQ(contents(*merged).count(10), 0u);
 
   sm = nullptr;
@@ -251,23 +242,16 @@ void script(int w, int phase, const Ops& ops) {
 }
 
 Ops modelOps(Contents& c) {
-  auto dropVrf = [&c](uint32_t vrf) {
+  Ops ops;
+  ops.putRoute = [&c](uint32_t v, uint32_t n, const std::string& d) { c.routes[{v, n}] = d; };
+  ops.putIntf = [&c](uint32_t v, uint32_t n, const std::string& d) { c.intfs[{v, n}] = d; };
+  ops.delRoute = [&c](uint32_t v, uint32_t n) { c.routes.erase({v, n}); };
+  ops.delIntf = [&c](uint32_t v, uint32_t n) { c.intfs.erase({v, n}); };
+  ops.delVrf = [&c](uint32_t vrf) {
     std::erase_if(c.routes, [vrf](const auto& e) { return e.first.first == vrf; });
     std::erase_if(c.intfs, [vrf](const auto& e) { return e.first.first == vrf; });
   };
-  return Ops{[&c](uint32_t v, uint32_t n, const std::string& d) {
-               c.routes[{v, n}] = d;
-             },
-             [&c](uint32_t v, uint32_t n, const std::string& d) {
-               c.intfs[{v, n}] = d;
-             },
-             [&c](uint32_t v, uint32_t n) {
-               c.routes.erase({v, n});
-             },
-             [&c](uint32_t v, uint32_t n) {
-               c.intfs.erase({v, n});
-             },
-             dropVrf};
+  return ops;
 }
 
 Ops statusOps(MvpnTunnelEncapStatus& s) {

@@ -56,7 +56,7 @@ struct Coll : Oro::Entity {
   void flag() { publish(2); }
 };
 
-TEST(RefCount, CountsAndDeletesAtZero) {
+TEST(RefCount, CountsDeletesAtZeroOrLetsTheHandlerKeepTheObject) {
   int deaths = 0;
   {
     Oro::Ptr<Counted> a(new Counted(&deaths));
@@ -77,9 +77,7 @@ TEST(RefCount, CountsAndDeletesAtZero) {
   }
   Oro::threadsInUseIs(false);
   EXPECT_EQ(deaths, 2);
-}
 
-TEST(RefCount, ZeroReferencesHandlerMayKeepTheObject) {
   Oro::Ptr<Handover> kept;
   {
     Oro::Ptr<Handover> h(new Handover);
@@ -89,7 +87,7 @@ TEST(RefCount, ZeroReferencesHandlerMayKeepTheObject) {
   EXPECT_EQ(kept->refs(), 1u);
 }
 
-TEST(Entity, PublishesKeysAndSurvivesUnsubscribeDuringPublication) {
+TEST(Entity, PublishesKeysSurvivesUnsubscribeDuringPublicationAndDetachesWhenDestroyed) {
   Oro::Ptr<Coll> c(new Coll);
   std::vector<int> seenA, seenB;
   Oro::KeyReactor<int> a(1, [&](const int& k) { seenA.push_back(k); });
@@ -112,9 +110,7 @@ TEST(Entity, PublishesKeysAndSurvivesUnsubscribeDuringPublication) {
   f.notifierIs(c.get());
   c->flag();
   EXPECT_EQ(flags, 2);
-}
 
-TEST(Entity, DestroyedEntityDetachesItsNotifiees) {
   Oro::KeyReactor<int> r(1, [](const int&) {});
   {
     Oro::Ptr<Coll> c(new Coll);
@@ -204,18 +200,15 @@ TEST_F(EntityDirectoryTest, CreatesByTypeNameAndChecksArguments) {
   EXPECT_TRUE(dir.typeRegistered("Test::Other"));
   EXPECT_FALSE(dir.typeRegistered("Test::Missing"));
   using ::testing::StrEq;
-  EXPECT_THAT(
-      [&] {
-        dir.create("Test::Named", {"a", "b"});
-      },
-      ::testing::ThrowsMessage<Oro::UnexpectedEntityArgumentsException>(
-          StrEq("unexpected arguments creating Test::Named: 2 given, 1 expected")));
+  const auto twoArguments = [&] { dir.create("Test::Named", {"a", "b"}); };
+  EXPECT_THAT(twoArguments, ::testing::ThrowsMessage<Oro::UnexpectedEntityArgumentsException>(StrEq(
+                                "unexpected arguments creating Test::Named: 2 given, 1 expected")));
   EXPECT_THROW(dir.create("Test::Other", {"x"}), Oro::UnexpectedEntityArgumentsException);
   EXPECT_THAT([&] { dir.create("Test::Missing", {}); },
               ::testing::ThrowsMessage<Oro::Exception>(StrEq("unknown entity type Test::Missing")));
 }
 
-TEST_F(EntityDirectoryTest, MountsHoldEntitiesUntilUnmounted) {
+TEST_F(EntityDirectoryTest, MountsHoldEntitiesUntilUnmountedAndMountNewReusesThem) {
   const std::string bgp = "routing/multicast/vpn/vrfStatus/bgp";
   const std::string evpn = "routing6/multicast/vpn/vrfStatus/evpn";
   EXPECT_TRUE(dir.mount(bgp, dir.create("Test::Named", {"bgp"})));
@@ -232,9 +225,7 @@ TEST_F(EntityDirectoryTest, MountsHoldEntitiesUntilUnmounted) {
   EXPECT_FALSE(dir.unmount(bgp));
   EXPECT_EQ(deaths, 2);
   EXPECT_EQ(dir.paths(), (std::vector<std::string>{evpn}));
-}
 
-TEST_F(EntityDirectoryTest, MountNewReusesAnEntityOfTheSameType) {
   const std::string path = "routing/multicast/vpn/intfStatus";
   auto first = dir.mountNew(path, "Test::Named", {"intf"});
   auto second = dir.mountNew(path, "Test::Named", {"ignored"});
@@ -337,7 +328,7 @@ TEST(KeyedCollection, InsertsReplacesRemovesAndCountsChanges) {
   EXPECT_EQ(c.changeCount(), 7u);
 }
 
-TEST(KeyedCollection, IteratesInKeyOrderAndResumesAfterRemovedKeys) {
+TEST(KeyedCollection, IteratesInTheKeysOwnOrderAndResumesAfterRemovedKeys) {
   Oro::KeyedCollection<int, int> c;
   for (int k : {40, 10, 30, 20, 50}) c.insertOrReplace(k, k * 2);
   EXPECT_EQ(keysFrom(c.begin(), c.end()), (std::vector<int>{10, 20, 30, 40, 50}));
@@ -349,17 +340,16 @@ TEST(KeyedCollection, IteratesInKeyOrderAndResumesAfterRemovedKeys) {
   EXPECT_EQ(keysFrom(c.iterFrom(30), c.end()), (std::vector<int>{35, 40, 50}));
   EXPECT_EQ(c.iterFrom(51), c.end());
   EXPECT_EQ(c.iterFrom(0), c.begin());
-}
 
-TEST(KeyedCollection, UsesTheKeysOwnOrdering) {
-  Oro::KeyedCollection<PrioKey, int> c;
-  c.insertOrReplace({1, "b"}, 1);
-  c.insertOrReplace({9, "z"}, 2);
-  c.insertOrReplace({1, "a"}, 3);
+  // A key ordered by its own operator<=>.
+  Oro::KeyedCollection<PrioKey, int> p;
+  p.insertOrReplace({1, "b"}, 1);
+  p.insertOrReplace({9, "z"}, 2);
+  p.insertOrReplace({1, "a"}, 3);
   std::vector<int> values;
-  for (const auto& [k, v] : c) values.push_back(v);
+  for (const auto& [k, v] : p) values.push_back(v);
   EXPECT_EQ(values, (std::vector<int>{2, 3, 1}));
-  EXPECT_EQ(c.iterFrom({5, "q"})->second, 3);
+  EXPECT_EQ(p.iterFrom({5, "q"})->second, 3);
 }
 
 }  // namespace

@@ -42,7 +42,7 @@ void expectRejected(std::initializer_list<const char*> texts) {
   for (const char* text : texts) EXPECT_THROW(parseText<T>(text), E) << text;
 }
 
-TEST(IpGenAddr, DefaultTextRoundTripAndErrors) {
+TEST(IpGenAddr, DefaultTextRoundTripErrorsOrderHashAndPrefixes) {
   IpGenAddr a;
   EXPECT_EQ(a.af(), Nevo::ipv4);
   EXPECT_TRUE(a.isZero());
@@ -63,21 +63,19 @@ TEST(IpGenAddr, DefaultTextRoundTripAndErrors) {
   Oro::CharRange in("10.0.0.1: UMH");
   EXPECT_EQ(IpGenAddr::readFrom(in), ip("10.0.0.1"));
   EXPECT_EQ(in.rest(), ": UMH");
-}
 
-TEST(IpGenAddr, OrderIsFamilyFirstThenBytesAndHashUsesBoth) {
+  // Order is family first, then bytes; the hash uses both.
   EXPECT_LT(ip("255.255.255.255"), ip("::"));
   EXPECT_LT(ip("10.0.0.1"), ip("10.0.0.2"));
   EXPECT_LT(ip("9.255.0.0"), ip("10.0.0.0"));
-  auto a = ip("10.0.0.1");
-  EXPECT_EQ(a.hash(1), ip("10.0.0.1").hash(1));
-  EXPECT_NE(a.hash(1), a.hash(2));
-  EXPECT_NE(a.hash(1), ip("10.0.0.2").hash(1));
+  const IpGenAddr h = ip("10.0.0.1");
+  EXPECT_EQ(h.hash(1), ip("10.0.0.1").hash(1));
+  EXPECT_NE(h.hash(1), h.hash(2));
+  EXPECT_NE(h.hash(1), ip("10.0.0.2").hash(1));
   // Same bytes, different family.
   EXPECT_NE(IpGenAddr::zero(Nevo::ipv4).hash(7), IpGenAddr::zero(Nevo::ipv6).hash(7));
-}
 
-TEST(IpGenPrefix, TextMaskAndRange) {
+  // Prefixes: text, mask and range.
   EXPECT_EQ(IpGenPrefix().toStrep(), "0.0.0.0/0");
   for (auto [text, canonical] : {std::pair{"10.0.0.0/8", "10.0.0.0/8"},
                                  {"10.1.2.3/12", "10.0.0.0/12"},
@@ -96,7 +94,7 @@ TEST(IpGenPrefix, TextMaskAndRange) {
   EXPECT_NE(p.hash(3), parseText<IpGenPrefix>("10.0.0.0/9").hash(3));
 }
 
-TEST(IntfId, TypedIdsTextErrorsAndOrder) {
+TEST(IntfId, TypedIdsTextErrorsOrderAndVrfIds) {
   EXPECT_TRUE(IntfId().empty());
   EXPECT_FALSE(IntfId::ethernet(0).empty());
   EXPECT_EQ(IntfId::vlan(100).toStrep(), "Vlan100");
@@ -116,9 +114,8 @@ TEST(IntfId, TypedIdsTextErrorsAndOrder) {
   EXPECT_LT(IntfId(), IntfId::ethernet(1));
   EXPECT_LT(IntfId::ethernet(9), IntfId::vlan(1));
   EXPECT_NE(IntfId::vlan(1).hash(0), IntfId::vlan(2).hash(0));
-}
 
-TEST(VrfId, DefaultTextRangeAndOrder) {
+  // VRF ids: default, text, range and order.
   EXPECT_EQ(VrfId().value(), 16777215u);
   EXPECT_FALSE(VrfId().isValid());
   EXPECT_EQ(VrfId(12).toStrep(), "12");
@@ -130,7 +127,7 @@ TEST(VrfId, DefaultTextRangeAndOrder) {
   EXPECT_EQ((std::unordered_set<VrfId>{VrfId(1), VrfId(2), VrfId(1)}.size()), 2u);
 }
 
-TEST(CharRange, CursorOperations) {
+TEST(CharRange, CursorOperationsAndTheValueForm) {
   Oro::CharRange in("abc 'x\\'y' \"q\" 42");
   EXPECT_EQ(in.peek(), 'a');
   EXPECT_FALSE(in.consume("abd"));
@@ -156,22 +153,21 @@ TEST(CharRange, CursorOperations) {
   std::string quoted = Oro::quoteText(s);
   Oro::CharRange q(quoted);
   EXPECT_EQ(q.readQuoted(), s);
-}
 
-TEST(ValueForm, WriteReadBackAndErrors) {
+  // The value form: written, read back, and its errors.
   std::string text = Oro::ValueFormWriter("Test::Rec")
                          .attr("key", VrfId(7).toStrep())
                          .attr("on", true)
                          .attr("intf", IntfId::vlan(3).toStrep())
                          .done();
   EXPECT_EQ(text, "Value('Test::Rec', ** {'key': 7, 'on': True, 'intf': Vlan3})");
-  Oro::CharRange in(text);
-  Oro::ValueFormReader r(in, "Test::Rec");
+  Oro::CharRange form(text);
+  Oro::ValueFormReader r(form, "Test::Rec");
   EXPECT_EQ(r.attr("key", VrfId::readFrom), VrfId(7));
   EXPECT_TRUE(r.boolAttr("on"));
   EXPECT_EQ(r.attr("intf", IntfId::readFrom), IntfId::vlan(3));
   r.end();
-  EXPECT_TRUE(in.atEnd());
+  EXPECT_TRUE(form.atEnd());
 
   // A range error names the attribute; mismatched literals are parse errors.
   auto readKey = [](const char* text) {
@@ -227,15 +223,9 @@ void writeOuter(Oro::PbWriteBuffer& w, const std::string& name, uint32_t key, ui
   w.writeVarint(client);
 }
 
-TEST(PbWriteBuffer, EncodesVarintsTagsAndFixedValues) {
+TEST(PbWriteBufferDeathTest, VarintsFixedValuesAndSectionsClosedInnermostFirst) {
+  // Tags, varints and sections are checked against generated code by PbInterop below.
   Oro::PbWriteBuffer w;
-  w.writeTag(15702, Oro::kPbVarint);
-  w.writeVarint(7);
-  w.writeTag(32360, Oro::kPbVarint);
-  w.writeVarint(0);
-  EXPECT_EQ(bytesOf(w), (Bytes{0xB0, 0xD5, 0x07, 0x07, 0xC0, 0xE6, 0x0F, 0x00}));
-
-  w.clear();
   w.writeVarint(300);
   w.writeVarint(UINT64_MAX);
   w.writeFixed32(0x01020304);
@@ -243,10 +233,8 @@ TEST(PbWriteBuffer, EncodesVarintsTagsAndFixedValues) {
   EXPECT_EQ(bytesOf(w),
             (Bytes{0xAC, 0x02, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x01,
                    0x04, 0x03, 0x02, 0x01, 0x88, 0x77, 0x66, 0x55, 0x44, 0x33, 0x22, 0x11}));
-}
 
-TEST(PbWriteBuffer, SectionsBackFillMinimalLengthsAndNest) {
-  Oro::PbWriteBuffer w;
+  w.clear();
   auto empty = w.openSection();
   w.closeSection(empty);
   EXPECT_EQ(bytesOf(w), (Bytes{0x00}));
@@ -275,18 +263,17 @@ TEST(PbWriteBuffer, SectionsBackFillMinimalLengthsAndNest) {
   EXPECT_TRUE(o.atEnd());
   EXPECT_EQ(r.readVarint(), 2u);
   EXPECT_TRUE(r.atEnd());
-}
 
-TEST(PbWriteBufferDeathTest, ClosingAnOuterSectionFirstIsFatal) {
-  Oro::PbWriteBuffer w;
-  auto outer = w.openSection();
-  w.openSection();
-  EXPECT_DEATH(w.closeSection(outer),
+  // Closing an outer section first is fatal.
+  Oro::PbWriteBuffer bad;
+  auto first = bad.openSection();
+  bad.openSection();
+  EXPECT_DEATH(bad.closeSection(first),
                "Assertion failed: !open_.empty\\(\\) && open_.back\\(\\) == s.lengthAt && "
                "\"sections are closed innermost first\"");
 }
 
-TEST(PbReadBuffer, ReadsValuesAndSkipsEveryKnownWireType) {
+TEST(PbReadBuffer, ReadsValuesSkipsEveryKnownWireTypeAndRaisesOnMalformedInput) {
   Oro::PbWriteBuffer w;
   w.writeVarint(uint64_t{1} << 35 | 5);
   w.writeTag(1, Oro::kPbVarint);
@@ -309,9 +296,8 @@ TEST(PbReadBuffer, ReadsValuesAndSkipsEveryKnownWireType) {
   EXPECT_EQ(r.remaining(), 4u);
   EXPECT_EQ(r.readFixed32(), 0xdeadbeefu);
   EXPECT_TRUE(r.atEnd());
-}
 
-TEST(PbReadBuffer, MalformedInputRaisesTheReadError) {
+  // Malformed input raises the read error.
   const Bytes truncated{0x80, 0x80};
   expectReadError([&] { Oro::PbReadBuffer(truncated).readVarint(); });
   expectReadError([&] { Oro::PbReadBuffer().readVarint(); });
@@ -324,12 +310,12 @@ TEST(PbReadBuffer, MalformedInputRaisesTheReadError) {
 
   // A section longer than what is left; the buffer stays where it was.
   const Bytes shortSection{0x05, 0x01, 0x02};
-  Oro::PbReadBuffer r(shortSection);
-  r.readVarint();
-  expectReadError([&] { r.readSection(5); });
-  EXPECT_EQ(r.remaining(), 2u);
+  Oro::PbReadBuffer s(shortSection);
+  s.readVarint();
+  expectReadError([&] { s.readSection(5); });
+  EXPECT_EQ(s.remaining(), 2u);
   expectReadError([&] { Oro::PbReadBuffer(shortSection).readLengthDelimited(); });
-  expectReadError([&] { r.readSection(UINT64_MAX); });
+  expectReadError([&] { s.readSection(UINT64_MAX); });
 
   const Bytes two{0x01, 0x02};
   expectReadError([&] { Oro::PbReadBuffer(two).readFixed32(); });

@@ -13,9 +13,9 @@
 #include <thread>
 #include <vector>
 
+#include "common/shm_test_util.h"
 #include "platform/runtime/Futex.h"
 #include "platform/runtime/TaskScheduler.h"
-#include "platform/shm_test_util.h"
 
 namespace {
 
@@ -33,7 +33,7 @@ Oro::TimerId watchdog(TaskScheduler& s, bool* fired) {
   });
 }
 
-TEST(Scheduler, PriorityThenFifoOrder) {
+TEST(Scheduler, PriorityThenFifoOrderAndTasksDeletedWhileQueued) {
   TaskScheduler s;
   std::string order;
   std::vector<std::unique_ptr<Task>> t;  // a to e
@@ -58,12 +58,42 @@ TEST(Scheduler, PriorityThenFifoOrder) {
   s.runUntilIdle();
   EXPECT_EQ(order, "b");
   EXPECT_EQ(s.tasksRun(), 6u);
+
+  // Tasks deleted while queued or from their own handler.
+  order.clear();
+  auto first = std::make_unique<Task>(&s, TaskPriority::normal, "first", [&] { order += '1'; });
+  auto victim = std::make_unique<Task>(&s, TaskPriority::normal, "victim", [&] { order += 'v'; });
+  std::unique_ptr<Task> self;
+  self = std::make_unique<Task>(&s, TaskPriority::normal, "self", [&] {
+    order += 's';
+    victim.reset();  // queued behind us
+    self.reset();    // the running task itself
+    order += s.taskCurrentlyRunning() == nullptr ? 'n' : 'x';
+    order += s.taskShouldYield() ? 'x' : 'n';
+  });
+  auto last = std::make_unique<Task>(&s, TaskPriority::low, "last", [&] { order += 'l'; });
+  auto middle = std::make_unique<Task>(&s, TaskPriority::normal, "middle", [&] { order += 'm'; });
+  for (Task* q : {first.get(), self.get(), victim.get(), middle.get(), last.get()}) q->schedule();
+  first.reset();  // dequeued from the head
+  EXPECT_EQ(s.runUntilIdle(), 3u);
+  EXPECT_EQ(order, "snnml");
+  EXPECT_EQ(self, nullptr);
+
+  // A task that outlives its scheduler is detached, not left pointing at it.
+  std::unique_ptr<Task> orphan;
+  {
+    TaskScheduler gone;
+    orphan = std::make_unique<Task>(&gone, TaskPriority::normal, "orphan", [] {});
+    orphan->schedule();
+  }
+  EXPECT_EQ(orphan->scheduler(), nullptr);
+  EXPECT_FALSE(orphan->scheduled());
 }
 
 // A scan-like task: handles items until the scheduler says to yield, records progress and
 // reschedules itself; a higher-priority task scheduled meanwhile runs in between. The
 // yields come from a seeded policy, so every run of the test yields at the same items.
-TEST(Scheduler, SelfReschedulingTaskYieldsWhenThePolicySays) {
+TEST(Scheduler, YieldsComeFromThePolicyOrWithoutOneFromTheTimeSlice) {
   TaskScheduler s;
   constexpr uint64_t kItems = 3000;
   std::mt19937 rng(20240611);
@@ -115,12 +145,10 @@ TEST(Scheduler, SelfReschedulingTaskYieldsWhenThePolicySays) {
   EXPECT_EQ(urgentRuns, 1u);
   EXPECT_EQ(runsAtUrgent, 1u);  // ahead of the scan's second run
   EXPECT_EQ(s.taskCurrentlyRunning(), nullptr);
-}
 
-// Without a policy the time slice decides: an empty slice is used up as soon as the task
-// starts, an hour-long one is not used up by a task that returns at once. Clearing the
-// policy brings the slice back.
-TEST(Scheduler, TimeSliceDecidesWithoutAPolicy) {
+  // Without a policy the time slice decides: an empty slice is used up as soon as the task starts,
+  // an hour-long one is not used up by a task that returns at once. Clearing the policy brings the
+  // slice back.
   for (bool withCleared : {false, true}) {
     SCOPED_TRACE(withCleared ? "policy set, then cleared" : "no policy");
     for (auto [slice, expect] :
@@ -140,7 +168,7 @@ TEST(Scheduler, TimeSliceDecidesWithoutAPolicy) {
   }
 }
 
-TEST(Scheduler, TimersFireInDeadlineOrderAndCanBeCancelled) {
+TEST(Scheduler, TimersFireInDeadlineOrderCanBeCancelledAndEndRunUntil) {
   TaskScheduler s;
   std::vector<int> fired;
   auto now = Clock::now();
@@ -167,39 +195,28 @@ TEST(Scheduler, TimersFireInDeadlineOrderAndCanBeCancelled) {
   s.runUntilIdle();
   EXPECT_EQ(rearmed, 3);
   s.timerDel(later);
+
+  // runUntil fires timers and returns at its deadline.
+  bool timerFired = false;
+  auto start = Clock::now();
+  s.timerIs(20ms, [&] { timerFired = true; });
+  s.runUntil(start + 60ms);
+  EXPECT_TRUE(timerFired);
+  EXPECT_GE(Clock::now() - start, 60ms);
+
+  // A stop() with no loop running makes the next one return before it runs anything.
+  bool ran = false;
+  Task t(&s, TaskPriority::normal, "t", [&] { ran = true; });
+  t.schedule();
+  s.stop();
+  s.runUntil(Clock::time_point::max());
+  EXPECT_FALSE(ran);
+  EXPECT_TRUE(t.scheduled());
+  s.runUntilIdle();
+  EXPECT_TRUE(ran);
 }
 
-TEST(Scheduler, TasksDeletedWhileQueuedOrFromTheirOwnHandler) {
-  TaskScheduler s;
-  std::string order;
-  auto first = std::make_unique<Task>(&s, TaskPriority::normal, "first", [&] { order += '1'; });
-  auto victim = std::make_unique<Task>(&s, TaskPriority::normal, "victim", [&] { order += 'v'; });
-  std::unique_ptr<Task> self;
-  self = std::make_unique<Task>(&s, TaskPriority::normal, "self", [&] {
-    order += 's';
-    victim.reset();  // queued behind us
-    self.reset();    // the running task itself
-    order += s.taskCurrentlyRunning() == nullptr ? 'n' : 'x';
-    order += s.taskShouldYield() ? 'x' : 'n';
-  });
-  auto last = std::make_unique<Task>(&s, TaskPriority::low, "last", [&] { order += 'l'; });
-  auto middle = std::make_unique<Task>(&s, TaskPriority::normal, "middle", [&] { order += 'm'; });
-  for (Task* t : {first.get(), self.get(), victim.get(), middle.get(), last.get()}) t->schedule();
-  first.reset();  // dequeued from the head
-  EXPECT_EQ(s.runUntilIdle(), 3u);
-  EXPECT_EQ(order, "snnml");
-  EXPECT_EQ(self, nullptr);
-
-  // A task that outlives its scheduler is detached, not left pointing at it.
-  std::unique_ptr<Task> orphan;
-  {
-    TaskScheduler gone;
-    orphan = std::make_unique<Task>(&gone, TaskPriority::normal, "orphan", [] {});
-    orphan->schedule();
-  }
-  EXPECT_EQ(orphan->scheduler(), nullptr);
-  EXPECT_FALSE(orphan->scheduled());
-}
+struct Counted : Oro::RefCounted {};
 
 // Lets another thread act at the last moment before run() goes to sleep. Before it sleeps
 // the scheduler captures its wake word, registers every source as a sleeper and only then
@@ -218,7 +235,7 @@ struct SleepProbe : Oro::WaitSource {
   mutable std::counting_semaphore<> asked{0};
 };
 
-TEST(SchedulerLoop, RunWokenByPostAndStopFromAnotherThread) {
+TEST(SchedulerLoop, RunWokenByPostAndStopFromAnotherThreadWhosePostsSwitchToAtomicCounts) {
   TaskScheduler s;
   SleepProbe probe;
   s.waitSourceIs(&probe);
@@ -262,57 +279,32 @@ TEST(SchedulerLoop, RunWokenByPostAndStopFromAnotherThread) {
   s.runUntilIdle();
   EXPECT_EQ(posted, 2);
   s.waitSourceDel(&probe);
-}
 
-struct Counted : Oro::RefCounted {};
-
-// A closure posted from the scheduler's own thread leaves reference counts plain; one
-// posted from another thread switches the process to atomic counts before it is queued,
-// so the closure's Ptr is released on the scheduler thread with atomic counts.
-TEST(SchedulerLoop, PostFromAnotherThreadSwitchesToAtomicCounts) {
+  // A closure posted from the scheduler's own thread leaves reference counts plain; one posted
+  // from another thread switches the process to atomic counts before it is queued, so the
+  // closure's Ptr is released on the scheduler thread with atomic counts.
   const bool before = Oro::threadsInUse();
   Oro::threadsInUseIs(false);
-  TaskScheduler s;
+  TaskScheduler plain;
   bool ran = false;
-  s.post([&] { ran = true; });
-  s.runUntilIdle();
+  plain.post([&] { ran = true; });
+  plain.runUntilIdle();
   EXPECT_TRUE(ran);
   EXPECT_FALSE(Oro::threadsInUse());
 
   Oro::Ptr<Counted> shared = Oro::makePtr<Counted>();
   bool atomicWhenQueued = false, atomicWhenRun = false;
-  std::thread poster([&, copy = shared] {
+  std::thread sender([&, copy = shared] {
     // Queued at once if the switch did not happen first: the check below sees it.
-    s.post([&, copy] { atomicWhenRun = Oro::threadsInUse(); });
+    plain.post([&, copy] { atomicWhenRun = Oro::threadsInUse(); });
     atomicWhenQueued = Oro::threadsInUse();
   });
-  poster.join();
+  sender.join();
   EXPECT_TRUE(atomicWhenQueued);
-  s.runUntilIdle();
+  plain.runUntilIdle();
   EXPECT_TRUE(atomicWhenRun);
   EXPECT_EQ(shared->refs(), 1u);
   Oro::threadsInUseIs(before);
-}
-
-TEST(SchedulerLoop, RunUntilFiresTimersAndReturnsAtItsDeadline) {
-  TaskScheduler s;
-  bool timerFired = false;
-  auto start = Clock::now();
-  s.timerIs(20ms, [&] { timerFired = true; });
-  s.runUntil(start + 60ms);
-  EXPECT_TRUE(timerFired);
-  EXPECT_GE(Clock::now() - start, 60ms);
-
-  // A stop() with no loop running makes the next one return before it runs anything.
-  bool ran = false;
-  Task t(&s, TaskPriority::normal, "t", [&] { ran = true; });
-  t.schedule();
-  s.stop();
-  s.runUntil(Clock::time_point::max());
-  EXPECT_FALSE(ran);
-  EXPECT_TRUE(t.scheduled());
-  s.runUntilIdle();
-  EXPECT_TRUE(ran);
 }
 
 // A word in memory shared with another process: the writer stores a new value and wakes

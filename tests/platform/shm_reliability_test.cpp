@@ -1,11 +1,8 @@
 // What the shared-memory store guarantees when things go wrong: no change lost behind an
 // overrun, never two writers, readers that cannot harm writers or each other, whole records
 // and agreeing counts after a writer dies at any step, damaged stores recreated, no leftovers.
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <pthread.h>
 #include <pwd.h>
-#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/un.h>
@@ -17,13 +14,12 @@
 #include <set>
 #include <thread>
 
-#include "common/shm_damage.h"
+#include "common/shm_test_util.h"
 #include "platform/Error.h"
 #include "platform/runtime/TaskScheduler.h"
 #include "platform/shm/ShmBell.h"
 #include "platform/shm/ShmStore.h"
 #include "platform/shm/ShmTable.h"
-#include "platform/shm_test_util.h"
 
 namespace {
 
@@ -100,11 +96,7 @@ TEST_F(ShmReliabilityTest, NoDeletionIsLostBehindRepeatedOverruns) {
     const int n = static_cast<int>(rng() % 60);
     for (int i = 0; i < n; ++i) {
       const uint32_t k = rng() % 50;
-      if (rng() % 2) {
-        w.insert(k, Rec::of(k + round));
-      } else {
-        w.remove(k);
-      }
+      rng() % 2 ? w.insert(k, Rec::of(k + round)) : w.remove(k);
     }
     r.table.reader()->batchIs(1 + rng() % 8);
     for (uint32_t d = rng() % 4; d > 0 && r.table.reader()->hasPending(); --d)
@@ -238,26 +230,6 @@ TEST_F(ShmReliabilityTest, ReadersNeedNoWriteAccessAndCannotSilenceOthers) {
   EXPECT_EQ(waitChild(child), 0);
 }
 
-TEST_F(ShmReliabilityTest, AReaderThatDiesAsleepCostsTheWriterOneWakeUpAtMost) {
-  Attached w(ShmAttach{"r/sleep", ShmRole::writer});
-  Pipe asleep;
-  const pid_t child = forkChild([&] {
-    Attached r(ShmAttach{"r/sleep", ShmRole::reader});
-    drain(r);
-    std::vector<Oro::FutexWait> words;
-    r.reader()->sleepBegin(words);  // rings the doorbell, as a scheduler going to sleep does
-    asleep.send();
-    ::pause();
-    return 0;
-  });
-  ASSERT_TRUE(asleep.receive());
-  ::kill(child, SIGKILL);
-  waitChild(child);
-  const uint64_t before = w.store().bellWakes();
-  fill(w, 0, 10000);
-  EXPECT_LE(w.store().bellWakes() - before, 1u);
-}
-
 // The doorbell's registration word, driven step by step through the interleaving that once
 // lost a sleeper: the writer, waking for an older registration, clears the word just after a
 // newer reader registered for the value it has just published.
@@ -282,9 +254,27 @@ TEST(ShmBellTest, ARegistrationArrivingWhileTheWriterWakesForAnOlderOneIsKept) {
   EXPECT_NE(s.due(7), 0u);
 }
 
-// A reader that goes to sleep while its writer is dead finds no doorbell to ring; the next
-// writer, taking the store over, wakes it without being asked.
-TEST_F(ShmReliabilityTest, AReaderAsleepWithoutWriterIsWokenByTheNextOne) {
+TEST_F(ShmReliabilityTest, ReadersAsleepCostOneWakeUpWhenDeadAndAreWokenByANewWriter) {
+  Attached w(ShmAttach{"r/sleep", ShmRole::writer});
+  Pipe asleep;
+  const pid_t child = forkChild([&] {
+    Attached r(ShmAttach{"r/sleep", ShmRole::reader});
+    drain(r);
+    std::vector<Oro::FutexWait> words;
+    r.reader()->sleepBegin(words);  // rings the doorbell, as a scheduler going to sleep does
+    asleep.send();
+    ::pause();
+    return 0;
+  });
+  ASSERT_TRUE(asleep.receive());
+  ::kill(child, SIGKILL);
+  waitChild(child);
+  const uint64_t before = w.store().bellWakes();
+  fill(w, 0, 10000);
+  EXPECT_LE(w.store().bellWakes() - before, 1u);
+
+  // A reader that goes to sleep while its writer is dead finds no doorbell to ring; the next
+  // writer, taking the store over, wakes it without being asked.
   const pid_t first = forkChild([]() -> int {
     Attached w(ShmAttach{"r/orphan", ShmRole::writer});
     fill(w, 0, 10);
@@ -326,10 +316,6 @@ TEST_F(ShmReliabilityTest, ATruncatedSegmentIsDamageNotACrash) {
 
 // A writer killed at a given step of its n-th write leaves a store in which walks, lookups and
 // counts agree, every record is whole, and a new writer continues it.
-struct StepCase {
-  ShmFaultPoint point;
-  int nth;
-};
 
 void checkAgreement(const ShmStore& s, uint32_t keySpace) {
   uint32_t walked = 0;
@@ -354,7 +340,7 @@ void checkAgreement(const ShmStore& s, uint32_t keySpace) {
 }
 
 TEST_F(ShmReliabilityTest, AWriterKilledAtAnyStepLeavesAStoreThatAgreesWithItself) {
-  const StepCase cases[] = {
+  const std::pair<ShmFaultPoint, int> cases[] = {
       {ShmFaultPoint::insertFilled, 300},    {ShmFaultPoint::insertIndexed, 300},
       {ShmFaultPoint::insertCommitted, 300}, {ShmFaultPoint::rewriteJournaled, 40},
       {ShmFaultPoint::rewriteWriting, 40},   {ShmFaultPoint::rewriteCommitted, 40},
@@ -363,12 +349,12 @@ TEST_F(ShmReliabilityTest, AWriterKilledAtAnyStepLeavesAStoreThatAgreesWithItsel
       {ShmFaultPoint::chunkAdded, 2},        {ShmFaultPoint::logAppended, 500},
   };
   constexpr uint32_t kKeys = 2000;
-  for (const StepCase& c : cases) {
-    SCOPED_TRACE(static_cast<int>(c.point));
-    const std::string path = fmt::format("r/step{}", static_cast<int>(c.point));
+  for (const auto& [point, nth] : cases) {
+    SCOPED_TRACE(static_cast<int>(point));
+    const std::string path = fmt::format("r/step{}", static_cast<int>(point));
     const pid_t child = forkChild([&] {
       Attached w(ShmAttach{path, ShmRole::writer});
-      faultAt(c.point, c.nth);
+      faultAt(point, nth);
       for (uint32_t k = 0; k < kKeys; ++k) {
         w.insert(k, Rec::of(k));
         if (k % 10 == 0) w.insert(k / 2, Rec::of(k / 2 + 1000000));

@@ -1,20 +1,27 @@
 // The shared-memory store in one process: names, typed tables (writer, reader, control),
 // identity checks, nested collections on page chains, blobs, index growth, and the byte images
-// of keys.
+// of keys. Integrity checks: a healthy store (flat, nested and blob collections) checks clean,
+// also while its writer writes; damage written into its segments is found and named.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
-#include <map>
+#include <atomic>
+#include <functional>
+
+#include <random>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
-#include "common/shm_damage.h"
+#include "common/shm_test_util.h"
 #include "platform/Error.h"
+#include "platform/shm/ShmCollection.h"
 #include "platform/shm/ShmStore.h"
 #include "platform/shm/ShmTable.h"
-#include "platform/shm_test_util.h"
+#include "platform/shm/ShmVerify.h"
 #include "types/MvpnVrfRouteIntfKey.h"
 
 namespace {
@@ -33,7 +40,7 @@ void drain(Table& t) {
   while (t.reader()->hasPending()) t.reader()->dispatch();
 }
 
-TEST_F(ShmStoreTest, NamesAreValidatedAndNamespacesCannotOverlap) {
+TEST_F(ShmStoreTest, NamesAreValidatedAndADetachedTableInsertsReplacesRemovesAndResumesWalks) {
   for (const char* bad : {"", "/a", "a/", "a//b", "a/b c", "a/b.c", "a/b@c", "../x"}) {
     EXPECT_THROW(Oro::shmStoreName(bad), Oro::ShmException) << bad;
   }
@@ -44,9 +51,8 @@ TEST_F(ShmStoreTest, NamesAreValidatedAndNamespacesCannotOverlap) {
   for (const char* bad : {"", "x.y", "a/b", "sp ace", "\xff"}) {
     EXPECT_THROW(Oro::shmNamespaceIs(bad), Oro::ShmException) << bad;
   }
-}
 
-TEST_F(ShmStoreTest, DetachedTableInsertsReplacesRemovesAndResumesWalks) {
+  // A detached table inserts, replaces, removes and resumes walks.
   Table t("test::Rec", "recs", {});
   EXPECT_TRUE(t.insert(1, Rec::of(1)));
   EXPECT_FALSE(t.insert(1, Rec::of(11)));
@@ -71,7 +77,7 @@ TEST_F(ShmStoreTest, DetachedTableInsertsReplacesRemovesAndResumesWalks) {
   EXPECT_EQ(seen.size(), 998u);
 }
 
-TEST_F(ShmStoreTest, ReaderSeesWriterChangesControlFlagsAndKeysItHeldBefore) {
+TEST_F(ShmStoreTest, ReaderSeesWriterChangesControlFlagsAndKeysItHeldBeforeAndDetachesOverDamage) {
   Table w("test::Rec", "recs", {});
   w.insert(1, Rec::of(1));
   w.attach(ShmAttach{"t/a", ShmRole::writer});
@@ -104,24 +110,22 @@ TEST_F(ShmStoreTest, ReaderSeesWriterChangesControlFlagsAndKeysItHeldBefore) {
   EXPECT_EQ(r.find(2), Rec::of(2));
   w.detach();
   EXPECT_EQ(w.size(), 2u);
-}
 
-// Detaching copies the records into process memory, mapping what the reader had not mapped
-// yet: a segment removed meanwhile is damage reported to the handler, not an exception out of
-// detach (which runs in destructors).
-TEST_F(ShmStoreTest, DetachingOverARemovedChunkReportsDamage) {
-  Table w("test::Rec", "recs", {});
-  w.attach(ShmAttach{"t/gone", ShmRole::writer});
-  for (uint32_t k = 0; k < Oro::ShmLayout::kBaseChunkSlots; ++k) w.insert(k, Rec::of(k));
-  Table r("test::Rec", "recs", {});
+  // Detaching copies the records into process memory, mapping what the reader had not mapped yet: a
+  // segment removed meanwhile is damage reported to the handler, not an exception out of detach
+  // (which runs in destructors).
+  Table writer("test::Rec", "recs", {});
+  writer.attach(ShmAttach{"t/gone", ShmRole::writer});
+  for (uint32_t k = 0; k < Oro::ShmLayout::kBaseChunkSlots; ++k) writer.insert(k, Rec::of(k));
+  Table reader("test::Rec", "recs", {});
   std::vector<std::string> reports;
-  r.corruptionHandlerIs([&](const std::string& m) { reports.push_back(m); });
-  r.attach(ShmAttach{"t/gone", ShmRole::reader});
-  w.insert(Oro::ShmLayout::kBaseChunkSlots, Rec::of(0));  // the first record of chunk 1
+  reader.corruptionHandlerIs([&](const std::string& m) { reports.push_back(m); });
+  reader.attach(ShmAttach{"t/gone", ShmRole::reader});
+  writer.insert(Oro::ShmLayout::kBaseChunkSlots, Rec::of(0));  // the first record of chunk 1
   const ShmStore view = ShmStore::openReader("t/gone", nullptr);
   const std::string chunk1 = Oro::shmStoreSegmentName("t/gone", view.header()->instance, "0k1");
   ASSERT_EQ(::unlink(("/dev/shm" + chunk1).c_str()), 0);
-  EXPECT_NO_THROW(r.detach());
+  EXPECT_NO_THROW(reader.detach());
   ASSERT_EQ(reports.size(), 1u);
   EXPECT_THAT(reports[0], HasSubstr(chunk1));
 }
@@ -130,11 +134,9 @@ TEST_F(ShmStoreTest, OneLiveWriterOneTypeOneRevision) {
   Table w("test::Rec", "recs", {});
   w.attach(ShmAttach{"t/one", ShmRole::writer});
   Table second("test::Rec", "recs", {});
-  EXPECT_THAT(
-      [&] {
-        second.attach(ShmAttach{"t/one", ShmRole::writer});
-      },
-      ThrowsMessage<Oro::ShmException>(HasSubstr("already has a live writer (pid ")));
+  const auto secondWriter = [&] { second.attach(ShmAttach{"t/one", ShmRole::writer}); };
+  EXPECT_THAT(secondWriter,
+              ThrowsMessage<Oro::ShmException>(HasSubstr("already has a live writer (pid ")));
   Oro::ShmTable<uint32_t, uint64_t> other("test::Other", "recs", {});
   EXPECT_THROW(other.attach(ShmAttach{"t/one", ShmRole::writer}), Oro::ShmException);
   EXPECT_THROW(other.attach(ShmAttach{"t/one", ShmRole::reader}), Oro::ShmException);
@@ -147,14 +149,11 @@ TEST_F(ShmStoreTest, OneLiveWriterOneTypeOneRevision) {
 
 // A store with entities (parents) whose members are values (kids) and strings (notes).
 Oro::ShmStoreSchema nestedSchema() {
-  Oro::ShmCollectionSchema parents{
-      "parents", "test::Parent", 1, 0, Oro::ShmLayout::kCollEntities, Oro::ShmLayout::kNoParent, 4,
-      0,         false};
-  Oro::ShmCollectionSchema kids{"kids", "test::Kid", 2,  3,    Oro::ShmLayout::kCollValues,
-                                0,      4,           32, false};
-  Oro::ShmCollectionSchema notes{"notes", "test::Note", 4, 5, Oro::ShmLayout::kCollValues, 0, 4,
-                                 0,       true};
-  return Oro::ShmStoreSchema{"test::Tree", {parents, kids, notes}};
+  using namespace Oro::ShmLayout;
+  return {"test::Tree",
+          {{"parents", "test::Parent", 1, 0, kCollEntities, kNoParent, 4, 0, false},
+           {"kids", "test::Kid", 2, 3, kCollValues, 0, 4, 32, false},
+           {"notes", "test::Note", 4, 5, kCollValues, 0, 4, 0, true}}};
 }
 
 uint64_t addParent(ShmStore& s, uint32_t key) {
@@ -184,7 +183,7 @@ std::vector<uint32_t> members(const ShmStore& s, uint32_t c, uint64_t parent) {
   return out;
 }
 
-TEST_F(ShmStoreTest, NestedMembersLiveOnTheirParentsPagesAndGoWithThem) {
+TEST_F(ShmStoreTest, NestedMembersLiveOnTheirParentsPagesCommittedAsTheyAreCarved) {
   ShmStore s = ShmStore::openWriter("t/tree", nestedSchema(), 0600, 1024);
   const uint64_t a = addParent(s, 1);
   const uint64_t b = addParent(s, 2);
@@ -232,15 +231,13 @@ TEST_F(ShmStoreTest, NestedMembersLiveOnTheirParentsPagesAndGoWithThem) {
   EXPECT_EQ(s.header()->colls[1].slotHighWater.load(), carved);
   EXPECT_FALSE(reader.childVersion(1, a).has_value());  // even when c took a's slot
   EXPECT_EQ(members(reader, 1, c).size(), 100u);
-}
 
-// A nested chunk's memory, its page directory included (a megabyte for a chunk of 128k
-// slots), is committed a step at a time as pages are carved: the write that opens a chunk
-// does not commit the whole directory.
-TEST_F(ShmStoreTest, ANestedChunkIsCommittedAsItsPagesAreCarved) {
-  ShmStore s = ShmStore::openWriter("t/big", nestedSchema(), 0600, 1024);
-  const uint64_t parent = addParent(s, 1);
-  const auto& desc = s.header()->colls[1];
+  // A nested chunk's memory, its page directory included (a megabyte for a chunk of 128k slots),
+  // is committed a step at a time as pages are carved: the write that opens a chunk does not commit
+  // the whole directory.
+  ShmStore big = ShmStore::openWriter("t/big", nestedSchema(), 0600, 1024);
+  const uint64_t parent = addParent(big, 1);
+  const auto& desc = big.header()->colls[1];
   uint32_t opened = 0;
   for (uint32_t k = 0; desc.chunkCount.load() < 10; ++k) {
     const uint32_t chunks = desc.chunkCount.load();
@@ -248,11 +245,11 @@ TEST_F(ShmStoreTest, ANestedChunkIsCommittedAsItsPagesAreCarved) {
         chunks >= 8 && desc.slotHighWater.load() + (Oro::ShmLayout::kMinPageSlots
                                                     << (Oro::ShmLayout::kMaxPageClass + 1)) >
                            Oro::ShmLayout::slotCapacity(chunks);
-    const size_t before = last ? s.committedBytes() : 0;
-    putMember(s, 1, parent, k, Rec::of(k));
+    const size_t before = last ? big.committedBytes() : 0;
+    putMember(big, 1, parent, k, Rec::of(k));
     if (desc.chunkCount.load() != chunks && last) {
       ++opened;  // chunks 8 and 9: directories of 512 KiB and 1 MiB
-      EXPECT_LT(s.committedBytes() - before, 256u * 1024) << "chunk " << chunks;
+      EXPECT_LT(big.committedBytes() - before, 256u * 1024) << "chunk " << chunks;
     }
   }
   EXPECT_EQ(opened, 2u);
@@ -296,7 +293,7 @@ TEST_F(ShmStoreTest, BlobsAreReadWholeAndTheirSpaceIsReused) {
   EXPECT_EQ(note(1005), std::string(100 + 19995 % 300, 'g'));
 }
 
-TEST_F(ShmStoreTest, IndexGrowsAcrossChunksWithoutLongWritesOrLostKeys) {
+TEST_F(ShmStoreTest, TheIndexGrowsWithoutLongWritesOrLostKeysAndEqualKeysHaveOneImage) {
   Table w("test::Rec", "recs", {});
   w.attach(ShmAttach{"t/grow", ShmRole::writer});
   Table r("test::Rec", "recs", {});
@@ -317,21 +314,20 @@ TEST_F(ShmStoreTest, IndexGrowsAcrossChunksWithoutLongWritesOrLostKeys) {
   const ShmStore::IndexGrowth g = w.store().indexGrowth(0);
   EXPECT_GT(g.generationsPublished, 5u);
   EXPECT_LE(g.maxSlotsPerWrite, 64u);  // no write rebuilt the index at once
-}
 
-TEST_F(ShmStoreTest, EqualKeysHaveOneImageAndBadImagesAreDamage) {
+  // Equal keys have one image; bad images are damage.
   using Routing::Multicast::MvpnRouteIntfKey;
   using Routing::Multicast::MvpnVrfRouteIntfKey;
   static_assert(std::has_unique_object_representations_v<MvpnVrfRouteIntfKey>);
-  const auto g = Nevo::IpGenAddr::ipv4Addr(0xef010101);
+  const auto group = Nevo::IpGenAddr::ipv4Addr(0xef010101);
   const auto src = Nevo::IpGenAddr::ipv4Addr(0x0a000001);
   MvpnVrfRouteIntfKey a(Vrf::VrfIdMap::VrfId(5),
-                        MvpnRouteIntfKey(src, g, Nevo::IntfId::vlan(7), false));
+                        MvpnRouteIntfKey(src, group, Nevo::IntfId::vlan(7), false));
   MvpnVrfRouteIntfKey b;
   std::memset(static_cast<void*>(&b), 0x5a, sizeof b);  // whatever the memory held before
   b = MvpnVrfRouteIntfKey();
   b.vrfIdIs(Vrf::VrfIdMap::VrfId(5));
-  b.keyIs(MvpnRouteIntfKey(src, g, Nevo::IntfId::vlan(7), false));
+  b.keyIs(MvpnRouteIntfKey(src, group, Nevo::IntfId::vlan(7), false));
   Oro::ShmTable<MvpnVrfRouteIntfKey, uint64_t> t("test::Keys", "keys", {});
   t.insert(a, 1);
   t.insert(b, 2);
@@ -343,5 +339,314 @@ TEST_F(ShmStoreTest, EqualKeysHaveOneImageAndBadImagesAreDamage) {
   image[8 + 48] = std::byte{2};  // after the VRF id, the padding and 48 bytes of the key
   EXPECT_THROW(Oro::ShmImage<MvpnVrfRouteIntfKey>::read(image), Oro::ShmCorruptionException);
 }
+
+// --- integrity checks ---
+
+namespace verify {
+
+using namespace Oro::ShmLayout;
+
+constexpr uint32_t kFlat = 0, kVrfs = 1, kRoutes = 2, kBlobs = 3;
+constexpr uint32_t kFlatRecords = 4000, kParents = 12, kMembers = 20, kBlobRecords = 40;
+
+Oro::ShmStoreSchema schema() {
+  return {"test::VerifyRoot",
+          {{"flat", "test::Flat", 1, 2, kCollValues, kNoParent, 8, 16, false},
+           {"vrfs", "test::Vrf", 3, 4, kCollEntities, kNoParent, 4, 8, false},
+           {"routes", "test::Route", 5, 6, kCollValues, kVrfs, 8, 8, false},
+           {"blobs", "test::Blob", 7, 8, kCollValues, kNoParent, 4, 4, true}}};
+}
+
+// Flat records: key (k, ~k), value four words derived from k.
+void putFlat(ShmStore& s, uint32_t k, uint32_t v) {
+  const uint32_t w[6] = {k, ~k, v, v + 1, v * 3, k ^ v};
+  s.put(kFlat, w, {});
+}
+uint64_t vrfRef(ShmStore& s, uint32_t v) {
+  const uint32_t key[1] = {v};
+  return s.refOf(kVrfs, s.find(kVrfs, key, nullptr));
+}
+void putRoute(ShmStore& s, uint64_t parent, uint32_t k, uint32_t v) {
+  const uint32_t w[6] = {refSlot(parent), refGen(parent), k, k * 7, v, ~v};
+  s.put(kRoutes, w, {});
+}
+void putBlob(ShmStore& s, uint32_t k, uint32_t v) {
+  const uint32_t w[2 + kBlobRefWords] = {k, v};
+  s.put(kBlobs, w, std::string(1 + (k * 37 + v) % 3000, static_cast<char>('a' + k % 26)));
+}
+
+ShmStore filledStore(const std::string& path) {
+  ShmStore s = ShmStore::openWriter(path, schema(), 0600, 1024);
+  for (uint32_t k = 0; k < kFlatRecords; ++k) putFlat(s, k, k);
+  for (uint32_t v = 0; v < kParents; ++v) {
+    const uint32_t w[3] = {v, v, v};
+    s.put(kVrfs, w, {});
+    for (uint32_t k = 0; k < kMembers; ++k) putRoute(s, vrfRef(s, v), k, v);
+  }
+  for (uint32_t k = 0; k < kBlobRecords; ++k) putBlob(s, k, k);
+  return s;
+}
+
+constexpr size_t kAllRecords = kFlatRecords + kParents + kParents * kMembers + kBlobRecords;
+
+// Raw access to a store's segments through /dev/shm, as a stray process could write them.
+struct Raw {
+  std::string path;
+  ShmStore view = ShmStore::openReader(path, nullptr);
+
+  const CollectionDesc& desc(uint32_t c) const { return view.header()->colls[c]; }
+  // The record count in the header of collection c.
+  void pokeCount(uint32_t c, uint64_t v) const {
+    const size_t at = offsetof(Header, colls) + c * sizeof(CollectionDesc);
+    writeSegment(Oro::shmStoreName(path), at + offsetof(CollectionDesc, count), &v, sizeof v);
+  }
+  // Word `word` of slot `slot` of collection c (word 0: the sequence word).
+  void pokeSlot(uint32_t c, uint32_t slot, uint32_t word, uint32_t v) const {
+    const uint32_t chunk = chunkOf(slot);
+    const size_t offset = (size_t{slot - chunkFirstSlot(chunk)} * desc(c).slotWords + word) * 4;
+    writeSegment(
+        Oro::shmStoreSegmentName(path, view.header()->instance, fmt::format("{}k{}", c, chunk)),
+        offset, &v, 4);
+  }
+  uint32_t slotWord(uint32_t c, uint32_t slot, uint32_t word) const {
+    return loadWord(view.collection(c).slotWordsAt(slot) + word);
+  }
+  std::string indexName(uint32_t c) const {
+    return Oro::shmStoreSegmentName(path, view.header()->instance,
+                                    fmt::format("{}i{}", c, desc(c).indexGeneration.load()));
+  }
+  void pokeIndex(uint32_t c, uint32_t pos, uint32_t v) const {
+    writeSegment(indexName(c), sizeof(IndexHeader) + 4 * size_t{pos}, &v, 4);
+  }
+  uint32_t freeIndexEntry(uint32_t c) const {
+    Oro::ShmSegment ix = Oro::ShmSegment::open(indexName(c), Oro::ShmSegment::Access::readOnly);
+    const auto* h = reinterpret_cast<const IndexHeader*>(ix.data());
+    const auto* entries = reinterpret_cast<const uint32_t*>(ix.data() + sizeof(IndexHeader));
+    for (uint32_t pos = 0; pos < h->capacity; ++pos) {
+      if (loadWord(entries + pos) == 0) return pos;
+    }
+    return kNoSlot;
+  }
+  // Slot word of side word `word` of an entity slot.
+  uint32_t sideWord(uint32_t c, uint32_t word) const {
+    return view.collection(c).sideWordsOffset() + word;
+  }
+};
+
+bool mentions(const Oro::ShmIntegrityReport& r, const std::string& coll, const std::string& what) {
+  for (const auto& p : r.problems) {
+    if (p.collection == coll && p.what.find(what) != std::string::npos) return true;
+  }
+  return false;
+}
+
+std::string listed(const Oro::ShmIntegrityReport& r) {
+  std::string out;
+  for (const auto& p : r.problems) out += p.collection + ": " + p.what + "\n";
+  return out;
+}
+
+class ShmVerifyTest : public ShmTest {};
+
+TEST_F(ShmVerifyTest, AHealthyStoreChecksCleanAlsoWhileItsWriterWrites) {
+  ShmStore w = filledStore("v/healthy");
+  Oro::ShmIntegrityReport r = Oro::shmVerifyStore("v/healthy");
+  EXPECT_TRUE(r.ok()) << listed(r);
+  EXPECT_FALSE(r.unstable);
+  EXPECT_EQ(r.recordsChecked, kAllRecords);
+  EXPECT_EQ(r.mountPath, "v/healthy");
+
+  // The writer inserts, replaces and removes in every collection (entities with their members;
+  // mostly flat records, which are quick enough to overlap whole checks) while the store is
+  // checked over and over.
+  std::atomic<bool> stop{false};
+  std::atomic<uint64_t> writes{0};
+  std::thread writer([&] {
+    std::mt19937 rng(42);
+    while (!stop.load(std::memory_order_relaxed)) {
+      const uint32_t k = rng() % (2 * kFlatRecords);
+      switch (rng() % 40) {
+        case 0: {
+          const uint32_t key[2] = {k, ~k};
+          w.remove(kFlat, key);
+          break;
+        }
+        case 1: {
+          const uint32_t v = kParents + k % 8;
+          const uint32_t key[1] = {v};
+          if (!w.remove(kVrfs, key)) {
+            const uint32_t rec[3] = {v, v, v};
+            w.put(kVrfs, rec, {});
+            for (uint32_t m = 0; m < k % 30; ++m) putRoute(w, vrfRef(w, v), m, k);
+          }
+          break;
+        }
+        case 2:
+          putRoute(w, vrfRef(w, k % kParents), k % (2 * kMembers), k);
+          break;
+        case 3: {
+          const uint32_t key[4] = {refSlot(vrfRef(w, k % kParents)),
+                                   refGen(vrfRef(w, k % kParents)), k % (2 * kMembers),
+                                   (k % (2 * kMembers)) * 7};
+          w.remove(kRoutes, key);
+          break;
+        }
+        case 4:
+          putBlob(w, k % (2 * kBlobRecords), k);
+          break;
+        default:
+          putFlat(w, k, k + 1);
+      }
+      writes.fetch_add(1, std::memory_order_relaxed);
+    }
+  });
+  int checks = 0;
+  // At least a few checks run while writes are going on (the writer is never waited for).
+  while (checks < 30 || writes.load(std::memory_order_relaxed) < 1000) {
+    r = Oro::shmVerifyStore("v/healthy");
+    EXPECT_TRUE(r.ok()) << listed(r);
+    if (!r.ok()) break;
+    ++checks;
+  }
+  stop = true;
+  writer.join();
+  r = Oro::shmVerifyStore("v/healthy");
+  EXPECT_TRUE(r.ok()) << listed(r);
+  EXPECT_FALSE(r.unstable);
+}
+
+TEST_F(ShmVerifyTest, DamageIsFoundAndNamed) {
+  struct Case {
+    const char* name;
+    const char* coll;  // the collection a problem must name
+    // Damages the store; returns the words expected in the problem.
+    std::function<std::string(ShmStore& w, Raw& raw)> damage;
+  };
+  const std::vector<Case> cases = {
+      {"wrong count", "flat",
+       [](ShmStore&, Raw& raw) {
+         raw.pokeCount(kFlat, kFlatRecords + 3);
+         return fmt::format("count {} but {} occupied slots", kFlatRecords + 3, kFlatRecords);
+       }},
+      {"index entry naming an empty slot", "flat",
+       [](ShmStore& w, Raw& raw) {
+         const uint32_t key[2] = {7, ~7u};
+         const uint32_t slot = w.find(kFlat, key, nullptr);
+         w.remove(kFlat, key);
+         const uint32_t pos = raw.freeIndexEntry(kFlat);
+         raw.pokeIndex(kFlat, pos, slot + 1);
+         return fmt::format("index entry {} names slot {}, which is empty", pos, slot);
+       }},
+      {"a key in two slots", "flat",
+       [](ShmStore& w, Raw& raw) {
+         const uint32_t a[2] = {3, ~3u}, b[2] = {4, ~4u};
+         const uint32_t sa = w.find(kFlat, a, nullptr), sb = w.find(kFlat, b, nullptr);
+         raw.pokeSlot(kFlat, sb, 1, 3);
+         raw.pokeSlot(kFlat, sb, 2, ~3u);
+         return fmt::format("slots {} and {} hold the same key", std::min(sa, sb),
+                            std::max(sa, sb));
+       }},
+      {"a member whose parent is gone", "routes",
+       [](ShmStore& w, Raw& raw) {
+         const uint64_t parent = vrfRef(w, 5);
+         raw.pokeSlot(kVrfs, refSlot(parent), 0,
+                      raw.slotWord(kVrfs, refSlot(parent), 0) & ~kSeqOccupied);
+         return fmt::format("names parent slot {} generation {}, which is gone", refSlot(parent),
+                            refGen(parent));
+       }},
+      {"a wrong per-parent count", "routes",
+       [](ShmStore& w, Raw& raw) {
+         const uint32_t ps = refSlot(vrfRef(w, 2));
+         raw.pokeSlot(kVrfs, ps, raw.sideWord(kVrfs, childBlock(0) + kChildCount), kMembers - 1);
+         return fmt::format("parent slot {} counts {} members but its page chain holds {}", ps,
+                            kMembers - 1, kMembers);
+       }},
+      {"a looping page chain", "routes",
+       [](ShmStore& w, Raw& raw) {
+         const uint32_t ps = refSlot(vrfRef(w, 4));
+         const uint32_t first = raw.slotWord(kVrfs, ps, raw.sideWord(kVrfs, childBlock(0)));
+         const uint32_t chunk = chunkOf(first - 1);
+         // The first page's directory entry links back to the page itself.
+         const size_t dir = size_t{chunkSlots(chunk)} * raw.desc(kRoutes).slotWords * 4 +
+                            (first - 1 - chunkFirstSlot(chunk)) / kMinPageSlots * sizeof(PageEntry);
+         writeSegment(Oro::shmStoreSegmentName(raw.path, raw.view.header()->instance,
+                                               fmt::format("{}k{}", kRoutes, chunk)),
+                      dir + offsetof(PageEntry, next), &first, 4);
+         return fmt::format("the page chain of parent slot {} loops", ps);
+       }},
+      {"a blob reference beyond the heap", "blobs",
+       [](ShmStore& w, Raw& raw) {
+         const uint32_t key[1] = {9};
+         const uint32_t slot = w.find(kBlobs, key, nullptr);
+         raw.pokeSlot(kBlobs, slot, 1 + 2, 9);  // the reference's chunk
+         return fmt::format("slot {}: blob reference (chunk 9", slot);
+       }},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const std::string path = "v/damaged";
+    ShmStore w = filledStore(path);
+    Raw raw{path};
+    const std::string what = c.damage(w, raw);
+    const Oro::ShmIntegrityReport r = Oro::shmVerifyStore(path);
+    EXPECT_FALSE(r.unstable);
+    EXPECT_TRUE(mentions(r, c.coll, what)) << "expected " << c.coll << ": " << what << "\ngot\n"
+                                           << listed(r);
+    Oro::shmUnlinkNamespace();
+  }
+}
+
+// A reader sizes process memory by its counts (a detached copy, maps of keys): forged counts,
+// in the header and in a parent's slot, claim no more records than the collection has slots,
+// and the copy holds the records there are.
+TEST_F(ShmVerifyTest, ForgedCountsClaimNoMoreThanTheSlots) {
+  ShmStore w = filledStore("v/forged");
+  Raw raw{"v/forged"};
+  const uint64_t parent = vrfRef(w, 0);
+  raw.pokeCount(kFlat, 0xf0000000);
+  raw.pokeSlot(kVrfs, refSlot(parent), raw.sideWord(kVrfs, childBlock(0) + kChildCount),
+               0xf0000000);
+  ShmStore r = ShmStore::openReader("v/forged", nullptr);
+  EXPECT_GE(r.count(kFlat), kFlatRecords);
+  EXPECT_LE(r.count(kFlat), r.collection(kFlat).highWater());
+  EXPECT_LE(r.childCount(kRoutes, parent), r.collection(kRoutes).highWater());
+  ShmStore local = ShmStore::detached(schema());
+  local.copyFrom(r, /*announce=*/false, [](uint32_t, uint64_t, uint64_t) {});
+  EXPECT_EQ(local.count(kFlat), kFlatRecords);
+  EXPECT_EQ(local.count(kRoutes), kParents * kMembers);
+
+  // A slot forged half-written, which the journal does not name, is damage to its readers.
+  const uint32_t key[2] = {7, ~7u};
+  const uint32_t slot = r.find(kFlat, key, nullptr);
+  ASSERT_NE(slot, ShmStore::kNoSlot);
+  raw.pokeSlot(kFlat, slot, 0, raw.slotWord(kFlat, slot, 0) | kSeqWriting);
+  EXPECT_THAT([&] { r.find(kFlat, key, nullptr); },
+              ThrowsMessage<Oro::ShmCorruptionException>(HasSubstr("stays half-written")));
+}
+
+TEST_F(ShmVerifyTest, AnAbsentStoreOrAFifoUnderASegmentNameIsAnErrorNotAHang) {
+  EXPECT_THROW(Oro::shmVerifyStore("v/absent"), Oro::ShmException);
+
+  // A FIFO planted under a segment's name would block whoever opens it for reading: readers,
+  // writers and the verifier get an error instead.
+  const std::string header = "/dev/shm" + Oro::shmStoreName("v/fifo");
+  ASSERT_EQ(::mkfifo(header.c_str(), 0600), 0);
+  const auto notAFile = ThrowsMessage<Oro::ShmException>(HasSubstr("is not a regular file"));
+  EXPECT_THAT([] { (void)ShmStore::openReader("v/fifo", nullptr); }, notAFile);
+  EXPECT_THAT([] { (void)Oro::shmVerifyStore("v/fifo"); }, notAFile);
+  EXPECT_THAT([] { (void)ShmStore::openWriter("v/fifo", schema(), 0600, 1024); }, notAFile);
+  ::unlink(header.c_str());
+
+  ShmStore w = filledStore("v/fifo");
+  Raw raw{"v/fifo"};
+  const std::string chunk =
+      "/dev/shm" +
+      Oro::shmStoreSegmentName("v/fifo", raw.view.header()->instance, fmt::format("{}k0", kFlat));
+  ASSERT_EQ(::unlink(chunk.c_str()), 0);
+  ASSERT_EQ(::mkfifo(chunk.c_str(), 0600), 0);
+  EXPECT_THAT([] { (void)ShmStore::openReader("v/fifo", nullptr).count(kFlat); }, notAFile);
+}
+
+}  // namespace verify
 
 }  // namespace

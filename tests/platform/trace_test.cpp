@@ -4,15 +4,15 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <iterator>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "platform/Counter.h"
 #include "platform/DumpContext.h"
@@ -33,9 +33,7 @@ struct Probe {
 
 std::string readFile(const std::string& path) {
   std::ifstream in(path);
-  std::stringstream ss;
-  ss << in.rdbuf();
-  return ss.str();
+  return {std::istreambuf_iterator<char>(in), {}};
 }
 
 class TraceTest : public ::testing::Test {
@@ -63,7 +61,7 @@ struct fmt::formatter<Probe> : fmt::formatter<int> {
 
 namespace {
 
-TEST_F(TraceTest, DisabledLevelsFormatNothingAndEnabledOnesReachTheSink) {
+TEST_F(TraceTest, LevelsFormatOnlyWhenEnabledByComponentStarOrSettingsString) {
   Oro::TraceHandle h("MergedMvpnVrfStatusSm");
   int formats = 0;
   ORO_TRACE(h, 3, "probe {}", Probe{&formats});
@@ -80,9 +78,8 @@ TEST_F(TraceTest, DisabledLevelsFormatNothingAndEnabledOnesReachTheSink) {
   Oro::traceEnable("MergedMvpnVrfStatusSm", 3, false);
   ORO_TRACE(h, 3, "probe {}", Probe{&formats});
   EXPECT_EQ(formats, 1);
-}
 
-TEST_F(TraceTest, StarAppliesToExistingAndFutureHandlesAndLaterSettingsWin) {
+  // The star applies to existing and future handles; later settings win.
   Oro::TraceHandle a("A");
   Oro::traceEnable("*", 5, true);
   Oro::TraceHandle b("B");
@@ -104,9 +101,8 @@ TEST_F(TraceTest, StarAppliesToExistingAndFutureHandlesAndLaterSettingsWin) {
   EXPECT_FALSE(b.enabled(5));
   EXPECT_TRUE(b.enabled(1));
   EXPECT_FALSE(a.enabled(1));
-}
 
-TEST_F(TraceTest, SettingsStringsEnableComponentsLevelsAndRanges) {
+  // Settings strings enable components, levels and ranges.
   Oro::TraceHandle c1("Comp1"), c2("Comp2"), other("Other");
   EXPECT_TRUE(Oro::traceSettingsApply("Comp1/0-3,Comp2/5,*/0"));
   for (int l = 0; l <= 3; ++l) EXPECT_TRUE(c1.enabled(l)) << l;
@@ -127,7 +123,7 @@ TEST_F(TraceTest, SettingsStringsEnableComponentsLevelsAndRanges) {
   EXPECT_TRUE(other.enabled(6));
 }
 
-TEST_F(TraceTest, MemorySinksStackAndUnlinkInAnyOrder) {
+TEST_F(TraceTest, MemorySinksStackAndUnlinkInAnyOrderAndAFileSinkWritesLines) {
   Oro::TraceHandle h("Comp");
   Oro::traceEnable("Comp", 2, true);
   {
@@ -145,18 +141,17 @@ TEST_F(TraceTest, MemorySinksStackAndUnlinkInAnyOrder) {
   EXPECT_EQ(sink.messages(), (std::vector<std::string>{"three"}));
   sink.clear();
   EXPECT_TRUE(sink.lines().empty());
-}
 
-TEST_F(TraceTest, FileSinkWritesComponentLevelAndMessageLines) {
+  // A file sink writes component, level and message lines.
   sink.uninstall();
   std::string path = ::testing::TempDir() + "trace_file_test.txt";
   std::remove(path.c_str());
-  Oro::TraceHandle h("FileComp");
+  Oro::TraceHandle fh("FileComp");
   Oro::traceEnable("FileComp", 7, true);
   Oro::traceFileIs(path);
-  ORO_TRACE(h, 7, "Line {}: vrf {}", 15, 5);
+  ORO_TRACE(fh, 7, "Line {}: vrf {}", 15, 5);
   Oro::traceFileIs("");
-  ORO_TRACE(h, 7, "to stderr");
+  ORO_TRACE(fh, 7, "to stderr");
   EXPECT_EQ(readFile(path), "FileComp/7: Line 15: vrf 5\n");
   EXPECT_THROW(Oro::traceFileIs("/nonexistent-dir/x/trace.txt"), Oro::Exception);
 }
@@ -184,7 +179,7 @@ TEST(TraceEnvDeathTest, SettingsAndFileComeFromTheEnvironmentAtStartup) {
   EXPECT_EQ(readFile(path), "EnvComp/3: from env\n");
 }
 
-TEST(DumpContext, PrintsIndentedLinesIntoAString) {
+TEST(DumpContext, PrintsIndentedLinesAndCompletesOnlyAnUnfinishedOne) {
   Oro::DumpContext dc;
   dc.print("MvpnVrfStatus #%u:\n", 2u);
   dc.print("%*cVRF %s\n", 2, ' ', "5");
@@ -196,22 +191,21 @@ TEST(DumpContext, PrintsIndentedLinesIntoAString) {
   Oro::DumpContext big;
   big.print("%*c%s|\n", 3, ' ', longText.c_str());
   EXPECT_EQ(big.str(), "   " + longText + "|\n");
+
+  // ensureNewline completes an unfinished line only.
+  Oro::DumpContext line;
+  line.ensureNewline();
+  EXPECT_EQ(line.str(), "");
+  line.print("%s", "");
+  line.ensureNewline();
+  EXPECT_EQ(line.str(), "");
+  line.print("partial");
+  line.ensureNewline();
+  line.ensureNewline();
+  EXPECT_EQ(line.str(), "partial\n");
 }
 
-TEST(DumpContext, EnsureNewlineOnlyCompletesAnUnfinishedLine) {
-  Oro::DumpContext dc;
-  dc.ensureNewline();
-  EXPECT_EQ(dc.str(), "");
-  dc.print("%s", "");
-  dc.ensureNewline();
-  EXPECT_EQ(dc.str(), "");
-  dc.print("partial");
-  dc.ensureNewline();
-  dc.ensureNewline();
-  EXPECT_EQ(dc.str(), "partial\n");
-}
-
-TEST(DumpContext, ReportsDuplicatesAndNullChildren) {
+TEST(DumpContext, ReportsDuplicatesAndNullChildrenAndWritesToAFile) {
   Oro::DumpContext dc;
   int a = 0, b = 0;
   EXPECT_TRUE(dc.markPrinted(&a, 2, "MvpnVrfRouteStatus"));
@@ -229,20 +223,18 @@ TEST(DumpContext, ReportsDuplicatesAndNullChildren) {
   // Marks belong to one dump: a new context prints the object again.
   Oro::DumpContext next;
   EXPECT_TRUE(next.markPrinted(&a, 0, "MvpnGroup"));
-}
 
-TEST(DumpContext, WritesToAFile) {
   char* buf = nullptr;
   size_t len = 0;
   FILE* f = open_memstream(&buf, &len);
   ASSERT_NE(f, nullptr);
   {
-    Oro::DumpContext dc(f);
-    dc.print("%*cVRF ID: %u", 2, ' ', 5u);
-    dc.ensureNewline();
-    dc.reportNull(4, "MvpnGroup");
-    EXPECT_EQ(dc.str(), "");
-    EXPECT_EQ(dc.size(), 33u);
+    Oro::DumpContext file(f);
+    file.print("%*cVRF ID: %u", 2, ' ', 5u);
+    file.ensureNewline();
+    file.reportNull(4, "MvpnGroup");
+    EXPECT_EQ(file.str(), "");
+    EXPECT_EQ(file.size(), 33u);
   }
   std::fclose(f);
   EXPECT_EQ(std::string(buf, len), "  VRF ID: 5\n    MvpnGroup (null)\n");
@@ -251,13 +243,11 @@ TEST(DumpContext, WritesToAFile) {
 
 std::vector<Oro::CounterSample> samplesNamed(const std::string& name) {
   auto all = Oro::CounterRegistry::global().list();
-  std::vector<Oro::CounterSample> out;
-  std::copy_if(all.begin(), all.end(), std::back_inserter(out),
-               [&](const auto& s) { return s.name == name; });
-  return out;
+  std::erase_if(all, [&](const auto& s) { return s.name != name; });
+  return all;
 }
 
-TEST(Counter, IncrementsAndKeepsTheValueAcrossStorageRebinding) {
+TEST(Counter, IncrementsKeepsItsValueAcrossRebindingAndIsReadWholeElsewhere) {
   Oro::Counter c("mvpnVrfIs");
   EXPECT_EQ(c.value(), 0u);
   c.inc();
@@ -277,9 +267,25 @@ TEST(Counter, IncrementsAndKeepsTheValueAcrossStorageRebinding) {
   c.inc();
   EXPECT_EQ(c.value(), 43u + (uint64_t{1} << 40));
   EXPECT_EQ(slot.load(), 42u + (uint64_t{1} << 40));
+
+  // One writer, one reader on another thread: the reader sees monotonically growing values.
+  Oro::Counter threaded("threadTest");
+  std::atomic<bool> done{false};
+  std::thread reader([&] {
+    uint64_t last = 0;
+    while (!done.load()) {
+      uint64_t v = Oro::CounterRegistry::global().total("threadTest");
+      EXPECT_GE(v, last);
+      last = v;
+    }
+  });
+  for (int i = 0; i < 100000; ++i) threaded.inc();
+  done = true;
+  reader.join();
+  EXPECT_EQ(threaded.value(), 100000u);
 }
 
-TEST(CounterRegistry, ListsLiveCountersInConstructionOrderWithOwners) {
+TEST(CounterRegistry, ListsLiveCountersInConstructionOrderWithOwnersAndPrintsThem) {
   const size_t before = Oro::CounterRegistry::global().size();
   auto a = std::make_unique<Oro::Counter>("regTestDel", "vrfStatus/bgp");
   auto b = std::make_unique<Oro::Counter>("regTestDel", "vrfStatus/evpn");
@@ -306,13 +312,12 @@ TEST(CounterRegistry, ListsLiveCountersInConstructionOrderWithOwners) {
   EXPECT_EQ(Oro::CounterRegistry::global().size(), before);
   Oro::Counter d("regTestAfter");
   EXPECT_EQ(samplesNamed("regTestAfter").size(), 1u);
-}
 
-TEST(CounterRegistry, PrintsOneLinePerCounter) {
-  Oro::Counter a("printTestIs", "vrfStatus/bgp");
-  Oro::Counter b("printTestNotify");
-  a.inc(12);
-  b.inc(7);
+  // Printed one line per counter.
+  Oro::Counter is("printTestIs", "vrfStatus/bgp");
+  Oro::Counter notify("printTestNotify");
+  is.inc(12);
+  notify.inc(7);
   char* buf = nullptr;
   size_t len = 0;
   FILE* f = open_memstream(&buf, &len);
@@ -322,24 +327,6 @@ TEST(CounterRegistry, PrintsOneLinePerCounter) {
   std::string text(buf, len);
   std::free(buf);
   EXPECT_THAT(text, HasSubstr("printTestIs [vrfStatus/bgp] 12\nprintTestNotify 7\n"));
-}
-
-// One writer, one reader on another thread: the reader sees monotonically growing values.
-TEST(Counter, ReaderOnAnotherThreadSeesWholeValues) {
-  Oro::Counter c("threadTest");
-  std::atomic<bool> done{false};
-  std::thread reader([&] {
-    uint64_t last = 0;
-    while (!done.load()) {
-      uint64_t v = Oro::CounterRegistry::global().total("threadTest");
-      EXPECT_GE(v, last);
-      last = v;
-    }
-  });
-  for (int i = 0; i < 100000; ++i) c.inc();
-  done = true;
-  reader.join();
-  EXPECT_EQ(c.value(), 100000u);
 }
 
 }  // namespace

@@ -22,7 +22,6 @@
 #include <csignal>
 
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -32,6 +31,7 @@
 #include <vector>
 
 #include "common/mvpnstat_run.h"
+#include "common/shm_test_util.h"
 #include "merge/MvpnTunnelEncapStatus.h"
 #include "platform/shm/ShmSegment.h"
 #include "platform/shm/ShmTable.h"
@@ -45,55 +45,16 @@ namespace {
 using ::testing::HasSubstr;
 
 using shmtest::mvpnstat;
+using shmtest::mvpnstatExpect;
 using shmtest::promtool;
 using shmtest::Result;
+using enum MvpnClient;
 
 class MvpnstatToolTest : public ::testing::Test {
  protected:
   void SetUp() override { Oro::shmUnlinkNamespace(); }
   void TearDown() override { Oro::shmUnlinkNamespace(); }
 };
-
-TEST_F(MvpnstatToolTest, ShowsListsAndWatchesTables) {
-  const std::string path = MvpnVrfStatus::mountPath(Nevo::ipv4, MvpnClient::evpn_);
-  auto vrfs = mvpnVrfStatusFactory(path);
-  vrfs->mount(Oro::ShmAttach{path, Oro::ShmRole::writer});
-  vrfs->mvpnVrfIs(MvpnVrf(Vrf::VrfIdMap::VrfId(7), MvpnClient::evpn_));
-  auto intfs = mvpnIntfStatusFactory(MvpnIntfStatus::mountPath());
-  intfs->mount(Oro::ShmAttach{MvpnIntfStatus::mountPath(), Oro::ShmRole::writer});
-  intfs->vrfIntfIdIs(MvpnVrfIntfId(Vrf::VrfIdMap::VrfId(7), Nevo::IntfId::vlan(107)));
-
-  Result show = mvpnstat("show " + path);
-  EXPECT_EQ(show.status, 0);
-  EXPECT_EQ(show.out, "MvpnVrfStatus #1:\n  VRF 7\n");
-
-  Result json = mvpnstat("show routing/multicast/vpn/intfStatus --json");
-  EXPECT_EQ(json.status, 0);
-  EXPECT_THAT(json.out, HasSubstr("{\"key\": 7, \"pmsiIntfId\": \"Vlan107\"}"));
-
-  Result list = mvpnstat("list");
-  EXPECT_EQ(list.status, 0);
-  EXPECT_THAT(list.out, HasSubstr(path + "  Routing::Multicast::MvpnVrfStatus  writer pid "));
-  EXPECT_THAT(list.out, HasSubstr("    mvpnVrf  Routing::Multicast::MvpnVrf  1 records"));
-  EXPECT_THAT(list.out, HasSubstr("mvpnVrfIs 1"));
-
-  // A reader reports what is present when it attaches: one change is enough to end the watch.
-  Result watch = mvpnstat("watch " + path + " --count 1");
-  EXPECT_EQ(watch.status, 0);
-  EXPECT_EQ(watch.out, "7: Value('Routing::Multicast::MvpnVrf', ** {'key': 7, 'client': evpn})\n");
-
-  Result metrics = mvpnstat("metrics");
-  EXPECT_EQ(metrics.status, 0);
-  for (const std::string& line :
-       {"mvpn_table_records{path=\"" + path +
-            "\",collection=\"mvpnVrf\",type=\"Routing::Multicast::MvpnVrf\"} 1\n",
-        "mvpn_table_writer_events_total{path=\"" + path + "\",name=\"mvpnVrfIs\"} 1\n",
-        "mvpn_table_writer_alive{path=\"" + path + "\"} 1\n",
-        "mvpn_table_writer_takeovers{path=\"" + path + "\"} 0\n"}) {
-    EXPECT_THAT(metrics.out, HasSubstr(line)) << line;
-  }
-  EXPECT_EQ(promtool(metrics.out).status, 0) << promtool(metrics.out).out;
-}
 
 // The lines of a watch, sorted: a reader's first dispatch reports what is present in store
 // order, which is not the order of writing.
@@ -105,20 +66,42 @@ std::vector<std::string> sortedLines(const std::string& text) {
   return lines;
 }
 
-// Statuses with entities inside: the route status tree and a tunnel encapsulation status.
-TEST_F(MvpnstatToolTest, ShowsAndWatchesNestedStatuses) {
+TEST_F(MvpnstatToolTest, ShowsListsAndWatchesTablesAndNestedStatuses) {
+  const std::string path = MvpnVrfStatus::mountPath(Nevo::ipv4, evpn_);
+  auto vrfs = shmtest::mounted(mvpnVrfStatusFactory(path), {path, Oro::ShmRole::writer});
+  vrfs->mvpnVrfIs(MvpnVrf(Vrf::VrfIdMap::VrfId(7), evpn_));
+  auto intfs = mvpnIntfStatusFactory(MvpnIntfStatus::mountPath());
+  intfs->mount(Oro::ShmAttach{MvpnIntfStatus::mountPath(), Oro::ShmRole::writer});
+  intfs->vrfIntfIdIs(MvpnVrfIntfId(Vrf::VrfIdMap::VrfId(7), Nevo::IntfId::vlan(107)));
+
+  EXPECT_EQ(mvpnstatExpect("show " + path, 0).out, "MvpnVrfStatus #1:\n  VRF 7\n");
+  mvpnstatExpect("show routing/multicast/vpn/intfStatus --json", 0,
+                 {"{\"key\": 7, \"pmsiIntfId\": \"Vlan107\"}"});
+  mvpnstatExpect("list", 0,
+                 {path + "  Routing::Multicast::MvpnVrfStatus  writer pid ",
+                  "    mvpnVrf  Routing::Multicast::MvpnVrf  1 records", "mvpnVrfIs 1"});
+  // A reader reports what is present when it attaches: one change is enough to end the watch.
+  EXPECT_EQ(mvpnstatExpect("watch " + path + " --count 1", 0).out,
+            "7: Value('Routing::Multicast::MvpnVrf', ** {'key': 7, 'client': evpn})\n");
+  Result metrics = mvpnstatExpect(
+      "metrics", 0,
+      {"mvpn_table_records{path=\"" + path +
+           "\",collection=\"mvpnVrf\",type=\"Routing::Multicast::MvpnVrf\"} 1\n",
+       "mvpn_table_writer_events_total{path=\"" + path + "\",name=\"mvpnVrfIs\"} 1\n",
+       "mvpn_table_writer_alive{path=\"" + path + "\"} 1\n",
+       "mvpn_table_writer_takeovers{path=\"" + path + "\"} 0\n"});
+  EXPECT_EQ(promtool(metrics.out).status, 0) << promtool(metrics.out).out;
+
+  // Statuses with entities inside: the route status tree and a tunnel encapsulation status.
   using Vrf::VrfIdMap::VrfId;
   const auto v4 = Nevo::IpGenAddr::ipv4Addr;
-  const std::string treePath = MvpnRouteStatus::mountPath(Nevo::ipv4, MvpnClient::bgp_);
-  auto tree = mvpnRouteStatusFactory(treePath);
-  tree->mount(Oro::ShmAttach{treePath, Oro::ShmRole::writer});
+  const std::string treePath = MvpnRouteStatus::mountPath(Nevo::ipv4, bgp_);
+  auto tree = shmtest::mounted(mvpnRouteStatusFactory(treePath), {treePath, Oro::ShmRole::writer});
   tree->vrfRouteStatusIs(VrfId(3))->mvpnSourceIs(v4(0xef000001), v4(0x0a000001),
                                                  Nevo::IpGenPrefix(v4(0x0a000000), 8), true,
                                                  MvpnSource::SourceFlags(1));
 
-  Result treeJson = mvpnstat("show " + treePath + " --json");
-  ASSERT_EQ(treeJson.status, 0) << treeJson.out;
-  const auto doc = nlohmann::json::parse(treeJson.out);
+  const auto doc = nlohmann::json::parse(mvpnstatExpect("show " + treePath + " --json", 0).out);
   ASSERT_EQ(doc["vrfs"].size(), 1u);
   EXPECT_EQ(doc["vrfs"][0]["vrfId"], 3);
   const auto& group = doc["vrfs"][0]["groups"][0];
@@ -127,10 +110,8 @@ TEST_F(MvpnstatToolTest, ShowsAndWatchesNestedStatuses) {
   EXPECT_EQ(group["sharedTree"][0]["umhPrefix"], "10.0.0.0/8");
   EXPECT_TRUE(group["sourceTree"].empty());
 
-  Result treeWatch = mvpnstat("watch " + treePath + " --count 3");
-  EXPECT_EQ(treeWatch.status, 0);
-  const auto treeLines = sortedLines(treeWatch.out);
-  ASSERT_EQ(treeLines.size(), 3u) << treeWatch.out;
+  const auto treeLines = sortedLines(mvpnstatExpect("watch " + treePath + " --count 3", 0).out);
+  ASSERT_EQ(treeLines.size(), 3u) << ::testing::PrintToString(treeLines);
   EXPECT_EQ(treeLines[0], "vrf 3 group 239.0.0.1 sharedTree 10.0.0.1: " +
                               tree->vrfRouteStatus(VrfId(3))
                                   ->mvpnSource(v4(0xef000001), v4(0x0a000001), true)
@@ -148,13 +129,10 @@ TEST_F(MvpnstatToolTest, ShowsAndWatchesNestedStatuses) {
   encap->vrfStatusIs(VrfId(1))->encapTunnelIs(route);
   encap->vrfStatusIs(VrfId(2))->encapIntfTunnelIs(intf);
 
-  Result encapText = mvpnstat("show " + encapPath);
-  EXPECT_EQ(encapText.status, 0);
-  EXPECT_THAT(encapText.out, HasSubstr("  VRF ID: 1\n    Encap tunnels #1\n      " +
-                                       route.toStrep() + "\n    Encap interface tunnels #0\n"));
-  Result encapJson = mvpnstat("show " + encapPath + " --json");
-  ASSERT_EQ(encapJson.status, 0) << encapJson.out;
-  const auto edoc = nlohmann::json::parse(encapJson.out);
+  mvpnstatExpect("show " + encapPath, 0,
+                 {"  VRF ID: 1\n    Encap tunnels #1\n      " + route.toStrep() +
+                  "\n    Encap interface tunnels #0\n"});
+  const auto edoc = nlohmann::json::parse(mvpnstatExpect("show " + encapPath + " --json", 0).out);
   ASSERT_EQ(edoc["vrfs"].size(), 2u);
   for (const auto& v : edoc["vrfs"]) {
     if (v["vrfId"] == 1) {
@@ -163,35 +141,30 @@ TEST_F(MvpnstatToolTest, ShowsAndWatchesNestedStatuses) {
       EXPECT_EQ(v["encapIntfTunnel"][0]["routeIntfKey"], intf.routeIntfKey().toStrep());
     }
   }
-  Result encapWatch = mvpnstat("watch " + encapPath + " --count 4");
-  EXPECT_EQ(encapWatch.status, 0);
-  EXPECT_EQ(sortedLines(encapWatch.out),
+  EXPECT_EQ(sortedLines(mvpnstatExpect("watch " + encapPath + " --count 4", 0).out),
             (std::vector<std::string>{
                 "vrf 1 encapTunnel " + rk.toStrep() + ": " + route.toStrep(), "vrf 1: present",
                 "vrf 2 encapIntfTunnel " + intf.routeIntfKey().toStrep() + ": " + intf.toStrep(),
                 "vrf 2: present"}));
 }
 
-TEST_F(MvpnstatToolTest, ReportsUnknownDamagedAndForeignTables) {
-  Result unknown = mvpnstat("show routing/multicast/vpn/vrfStatus/bgp");
-  EXPECT_EQ(unknown.status, 1);
-  EXPECT_THAT(unknown.out, HasSubstr("no status table at routing/multicast/vpn/vrfStatus/bgp"));
-  EXPECT_EQ(mvpnstat("show ../etc").status, 1);
-  EXPECT_EQ(mvpnstat("show").status, 2);
+TEST_F(MvpnstatToolTest, ReportsUnknownDamagedAndForeignTablesAndBadUsage) {
+  mvpnstatExpect("show routing/multicast/vpn/vrfStatus/bgp", 1,
+                 {"no status table at routing/multicast/vpn/vrfStatus/bgp"});
+  mvpnstatExpect("show ../etc", 1);
+  mvpnstatExpect("show", 2);
 
   // A store of another type at a VRF status path.
   Oro::ShmTable<Vrf::VrfIdMap::VrfId, uint64_t> foreign("Test::Other", "mvpnVrf", {});
   foreign.attach(Oro::ShmAttach{"routing/multicast/vpn/vrfStatus/evpn", Oro::ShmRole::writer});
-  Result other = mvpnstat("show routing/multicast/vpn/vrfStatus/evpn");
-  EXPECT_EQ(other.status, 1);
-  EXPECT_THAT(other.out, HasSubstr("holds a Test::Other, which mvpnstat does not know"));
+  mvpnstatExpect("show routing/multicast/vpn/vrfStatus/evpn", 1,
+                 {"holds a Test::Other, which mvpnstat does not know"});
 
   // A header overwritten with garbage.
-  const std::string path = MvpnVrfStatus::mountPath(Nevo::ipv4, MvpnClient::bgp_);
+  const std::string path = MvpnVrfStatus::mountPath(Nevo::ipv4, bgp_);
   {
-    auto vrfs = mvpnVrfStatusFactory(path);
-    vrfs->mount(Oro::ShmAttach{path, Oro::ShmRole::writer});
-    vrfs->mvpnVrfIs(MvpnVrf(Vrf::VrfIdMap::VrfId(1), MvpnClient::bgp_));
+    auto vrfs = shmtest::mounted(mvpnVrfStatusFactory(path), {path, Oro::ShmRole::writer});
+    vrfs->mvpnVrfIs(MvpnVrf(Vrf::VrfIdMap::VrfId(1), bgp_));
     vrfs->unmount();
   }
   const std::string file = "/dev/shm/" + Oro::shmStoreName(path).substr(1);
@@ -201,14 +174,20 @@ TEST_F(MvpnstatToolTest, ReportsUnknownDamagedAndForeignTables) {
     const std::string garbage(64, '\x5a');
     f.write(garbage.data(), static_cast<std::streamsize>(garbage.size()));
   }
-  Result damaged = mvpnstat("show " + path);
-  EXPECT_EQ(damaged.status, 1);
-  EXPECT_THAT(damaged.out, HasSubstr("is damaged"));
-  EXPECT_NE(mvpnstat("metrics").out.find("mvpn_table_up{path=\"" + path + "\"} 0\n"),
-            std::string::npos);
+  mvpnstatExpect("show " + path, 1, {"is damaged"});
+  mvpnstatExpect("metrics", 0, {"mvpn_table_up{path=\"" + path + "\"} 0\n"});
   // Its writer is gone: a damaged table is removed like any other.
-  EXPECT_EQ(mvpnstat("remove " + path).status, 0);
-  EXPECT_EQ(mvpnstat("show " + path).status, 1);
+  mvpnstatExpect("remove " + path, 0);
+  mvpnstatExpect("show " + path, 1);
+
+  // Bad counts are usage errors.
+  const std::string watch = "watch " + MvpnVrfStatus::mountPath(Nevo::ipv4, bgp_);
+  for (const char* count : {"-1", "-5", "''", "abc", "' 3'", "+3", "3x", "0", "0x10",
+                            "18446744073709551616", "99999999999999999999999"}) {
+    mvpnstatExpect(watch + " --count " + count, 2,
+                   {"--count needs a whole number from 1 to 18446744073709551615"});
+  }
+  mvpnstatExpect(watch + " --count", 2);
 }
 
 // The shared-memory files of the table at `path`: its header and every segment named after it.
@@ -222,57 +201,31 @@ std::vector<std::string> filesOf(const std::string& path) {
 }
 
 TEST_F(MvpnstatToolTest, RemoveRefusesALiveWriterAndLeavesNothingOfADeadOne) {
-  const std::string path = MvpnVrfStatus::mountPath(Nevo::ipv4, MvpnClient::evpn_);
-  int ready[2];
-  ASSERT_EQ(::pipe(ready), 0);
-  const pid_t writer = ::fork();
-  if (writer == 0) {
-    auto vrfs = mvpnVrfStatusFactory(path);
-    vrfs->mount(Oro::ShmAttach{path, Oro::ShmRole::writer});
+  const std::string path = MvpnVrfStatus::mountPath(Nevo::ipv4, evpn_);
+  shmtest::Pipe ready;
+  const pid_t writer = shmtest::forkChild([&]() -> int {
+    auto vrfs = shmtest::mounted(mvpnVrfStatusFactory(path), {path, Oro::ShmRole::writer});
     // Enough records for several chunks and index generations.
     for (uint32_t v = 1; v <= 50000; ++v) vrfs->mvpnVrfIs(MvpnVrf(Vrf::VrfIdMap::VrfId(v)));
-    (void)!::write(ready[1], "x", 1);
+    ready.send();
     for (;;) ::pause();
-  }
-  char c;
-  ASSERT_EQ(::read(ready[0], &c, 1), 1);
+  });
+  ASSERT_TRUE(ready.receive());
   const size_t files = filesOf(path).size();
   EXPECT_GE(files, 4u);  // header, slot chunk, index, doorbell
-
-  Result refused = mvpnstat("remove " + path);
-  EXPECT_EQ(refused.status, 1);
-  EXPECT_THAT(refused.out,
-              HasSubstr(fmt::format("has a live writer (pid {}): not removed", writer)));
+  mvpnstatExpect("remove " + path, 1,
+                 {fmt::format("has a live writer (pid {}): not removed", writer)});
   EXPECT_EQ(filesOf(path).size(), files);
-  EXPECT_EQ(mvpnstat("show " + path).status, 0);
+  mvpnstatExpect("show " + path, 0);
 
   ::kill(writer, SIGKILL);
-  ::waitpid(writer, nullptr, 0);
+  shmtest::waitChild(writer);
   // A writer that died while creating another instance left segments without a header.
-  const std::string stray = Oro::shmStoreSegmentName(path, 0x1234, "0k0");
-  Oro::ShmSegment::create(stray, 4096, 0600, false);
-  Result removed = mvpnstat("remove " + path);
-  EXPECT_EQ(removed.status, 0) << removed.out;
-  EXPECT_EQ(removed.out, fmt::format("removed {} ({} shared-memory files)\n", path, files + 1));
+  Oro::ShmSegment::create(Oro::shmStoreSegmentName(path, 0x1234, "0k0"), 4096, 0600, false);
+  EXPECT_EQ(mvpnstatExpect("remove " + path, 0).out,
+            fmt::format("removed {} ({} shared-memory files)\n", path, files + 1));
   EXPECT_EQ(filesOf(path), std::vector<std::string>{});
-
-  Result again = mvpnstat("remove " + path);
-  EXPECT_EQ(again.status, 1);
-  EXPECT_THAT(again.out, HasSubstr("no status table at " + path));
-  ::close(ready[0]);
-  ::close(ready[1]);
-}
-
-TEST_F(MvpnstatToolTest, BadCountsAreUsageErrors) {
-  const std::string watch = "watch " + MvpnVrfStatus::mountPath(Nevo::ipv4, MvpnClient::bgp_);
-  for (const char* count : {"-1", "-5", "''", "abc", "' 3'", "+3", "3x", "0", "0x10",
-                            "18446744073709551616", "99999999999999999999999"}) {
-    Result r = mvpnstat(watch + " --count " + count);
-    EXPECT_EQ(r.status, 2) << count;
-    EXPECT_THAT(r.out, HasSubstr("--count needs a whole number from 1 to 18446744073709551615"))
-        << count << ": ";
-  }
-  EXPECT_EQ(mvpnstat(watch + " --count").status, 2);
+  mvpnstatExpect("remove " + path, 1, {"no status table at " + path});
 }
 
 // True when text holds no raw control character but '\n' (C0, DEL, or C1 encoded in UTF-8).
@@ -299,33 +252,25 @@ TEST_F(MvpnstatToolTest, HostileNamesStayValidJsonAndVisibleText) {
   foreign.attach(Oro::ShmAttach{path, Oro::ShmRole::writer});
   foreign.counterSlot(0, evilCounter)->store(5);
 
-  Result json = mvpnstat("list --json");
-  ASSERT_EQ(json.status, 0) << json.out;
-  EXPECT_TRUE(terminalSafe(json.out)) << json.out;
+  Result json = mvpnstatExpect("list --json", 0);
   nlohmann::json tables;
   ASSERT_NO_THROW(tables = nlohmann::json::parse(json.out)) << json.out;
   ASSERT_EQ(tables.size(), 1u) << json.out;
   EXPECT_EQ(tables[0]["type"], "Evil\x1b[31m\xef\xbf\xbd\"\\\xc2\x9b\xe2\x80\xa8\x7f");
   EXPECT_EQ(tables[0]["counters"]["hits\x07\x1b]0;owned\x07\xef\xbf\xbd"], 5);
 
-  Result plain = mvpnstat("list");
-  ASSERT_EQ(plain.status, 0) << plain.out;
-  EXPECT_TRUE(terminalSafe(plain.out)) << plain.out;
-  EXPECT_THAT(plain.out, HasSubstr("Evil\\x1b[31m\\xff\"\\\\\\u009b\xe2\x80\xa8\\x7f"));
-  EXPECT_THAT(plain.out, HasSubstr("hits\\x07\\x1b]0;owned\\x07\\xc3 5"));
-
-  Result show = mvpnstat("show " + path);
-  EXPECT_EQ(show.status, 1);
-  EXPECT_TRUE(terminalSafe(show.out)) << show.out;
-  EXPECT_THAT(show.out, HasSubstr("holds a Evil\\x1b[31m"));
-
+  Result plain = mvpnstatExpect(
+      "list", 0,
+      {"Evil\\x1b[31m\\xff\"\\\\\\u009b\xe2\x80\xa8\\x7f", "hits\\x07\\x1b]0;owned\\x07\\xc3 5"});
+  Result show = mvpnstatExpect("show " + path, 1, {"holds a Evil\\x1b[31m"});
   // The exposition stays valid: promtool reads it, label values read as the plain text.
-  Result metrics = mvpnstat("metrics");
-  ASSERT_EQ(metrics.status, 0) << metrics.out;
-  EXPECT_TRUE(terminalSafe(metrics.out)) << metrics.out;
-  EXPECT_THAT(metrics.out, HasSubstr("mvpn_table_writer_events_total{path=\"" + path +
-                                     "\",name=\"hits\\\\x07\\\\x1b]0;owned\\\\x07\\\\xc3\"} 5\n"));
+  Result metrics = mvpnstatExpect("metrics", 0,
+                                  {"mvpn_table_writer_events_total{path=\"" + path +
+                                   "\",name=\"hits\\\\x07\\\\x1b]0;owned\\\\x07\\\\xc3\"} 5\n"});
   EXPECT_EQ(promtool(metrics.out).status, 0) << promtool(metrics.out).out;
+  for (const Result* r : {&json, &plain, &show, &metrics}) {
+    EXPECT_TRUE(terminalSafe(r->out)) << r->out;
+  }
 }
 
 // The walk goes by slot. The tool's output pipe is left unread until it is half full, so the
@@ -335,31 +280,17 @@ TEST_F(MvpnstatToolTest, HostileNamesStayValidJsonAndVisibleText) {
 // once, with every key that was never touched.
 TEST_F(MvpnstatToolTest, ShowJsonListsEachKeyOnceWhileKeysMove) {
   constexpr uint32_t kKeys = 20000, kMoved = 1000, kFiller = 1000000;
-  const std::string path = MvpnVrfStatus::mountPath(Nevo::ipv4, MvpnClient::bgp_);
-  auto vrfs = mvpnVrfStatusFactory(path);
-  vrfs->mount(Oro::ShmAttach{path, Oro::ShmRole::writer});
+  const std::string path = MvpnVrfStatus::mountPath(Nevo::ipv4, bgp_);
+  auto vrfs = shmtest::mounted(mvpnVrfStatusFactory(path), {path, Oro::ShmRole::writer});
   for (uint32_t k = 0; k < kKeys; ++k) vrfs->mvpnVrfIs(MvpnVrf(Vrf::VrfIdMap::VrfId(k)));
 
-  int fds[2];
-  ASSERT_EQ(pipe(fds), 0);
-  const std::string ns = Oro::shmNamespace();
-  const pid_t tool = fork();
-  ASSERT_GE(tool, 0);
-  if (tool == 0) {
-    dup2(fds[1], STDOUT_FILENO);
-    close(fds[0]);
-    close(fds[1]);
-    execl(MVPNSTAT_PATH, MVPNSTAT_PATH, "--namespace", ns.c_str(), "show", path.c_str(), "--json",
-          static_cast<char*>(nullptr));
-    _exit(127);
-  }
-  close(fds[1]);
-  const int capacity = fcntl(fds[0], F_GETPIPE_SZ);
+  shmtest::Child tool({MVPNSTAT_PATH, "--namespace", Oro::shmNamespace(), "show", path, "--json"});
+  const int capacity = fcntl(tool.out, F_GETPIPE_SZ);
   int available = 0, status = 0;
   bool exited = false;
   while (available < capacity / 2 && !exited) {
-    ASSERT_EQ(ioctl(fds[0], FIONREAD, &available), 0);
-    exited = waitpid(tool, &status, WNOHANG) == tool;
+    ASSERT_EQ(ioctl(tool.out, FIONREAD, &available), 0);
+    exited = waitpid(tool.pid, &status, WNOHANG) == tool.pid;
     sched_yield();
   }
   for (uint32_t k = 1; k < kMoved; k += 2) {
@@ -369,9 +300,10 @@ TEST_F(MvpnstatToolTest, ShowJsonListsEachKeyOnceWhileKeysMove) {
   }
   std::string out;
   char buf[65536];
-  for (ssize_t n; (n = read(fds[0], buf, sizeof buf)) > 0;) out.append(buf, static_cast<size_t>(n));
-  close(fds[0]);
-  if (!exited) waitpid(tool, &status, 0);
+  for (ssize_t n; (n = read(tool.out, buf, sizeof buf)) > 0;)
+    out.append(buf, static_cast<size_t>(n));
+  if (!exited) waitpid(tool.pid, &status, 0);
+  tool.pid = -1;  // reaped: nothing left for its destructor to stop
   ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << out.substr(0, 2000);
 
   nlohmann::json doc;
@@ -403,9 +335,8 @@ int freePort() {
 
 TEST(MetricsScrape, PrometheusScrapesTheEndpointAndAnswersACounterQuery) {
   Oro::shmUnlinkNamespace();
-  const std::string path = MvpnVrfStatus::mountPath(Nevo::ipv4, MvpnClient::bgp_);
-  auto vrfs = mvpnVrfStatusFactory(path);
-  vrfs->mount(Oro::ShmAttach{path, Oro::ShmRole::writer});
+  const std::string path = MvpnVrfStatus::mountPath(Nevo::ipv4, bgp_);
+  auto vrfs = shmtest::mounted(mvpnVrfStatusFactory(path), {path, Oro::ShmRole::writer});
   for (uint32_t v = 1; v <= 3; ++v) vrfs->mvpnVrfIs(MvpnVrf(Vrf::VrfIdMap::VrfId(v)));
 
   shmtest::Child tool(

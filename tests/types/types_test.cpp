@@ -3,7 +3,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <set>
 #include <type_traits>
 #include <unordered_set>
 
@@ -75,7 +74,7 @@ TEST(MvpnClient, NamesParseAndWriterTest) {
   }
 }
 
-TEST(MvpnRouteKey, OrderHashAndDefault) {
+TEST(MvpnRouteKey, OrderHashDefaultAndTextForms) {
   MvpnRouteKey sgZero(IpGenAddr(), ip("239.1.1.1"), false);
   EXPECT_NE(kStar, sgZero);  // differ only in the shared-join flag
   EXPECT_LT(sgZero, kStar);
@@ -89,9 +88,7 @@ TEST(MvpnRouteKey, OrderHashAndDefault) {
   EXPECT_LT(b, c);
   MvpnRouteKey def;
   EXPECT_TRUE(def.source().isZero() && def.group().isZero() && !def.sharedTreeJoin());
-}
 
-TEST(MvpnRouteKey, TextFormsRoundTripAndParseErrors) {
   MvpnRouteKey star6(IpGenAddr::zero(Nevo::ipv6), ip("ff0e::1"), true);
   MvpnRouteKey rp(ip("10.9.9.9"), ip("239.1.1.1"), true);
   // A shared join whose zero source is of another family than its group stays exact.
@@ -122,7 +119,7 @@ TEST(MvpnRouteKeyDeathTest, HandleInitRejectsUnknownFamily) {
                "Nevo::ipv6\\) && \"Route key address of unknown family\"");
 }
 
-TEST(MvpnRouteIntfKey, DefaultsTextAndOrder) {
+TEST(MvpnRouteIntfKey, DefaultsTextOrderAndTheVrfQualifiedKeys) {
   MvpnRouteIntfKey def;
   EXPECT_TRUE(def.intfId().empty());
   EXPECT_EQ(def.routeKey(), MvpnRouteKey());
@@ -134,9 +131,8 @@ TEST(MvpnRouteIntfKey, DefaultsTextAndOrder) {
   expectRoundTrips({def, onVlan, onNone, MvpnRouteIntfKey(kStar, IntfId::tunnel(2))});
   EXPECT_THROW(parseText<MvpnRouteIntfKey>("(10.0.0.1, 239.1.1.1)"), Oro::ParseException);
   EXPECT_THROW(parseText<MvpnRouteIntfKey>("(10.0.0.1, 239.1.1.1) on Vlan5 "), Oro::ParseException);
-}
 
-TEST(MvpnVrfRouteKeys, VrfFirstThenInnerKey) {
+  // VRF-qualified keys order by VRF first, then by the inner key.
   MvpnRouteKey high(ip("10.0.0.9"), ip("239.1.1.1"), false);
   MvpnVrfRouteKey a(2, high), b(10, kSg), c(10, high);
   EXPECT_LT(a, b);
@@ -158,7 +154,7 @@ TEST(MvpnVrfRouteKeys, VrfFirstThenInnerKey) {
   EXPECT_EQ((std::unordered_set<MvpnVrfRouteIntfKey>{i, j, i}.size()), 2u);
 }
 
-TEST(MulticastTreeId, SameTextIsSameKey) {
+TEST(MulticastTreeId, SameTextIsSameKeyAndMvpnConstsAreAlwaysEqualAndNotHashable) {
   MulticastTreeId a("P2MP:10.0.0.1:7");
   MulticastTreeId b(std::string("P2MP:10.0.0.1:7"));
   EXPECT_EQ(a, b);
@@ -168,15 +164,13 @@ TEST(MulticastTreeId, SameTextIsSameKey) {
   EXPECT_EQ(parseText<MulticastTreeId>("any text, even ) this"),
             MulticastTreeId("any text, even ) this"));
   EXPECT_EQ(fmt::format("{}", a), "P2MP:10.0.0.1:7");
-}
 
-TEST(MvpnConsts, AlwaysEqualAndNotHashable) {
-  MvpnConsts a, b;
-  EXPECT_EQ(a <=> b, std::strong_ordering::equal);
-  EXPECT_EQ(MvpnConsts::trunkGroup, "InternalMvpn");
-  EXPECT_THROW(a.hash(0), Oro::NonHashableTypeException);
-  EXPECT_EQ(a.toStrep(), "Value('Routing::Multicast::MvpnConsts', ** {})");
-  EXPECT_EQ(parseText<MvpnConsts>(a.toStrep()), a);
+  // MvpnConsts are always equal and not hashable.
+  MvpnConsts c, d;
+  EXPECT_EQ(c <=> d, std::strong_ordering::equal);
+  EXPECT_THROW(c.hash(0), Oro::NonHashableTypeException);
+  EXPECT_EQ(c.toStrep(), "Value('Routing::Multicast::MvpnConsts', ** {})");
+  EXPECT_EQ(parseText<MvpnConsts>(c.toStrep()), c);
   EXPECT_THROW(parseText<MvpnConsts>("Value('Routing::Multicast::MvpnConsts', ** {}) "),
                Oro::ParseException);
 }
@@ -194,7 +188,7 @@ void expectFlagRangeError(unsigned v, const char* module) {
               Throws<E>(AllOf(Property(&E::module, module), Property(&E::value, v))));
 }
 
-TEST(FlagSet, BitsSettersAndRange) {
+TEST(FlagSet, BitsSettersRangeAndValueForm) {
   RouteFlags f;
   EXPECT_FALSE(f);
   f.sourceTreeJoinIs(true);
@@ -206,9 +200,7 @@ TEST(FlagSet, BitsSettersAndRange) {
   EXPECT_TRUE(RouteFlags(1).rptPrune());
   expectFlagRangeError<RouteFlags>(8, "Routing::Multicast::MvpnRoute::RouteFlags");
   expectFlagRangeError<SourceFlags>(255, "Routing::Multicast::MvpnSource::SourceFlags");
-}
 
-TEST(FlagSet, ValueFormExactAndParsed) {
   EXPECT_EQ(RouteFlags(5).toStrep(),
             "Value('Routing::Multicast::MvpnRoute::RouteFlags', ** {'rptPrune': True, "
             "'sourceTreeJoin': False, 'discoveredSg': True})");
@@ -251,7 +243,7 @@ TEST(MvpnRouteDeathTest, RouteFlagsMustMatchTheSharedJoinFlag) {
   EXPECT_DEATH(MvpnRoute().handleRouteFlags(), kInvariant);
 }
 
-TEST(MvpnRoute, DisplayFormAndOrder) {
+TEST(MvpnRoute, DisplayFormOrderAndValueFormOfRoutesAndSources) {
   EXPECT_EQ(MvpnRoute(kStar, kUmh, RouteFlags()).toStrep(), "(*, 239.1.1.1): UMH: 10.0.0.0/8");
   EXPECT_EQ(MvpnRoute(kSg, kUmh, RouteFlags(7)).toStrep(),
             "(10.0.0.1, 239.1.1.1): UMH: 10.0.0.0/8, (S,G), (S,G,Rpt), discovered");
@@ -270,9 +262,7 @@ TEST(MvpnRoute, DisplayFormAndOrder) {
   EXPECT_LT(b, c);  // then the flag byte
   EXPECT_LT(c, d);  // the key decides first
   EXPECT_NE(a.hash(9), b.hash(9));
-}
 
-TEST(MvpnRoute, ValueFormRoundTripAndErrors) {
   MvpnRoute r(kSg, kUmh, RouteFlags(6));
   std::string text = r.toValueForm();
   EXPECT_EQ(text,
@@ -288,9 +278,8 @@ TEST(MvpnRoute, ValueFormRoundTripAndErrors) {
   using E = Oro::DeserializationException;
   EXPECT_THAT([&] { parseText<MvpnRoute>(badLen); },
               Throws<E>(Property(&E::attribute, "umhPrefix")));
-}
 
-TEST(MvpnSource, DisplayOrderAndValueForm) {
+  // Sources: display, order and value form.
   EXPECT_EQ(MvpnSource().toStrep(), "0.0.0.0: UMH: 0.0.0.0/0");
   MvpnSource s(ip("10.0.0.1"), kUmh, SourceFlags(7));
   EXPECT_EQ(s.toStrep(), "10.0.0.1: UMH: 10.0.0.0/8, (S,G), (S,G,Rpt), discovered");

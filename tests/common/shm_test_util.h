@@ -1,8 +1,12 @@
-// Helpers of the shared-memory table tests: a per-process segment namespace, a record whose
-// fields all derive from one number (so a torn record is detectable), and fork helpers.
+// Helpers of the shared-memory tests: a per-process segment namespace, a record whose fields
+// all derive from one number (so a torn record is detectable), fork helpers, and damage done to
+// a store the way an outside writer of /dev/shm would, so that tests of corruption handling
+// need not poke at the engine's layout themselves.
 #pragma once
 
+#include <fcntl.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -14,7 +18,9 @@
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
+#include "platform/shm/ShmBinding.h"
 #include "platform/shm/ShmImage.h"
+#include "platform/shm/ShmLayout.h"
 #include "platform/shm/ShmSegment.h"
 #include "platform/shm/ShmStore.h"
 
@@ -91,6 +97,13 @@ inline int waitChild(pid_t pid) {
   return 128 + WTERMSIG(status);
 }
 
+// `status`, mounted as `attach` says.
+template <class P>
+P mounted(P status, const Oro::ShmAttach& attach) {
+  status->mount(attach);
+  return status;
+}
+
 // A one-byte signal between processes over a pipe.
 struct Pipe {
   int fd[2] = {-1, -1};
@@ -105,6 +118,41 @@ struct Pipe {
     return ::read(fd[0], &c, 1) == 1;
   }
 };
+
+// Writes n bytes at offset into the segment `name`, as a stray process with access to /dev/shm
+// could.
+inline void writeSegment(const std::string& name, size_t offset, const void* bytes, size_t n) {
+  const int fd = ::open(("/dev/shm" + name).c_str(), O_RDWR);
+  ASSERT_GE(fd, 0) << name;
+  ASSERT_EQ(::pwrite(fd, bytes, n, static_cast<off_t>(offset)), static_cast<ssize_t>(n));
+  ::close(fd);
+}
+
+// Returns false when the store or the collection does not exist. The collection's first slot
+// chunk is truncated: processes that map it meet a short segment, processes that mapped it
+// before lose the mapping (their next access finds the damage).
+inline bool damageTable(const std::string& mountPath, const std::string& collection) {
+  using Oro::ShmLayout::Header;
+  const std::string header = Oro::shmStoreName(mountPath);
+  const int fd = ::shm_open(header.c_str(), O_RDONLY, 0);
+  if (fd < 0) return false;
+  Header h;
+  const bool ok =
+      ::pread(fd, static_cast<void*>(&h), sizeof h, 0) == static_cast<ssize_t>(sizeof h);
+  ::close(fd);
+  uint32_t c = 0;
+  while (ok && c < h.collectionCount && c < Oro::ShmLayout::kMaxCollections &&
+         std::string(h.colls[c].name) != collection) {
+    ++c;
+  }
+  if (!ok || c >= h.collectionCount) return false;
+  const std::string chunk = Oro::shmStoreSegmentName(mountPath, h.instance, fmt::format("{}k0", c));
+  const int cfd = ::shm_open(chunk.c_str(), O_RDWR, 0);
+  if (cfd < 0) return false;
+  const bool truncated = ::ftruncate(cfd, 0) == 0;
+  ::close(cfd);
+  return truncated;
+}
 
 }  // namespace shmtest
 

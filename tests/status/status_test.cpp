@@ -1,0 +1,835 @@
+// The status entities. MvpnVrfStatus and MvpnIntfStatus: mount paths, mutators, counters,
+// notifications and old values, control handover, dumps, creation, corruption, a reader in
+// another process; their records' order, text, value and wire forms. The route status tree:
+// sources and groups under the group lifetime rule, counts, dumps in both models, creation in
+// the store's heap, departed VRFs, a randomized model check, readers in other processes.
+#include <unistd.h>
+
+#include <algorithm>
+#include <map>
+#include <random>
+#include <regex>
+#include <set>
+#include <tuple>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "common/notice_log.h"
+#include "common/shm_test_util.h"
+#include "platform/Error.h"
+#include "platform/Toggle.h"
+#include "platform/runtime/EntityDirectory.h"
+#include "platform/runtime/TaskScheduler.h"
+#include "platform/shm/ShmEntityStore.h"
+#include "status/MvpnIntfStatus.h"
+#include "status/MvpnRouteStatus.h"
+#include "status/MvpnVrfStatus.h"
+
+namespace Routing::Multicast {
+namespace {
+
+using ::testing::HasSubstr;
+
+using Oro::ShmAttach;
+using Oro::ShmRole;
+using shmtest::KeyLog;
+using enum MvpnClient;
+using Vrf::VrfIdMap::VrfId;
+using namespace std::chrono_literals;
+
+std::string exactly(const std::string& text) {
+  static const std::regex special(R"([.^$|()\[\]{}*+?\\])");
+  return std::regex_replace(text, special, R"(\$&)");
+}
+
+class VrfStatusTest : public shmtest::ShmTest {};
+using VrfStatusDeathTest = VrfStatusTest;
+
+TEST_F(VrfStatusDeathTest, MountPathsAndTheClientsAndFamiliesTheyRejectDeathTest) {
+  EXPECT_EQ(MvpnVrfStatus::mountPath(Nevo::ipv4, bgp_), "routing/multicast/vpn/vrfStatus/bgp");
+  // The route status names the writer without checking it.
+  EXPECT_EQ(MvpnRouteStatus::mountPath(Nevo::ipv4, bgp_), "routing/multicast/vpn/routeStatus/bgp");
+  EXPECT_EQ(MvpnRouteStatus::mountPath(Nevo::ipv6, bgp_), "routing6/multicast/vpn/routeStatus/bgp");
+  EXPECT_EQ(MvpnRouteStatus::mountPath(Nevo::ipv4, pimBidir_),
+            "routing/multicast/vpn/routeStatus/pimBidir");
+  EXPECT_EQ(MvpnVrfStatus::mountPath(Nevo::ipv6, staticEvpn_),
+            "routing6/multicast/vpn/vrfStatus/staticEvpn");
+  EXPECT_EQ(MvpnIntfStatus::mountPath(), "routing/multicast/vpn/intfStatus");
+  EXPECT_DEATH(MvpnVrfStatus::mountPath(Nevo::ipv4, pimBidir_),
+               exactly("( client == MvpnClient::bgp_ || client == MvpnClient::staticMvpn_ || "
+                       "client == MvpnClient::evpn_ || client == MvpnClient::staticEvpn_ ) && "
+                       "\"Unexpected writer agent\""));
+  // The client is checked before the family.
+  EXPECT_DEATH(MvpnVrfStatus::mountPath(Nevo::ipunknown, static_cast<MvpnClient>(9)),
+               exactly("\"Unexpected writer agent\""));
+  EXPECT_DEATH(MvpnVrfStatus::mountPath(static_cast<Nevo::AddressFamily>(3), evpn_),
+               exactly("false && \"Unsupported address family\""));
+  EXPECT_DEATH(MvpnRouteStatus::mountPath(Nevo::ipunknown, bgp_),
+               "false && \"Unsupported address family\"");
+}
+
+TEST_F(VrfStatusTest, MutatorsCountAndAnnounceAndOldValuesComeInThatModeOnly) {
+  auto s = mvpnVrfStatusFactory("bgp");
+  KeyLog<VrfId> seen(s.get(), MvpnVrfStatus::mvpnVrfAttr);
+  s->mvpnVrfIs(MvpnVrf(VrfId(5), evpn_));
+  s->mvpnVrfIs(MvpnVrf(VrfId(5), evpn_));  // unchanged: announced anyway
+  s->mvpnVrfIs(MvpnVrf(VrfId(6)));
+  EXPECT_EQ(s->mvpnVrfSize(), 2u);
+  EXPECT_EQ(s->mvpnVrf(VrfId(5)), MvpnVrf(VrfId(5), evpn_));
+  EXPECT_EQ(s->mvpnVrf(VrfId(7)), std::nullopt);
+
+  EXPECT_EQ(s->mvpnVrfDel(VrfId(7)), MvpnVrf());  // absent: the default record
+  EXPECT_EQ(s->mvpnVrfDel(VrfId(6)), MvpnVrf(VrfId(6)));
+
+  MvpnVrf& staged = s->mvpnVrfDirectWrite();
+  staged = MvpnVrf(VrfId(8), staticMvpn_);
+  s->mvpnVrfCommit(&staged);
+  EXPECT_EQ(s->mvpnVrf(VrfId(8)), MvpnVrf(VrfId(8), staticMvpn_));
+  s->mvpnVrfNotify(VrfId(42));
+
+  EXPECT_EQ(seen.keys, (std::vector<VrfId>{5, 5, 6, 6, 8, 42}));
+  EXPECT_EQ(s->isCounter().value(), 4u);
+  EXPECT_EQ(s->delCounter().value(), 2u);
+  EXPECT_EQ(s->notifyCounter().value(), 6u);
+  EXPECT_EQ(s->isCounter().name(), "mvpnVrfIs");
+  EXPECT_EQ(s->delCounter().name(), "mvpnVrfDel");
+  EXPECT_EQ(s->notifyCounter().name(), "mvpnVrfNotify");
+
+  // DelAll announces and counts each removal, to subscribers only.
+  auto d = mvpnVrfStatusFactory("x");
+  for (uint32_t k = 0; k < 50; ++k) d->mvpnVrfIs(MvpnVrf(VrfId(k)));
+  const uint64_t notifies = d->notifyCounter().value();
+  d->mvpnVrfDelAll();  // no subscriber: no announcement, no counting
+  EXPECT_EQ(d->mvpnVrfSize(), 0u);
+  EXPECT_EQ(d->delCounter().value(), 0u);
+  EXPECT_EQ(d->notifyCounter().value(), notifies);
+  for (uint32_t k = 0; k < 50; ++k) d->mvpnVrfIs(MvpnVrf(VrfId(k)));
+  KeyLog<VrfId> removed(d.get(), MvpnVrfStatus::mvpnVrfAttr);
+  d->mvpnVrfDelAll();
+  EXPECT_EQ(std::set<VrfId>(removed.keys.begin(), removed.keys.end()).size(), 50u);
+  EXPECT_EQ(removed.keys.size(), 50u);
+  EXPECT_EQ(d->delCounter().value(), 50u);
+  EXPECT_EQ(d->mvpnVrfSize(), 0u);
+  d->mvpnVrfDelAll();  // empty: nothing
+  EXPECT_EQ(d->delCounter().value(), 50u);
+
+  // Old values are delivered in that mode only.
+  auto o = mvpnVrfStatusFactory("x");
+  shmtest::ChangeLog<VrfId, MvpnVrf> rec(o.get(), MvpnVrfStatus::mvpnVrfAttr);
+  // A subscriber of keys alone hears each change once, in either mode.
+  KeyLog<VrfId> keys(o.get(), MvpnVrfStatus::mvpnVrfAttr);
+  o->mvpnVrfIs(MvpnVrf(VrfId(1)));
+  EXPECT_TRUE(rec.changes.empty());
+  o->oldValuesIs(true);
+  const MvpnVrf one(VrfId(1)), oneEvpn(VrfId(1), evpn_);
+  o->mvpnVrfIs(oneEvpn);
+  o->mvpnVrfIs(MvpnVrf(VrfId(2)));
+  o->mvpnVrfDel(VrfId(1));
+  o->mvpnVrfDel(VrfId(3));
+  EXPECT_EQ(rec.changes, (std::vector<decltype(rec)::Change>{{1, one, oneEvpn},
+                                                             {2, std::nullopt, MvpnVrf(VrfId(2))},
+                                                             {1, oneEvpn, std::nullopt}}));
+  EXPECT_EQ(keys.keys, (std::vector<VrfId>{1, 1, 2, 1}));
+}
+
+TEST_F(VrfStatusTest, ControlCarriesMountStatusAndQuiesced) {
+  auto s = mvpnVrfStatusFactory("bgp");
+  Oro::Ptr<TylKetab::CollectionControl> control = s->mvpnVrfControl();
+  ASSERT_TRUE(control);
+  int controlChanges = 0;
+  Oro::AttrReactor onRoot([&](Oro::AttrId a) {
+    if (a == MvpnVrfStatus::mvpnVrfControlAttr) ++controlChanges;
+  });
+  onRoot.notifierIs(s.get());
+  s->mvpnVrfControlIs(control);  // the same object: nothing
+  EXPECT_EQ(controlChanges, 0);
+
+  s->mount(ShmAttach{MvpnVrfStatus::mountPath(Nevo::ipv4, bgp_), ShmRole::writer});
+  EXPECT_EQ(control->mountStatus(), TylKetab::MountStatus::mounted);
+  s->binding().quiescedIs(true);
+  EXPECT_TRUE(control->quiesced());
+
+  auto r = mvpnVrfStatusFactory("bgp");
+
+  r->mount(ShmAttach{MvpnVrfStatus::mountPath(Nevo::ipv4, bgp_), ShmRole::reader});
+  Oro::Ptr<TylKetab::CollectionControl> rc = r->mvpnVrfControl();
+  std::vector<Oro::AttrId> rcChanges;
+  Oro::AttrReactor onControl([&](Oro::AttrId a) { rcChanges.push_back(a); });
+  onControl.notifierIs(rc.get());
+  while (r->binding().reader()->hasPending()) r->binding().reader()->dispatch();
+  EXPECT_EQ(rc->mountStatus(), TylKetab::MountStatus::mounted);
+  EXPECT_TRUE(rc->quiesced());
+  EXPECT_EQ(rcChanges, (std::vector<Oro::AttrId>{TylKetab::CollectionControl::mountStatusAttr,
+                                                 TylKetab::CollectionControl::quiescedAttr}));
+
+  s->mvpnVrfControlIs(Oro::makePtr<TylKetab::CollectionControl>());
+  EXPECT_EQ(controlChanges, 1);
+  EXPECT_NE(s->mvpnVrfControl(), control);
+}
+
+TEST_F(VrfStatusTest, Dumps) {
+  auto s = mvpnVrfStatusFactory("x");
+  Oro::DumpContext empty;
+  s->dumpState(empty, 0);
+  EXPECT_EQ(empty.str(), "MvpnVrfStatus #0:\n");
+  s->mvpnVrfIs(MvpnVrf(VrfId(3), evpn_));
+  s->mvpnVrfIs(MvpnVrf(VrfId(4)));
+  Oro::DumpContext dc;
+  s->dumpState(dc, 2);
+  const std::string text = dc.str();
+  EXPECT_EQ(text.substr(0, 19), "  MvpnVrfStatus #2:");
+  EXPECT_THAT(text, HasSubstr("\n    VRF 3\n"));
+  EXPECT_THAT(text, HasSubstr("\n    VRF 4\n"));
+  Oro::DumpContext pm;
+  pm.postMortemIs(true);
+  s->dumpState(pm, 3);
+  EXPECT_EQ(pm.str(), "   MvpnVrfStatus not in core file\n");
+}
+
+bool ownerListed(const std::string& owner) {
+  return std::ranges::any_of(Oro::CounterRegistry::global().list(),
+                             [&](const auto& c) { return c.owner == owner; });
+}
+
+TEST_F(VrfStatusTest, CreationByFactoryAndDirectoryAndTheLastReferenceHandingTheRootToItsControl) {
+  Oro::Ptr<TylKetab::CollectionControl> control;
+  {
+    auto s = mvpnVrfStatusFactory("handover");
+    s->mvpnVrfIs(MvpnVrf(VrfId(9)));
+    control = s->mvpnVrfControl();
+  }
+  ASSERT_TRUE(control->entity());
+  auto* root = static_cast<MvpnVrfStatus*>(control->entity().get());
+  EXPECT_EQ(root->mvpnVrf(VrfId(9)), MvpnVrf(VrfId(9)));
+  EXPECT_FALSE(root->mvpnVrfControl());
+  EXPECT_EQ(root->notifieeCount(), 0u);
+  control->entityIs(nullptr);
+  EXPECT_FALSE(ownerListed("handover"));
+
+  // Nobody holds the control: the root goes with it.
+  { auto s = mvpnVrfStatusFactory("alone"); }
+  EXPECT_FALSE(ownerListed("alone"));
+
+  // Creation by the factory and by the entity directory.
+  auto& dir = Oro::EntityDirectory::global();
+  Oro::Ptr<Oro::Entity> e = dir.create("Routing::Multicast::MvpnVrfStatus", {"evpn"});
+  ASSERT_TRUE(e);
+  EXPECT_EQ(e->typeName(), "Routing::Multicast::MvpnVrfStatus");
+  EXPECT_EQ(static_cast<MvpnVrfStatus*>(e.get())->name(), "evpn");
+  EXPECT_THROW(dir.create("Routing::Multicast::MvpnVrfStatus", {"a", "b"}),
+               Oro::UnexpectedEntityArgumentsException);
+  EXPECT_THROW(dir.create("Routing::Multicast::MvpnIntfStatus", {"a", "b"}),
+               Oro::UnexpectedEntityArgumentsException);
+  EXPECT_EQ(MvpnIntfStatus::MvpnIntfStatusIs("i")->typeName(),
+            "Routing::Multicast::MvpnIntfStatus");
+}
+
+TEST_F(VrfStatusTest, CorruptionDuringWalksEndsThemQuietly) {
+  auto s = mvpnVrfStatusFactory("bgp");
+  std::vector<std::string> reports;
+  s->mvpnVrfCorruptionHandlerIs([&](const std::string& m) { reports.push_back(m); });
+  s->mount(ShmAttach{"c/vrf", ShmRole::writer});
+  s->mvpnVrfIs(MvpnVrf(VrfId(1)));
+  ASSERT_TRUE(shmtest::damageTable("c/vrf", "mvpnVrf"));
+  s->mvpnVrfDelAll();
+  ASSERT_EQ(reports.size(), 1u);
+  EXPECT_THAT(reports[0], HasSubstr("corrupt"));
+  Oro::DumpContext dc;
+  s->dumpState(dc, 0);
+  EXPECT_EQ(dc.str(), "MvpnVrfStatus #1:\n");
+  EXPECT_EQ(reports.size(), 2u);
+
+  auto i = mvpnIntfStatusFactory("intf");
+  i->vrfIntfIdCorruptionHandlerIs([&](const std::string& m) { reports.push_back(m); });
+  i->mount(ShmAttach{MvpnIntfStatus::mountPath(), ShmRole::writer});
+  i->vrfIntfIdIs(MvpnVrfIntfId(VrfId(1), Nevo::IntfId::vlan(5)));
+  ASSERT_TRUE(shmtest::damageTable(MvpnIntfStatus::mountPath(), "vrfIntfId"));
+  EXPECT_FALSE(i->isPmsiIntfId(Nevo::IntfId::vlan(5)));
+  EXPECT_EQ(reports.size(), 3u);
+}
+
+TEST_F(VrfStatusDeathTest, CorruptionDuringAWriteIsFatalAfterTheHandlerDeathTest) {
+  auto s = mvpnVrfStatusFactory("bgp");
+  s->mvpnVrfCorruptionHandlerIs(
+      [](const std::string& m) { fprintf(stderr, "handler saw: %s\n", m.c_str()); });
+  // Death tests run the test again in a new process: each process damages a store of its own.
+  const std::string path = fmt::format("c/write{}", ::getpid());
+  s->mount(ShmAttach{path, ShmRole::writer});
+  s->mvpnVrfIs(MvpnVrf(VrfId(1)));
+  ASSERT_TRUE(shmtest::damageTable(path, "mvpnVrf"));
+  EXPECT_DEATH(s->mvpnVrfIs(MvpnVrf(VrfId(2))),
+               "handler saw: .*corrupt(.|\n)*write of mvpnVrf met a corrupt shared memory table");
+  EXPECT_DEATH(s->mvpnVrfDel(VrfId(1)),
+               "handler saw: .*corrupt(.|\n)*removal of mvpnVrf met a corrupt shared memory");
+}
+
+TEST_F(VrfStatusTest, IntfStatusPmsiLookupAndDeletion) {
+  auto i = mvpnIntfStatusFactory("intf");
+  EXPECT_FALSE(i->isPmsiIntfId(Nevo::IntfId::vlan(7)));
+  i->vrfIntfIdIs(MvpnVrfIntfId(VrfId(1), Nevo::IntfId::vlan(7)));
+  i->vrfIntfIdIs(MvpnVrfIntfId(VrfId(2), Nevo::IntfId::vlan(7)));
+  i->vrfIntfIdIs(MvpnVrfIntfId(VrfId(3), Nevo::IntfId::vlan(8)));
+  EXPECT_TRUE(i->isPmsiIntfId(Nevo::IntfId::vlan(7)));
+  KeyLog<VrfId> seen(i.get(), MvpnIntfStatus::vrfIntfIdAttr);
+  EXPECT_EQ(i->vrfIntfIdDel(VrfId(9)), MvpnVrfIntfId());  // absent: the default record
+  EXPECT_TRUE(seen.keys.empty());
+  i->vrfIntfIdDel(VrfId(1));
+  EXPECT_TRUE(i->isPmsiIntfId(Nevo::IntfId::vlan(7)));
+  i->vrfIntfIdDel(VrfId(2));
+  EXPECT_FALSE(i->isPmsiIntfId(Nevo::IntfId::vlan(7)));
+  EXPECT_EQ(seen.keys, (std::vector<VrfId>{1, 2}));
+  EXPECT_EQ(i->delCounter().name(), "vrfIntfIdDel");
+  EXPECT_EQ(i->delCounter().value(), 3u);
+}
+
+TEST_F(VrfStatusTest, ReaderInAnotherProcessPublishesTheWritersKeys) {
+  const std::string path = MvpnVrfStatus::mountPath(Nevo::ipv4, evpn_);
+  shmtest::Pipe ready, go;
+  const pid_t child = shmtest::forkChild([&] {
+    auto w = mvpnVrfStatusFactory("evpn");
+    w->mvpnVrfIs(MvpnVrf(VrfId(1), evpn_));  // before mounting
+    w->mount(ShmAttach{path, ShmRole::writer});
+    ready.send();
+    if (!go.receive()) return 3;
+    for (uint32_t k = 2; k < 200; ++k) w->mvpnVrfIs(MvpnVrf(VrfId(k), evpn_));
+    for (uint32_t k = 2; k < 200; k += 2) w->mvpnVrfDel(VrfId(k));
+    w->mvpnVrfIs(MvpnVrf(VrfId(1000), evpn_));
+    return 0;
+  });
+  ASSERT_TRUE(ready.receive());
+  Oro::TaskScheduler sched;
+  auto r = mvpnVrfStatusFactory("evpn");
+  std::set<VrfId> seen;
+  // The first dispatch's walk may report a key written after the walk began (1000) before
+  // earlier changes still in the log: it is done when every key was heard of.
+  Oro::KeyReactor<VrfId> reactor(MvpnVrfStatus::mvpnVrfAttr, [&](const VrfId& k) {
+    seen.insert(k);
+    if (seen.size() == 200) sched.stop();
+  });
+  reactor.notifierIs(r.get());
+  r->mount(ShmAttach{path, ShmRole::reader, &sched});
+  go.send();
+  sched.runUntil(Oro::TaskScheduler::Clock::now() + 20s);
+  EXPECT_EQ(shmtest::waitChild(child), 0);
+  ASSERT_TRUE(seen.count(VrfId(1000)));
+  for (uint32_t k = 1; k < 200; ++k) {
+    EXPECT_TRUE(seen.count(VrfId(k))) << k;
+    const bool present = k == 1 || k % 2 == 1;
+    EXPECT_EQ(r->mvpnVrf(VrfId(k)),
+              present ? std::optional<MvpnVrf>(MvpnVrf(VrfId(k), evpn_)) : std::nullopt);
+  }
+  EXPECT_GE(r->notifyCounter().value(), seen.size());
+}
+
+using Bytes = std::vector<uint8_t>;
+using ::testing::Property;
+using ::testing::StrEq;
+using ::testing::Throws;
+using ::testing::ThrowsMessage;
+
+Bytes bytesOf(const Oro::PbWriteBuffer& b) {
+  return Bytes(b.data(), b.data() + b.size());
+}
+
+// Parses a value form as a record of type R; a range error must name `attribute`.
+template <class R>
+void expectBadAttribute(const char* text, const char* attribute) {
+  using E = Oro::DeserializationException;
+  Oro::CharRange in(text);
+  EXPECT_THAT([&] { R{in}; }, Throws<E>(Property(&E::attribute, attribute))) << text;
+}
+
+template <class R>
+void expectWireError(const Bytes& bytes) {
+  Oro::PbReadBuffer in(bytes);
+  R got;
+  EXPECT_THAT([&] { constructFromPbMessage(&got, in); },
+              ThrowsMessage<Oro::ProtobufReadException>(
+                  StrEq("Unexpected error when reading Protobuf bytes")));
+}
+
+// One embedded message holding a single field `number` of wire type `wireType`.
+Bytes messageWithField(uint32_t number, uint8_t wireType) {
+  Oro::PbWriteBuffer out;
+  auto s = out.openSection();
+  out.writeTag(number, wireType);
+  wireType == Oro::kPbVarint ? out.writeVarint(5) : out.writeLengthDelimited(std::string_view("a"));
+  out.closeSection(s);
+  return bytesOf(out);
+}
+
+TEST(MvpnVrfTest, EqualityOrderTextDumpAndValueForm) {
+  const MvpnVrf def;
+  EXPECT_EQ(def.key(), VrfId(16777215));
+  EXPECT_EQ(def.client(), bgp_);
+  const MvpnVrf a(VrfId(12), evpn_), b(VrfId(12), staticMvpn_);
+  EXPECT_FALSE(a.isEq(b));
+  EXPECT_LT(b, a);  // same key: client decides
+  EXPECT_LT(MvpnVrf(VrfId(3), staticEvpn_), b);
+  EXPECT_EQ(a.toStrep(), "12");
+  EXPECT_EQ(a.toStrep(), b.toStrep());  // the client is not part of the text
+  Oro::DumpContext dc;
+  a.dumpState(dc, 0);
+  a.dumpState(dc, 4);
+  EXPECT_EQ(dc.str(), "VRF 12\n    VRF 12\n");
+
+  // The value form carries the client.
+  const MvpnVrf c(VrfId(12), staticEvpn_);
+  const std::string text = c.toValueForm();
+  EXPECT_EQ(text, "Value('Routing::Multicast::MvpnVrf', ** {'key': 12, 'client': staticEvpn})");
+  Oro::CharRange in(text);
+  EXPECT_EQ(MvpnVrf(in), c);
+  for (const std::string& bad :
+       {text + " ",
+        std::string("Value('Routing::Multicast::Other', ** {'key': 1, 'client': bgp})")}) {
+    Oro::CharRange r(bad);
+    EXPECT_THROW(MvpnVrf{r}, Oro::ParseException) << bad;
+  }
+  expectBadAttribute<MvpnVrf>(
+      "Value('Routing::Multicast::MvpnVrf', ** {'key': 99999999999, 'client': bgp})", "key");
+  expectBadAttribute<MvpnVrf>("Value('Routing::Multicast::MvpnVrf', ** {'key': 1, 'client': nope})",
+                              "client");
+}
+
+TEST(MvpnVrfTest, WireFormBytesReadingAndErrors) {
+  Oro::PbWriteBuffer out;
+  writeMessage(out, MvpnVrf(VrfId(7), bgp_));
+  EXPECT_EQ(bytesOf(out), (Bytes{0xB0, 0xD5, 0x07, 0x07, 0xC0, 0xE6, 0x0F, 0x00}));
+
+  Oro::PbWriteBuffer framed;
+  const MvpnVrf v(VrfId(300), staticEvpn_);
+  writePbMessage(framed, v);
+  framed.writeVarint(99);  // something after the message
+  Oro::PbReadBuffer in(framed.bytes());
+  MvpnVrf got;
+  constructFromPbMessage(&got, in);
+  EXPECT_EQ(got, v);
+  EXPECT_EQ(in.readVarint(), 99u);
+
+  // Only the client field: the key keeps its default. An unknown field in between is skipped.
+  Oro::PbWriteBuffer partial;
+  auto s = partial.openSection();
+  partial.writeTag(20000, Oro::kPbLengthDelimited);
+  partial.writeLengthDelimited(std::string_view("zz"));
+  partial.writeTag(MvpnVrf::kClientField, Oro::kPbVarint);
+  partial.writeVarint(0x103);  // truncated to 8 bits: 3
+  partial.closeSection(s);
+  Oro::PbReadBuffer pin(partial.bytes());
+  constructFromPbMessage(&got, pin);
+  EXPECT_EQ(got, MvpnVrf(VrfId(16777215), evpn_));
+
+  // A zero length reads nothing.
+  const Bytes empty{0x00};
+  Oro::PbReadBuffer ein(empty);
+  MvpnVrf keep(VrfId(5), evpn_);
+  readMessage(ein, keep);
+  EXPECT_EQ(keep, MvpnVrf(VrfId(5), evpn_));
+  EXPECT_TRUE(ein.atEnd());
+
+  // Bad bytes raise.
+  const Bytes keyAsBytes = messageWithField(MvpnVrf::kKeyField, Oro::kPbLengthDelimited);
+  expectWireError<MvpnVrf>(keyAsBytes);
+  Oro::PbReadBuffer cin(keyAsBytes);
+  EXPECT_THROW(readMessageField(cin, MvpnVrf::kClientField, Oro::kPbFixed32, got),
+               Oro::ProtobufReadException);
+  // A length that runs past the buffer; the record is left as it was.
+  const Bytes truncated{0x08, 0xB0, 0xD5, 0x07, 0x07};
+  Oro::PbReadBuffer tin(truncated);
+  MvpnVrf t(VrfId(1), evpn_);
+  EXPECT_THROW(readMessage(tin, t), Oro::ProtobufReadException);
+  EXPECT_EQ(t, MvpnVrf(VrfId(1), evpn_));
+}
+
+TEST(MvpnVrfIntfIdTest, ValuesTextAndWireForms) {
+  const MvpnVrfIntfId def;
+  EXPECT_EQ(def.key(), VrfId(16777215));
+  EXPECT_TRUE(def.pmsiIntfId().empty());
+  const MvpnVrfIntfId a(VrfId(4), Nevo::IntfId::vlan(10)), b(VrfId(4), Nevo::IntfId::vlan(11));
+  EXPECT_LT(a, b);
+  EXPECT_LT(MvpnVrfIntfId(VrfId(3), Nevo::IntfId::vlan(99)), a);
+  EXPECT_FALSE(a.isEq(b));
+
+  const std::string text = a.toValueForm();
+  Oro::CharRange in(text);
+  EXPECT_EQ(MvpnVrfIntfId(in), a);
+  expectBadAttribute<MvpnVrfIntfId>(
+      "Value('Routing::Multicast::MvpnVrfIntfId', ** {'key': 4444444444, 'pmsiIntfId': Vlan10})",
+      "key");
+
+  Oro::PbWriteBuffer out;
+  writeMessage(out, MvpnVrfIntfId(VrfId(7), Nevo::IntfId(5)));
+  // key tag + 7, pmsiIntfId tag, length 3, inner tag 54152 as varint, value 5.
+  EXPECT_EQ(bytesOf(out),
+            (Bytes{0xB0, 0xD5, 0x07, 0x07, 0xB2, 0x88, 0x0B, 0x04, 0x88, 0xA7, 0x03, 0x05}));
+  Oro::PbWriteBuffer framed;
+  writePbMessage(framed, a);
+  Oro::PbReadBuffer fin(framed.bytes());
+  MvpnVrfIntfId got;
+  constructFromPbMessage(&got, fin);
+  EXPECT_EQ(got, a);
+  expectWireError<MvpnVrfIntfId>(messageWithField(MvpnVrfIntfId::kPmsiIntfIdField, Oro::kPbVarint));
+}
+
+// --- the route status tree ---
+
+using Nevo::IpGenAddr;
+using Nevo::IpGenPrefix;
+using Flags = MvpnSource::SourceFlags;
+
+const auto v4 = [](uint32_t a) { return IpGenAddr::ipv4Addr(a); };
+const auto prefix = [](uint32_t a, unsigned len) { return IpGenPrefix(v4(a), len); };
+
+class RouteStatusTest : public shmtest::ShmTest {
+ protected:
+  void TearDown() override {
+    Oro::toggleReset("MvpnGroupTylModel");
+    ShmTest::TearDown();
+  }
+};
+using RouteStatusDeathTest = RouteStatusTest;
+
+TEST_F(RouteStatusTest, SourcesAndTheGroupLifetimeRule) {
+  auto root = mvpnRouteStatusFactory("bgp");
+  auto vrf = root->vrfRouteStatusIs(VrfId(5));
+  EXPECT_EQ(root->vrfRouteStatusIs(VrfId(5)), vrf);  // the same entity, not a new one
+  const IpGenAddr g = v4(0xef010101), s1 = v4(0x0a010101), s2 = v4(0x0a010102);
+  const MvpnSource rec = vrf->mvpnSourceIs(g, s1, prefix(0x0a010100, 24), true, Flags(2));
+  EXPECT_EQ(rec, MvpnSource(s1, prefix(0x0a010100, 24), Flags(2)));
+  ASSERT_TRUE(vrf->mvpnGroup(g));
+  // The same source on both trees; removing it from one keeps the group.
+  vrf->mvpnSourceIs(g, s1, prefix(0x0a010100, 24), false, Flags(0));
+  EXPECT_EQ(vrf->mvpnSourceDel(g, s1, true), rec);
+  ASSERT_TRUE(vrf->mvpnGroup(g));
+  EXPECT_FALSE(vrf->mvpnSharedTree(g));
+  EXPECT_EQ(vrf->mvpnSource(g, s1, false), MvpnSource(s1, prefix(0x0a010100, 24), Flags(0)));
+  EXPECT_EQ(vrf->mvpnSource(g, s1, true), MvpnSource());
+  EXPECT_EQ(vrf->mvpnSource(v4(0xef020202), s1, false), MvpnSource());
+  EXPECT_EQ(vrf->mvpnSourceDel(g, s1, false).source(), s1);  // both trees empty: the group goes
+  EXPECT_FALSE(vrf->mvpnGroup(g));
+  // Deleting from a group that does not exist creates nothing; from an empty group deletes it.
+  EXPECT_EQ(vrf->mvpnSourceDel(g, s2, true), MvpnSource());
+  EXPECT_FALSE(vrf->mvpnGroup(g));
+  vrf->mvpnGroupIs(g);
+  EXPECT_EQ(vrf->mvpnSourceDel(g, s2, true), MvpnSource());
+  EXPECT_FALSE(vrf->mvpnGroup(g));
+  // Counts over all groups.
+  for (uint32_t n = 0; n < 6; ++n) {
+    vrf->mvpnSourceIs(v4(0xef000000 + n % 3), v4(0x0a000000 + n), prefix(0, 0), n % 2 == 0,
+                      Flags());
+  }
+  EXPECT_EQ(vrf->mvpnSharedTrees(), 3u);
+  EXPECT_EQ(vrf->mvpnSourceTrees(), 3u);
+  EXPECT_FALSE(vrf->mvpnSharedTree(v4(0xef999999)));
+  // The flat route model stores records unchecked (the flags invariant is the writer's).
+  const MvpnRouteKey rk(s1, g, true);
+  const MvpnRoute bad(rk, prefix(0x0a010100, 24), MvpnRoute::RouteFlags(2));
+  vrf->mvpnRouteIs(bad);
+  EXPECT_EQ(vrf->mvpnRoute(rk), bad);
+  EXPECT_EQ(vrf->mvpnRouteDel(rk), bad);
+  EXPECT_EQ(vrf->mvpnRouteDel(rk), MvpnRoute());
+  EXPECT_EQ(root->counters(RouteStatusStore::kMvpnRoute).del.value(), 2u);
+}
+
+TEST_F(RouteStatusTest, DumpsInBothModels) {
+  auto root = mvpnRouteStatusFactory("bgp");
+  Oro::DumpContext empty;
+  root->dumpState(empty, 0);
+  EXPECT_EQ(empty.str(), "MvpnRouteStatus #0:\n");
+  auto vrf = root->vrfRouteStatusIs(VrfId(5));
+  vrf->mvpnSourceIs(v4(0xef010101), v4(0x0a010101), prefix(0x0a010100, 24), true, Flags(2));
+  vrf->mvpnRouteIs(MvpnRoute(MvpnRouteKey(v4(0x0a010101), v4(0xef010101), false),
+                             prefix(0x0a010100, 24), MvpnRoute::RouteFlags(7)));
+  Oro::toggleOverride("MvpnGroupTylModel", true);
+  Oro::DumpContext groups;
+  root->dumpState(groups, 0);
+  EXPECT_EQ(groups.str(),
+            "MvpnRouteStatus #1:\n"
+            "  VRF ID: 5\n"
+            "    MVPN Groups #1\n"
+            "      Group: 239.1.1.1\n"
+            "        Shared tree: #1\n"
+            "          10.1.1.1: UMH: 10.1.1.0/24, (S,G)\n"
+            "        Source tree: #0\n");
+  Oro::toggleOverride("MvpnGroupTylModel", false);
+  Oro::DumpContext routes;
+  root->dumpState(routes, 4);
+  EXPECT_EQ(routes.str(),
+            "    MvpnRouteStatus #1:\n"
+            "      VRF ID: 5\n"
+            "        MVPN Routes #1\n"
+            "          " +
+                vrf->mvpnRoute(MvpnRouteKey(v4(0x0a010101), v4(0xef010101), false))->toStrep() +
+                "\n");
+  // A VRF reached twice in one dump is printed once, then reported.
+  root->dumpState(routes, 0);
+  EXPECT_THAT(routes.str(), HasSubstr("  MvpnVrfRouteStatus (already printed)\n"));
+}
+
+TEST_F(RouteStatusDeathTest, RootsAreMadeInTheStoresHeapByItsCreatorGivenAnInitializerDeathTest) {
+  Oro::CountingHeap& heap = Oro::ShmEntityStore::heap();
+  const uint64_t before = heap.allocations();
+  auto root = mvpnRouteStatusFactory("x");
+  EXPECT_EQ(heap.allocations(), before + 1);
+  EXPECT_EQ(&Oro::EntityHeap::current(), &Oro::EntityHeap::process());
+  heap.failIs(true);
+  EXPECT_THROW(mvpnRouteStatusFactory("y"), Oro::NullPointerException);
+  heap.failIs(false);
+  EXPECT_EQ(&Oro::EntityHeap::current(), &Oro::EntityHeap::process());
+  const Oro::ShmEntityStore::Initializer init{"t/created", ShmRole::writer};
+  Oro::Ptr<Oro::Entity> made =
+      Oro::ShmEntityStore::createRoot(MvpnRouteStatus::kTypeName, "z", &init);
+  auto* created = static_cast<MvpnRouteStatus*>(made.get());
+  EXPECT_EQ(created->name(), "z");
+  EXPECT_EQ(created->binding().mountPath(), "t/created");
+  EXPECT_DEATH(Oro::ShmEntityStore::createRoot(MvpnRouteStatus::kTypeName, "x", nullptr),
+               "Assertion failed: initializer");
+}
+
+TEST_F(RouteStatusTest, ADeletedVrfKeepsItsRecordsForWhoeverHoldsIt) {
+  auto root = shmtest::mounted(mvpnRouteStatusFactory("bgp"), {"t/departed", ShmRole::writer});
+  auto vrf = root->vrfRouteStatusIs(VrfId(9));
+  vrf->mvpnSourceIs(v4(0xef010101), v4(0x0a010101), prefix(0, 0), true, Flags());
+  const MvpnRoute route(MvpnRouteKey(v4(1), v4(0xef010101), true), prefix(0, 0), {});
+  vrf->mvpnRouteIs(route);
+  root->vrfRouteStatusDel(VrfId(9));
+  EXPECT_FALSE(root->vrfRouteStatus(VrfId(9)));
+  EXPECT_EQ(vrf->mvpnRoute(route.key()), route);
+  EXPECT_EQ(vrf->mvpnGroupSize(), 1u);
+  EXPECT_EQ(vrf->mvpnSharedTrees(), 1u);
+  // A new VRF under the same id is another entity, empty.
+  auto again = root->vrfRouteStatusIs(VrfId(9));
+  EXPECT_NE(again, vrf);
+  EXPECT_EQ(again->mvpnRouteSize(), 0u);
+}
+
+// Random source and group operations against a plain model of the trees.
+TEST_F(RouteStatusTest, RandomOperationsMatchAModel) {
+  for (const bool mounted : {false, true}) {
+    auto root = mvpnRouteStatusFactory("bgp");
+    if (mounted) root->mount(ShmAttach{"t/model", ShmRole::writer});
+    using Trees = std::map<bool, std::map<IpGenAddr, MvpnSource>>;
+    std::map<uint32_t, std::map<IpGenAddr, Trees>> model;  // vrf -> group -> trees
+    std::mt19937 rng(mounted ? 11 : 12);
+    for (int step = 0; step < 4000; ++step) {
+      const uint32_t v = rng() % 3;
+      const IpGenAddr g = v4(0xef000000 + rng() % 5), s = v4(0x0a000000 + rng() % 6);
+      const bool shared = rng() % 2;
+      auto vrf = root->vrfRouteStatusIs(VrfId(v));
+      auto& groups = model[v];
+      switch (rng() % 6) {
+        case 0:
+        case 1: {
+          const MvpnSource rec(s, prefix(rng() % 256, 8), Flags(rng() % 8));
+          EXPECT_EQ(vrf->mvpnSourceIs(g, s, rec.umhPrefix(), shared, rec.sourceFlags()), rec);
+          groups[g][shared][s] = rec;
+          break;
+        }
+        case 2: {
+          MvpnSource want;
+          if (auto it = groups.find(g); it != groups.end()) {
+            if (auto r = it->second[shared].find(s); r != it->second[shared].end()) {
+              want = r->second;
+              it->second[shared].erase(r);
+            }
+            if (it->second[true].empty() && it->second[false].empty()) groups.erase(it);
+          }
+          EXPECT_EQ(vrf->mvpnSourceDel(g, s, shared), want);
+          break;
+        }
+        case 3:
+          vrf->mvpnGroupIs(g);
+          groups[g];
+          break;
+        case 4:
+          vrf->mvpnGroupDel(g);
+          groups.erase(g);
+          break;
+        case 5:
+          if (rng() % 10 == 0) {
+            root->vrfRouteStatusDel(VrfId(v));
+            model.erase(v);
+          }
+          break;
+      }
+    }
+    for (const auto& [v, groups] : model) {
+      auto vrf = root->vrfRouteStatus(VrfId(v));
+      ASSERT_TRUE(vrf);
+      ASSERT_EQ(vrf->mvpnGroupSize(), groups.size());
+      uint32_t shared = 0, source = 0;
+      for (const auto& [g, trees] : groups) {
+        auto group = vrf->mvpnGroup(g);
+        ASSERT_TRUE(group) << g.toStrep();
+        for (const bool which : {true, false}) {
+          const auto it = trees.find(which);
+          const size_t n = it == trees.end() ? 0 : it->second.size();
+          EXPECT_EQ(which ? group->sharedTreeSize() : group->sourceTreeSize(), n);
+          (which ? shared : source) += static_cast<uint32_t>(n);
+          if (it == trees.end()) continue;
+          for (const auto& [s, rec] : it->second) EXPECT_EQ(vrf->mvpnSource(g, s, which), rec);
+        }
+      }
+      EXPECT_EQ(vrf->mvpnSharedTrees(), shared);
+      EXPECT_EQ(vrf->mvpnSourceTrees(), source);
+    }
+  }
+}
+
+// A reader's copy of a tree, and every change it was told of, by level.
+struct TreeCopy {
+  std::map<std::tuple<uint32_t, uint32_t, bool, uint32_t>, MvpnSource> sources;
+  std::map<std::pair<uint32_t, MvpnRouteKey>, MvpnRoute> routes;
+  bool operator==(const TreeCopy&) const = default;
+};
+
+TreeCopy copyOf(const MvpnRouteStatus& root) {
+  TreeCopy t;
+  for (auto v = root.vrfRouteStatusIter(); v.valid(); v.next()) {
+    auto vrf = v.value();
+    for (auto r = vrf->mvpnRouteIter(); r.valid(); r.next()) {
+      t.routes[{vrf->vrfId().value(), r.key()}] = r.value();
+    }
+    for (auto g = vrf->mvpnGroupIter(); g.valid(); g.next()) {
+      auto group = g.value();
+      auto copyTree = [&](auto s, bool shared) {
+        for (; s.valid(); s.next()) {
+          t.sources[{vrf->vrfId().value(), group->group().v4HostOrder(), shared,
+                     s.key().v4HostOrder()}] = s.value();
+        }
+      };
+      copyTree(group->sharedTreeIter(), true);
+      copyTree(group->sourceTreeIter(), false);
+    }
+  }
+  return t;
+}
+
+// The writer's random tree changes (VRFs, groups, sources, routes, whole VRFs and groups).
+void changeTree(MvpnRouteStatus& root, std::mt19937& rng, int steps) {
+  for (int step = 0; step < steps; ++step) {
+    const uint32_t v = 1 + rng() % 6;
+    const IpGenAddr g = v4(0xef000000 + rng() % 4), s = v4(0x0a000000 + rng() % 8);
+    switch (rng() % 10) {
+      case 0:
+        root.vrfRouteStatusDel(VrfId(v));
+        break;
+      case 1:
+        if (auto vrf = root.vrfRouteStatus(VrfId(v))) vrf->mvpnGroupDel(g);
+        break;
+      case 2:
+      case 3:
+        root.vrfRouteStatusIs(VrfId(v))->mvpnSourceDel(g, s, rng() % 2);
+        break;
+      case 4:
+        root.vrfRouteStatusIs(VrfId(v))->mvpnRouteIs(
+            MvpnRoute(MvpnRouteKey(s, g, true), prefix(rng() % 256, 8), {}));
+        break;
+      case 5:
+        root.vrfRouteStatusIs(VrfId(v))->mvpnRouteDel(MvpnRouteKey(s, g, true));
+        break;
+      default:
+        root.vrfRouteStatusIs(VrfId(v))->mvpnSourceIs(g, s, prefix(rng() % 256, 8), rng() % 2,
+                                                      Flags(rng() % 8));
+    }
+  }
+}
+
+TEST_F(RouteStatusTest, AReaderInAnotherProcessFollowsTheTreeAtEveryLevel) {
+  const std::string path = MvpnRouteStatus::mountPath(Nevo::ipv4, bgp_);
+  shmtest::Pipe ready, go, done;
+  const pid_t writer = shmtest::forkChild([&] {
+    auto root = mvpnRouteStatusFactory("bgp");
+    root->mount(ShmAttach{path, ShmRole::writer, nullptr, 0600, 64});
+    std::mt19937 rng(99);
+    changeTree(*root, rng, 200);
+    ready.send();
+    if (!go.receive()) return 3;
+    changeTree(*root, rng, 3000);        // with a small log: overruns on the way
+    root->vrfRouteStatusIs(VrfId(100));  // the end marker
+    if (!done.receive()) return 4;
+    return 0;
+  });
+  ASSERT_TRUE(ready.receive());
+  Oro::TaskScheduler sched;
+  auto reader = mvpnRouteStatusFactory("bgp");
+  // Every level's notifications: VRFs from the root; routes and groups from each VRF;
+  // sources from each group (subscriptions follow the entities as they appear).
+  std::set<std::string> levels;
+  struct Reactor : Oro::Notifiee {
+    std::function<void(Oro::AttrId, const void*)> fn;
+    void onAttributeKey(Oro::AttrId a, const void* k) override { fn(a, k); }
+  };
+  std::map<const void*, std::unique_ptr<Reactor>> watches;
+  auto watch = [&](Oro::Entity* e, std::function<void(Oro::AttrId, const void*)> fn) {
+    if (!e || watches.count(e)) return;
+    auto& r = watches[e] = std::make_unique<Reactor>();
+    r->fn = std::move(fn);
+    r->notifierIs(e);
+  };
+  auto onGroup = [&](Oro::AttrId a, const void*) {
+    levels.insert(a == MvpnGroup::sharedTreeAttr ? "sharedTree" : "sourceTree");
+  };
+  Oro::KeyReactor<VrfId> onVrf(MvpnRouteStatus::vrfRouteStatusAttr, [&](const VrfId& v) {
+    levels.insert("vrf");
+    auto vrf = reader->vrfRouteStatus(v);
+    watch(vrf.get(), [&, vrf = vrf.get()](Oro::AttrId a, const void* k) {
+      levels.insert(a == MvpnVrfRouteStatus::mvpnRouteAttr ? "route" : "group");
+      if (a == MvpnVrfRouteStatus::mvpnGroupAttr) {
+        watch(vrf->mvpnGroup(*static_cast<const IpGenAddr*>(k)).get(), onGroup);
+      }
+    });
+    if (v == VrfId(100)) sched.stop();
+  });
+  onVrf.notifierIs(reader.get());
+  reader->mount(ShmAttach{path, ShmRole::reader, &sched});
+  go.send();
+  sched.runUntil(Oro::TaskScheduler::Clock::now() + 60s);  // ends at the marker
+  // A resynchronising walk may report the marker before changes still in the log.
+  sched.runUntilIdle();
+  ASSERT_TRUE(reader->vrfRouteStatus(VrfId(100)));
+  // The writer's tree as the reader sees it equals the tree a second, fresh reader rebuilds.
+  auto fresh = shmtest::mounted(mvpnRouteStatusFactory("bgp"), {path, ShmRole::reader});
+  EXPECT_TRUE(copyOf(*reader) == copyOf(*fresh));
+  EXPECT_EQ(levels, (std::set<std::string>{"vrf", "route", "group", "sharedTree", "sourceTree"}));
+  for (auto& [k, w] : watches) w->notifierIs(nullptr);
+  done.send();
+  EXPECT_EQ(shmtest::waitChild(writer), 0);
+}
+
+TEST_F(RouteStatusTest, AWriterKilledInNestedWritesLeavesAConsistentTreeToTakeOver) {
+  for (const auto point : {Oro::ShmFaultPoint::entityRemoved, Oro::ShmFaultPoint::pageLinked,
+                           Oro::ShmFaultPoint::insertCommitted, Oro::ShmFaultPoint::removeFreed}) {
+    SCOPED_TRACE(static_cast<int>(point));
+    const std::string path = fmt::format("t/killed{}", static_cast<int>(point));
+    const pid_t writer = shmtest::forkChild([&] {
+      auto root = shmtest::mounted(mvpnRouteStatusFactory("bgp"), {path, ShmRole::writer});
+      std::mt19937 rng(5);
+      changeTree(*root, rng, 300);
+      shmtest::faultAt(point, 3);
+      changeTree(*root, rng, 100000);
+      return 1;
+    });
+    ASSERT_EQ(shmtest::waitChild(writer), 128 + SIGKILL);
+    // Whole records, members only under live parents, counts that agree with walks.
+    auto reader = shmtest::mounted(mvpnRouteStatusFactory("bgp"), {path, ShmRole::reader});
+    for (auto v = reader->vrfRouteStatusIter(); v.valid(); v.next()) {
+      auto vrf = v.value();
+      size_t groups = 0;
+      for (auto g = vrf->mvpnGroupIter(); g.valid(); g.next(), ++groups) {
+        size_t n = 0;
+        for (auto s = g.value()->sharedTreeIter(); s.valid(); s.next()) ++n;
+        EXPECT_EQ(n, g.value()->sharedTreeSize());
+      }
+      EXPECT_EQ(groups, vrf->mvpnGroupSize());
+    }
+    const TreeCopy before = copyOf(*reader);
+    auto taken = shmtest::mounted(mvpnRouteStatusFactory("bgp"), {path, ShmRole::writer});
+    EXPECT_TRUE(copyOf(*taken) == before);
+    std::mt19937 rng(6);
+    changeTree(*taken, rng, 500);
+  }
+}
+
+}  // namespace
+}  // namespace Routing::Multicast
