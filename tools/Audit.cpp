@@ -6,6 +6,7 @@
 
 #include "merge/MergeAudit.h"
 #include "platform/Error.h"
+#include "platform/shm/ShmSegment.h"
 #include "platform/shm/ShmStoreInfo.h"
 #include "platform/shm/ShmVerify.h"
 #include "tools/MergerView.h"
@@ -187,6 +188,10 @@ bool check(const std::optional<std::string>& path, bool json) {
     } else {
       fmt::print("{}: {}\n{}", displayText(t.mountPath), line, detail);
     }
+  }
+  if (tables.empty() && !json) {
+    fmt::print("no status tables in shared-memory namespace '{}'\n",
+               displayText(Oro::shmNamespace()));
   }
   if (json) {
     fmt::print("{{\"ok\": {}, \"tables\": [{}{}]}}\n", ok, jsonTables,

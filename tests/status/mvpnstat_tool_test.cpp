@@ -153,6 +153,8 @@ TEST_F(MvpnstatToolTest, ReportsUnknownDamagedAndForeignTablesAndBadUsage) {
                  {"no status table at routing/multicast/vpn/vrfStatus/bgp"});
   mvpnstatExpect("show ../etc", 1);
   mvpnstatExpect("show", 2);
+  // An empty namespace is said to be empty, not passed over in silence.
+  mvpnstatExpect("check", 0, {"no status tables in shared-memory namespace"});
 
   // A store of another type at a VRF status path.
   Oro::ShmTable<Vrf::VrfIdMap::VrfId, uint64_t> foreign("Test::Other", "mvpnVrf", {});
