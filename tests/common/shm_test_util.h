@@ -4,6 +4,7 @@
 // need not poke at the engine's layout themselves.
 #pragma once
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/mman.h>
@@ -14,6 +15,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <string_view>
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
@@ -52,17 +54,30 @@ inline void faultAt(Oro::ShmFaultPoint p, int nth, int signal = SIGKILL) {
   Oro::shmFaultHookIs(&faultHook);
 }
 
-// Gives each test process its own segment namespace and removes its segments afterwards.
+// Gives each test process its own segment namespace and removes its segments afterwards. A
+// death test's child process runs the test again in a namespace of its own ("h4test<parent>d
+// <child>") and dies without a teardown: the parent's teardown removes those namespaces too.
 class ShmTest : public ::testing::Test {
  protected:
   void SetUp() override {
     previous_ = Oro::shmNamespace();
-    Oro::shmNamespaceIs(fmt::format("h4test{}", ::getpid()));
+    const bool deathChild = !GTEST_FLAG_GET(internal_run_death_test).empty();
+    Oro::shmNamespaceIs(deathChild ? fmt::format("h4test{}d{}", ::getppid(), ::getpid())
+                                   : fmt::format("h4test{}", ::getpid()));
     Oro::shmUnlinkNamespace();
   }
   // Back to the namespace the binary had, which its test environment removes at the end.
   void TearDown() override {
     Oro::shmUnlinkNamespace();
+    const std::string children = fmt::format("h4test{}d", ::getpid());
+    if (DIR* d = ::opendir("/dev/shm")) {
+      while (const dirent* e = ::readdir(d)) {
+        if (std::string_view(e->d_name).starts_with(children)) {
+          ::shm_unlink(("/" + std::string(e->d_name)).c_str());
+        }
+      }
+      ::closedir(d);
+    }
     Oro::shmNamespaceIs(previous_);
   }
 
