@@ -255,23 +255,26 @@ TEST(ShmBellTest, ARegistrationArrivingWhileTheWriterWakesForAnOlderOneIsKept) {
 }
 
 TEST_F(ShmReliabilityTest, ReadersAsleepCostOneWakeUpWhenDeadAndAreWokenByANewWriter) {
-  Attached w(ShmAttach{"r/sleep", ShmRole::writer});
-  Pipe asleep;
-  const pid_t child = forkChild([&] {
-    Attached r(ShmAttach{"r/sleep", ShmRole::reader});
-    drain(r);
-    std::vector<Oro::FutexWait> words;
-    r.reader()->sleepBegin(words);  // rings the doorbell, as a scheduler going to sleep does
-    asleep.send();
-    ::pause();
-    return 0;
-  });
-  ASSERT_TRUE(asleep.receive());
-  ::kill(child, SIGKILL);
-  waitChild(child);
-  const uint64_t before = w.store().bellWakes();
-  fill(w, 0, 10000);
-  EXPECT_LE(w.store().bellWakes() - before, 1u);
+  {
+    // In a scope of its own: the writer's threads end with it, before the next fork.
+    Attached w(ShmAttach{"r/sleep", ShmRole::writer});
+    Pipe asleep;
+    const pid_t child = forkChild([&] {
+      Attached r(ShmAttach{"r/sleep", ShmRole::reader});
+      drain(r);
+      std::vector<Oro::FutexWait> words;
+      r.reader()->sleepBegin(words);  // rings the doorbell, as a scheduler going to sleep does
+      asleep.send();
+      ::pause();
+      return 0;
+    });
+    ASSERT_TRUE(asleep.receive());
+    ::kill(child, SIGKILL);
+    waitChild(child);
+    const uint64_t before = w.store().bellWakes();
+    fill(w, 0, 10000);
+    EXPECT_LE(w.store().bellWakes() - before, 1u);
+  }
 
   // A reader that goes to sleep while its writer is dead finds no doorbell to ring; the next
   // writer, taking the store over, wakes it without being asked.
