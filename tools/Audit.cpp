@@ -83,6 +83,11 @@ void explain(const std::string& path, const std::string& key, bool json) {
   fmt::print("  merger: {}\n", m.phaseText());
 }
 
+void printNoTables() {
+  fmt::print("no status tables in shared-memory namespace '{}'\n",
+             displayText(Oro::shmNamespace()));
+}
+
 bool check(const std::optional<std::string>& path, bool json) {
   std::vector<Oro::ShmStoreInfo> tables;
   if (path) {
@@ -189,10 +194,7 @@ bool check(const std::optional<std::string>& path, bool json) {
       fmt::print("{}: {}\n{}", displayText(t.mountPath), line, detail);
     }
   }
-  if (tables.empty() && !json) {
-    fmt::print("no status tables in shared-memory namespace '{}'\n",
-               displayText(Oro::shmNamespace()));
-  }
+  if (tables.empty() && !json) printNoTables();
   if (json) {
     fmt::print("{{\"ok\": {}, \"tables\": [{}{}]}}\n", ok, jsonTables,
                jsonTables.empty() ? "" : "\n");

@@ -15,4 +15,7 @@ void explain(const std::string& path, const std::string& key, bool json);
 // integrity of every table involved. Returns whether everything is consistent.
 bool check(const std::optional<std::string>& path, bool json);
 
+// What list and check print for a namespace that holds no status table.
+void printNoTables();
+
 }  // namespace Mvpnstat

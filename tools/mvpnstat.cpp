@@ -205,8 +205,7 @@ void list(bool json) {
     return;
   }
   if (stores.empty()) {
-    fmt::print("no status tables in shared-memory namespace '{}'\n",
-               displayText(Oro::shmNamespace()));
+    Mvpnstat::printNoTables();
     return;
   }
   for (const auto& t : stores) {

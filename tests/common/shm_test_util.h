@@ -4,7 +4,6 @@
 // need not poke at the engine's layout themselves.
 #pragma once
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/mman.h>
@@ -15,7 +14,6 @@
 #include <cstdint>
 #include <functional>
 #include <string>
-#include <string_view>
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
@@ -55,33 +53,28 @@ inline void faultAt(Oro::ShmFaultPoint p, int nth, int signal = SIGKILL) {
 }
 
 // Gives each test process its own segment namespace and removes its segments afterwards. A
-// death test's child process runs the test again in a namespace of its own ("h4test<parent>d
-// <child>") and dies without a teardown: the parent's teardown removes those namespaces too.
+// death test's child process runs the test again and dies without a teardown: it works in
+// "h4test<parent>d" (one child at a time, each clearing what the one before left), which the
+// parent's teardown removes.
 class ShmTest : public ::testing::Test {
  protected:
   void SetUp() override {
     previous_ = Oro::shmNamespace();
     const bool deathChild = !GTEST_FLAG_GET(internal_run_death_test).empty();
-    Oro::shmNamespaceIs(deathChild ? fmt::format("h4test{}d{}", ::getppid(), ::getpid())
+    Oro::shmNamespaceIs(deathChild ? childNamespace(::getppid())
                                    : fmt::format("h4test{}", ::getpid()));
     Oro::shmUnlinkNamespace();
   }
   // Back to the namespace the binary had, which its test environment removes at the end.
   void TearDown() override {
     Oro::shmUnlinkNamespace();
-    const std::string children = fmt::format("h4test{}d", ::getpid());
-    if (DIR* d = ::opendir("/dev/shm")) {
-      while (const dirent* e = ::readdir(d)) {
-        if (std::string_view(e->d_name).starts_with(children)) {
-          ::shm_unlink(("/" + std::string(e->d_name)).c_str());
-        }
-      }
-      ::closedir(d);
-    }
+    Oro::shmNamespaceIs(childNamespace(::getpid()));
+    Oro::shmUnlinkNamespace();
     Oro::shmNamespaceIs(previous_);
   }
 
  private:
+  static std::string childNamespace(pid_t parent) { return fmt::format("h4test{}d", parent); }
   std::string previous_;
 };
 
