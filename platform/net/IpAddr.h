@@ -69,11 +69,14 @@ class IpGenAddr {
   friend bool operator==(const IpGenAddr&, const IpGenAddr&) = default;
   friend auto operator<=>(const IpGenAddr&, const IpGenAddr&) = default;
 
-  // Whether 20 bytes are the image of an address: a known family, zero padding, and nothing
-  // past the 4 bytes of an IPv4 address.
+  // Whether 20 bytes are the image of an address: a known family (an address is IPv4 unless
+  // made IPv6; nothing makes one of family ipunknown), zero padding, and nothing past the 4
+  // bytes of an IPv4 address.
   static bool shmImageValid(const std::byte* p) {
     const auto af = static_cast<uint8_t>(p[0]);
-    if (af > ipv6 || p[1] != std::byte{0} || p[2] != std::byte{0} || p[3] != std::byte{0}) return false;
+    if ((af != ipv4 && af != ipv6) || p[1] != std::byte{0} || p[2] != std::byte{0} ||
+        p[3] != std::byte{0})
+      return false;
     for (unsigned i = (af == ipv6 ? 16 : 4); i < 16; ++i) {
       if (p[4 + i] != std::byte{0}) return false;
     }

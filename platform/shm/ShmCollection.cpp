@@ -1002,10 +1002,11 @@ bool ShmCollection::put(const uint32_t* words, uint32_t* old, uint32_t* slotOut)
   storePtr_->fault(ShmFaultPoint::insertIndexed);
   uint32_t* s = slotPtr(slot);
   if (entity()) {
-    // A new entity: a new generation, and no members yet.
+    // A new entity: a new generation (never 0, which names no entity), and no members yet.
     uint32_t* sw = s + sideOffset_;
     for (uint32_t i = 1; i < desc_->sideWords; ++i) storeWord(sw + i, 0);
-    storeWord(sw + kSideGen, loadWord(sw + kSideGen) + 1, std::memory_order_release);
+    const uint32_t gen = loadWord(sw + kSideGen) + 1;
+    storeWord(sw + kSideGen, gen == 0 ? 1 : gen, std::memory_order_release);
   }
   storeWord(s, ((loadWord(s) & ~kSeqFlags) + kSeqStep) | kSeqOccupied, std::memory_order_release);
   storePtr_->fault(ShmFaultPoint::insertCommitted);
@@ -1106,10 +1107,46 @@ void ShmCollection::reserve(uint32_t records) {
 
 // ---- take-over --------------------------------------------------------------------------
 
+// Carving takes slots and page directory entries past the high-water mark as empty. They are
+// unless someone else wrote there (a lowered mark would bring old records back to life in
+// the next carved page): a writer taking over zeroes them, giving whole pages back rather than
+// writing zeros into memory nothing uses.
+void ShmCollection::clearBeyondHighWater() {
+  const uint32_t hw = highWater();
+  for (uint32_t c = 0; c < chunks_.size(); ++c) {
+    const uint32_t base = chunkFirstSlot(c);
+    if (base + chunkSlots(c) <= hw) continue;
+    const uint32_t from = std::max(hw, base) - base;
+    const size_t slotBytes = size_t{chunkSlots(c)} * slotWords_ * 4;
+    auto clear = [&](size_t at, size_t end) {
+      const size_t aligned = std::min(end, pageRound(at));
+      std::memset(reinterpret_cast<std::byte*>(chunks_[c].base) + at, 0, aligned - at);
+      if (aligned < end && !chunks_[c].seg.decommit(aligned, end - aligned)) {
+        std::memset(reinterpret_cast<std::byte*>(chunks_[c].base) + aligned, 0, end - aligned);
+      }
+    };
+    clear(size_t{from} * slotWords_ * 4, slotBytes);
+    if (nested()) {
+      clear(slotBytes + size_t{from / kMinPageSlots} * sizeof(PageEntry), chunkBytes(c));
+    }
+  }
+  if (!chunks_.empty()) {
+    // What was committed past the mark may be gone now: commit the last chunk's used part anew.
+    const uint32_t last = static_cast<uint32_t>(chunks_.size()) - 1;
+    lastCommitted_ = 0;
+    dirCommitted_ = 0;
+    if (hw_ > chunkFirstSlot(last)) ensureCommitted(hw_);
+  }
+}
+
 void ShmCollection::recover() {
   dropGrowth();
   freeSlots_.clear();
   for (auto& f : freePages_) f.clear();
+  if (highWater() % kMinPageSlots != 0 && nested()) {
+    storePtr_->corrupt(fmt::format("collection {}: carved {} slots", index_, highWater()));
+  }
+  clearBeyondHighWater();
   const uint32_t hw = highWater();
   uint32_t records = 0;
   if (!nested()) {
@@ -1124,7 +1161,6 @@ void ShmCollection::recover() {
     }
     std::reverse(freeSlots_.begin(), freeSlots_.end());  // reuse low slots first
   } else {
-    if (hw % kMinPageSlots != 0) storePtr_->corrupt(fmt::format("collection {}: carved {} slots", index_, hw));
     ShmCollection& p = *storePtr_->colls_[parent_];
     // Pages reachable from a live parent's chain are kept; every other page (its owner gone,
     // or carved but never linked) is emptied and freed.

@@ -133,6 +133,7 @@ class ShmCollection {
   void mapChunks() const;
   void addChunk();
   void ensureCommitted(uint32_t end);
+  void clearBeyondHighWater();
   bool keyEquals(uint32_t slot, const uint32_t* keyWords) const;
   uint64_t hashKey(const uint32_t* keyWords) const { return ShmLayout::hashWords(keyWords, kw_); }
 

@@ -262,17 +262,8 @@ class ShmValues : public ShmHandleBase {
     if constexpr (Traits::blobs) blob = Traits::blobOf(r);
     ShmStore::Record prev;
     const bool added = s.put(kColl, words, blob, old ? &prev : nullptr);
-    if (old) {
-      if (added) {
-        *old = std::nullopt;
-      } else {
-        Key k;
-        Record v;
-        decode(prev, &k, &v);
-        *old = v;
-      }
-    }
     s.publishKey(kColl, words);
+    if (old) *old = added ? std::nullopt : std::optional<Record>(decodeReplaced(prev));
     return added;
   }
 
@@ -292,11 +283,8 @@ class ShmValues : public ShmHandleBase {
     shmKeyImage(s, kColl, parent_, key, words);
     ShmStore::Record prev;
     if (!s.remove(kColl, words, &prev)) return false;
-    if (removed) {
-      Key k;
-      decode(prev, &k, removed);
-    }
     s.publishKey(kColl, words);
+    if (removed) *removed = decodeReplaced(prev);
     return true;
   }
 
@@ -382,6 +370,20 @@ class ShmValues : public ShmHandleBase {
     *key = shmKeyOf<Key>(s, kColl, rec.words);
     *value = Traits::readRecord(
         *key, reinterpret_cast<const std::byte*>(rec.words + s.keyWords(kColl)), rec.blob);
+  }
+  // The record a write replaced or removed, for the writer's caller. The write is done and
+  // published by then: a record someone else damaged is reported and handed back as a
+  // default record rather than failing a write that took place.
+  Record decodeReplaced(const ShmStore::Record& rec) const {
+    Key k;
+    Record v;
+    try {
+      decode(rec, &k, &v);
+    } catch (const ShmCorruptionException& e) {
+      binding_->handleCorruption(e.what());
+      return Record();
+    }
+    return v;
   }
 
   OnKey onKey_;

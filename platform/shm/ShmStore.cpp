@@ -23,6 +23,7 @@
 #include "platform/shm/ShmBell.h"
 #include "platform/shm/ShmCollection.h"
 #include "platform/shm/ShmGuard.h"
+#include "platform/shm/ShmVerify.h"
 
 namespace Oro {
 
@@ -736,6 +737,10 @@ ShmStore ShmStore::openWriter(const std::string& mountPath, const ShmStoreSchema
         s.attach(std::move(header), &schema, /*writable=*/true);
         s.writable_ = true;
         s.recover();
+        // Recovery completes what a dead writer left half done; what it cannot explain (parents
+        // without identity, chains through other parents' pages, stray index entries) is
+        // damage, which a writer must not build on.
+        if (std::string problem = shmStoreProblem(s); !problem.empty()) s.corrupt(problem);
         s.startBell();
         s.cleanLeftovers();
         s.wakeAllReaders();

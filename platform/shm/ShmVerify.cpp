@@ -40,6 +40,7 @@ enum class Kind : uint8_t {
   chain,
   parentCount,
   blob,
+  generation,
 };
 
 // A problem with what identifies it from one attempt to the next (slots, index positions, a
@@ -272,6 +273,7 @@ class Verifier {
       if (!cl.readSlot(slot, words, &seq)) continue;
       ++occupied;
       setBit(occupied_, slot);
+      if (cl.desc()->children != 0) checkGeneration(c, slot);
       if (cl.nested()) checkMember(c, slot, words);
       if (cl.blobs()) {
         BlobRef ref;
@@ -603,6 +605,21 @@ class Verifier {
     }
   }
 
+  // An entity's generation is never 0: its members could not name it.
+  void checkGeneration(uint32_t c, uint32_t slot) {
+    const uint32_t* w = coll(c).slotWordsAt(slot);
+    const uint32_t* gen = w + coll(c).sideWordsOffset() + kSideGen;
+    if (loadWord(gen, std::memory_order_acquire) != 0) return;
+    const bool bad = confirmed([&](const Op& op) {
+      return (loadWord(w, std::memory_order_acquire) & kSeqOccupied) &&
+             loadWord(gen, std::memory_order_acquire) == 0 && !opOn(c, op);
+    });
+    if (bad) {
+      add(c, Kind::generation, slot, 0,
+          fmt::format("the entity in slot {} has generation 0, which names no entity", slot));
+    }
+  }
+
   // A member's parent reference names a live entity whose page chain holds the member.
   void checkMember(uint32_t c, uint32_t slot, const uint32_t* words) {
     const ShmCollection& cl = coll(c);
@@ -745,6 +762,23 @@ void addOnce(std::vector<Finding>& to, const Finding& f) {
 }
 
 }  // namespace
+
+std::string shmStoreProblem(const ShmStore& store) {
+  std::vector<Finding> found;
+  size_t records = 0;
+  Verifier v(store);
+  try {
+    v.run(found, records);
+    store.checkIntact();
+  } catch (const ShmCorruptionException& e) {
+    return e.what();
+  }
+  if (found.empty()) return {};
+  const Finding& f = found.front();
+  return f.coll == kNoSlot
+             ? f.what
+             : fmt::format("collection {}: {}", store.schema().collections[f.coll].name, f.what);
+}
 
 ShmIntegrityReport shmVerifyStore(const std::string& mountPath) {
   ShmIntegrityReport report;

@@ -34,4 +34,9 @@ struct ShmIntegrityReport {
 // mapped at all is reported as a store-wide problem.
 ShmIntegrityReport shmVerifyStore(const std::string& mountPath);
 
+class ShmStore;
+// The same check of a store that no writer changes meanwhile (a writer checks the store it has
+// just taken over and recovered): the first problem found, "" when there is none.
+std::string shmStoreProblem(const ShmStore& store);
+
 }  // namespace Oro

@@ -18,6 +18,7 @@
 
 #include "common/shm_test_util.h"
 #include "platform/Error.h"
+#include "platform/runtime/TaskScheduler.h"
 #include "platform/shm/ShmCollection.h"
 #include "platform/shm/ShmStore.h"
 #include "platform/shm/ShmTable.h"
@@ -338,6 +339,10 @@ TEST_F(ShmStoreTest, TheIndexGrowsWithoutLongWritesOrLostKeysAndEqualKeysHaveOne
   Oro::ShmImage<MvpnVrfRouteIntfKey>::write(a, image);
   image[8 + 48] = std::byte{2};  // after the VRF id, the padding and 48 bytes of the key
   EXPECT_THROW(Oro::ShmImage<MvpnVrfRouteIntfKey>::read(image), Oro::ShmCorruptionException);
+  // Nor is an address of family 0, which nothing makes (a shared-tree key would not print).
+  Oro::ShmImage<MvpnVrfRouteIntfKey>::write(a, image);
+  image[8 + 20] = std::byte{0};  // the group's family
+  EXPECT_THROW(Oro::ShmImage<MvpnVrfRouteIntfKey>::read(image), Oro::ShmCorruptionException);
 }
 
 // --- integrity checks ---
@@ -430,6 +435,10 @@ struct Raw {
   // Slot word of side word `word` of an entity slot.
   uint32_t sideWord(uint32_t c, uint32_t word) const {
     return view.collection(c).sideWordsOffset() + word;
+  }
+  void pokeHighWater(uint32_t c, uint32_t v) const {
+    const size_t at = offsetof(Header, colls) + c * sizeof(CollectionDesc);
+    writeSegment(Oro::shmStoreName(path), at + offsetof(CollectionDesc, slotHighWater), &v, 4);
   }
 };
 
@@ -574,6 +583,12 @@ TEST_F(ShmVerifyTest, DamageIsFoundAndNamed) {
                       dir + offsetof(PageEntry, next), &first, 4);
          return fmt::format("the page chain of parent slot {} loops", ps);
        }},
+      {"an entity of generation 0", "vrfs",
+       [](ShmStore& w, Raw& raw) {
+         const uint32_t ps = refSlot(vrfRef(w, 3));
+         raw.pokeSlot(kVrfs, ps, raw.sideWord(kVrfs, kSideGen), 0);
+         return fmt::format("the entity in slot {} has generation 0", ps);
+       }},
       {"a blob reference beyond the heap", "blobs",
        [](ShmStore& w, Raw& raw) {
          const uint32_t key[1] = {9};
@@ -592,8 +607,28 @@ TEST_F(ShmVerifyTest, DamageIsFoundAndNamed) {
     EXPECT_FALSE(r.unstable);
     EXPECT_TRUE(mentions(r, c.coll, what)) << "expected " << c.coll << ": " << what << "\ngot\n"
                                            << listed(r);
+    // A writer taking the store over never builds on damage: it repairs what recovery can
+    // explain (counts, the index, chains) and starts a new store for the rest.
+    w = ShmStore();
+    ShmStore taken = filledStore(path);
+    EXPECT_TRUE(Oro::shmVerifyStore(path).ok()) << listed(Oro::shmVerifyStore(path));
     Oro::shmUnlinkNamespace();
   }
+}
+
+// A high-water mark lowered from outside leaves a store that agrees with itself (the records
+// above the mark are gone), but not empty memory above the mark: a writer taking it over
+// clears that memory, so that the pages it carves next hold no records from before.
+TEST_F(ShmVerifyTest, ATakenOverStoreCarvesNoRecordsFromAboveItsHighWaterMark) {
+  const std::string path = "v/lowered";
+  ShmStore w = filledStore(path);
+  Raw{path}.pokeHighWater(kRoutes, 0);
+  w = ShmStore();
+  ShmStore taken = ShmStore::openWriter(path, schema(), 0600, 1024);
+  EXPECT_EQ(taken.count(kRoutes), 0u);
+  for (uint32_t v = 0; v < kParents; ++v) putRoute(taken, vrfRef(taken, v), 1000, v);
+  EXPECT_EQ(taken.count(kRoutes), kParents);
+  EXPECT_TRUE(Oro::shmVerifyStore(path).ok()) << listed(Oro::shmVerifyStore(path));
 }
 
 // A reader sizes process memory by its counts (a detached copy, maps of keys): forged counts,
@@ -645,6 +680,41 @@ TEST_F(ShmVerifyTest, AnAbsentStoreOrAFifoUnderASegmentNameIsAnErrorNotAHang) {
   ASSERT_EQ(::unlink(chunk.c_str()), 0);
   ASSERT_EQ(::mkfifo(chunk.c_str(), 0600), 0);
   EXPECT_THAT([] { (void)ShmStore::openReader("v/fifo", nullptr).count(kFlat); }, notAFile);
+}
+
+// A writer replacing or removing a record whose image someone damaged: the write takes place
+// and reaches the readers; the damage is reported, the old record handed back as a default.
+TEST_F(ShmVerifyTest, AWriteOverADamagedRecordIsPublishedAndTheDamageReported) {
+  using Nevo::IpGenPrefix;
+  const IpGenPrefix p10(Nevo::IpGenAddr::ipv4Addr(0x0a000000), 8);
+  Oro::ShmTable<uint32_t, IpGenPrefix> w("test::Prefixes", "prefixes", {});
+  w.attach(ShmAttach{"v/prefixes", ShmRole::writer});
+  std::vector<std::string> reports;
+  w.corruptionHandlerIs([&](const std::string& m) { reports.push_back(m); });
+  w.insert(1, p10);
+  w.insert(2, p10);
+  Oro::TaskScheduler sched;
+  std::vector<uint32_t> changed;
+  Oro::ShmTable<uint32_t, IpGenPrefix> r("test::Prefixes", "prefixes",
+                                         {[&](const uint32_t& k) { changed.push_back(k); }});
+  r.attach(ShmAttach{"v/prefixes", ShmRole::reader, &sched});
+  sched.runUntilIdle();
+  changed.clear();
+
+  Raw raw{"v/prefixes"};
+  for (uint32_t slot : {0u, 1u}) raw.pokeSlot(0, slot, 2, 7);  // the address family: 7
+  std::optional<IpGenPrefix> old;
+  EXPECT_FALSE(w.insert(1, IpGenPrefix(), &old));
+  EXPECT_EQ(old, IpGenPrefix());
+  IpGenPrefix removed = p10;
+  EXPECT_TRUE(w.remove(2, &removed));
+  EXPECT_EQ(removed, IpGenPrefix());
+  ASSERT_EQ(reports.size(), 2u);
+  EXPECT_THAT(reports[0], HasSubstr("bad image of a Nevo::IpGenPrefix"));
+  sched.runUntilIdle();
+  EXPECT_EQ(changed, (std::vector<uint32_t>{1, 2}));
+  EXPECT_EQ(r.find(1), IpGenPrefix());
+  EXPECT_EQ(r.find(2), std::nullopt);
 }
 
 }  // namespace verify
