@@ -1,0 +1,390 @@
+// Shared-memory stores damaged from the outside: the input overwrites, flips or cuts bytes of
+// the segments of a route status tree (nested entities) or of a tunnel encapsulation status
+// (records with strings), as any process with write access to /dev/shm could. Then the
+// integrity check, the store listing and two readers go over the store: one mounted afterwards
+// (walks and dumps every level), one that was following it before the damage (dispatches
+// whatever the damaged change log claims). None of them may crash, hang, read outside a
+// segment or raise anything but the shared-memory exceptions; damage is reported, not obeyed.
+//
+// The stores are written once by a child process that then exits (a dead writer, as after a
+// crash); every input starts from their pristine bytes again.
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "FuzzCheck.h"
+#include "merge/MvpnTunnelEncapStatus.h"
+#include "platform/DumpContext.h"
+#include "platform/Error.h"
+#include "platform/runtime/TaskScheduler.h"
+#include "platform/shm/ShmSegment.h"
+#include "platform/shm/ShmStoreInfo.h"
+#include "platform/shm/ShmVerify.h"
+#include "status/MvpnRouteStatus.h"
+
+namespace {
+
+using namespace Routing::Multicast;
+using Nevo::IpGenAddr;
+using Nevo::IpGenPrefix;
+using Oro::ShmAttach;
+using Oro::ShmRole;
+using Vrf::VrfIdMap::VrfId;
+
+constexpr const char* kTreePath = "fuzz/tree";
+constexpr const char* kEncapPath = "fuzz/encap";
+constexpr size_t kPage = 4096;
+
+IpGenAddr v4(uint32_t a) {
+  return IpGenAddr::ipv4Addr(a);
+}
+
+// A tree with every level populated, some of it deleted again (free slots, freed pages).
+void writeTree() {
+  auto root = mvpnRouteStatusFactory("bgp");
+  root->mount(ShmAttach{kTreePath, ShmRole::writer, nullptr, 0600, 64});
+  for (uint32_t v = 1; v <= 5; ++v) {
+    auto vrf = root->vrfRouteStatusIs(VrfId(v));
+    for (uint32_t g = 0; g < 4; ++g) {
+      const IpGenAddr group = v4(0xef000000 + g);
+      for (uint32_t s = 0; s < 3 + v; ++s) {
+        vrf->mvpnSourceIs(group, v4(0x0a000000 + s), IpGenPrefix(v4(0x0a000000), 8), s % 2,
+                          MvpnSource::SourceFlags(s % 8));
+      }
+      vrf->mvpnRouteIs(MvpnRoute(MvpnRouteKey(v4(0x0a000000 + g), group, g % 2),
+                                 IpGenPrefix(v4(0x0b000000), 16), {}));
+    }
+    vrf->mvpnSourceDel(v4(0xef000001), v4(0x0a000001), true);
+    vrf->mvpnGroupDel(v4(0xef000002));
+  }
+  root->vrfRouteStatusDel(VrfId(3));
+}
+
+void writeEncap() {
+  auto status = mvpnTunnelEncapStatusFactory("fuzzEncap");
+  status->mount(ShmAttach{kEncapPath, ShmRole::writer, nullptr, 0600, 64});
+  for (uint32_t v = 1; v <= 4; ++v) {
+    auto vrf = status->vrfStatusIs(VrfId(v));
+    for (uint32_t i = 0; i < 6; ++i) {
+      const MvpnRouteKey key(v4(0x0a000000 + i), v4(0xef000000 + v), i % 2);
+      vrf->encapTunnelIs(MvpnEncapTunnel(key, std::string(i * 9 + v, char('a' + i))));
+      vrf->encapIntfTunnelIs(
+          MvpnEncapIntfTunnel(MvpnRouteIntfKey(key, Nevo::IntfId::ethernet(i + 1)), "x"));
+    }
+    vrf->encapTunnelIs(MvpnEncapTunnel(MvpnRouteKey(v4(0x0a000001), v4(0xef000000 + v), true),
+                                       std::string(300, 'r')));  // a replace with a longer string
+    vrf->encapTunnelDel(MvpnRouteKey(v4(0x0a000002), v4(0xef000000 + v), false));
+  }
+  status->vrfStatusDel(VrfId(2));
+}
+
+// One segment's pristine image: its size and its pages that are not all zero.
+struct Segment {
+  std::string path;  // under /dev/shm
+  off_t size = 0;
+  std::map<size_t, std::string> pages;
+};
+
+std::vector<Segment> snapshot(const std::string& prefix) {
+  std::vector<Segment> out;
+  DIR* d = ::opendir("/dev/shm");
+  if (!d) std::abort();
+  while (dirent* e = ::readdir(d)) {
+    const std::string name = e->d_name;
+    if (name.rfind(prefix, 0) != 0) continue;
+    Segment s;
+    s.path = "/dev/shm/" + name;
+    const int fd = ::open(s.path.c_str(), O_RDONLY);
+    struct stat st {};
+    if (fd < 0 || ::fstat(fd, &st) != 0) std::abort();
+    s.size = st.st_size;
+    std::string page(kPage, '\0');
+    for (off_t at = 0; at < s.size; at += kPage) {
+      const ssize_t n = ::pread(fd, page.data(), kPage, at);
+      if (n <= 0) std::abort();
+      if (std::any_of(page.begin(), page.begin() + n, [](char c) { return c != 0; })) {
+        s.pages[static_cast<size_t>(at / kPage)] = page.substr(0, static_cast<size_t>(n));
+      }
+    }
+    ::close(fd);
+    out.push_back(std::move(s));
+  }
+  ::closedir(d);
+  std::sort(out.begin(), out.end(),
+            [](const Segment& a, const Segment& b) { return a.path < b.path; });
+  return out;
+}
+
+struct Stores {
+  std::vector<Segment> tree, encap;
+};
+
+const Stores& stores() {
+  static const Stores s = [] {
+    // Written by a child that exits: the stores' writer is dead, as after a crash.
+    Oro::shmUnlinkNamespace();  // what an earlier run left behind
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+      writeTree();
+      writeEncap();
+      ::_exit(0);
+    }
+    int status = 0;
+    if (pid < 0 || ::waitpid(pid, &status, 0) != pid || !WIFEXITED(status) ||
+        WEXITSTATUS(status) != 0) {
+      std::abort();
+    }
+    Stores out{snapshot(Oro::shmStoreName(kTreePath).substr(1)),
+               snapshot(Oro::shmStoreName(kEncapPath).substr(1))};
+    if (out.tree.empty() || out.encap.empty()) std::abort();
+    return out;
+  }();
+  return s;
+}
+
+// The damage an input does, remembered so that the next input starts from pristine bytes.
+struct Damage {
+  const Segment* seg;
+  size_t from, to;  // bytes to restore; `cut`: the file was shortened at `from`
+  bool cut;
+};
+
+void restore(const std::vector<Damage>& done) {
+  for (const Damage& d : done) {
+    const int fd = ::open(d.seg->path.c_str(), O_RDWR);
+    if (fd < 0) std::abort();
+    if (d.cut && ::ftruncate(fd, d.seg->size) != 0) std::abort();
+    static const std::string zeros(kPage, '\0');
+    for (size_t p = d.from / kPage; p * kPage < d.to; ++p) {
+      const auto it = d.seg->pages.find(p);
+      const std::string& bytes = it == d.seg->pages.end() ? zeros : it->second;
+      const size_t n = std::min(bytes.size(), static_cast<size_t>(d.seg->size) - p * kPage);
+      if (::pwrite(fd, bytes.data(), n, static_cast<off_t>(p * kPage)) != static_cast<ssize_t>(n)) {
+        std::abort();
+      }
+    }
+    ::close(fd);
+  }
+}
+
+// After a writer took the store over (which may rebuild it under new names and remove
+// segments it no longer uses): every segment of the store as it was, nothing else.
+void restoreAll(const std::string& prefix, const std::vector<Segment>& segs) {
+  DIR* d = ::opendir("/dev/shm");
+  if (!d) std::abort();
+  std::vector<std::string> names;
+  while (dirent* e = ::readdir(d)) {
+    if (std::string(e->d_name).rfind(prefix, 0) == 0) names.push_back(e->d_name);
+  }
+  ::closedir(d);
+  for (const std::string& n : names) ::unlink(("/dev/shm/" + n).c_str());
+  for (const Segment& seg : segs) {
+    const int fd = ::open(seg.path.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
+    if (fd < 0 || ::ftruncate(fd, seg.size) != 0) std::abort();
+    for (const auto& [page, bytes] : seg.pages) {
+      if (::pwrite(fd, bytes.data(), bytes.size(), static_cast<off_t>(page * kPage)) !=
+          static_cast<ssize_t>(bytes.size())) {
+        std::abort();
+      }
+    }
+    ::close(fd);
+  }
+}
+
+// Input: a selector byte (the store; whether a writer takes it over afterwards), then operations of
+// [segment, kind, offset (4 bytes), length, bytes...]. Kinds: write the bytes, XOR them in, write
+// an extreme 32-bit word, shorten.
+std::vector<Damage> damage(const std::vector<Segment>& segs, const uint8_t* data, size_t size) {
+  std::vector<Damage> done;
+  size_t i = 0;
+  while (i + 7 <= size && done.size() < 8) {
+    const Segment& seg = segs[data[i] % segs.size()];
+    const uint8_t kind = data[i + 1] % 4;
+    uint32_t offset;
+    std::memcpy(&offset, data + i + 2, 4);
+    const size_t len = std::min<size_t>(data[i + 6] % 17, size - i - 7);
+    const uint8_t* bytes = data + i + 7;
+    i += 7 + len;
+    if (seg.size == 0) continue;
+    // Half of the offsets land in the first page (headers, control words), where damage
+    // matters most.
+    const size_t at = (offset & 1) ? (offset >> 1) % std::min<size_t>(kPage, seg.size)
+                                   : (offset >> 1) % static_cast<size_t>(seg.size);
+    const int fd = ::open(seg.path.c_str(), O_RDWR);
+    if (fd < 0) std::abort();
+    if (kind == 3) {
+      if (::ftruncate(fd, static_cast<off_t>(at)) != 0) std::abort();
+      done.push_back({&seg, at, static_cast<size_t>(seg.size), true});
+    } else {
+      struct stat st {};  // an earlier operation may have shortened the segment
+      if (::fstat(fd, &st) != 0) std::abort();
+      const size_t end = static_cast<size_t>(st.st_size);
+      const size_t n = at < end ? std::min<size_t>(kind == 2 ? 4 : len, end - at) : 0;
+      std::string now(n, '\0');
+      if (::pread(fd, now.data(), n, static_cast<off_t>(at)) != static_cast<ssize_t>(n)) {
+        std::abort();
+      }
+      for (size_t k = 0; k < n; ++k) {
+        const uint8_t b = k < len ? bytes[k] : 0;
+        if (kind == 0) now[k] = static_cast<char>(b);
+        if (kind == 1) now[k] = static_cast<char>(now[k] ^ b);
+      }
+      if (kind == 2) {
+        static constexpr uint32_t extremes[] = {0,          1,          0x7fffffff,
+                                                0x80000000, 0xffffffff, 0xfffffffe};
+        const uint32_t w = extremes[(len ? bytes[0] : 0) % std::size(extremes)];
+        std::memcpy(now.data(), &w, std::min<size_t>(n, 4));
+      }
+      if (::pwrite(fd, now.data(), n, static_cast<off_t>(at)) != static_cast<ssize_t>(n)) {
+        std::abort();
+      }
+      done.push_back({&seg, at, at + n, false});
+    }
+    ::close(fd);
+  }
+  return done;
+}
+
+void walkTree(const MvpnRouteStatus& root) {
+  for (auto v = root.vrfRouteStatusIter(); v.valid(); v.next()) {
+    auto vrf = v.value();
+    if (!vrf) continue;
+    (void)vrf->mvpnRouteSize();
+    for (auto r = vrf->mvpnRouteIter(); r.valid(); r.next()) (void)r.value().toStrep();
+    for (auto g = vrf->mvpnGroupIter(); g.valid(); g.next()) {
+      auto group = g.value();
+      if (!group) continue;
+      (void)group->sharedTreeSize();
+      for (auto s = group->sharedTreeIter(); s.valid(); s.next()) (void)s.value().toStrep();
+      for (auto s = group->sourceTreeIter(); s.valid(); s.next()) (void)s.value().toStrep();
+      (void)vrf->mvpnSource(group->group(), v4(0x0a000001), true);
+    }
+  }
+  Oro::DumpContext dc;
+  root.dumpState(dc, 0);
+}
+
+void walkEncap(const MvpnTunnelEncapStatus& root) {
+  for (auto v = root.vrfStatusIter(); v.valid(); v.next()) {
+    auto vrf = v.value();
+    if (!vrf) continue;
+    for (auto t = vrf->encapTunnelIter(); t.valid(); t.next()) (void)t.value().toStrep();
+    for (auto t = vrf->encapIntfTunnelIter(); t.valid(); t.next()) (void)t.value().toStrep();
+  }
+}
+
+// Runs fn; the shared-memory exceptions are how damage may surface, anything else escapes.
+template <class F>
+void tolerating(F&& fn) {
+  try {
+    fn();
+  } catch (const Oro::ShmCorruptionException&) {
+  } catch (const Oro::ShmException&) {
+  }
+}
+
+void writeSome(MvpnRouteStatus& root) {
+  for (uint32_t v = 1; v <= 6; ++v) {
+    auto vrf = root.vrfRouteStatusIs(VrfId(v));
+    vrf->mvpnSourceIs(v4(0xef000001), v4(0x0a000009), IpGenPrefix(v4(0x0a000000), 8), true,
+                      MvpnSource::SourceFlags(1));
+    vrf->mvpnSourceDel(v4(0xef000000), v4(0x0a000000), false);
+    vrf->mvpnGroupDel(v4(0xef000003));
+  }
+  root.vrfRouteStatusDel(VrfId(2));
+}
+
+void writeSome(MvpnTunnelEncapStatus& root) {
+  for (uint32_t v = 1; v <= 5; ++v) {
+    auto vrf = root.vrfStatusIs(VrfId(v));
+    vrf->encapTunnelIs(MvpnEncapTunnel(MvpnRouteKey(v4(0x0a000003), v4(0xef000000 + v), true),
+                                       std::string(100, 'n')));
+    vrf->encapTunnelDel(MvpnRouteKey(v4(0x0a000004), v4(0xef000000 + v), false));
+  }
+  root.vrfStatusDel(VrfId(3));
+}
+
+template <class Root, class Walk>
+void probe(Oro::Ptr<Root> (*factory)(const std::string&), const char* name, const char* path,
+           const std::vector<Segment>& segs, const uint8_t* data, size_t size, bool takeOver,
+           Walk walk) {
+  const auto quiet = [](const std::string&) {};
+  // A reader that followed the store before the damage.
+  Oro::TaskScheduler sched;
+  auto before = factory(name);
+  before->corruptionHandlerIs(quiet);
+  tolerating([&] {
+    before->mount(ShmAttach{path, ShmRole::reader, &sched});
+    sched.runUntilIdle();
+  });
+
+  const std::vector<Damage> done = damage(segs, data, size);
+  tolerating([&] { (void)Oro::shmVerifyStore(path); });
+  tolerating([&] { (void)Oro::shmStoreInfo(path); });
+  tolerating([&] {
+    sched.runUntilIdle();
+    walk(*before);
+  });
+  tolerating([&] {
+    auto after = factory(name);
+    after->corruptionHandlerIs(quiet);
+    after->mount(ShmAttach{path, ShmRole::reader});
+    walk(*after);
+  });
+  if (!takeOver) {
+    before = nullptr;
+    restore(done);
+    return;
+  }
+  // A restarted writer takes the damaged store over, or rebuilds it when it finds damage:
+  // either way its writes succeed and the store it leaves checks clean. The only refusal is
+  // a store that names another type (which is not its to overwrite).
+  bool written = false;
+  try {
+    auto writer = factory(name);
+    writer->mount(ShmAttach{path, ShmRole::writer});
+    writeSome(*writer);
+    written = true;
+  } catch (const Oro::ShmCorruptionException& e) {
+    FUZZ_CHECK(false, std::string(e.what()));
+  } catch (const Oro::ShmException& e) {
+    FUZZ_CHECK(std::string_view(e.what()).find(" holds a ") != std::string_view::npos,
+               std::string(e.what()));
+  }
+  if (written) {
+    const Oro::ShmIntegrityReport r = Oro::shmVerifyStore(path);
+    std::string problems;
+    for (const auto& p : r.problems) problems += p.collection + ": " + p.what + "\n";
+    FUZZ_CHECK(r.ok(), problems);
+  }
+  // The reader that lived through it all goes on.
+  tolerating([&] {
+    sched.runUntilIdle();
+    walk(*before);
+  });
+  before = nullptr;
+  restoreAll(Oro::shmStoreName(path).substr(1), segs);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  if (size < 1) return 0;
+  const Stores& s = stores();
+  if (data[0] % 2 == 0) {
+    probe(&mvpnRouteStatusFactory, "bgp", kTreePath, s.tree, data + 1, size - 1, data[0] & 2,
+          [](const MvpnRouteStatus& r) { walkTree(r); });
+  } else {
+    probe(&mvpnTunnelEncapStatusFactory, "fuzzEncap", kEncapPath, s.encap, data + 1, size - 1,
+          data[0] & 2, [](const MvpnTunnelEncapStatus& r) { walkEncap(r); });
+  }
+  return 0;
+}
