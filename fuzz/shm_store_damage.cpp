@@ -8,7 +8,6 @@
 //
 // The stores are written once by a child process that then exits (a dead writer, as after a
 // crash); every input starts from their pristine bytes again.
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -93,15 +92,20 @@ struct Segment {
   std::map<size_t, std::string> pages;
 };
 
+// The segments of the store whose header is named `prefix` (the namespace's entries).
+std::vector<std::string> segmentsOf(const std::string& prefix) {
+  std::vector<std::string> out;
+  for (const std::string& n : Oro::shmNamespaceEntries()) {
+    if (n.rfind(prefix, 0) == 0) out.push_back(std::string(Oro::kShmDirectory) + "/" + n);
+  }
+  return out;
+}
+
 std::vector<Segment> snapshot(const std::string& prefix) {
   std::vector<Segment> out;
-  DIR* d = ::opendir("/dev/shm");
-  if (!d) std::abort();
-  while (dirent* e = ::readdir(d)) {
-    const std::string name = e->d_name;
-    if (name.rfind(prefix, 0) != 0) continue;
+  for (const std::string& path : segmentsOf(prefix)) {
     Segment s;
-    s.path = "/dev/shm/" + name;
+    s.path = path;
     const int fd = ::open(s.path.c_str(), O_RDONLY);
     struct stat st {};
     if (fd < 0 || ::fstat(fd, &st) != 0) std::abort();
@@ -117,9 +121,6 @@ std::vector<Segment> snapshot(const std::string& prefix) {
     ::close(fd);
     out.push_back(std::move(s));
   }
-  ::closedir(d);
-  std::sort(out.begin(), out.end(),
-            [](const Segment& a, const Segment& b) { return a.path < b.path; });
   return out;
 }
 
@@ -157,20 +158,23 @@ struct Damage {
   bool cut;
 };
 
+// Writes page p of the segment's pristine image (zeros where it had none) through fd.
+void writePage(int fd, const Segment& seg, size_t p) {
+  static const std::string zeros(kPage, '\0');
+  const auto it = seg.pages.find(p);
+  const std::string& bytes = it == seg.pages.end() ? zeros : it->second;
+  const size_t n = std::min(bytes.size(), static_cast<size_t>(seg.size) - p * kPage);
+  if (::pwrite(fd, bytes.data(), n, static_cast<off_t>(p * kPage)) != static_cast<ssize_t>(n)) {
+    std::abort();
+  }
+}
+
 void restore(const std::vector<Damage>& done) {
   for (const Damage& d : done) {
     const int fd = ::open(d.seg->path.c_str(), O_RDWR);
     if (fd < 0) std::abort();
     if (d.cut && ::ftruncate(fd, d.seg->size) != 0) std::abort();
-    static const std::string zeros(kPage, '\0');
-    for (size_t p = d.from / kPage; p * kPage < d.to; ++p) {
-      const auto it = d.seg->pages.find(p);
-      const std::string& bytes = it == d.seg->pages.end() ? zeros : it->second;
-      const size_t n = std::min(bytes.size(), static_cast<size_t>(d.seg->size) - p * kPage);
-      if (::pwrite(fd, bytes.data(), n, static_cast<off_t>(p * kPage)) != static_cast<ssize_t>(n)) {
-        std::abort();
-      }
-    }
+    for (size_t p = d.from / kPage; p * kPage < d.to; ++p) writePage(fd, *d.seg, p);
     ::close(fd);
   }
 }
@@ -178,23 +182,11 @@ void restore(const std::vector<Damage>& done) {
 // After a writer took the store over (which may rebuild it under new names and remove
 // segments it no longer uses): every segment of the store as it was, nothing else.
 void restoreAll(const std::string& prefix, const std::vector<Segment>& segs) {
-  DIR* d = ::opendir("/dev/shm");
-  if (!d) std::abort();
-  std::vector<std::string> names;
-  while (dirent* e = ::readdir(d)) {
-    if (std::string(e->d_name).rfind(prefix, 0) == 0) names.push_back(e->d_name);
-  }
-  ::closedir(d);
-  for (const std::string& n : names) ::unlink(("/dev/shm/" + n).c_str());
+  for (const std::string& path : segmentsOf(prefix)) ::unlink(path.c_str());
   for (const Segment& seg : segs) {
     const int fd = ::open(seg.path.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
     if (fd < 0 || ::ftruncate(fd, seg.size) != 0) std::abort();
-    for (const auto& [page, bytes] : seg.pages) {
-      if (::pwrite(fd, bytes.data(), bytes.size(), static_cast<off_t>(page * kPage)) !=
-          static_cast<ssize_t>(bytes.size())) {
-        std::abort();
-      }
-    }
+    for (const auto& page : seg.pages) writePage(fd, seg, page.first);
     ::close(fd);
   }
 }

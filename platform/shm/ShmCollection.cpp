@@ -115,14 +115,17 @@ void ShmCollection::attach() {
     ownHighWater_ = false;
     hw_ = highWater();
     ownHighWater_ = true;
-    // The used part of the last chunk is committed; commit it again to know where it ends.
-    if (!chunks_.empty()) {
-      const uint32_t c = static_cast<uint32_t>(chunks_.size()) - 1;
-      lastCommitted_ = 0;
-      dirCommitted_ = 0;
-      if (hw_ > chunkFirstSlot(c)) ensureCommitted(hw_);
-    }
+    recommitUsed();
   }
+}
+
+// The used part of the last chunk is committed; committing it again tells where it ends.
+void ShmCollection::recommitUsed() {
+  if (chunks_.empty()) return;
+  const uint32_t c = static_cast<uint32_t>(chunks_.size()) - 1;
+  lastCommitted_ = 0;
+  dirCommitted_ = 0;
+  if (hw_ > chunkFirstSlot(c)) ensureCommitted(hw_);
 }
 
 uint32_t ShmCollection::highWater() const {
@@ -1111,8 +1114,7 @@ void ShmCollection::reserve(uint32_t records) {
 // unless someone else wrote there (a lowered mark would bring old records back to life in
 // the next carved page): a writer taking over zeroes them, giving whole pages back rather than
 // writing zeros into memory nothing uses.
-void ShmCollection::clearBeyondHighWater() {
-  const uint32_t hw = highWater();
+void ShmCollection::clearBeyondHighWater(uint32_t hw) {
   for (uint32_t c = 0; c < chunks_.size(); ++c) {
     const uint32_t base = chunkFirstSlot(c);
     if (base + chunkSlots(c) <= hw) continue;
@@ -1130,24 +1132,18 @@ void ShmCollection::clearBeyondHighWater() {
       clear(slotBytes + size_t{from / kMinPageSlots} * sizeof(PageEntry), chunkBytes(c));
     }
   }
-  if (!chunks_.empty()) {
-    // What was committed past the mark may be gone now: commit the last chunk's used part anew.
-    const uint32_t last = static_cast<uint32_t>(chunks_.size()) - 1;
-    lastCommitted_ = 0;
-    dirCommitted_ = 0;
-    if (hw_ > chunkFirstSlot(last)) ensureCommitted(hw_);
-  }
+  recommitUsed();  // what was committed past the mark may be gone now
 }
 
 void ShmCollection::recover() {
   dropGrowth();
   freeSlots_.clear();
   for (auto& f : freePages_) f.clear();
-  if (highWater() % kMinPageSlots != 0 && nested()) {
-    storePtr_->corrupt(fmt::format("collection {}: carved {} slots", index_, highWater()));
-  }
-  clearBeyondHighWater();
   const uint32_t hw = highWater();
+  if (nested() && hw % kMinPageSlots != 0) {
+    storePtr_->corrupt(fmt::format("collection {}: carved {} slots", index_, hw));
+  }
+  clearBeyondHighWater(hw);
   uint32_t records = 0;
   if (!nested()) {
     for (uint32_t slot = 0; slot < hw; ++slot) {

@@ -133,7 +133,8 @@ class ShmCollection {
   void mapChunks() const;
   void addChunk();
   void ensureCommitted(uint32_t end);
-  void clearBeyondHighWater();
+  void recommitUsed();
+  void clearBeyondHighWater(uint32_t hw);
   bool keyEquals(uint32_t slot, const uint32_t* keyWords) const;
   uint64_t hashKey(const uint32_t* keyWords) const { return ShmLayout::hashWords(keyWords, kw_); }
 

@@ -761,18 +761,24 @@ void addOnce(std::vector<Finding>& to, const Finding& f) {
   to.push_back(f);
 }
 
-}  // namespace
-
-std::string shmStoreProblem(const ShmStore& store) {
+// One check of the whole store; a part that cannot be read at all is one store-wide finding.
+std::vector<Finding> checkOnce(const ShmStore& store, size_t& records) {
   std::vector<Finding> found;
-  size_t records = 0;
   Verifier v(store);
   try {
     v.run(found, records);
     store.checkIntact();
   } catch (const ShmCorruptionException& e) {
-    return e.what();
+    found.push_back(Finding{kNoSlot, Kind::unreadable, 0, 0, e.what()});
   }
+  return found;
+}
+
+}  // namespace
+
+std::string shmStoreProblem(const ShmStore& store) {
+  size_t records = 0;
+  const std::vector<Finding> found = checkOnce(store, records);
   if (found.empty()) return {};
   const Finding& f = found.front();
   return f.coll == kNoSlot
@@ -799,17 +805,8 @@ ShmIntegrityReport shmVerifyStore(const std::string& mountPath) {
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
     const uint32_t n = store->collections();
     const Stamp before = stampOf(store->header(), n);
-    std::vector<Finding> found;
     size_t records = 0;
-    {
-      Verifier v(*store);
-      try {
-        v.run(found, records);
-        store->checkIntact();
-      } catch (const ShmCorruptionException& e) {
-        found.push_back(Finding{kNoSlot, Kind::unreadable, 0, 0, e.what()});
-      }
-    }
+    std::vector<Finding> found = checkOnce(*store, records);
     std::atomic_thread_fence(std::memory_order_acquire);
     const Stamp after = stampOf(store->header(), n);
     if (before.magic != kMagic || after.magic != kMagic) {

@@ -16,6 +16,8 @@
 
 namespace Oro {
 
+class ShmStore;
+
 struct ShmIntegrityProblem {
   std::string collection;  // collection name ("" for store-wide problems)
   std::string what;        // one line, e.g. "count 1000 but 999 occupied slots"
@@ -34,7 +36,6 @@ struct ShmIntegrityReport {
 // mapped at all is reported as a store-wide problem.
 ShmIntegrityReport shmVerifyStore(const std::string& mountPath);
 
-class ShmStore;
 // The same check of a store that no writer changes meanwhile (a writer checks the store it has
 // just taken over and recovered): the first problem found, "" when there is none.
 std::string shmStoreProblem(const ShmStore& store);
