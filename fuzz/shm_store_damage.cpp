@@ -1,13 +1,17 @@
 // Shared-memory stores damaged from the outside: the input overwrites, flips or cuts bytes of
-// the segments of a route status tree (nested entities) or of a tunnel encapsulation status
-// (records with strings), as any process with write access to /dev/shm could. Then the
+// the segments of a route status tree (nested entities), of a tunnel encapsulation status
+// (records with strings) or of a VRF status (one flat collection), as any process with write
+// access to /dev/shm could. Then the
 // integrity check, the store listing and two readers go over the store: one mounted afterwards
 // (walks and dumps every level), one that was following it before the damage (dispatches
 // whatever the damaged change log claims). None of them may crash, hang, read outside a
 // segment or raise anything but the shared-memory exceptions; damage is reported, not obeyed.
 //
 // The stores are written once by a child process that then exits (a dead writer, as after a
-// crash); every input starts from their pristine bytes again.
+// crash); every input starts from their pristine bytes again. When the input asks for it, a
+// writer in this process has taken the store over before the damage and goes on writing into
+// it afterwards: its writes either succeed or report the damage (the corruption handler, with
+// a shared-memory exception behind it), and the writer can still be put away.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -28,6 +32,7 @@
 #include "platform/shm/ShmStoreInfo.h"
 #include "platform/shm/ShmVerify.h"
 #include "status/MvpnRouteStatus.h"
+#include "status/MvpnVrfStatus.h"
 
 namespace {
 
@@ -40,6 +45,7 @@ using Vrf::VrfIdMap::VrfId;
 
 constexpr const char* kTreePath = "fuzz/tree";
 constexpr const char* kEncapPath = "fuzz/encap";
+constexpr const char* kVrfPath = "fuzz/vrf";
 constexpr size_t kPage = 4096;
 
 IpGenAddr v4(uint32_t a) {
@@ -85,6 +91,13 @@ void writeEncap() {
   status->vrfStatusDel(VrfId(2));
 }
 
+void writeVrfs() {
+  auto status = mvpnVrfStatusFactory("bgp");
+  status->mount(ShmAttach{kVrfPath, ShmRole::writer, nullptr, 0600, 64});
+  for (uint32_t v = 1; v <= 600; ++v) status->mvpnVrfIs(MvpnVrf(VrfId(v), MvpnClient(v % 5)));
+  for (uint32_t v = 1; v <= 600; v += 7) status->mvpnVrfDel(VrfId(v));
+}
+
 // One segment's pristine image: its size and its pages that are not all zero.
 struct Segment {
   std::string path;  // under /dev/shm
@@ -125,7 +138,7 @@ std::vector<Segment> snapshot(const std::string& prefix) {
 }
 
 struct Stores {
-  std::vector<Segment> tree, encap;
+  std::vector<Segment> tree, encap, vrf;
 };
 
 const Stores& stores() {
@@ -136,6 +149,7 @@ const Stores& stores() {
     if (pid == 0) {
       writeTree();
       writeEncap();
+      writeVrfs();
       ::_exit(0);
     }
     int status = 0;
@@ -144,8 +158,9 @@ const Stores& stores() {
       std::abort();
     }
     Stores out{snapshot(Oro::shmStoreName(kTreePath).substr(1)),
-               snapshot(Oro::shmStoreName(kEncapPath).substr(1))};
-    if (out.tree.empty() || out.encap.empty()) std::abort();
+               snapshot(Oro::shmStoreName(kEncapPath).substr(1)),
+               snapshot(Oro::shmStoreName(kVrfPath).substr(1))};
+    if (out.tree.empty() || out.encap.empty() || out.vrf.empty()) std::abort();
     return out;
   }();
   return s;
@@ -273,6 +288,14 @@ void walkEncap(const MvpnTunnelEncapStatus& root) {
   }
 }
 
+void walkVrfs(const MvpnVrfStatus& root) {
+  (void)root.mvpnVrfSize();
+  for (auto v = root.mvpnVrfIter(); v.valid(); v.next()) (void)v.value().toStrep();
+  (void)root.mvpnVrf(VrfId(8));
+  Oro::DumpContext dc;
+  root.dumpState(dc, 0);
+}
+
 // Runs fn; the shared-memory exceptions are how damage may surface, anything else escapes.
 template <class F>
 void tolerating(F&& fn) {
@@ -304,11 +327,29 @@ void writeSome(MvpnTunnelEncapStatus& root) {
   root.vrfStatusDel(VrfId(3));
 }
 
+void writeSome(MvpnVrfStatus& root) {
+  for (uint32_t v = 590; v <= 700; ++v) root.mvpnVrfIs(MvpnVrf(VrfId(v), MvpnClient::evpn_));
+  for (uint32_t v = 2; v <= 100; v += 3) root.mvpnVrfDel(VrfId(v));
+}
+
+// What the live writer's corruption handler raises: a writer that meets damage reports it and
+// stops (in a deployed writer the report is followed by a fatal assertion).
+struct WriterStopped {
+  std::string what;
+};
+
 template <class Root, class Walk>
 void probe(Oro::Ptr<Root> (*factory)(const std::string&), const char* name, const char* path,
            const std::vector<Segment>& segs, const uint8_t* data, size_t size, bool takeOver,
-           Walk walk) {
+           bool live, Walk walk) {
   const auto quiet = [](const std::string&) {};
+  Oro::Ptr<Root> writer;
+  std::vector<Segment> taken;  // the live writer's segments, which its take-over may rename
+  if (live) {
+    writer = factory(name);
+    writer->mount(ShmAttach{path, ShmRole::writer});
+    taken = snapshot(Oro::shmStoreName(path).substr(1));
+  }
   // A reader that followed the store before the damage.
   Oro::TaskScheduler sched;
   auto before = factory(name);
@@ -318,7 +359,7 @@ void probe(Oro::Ptr<Root> (*factory)(const std::string&), const char* name, cons
     sched.runUntilIdle();
   });
 
-  const std::vector<Damage> done = damage(segs, data, size);
+  const std::vector<Damage> done = damage(live ? taken : segs, data, size);
   tolerating([&] { (void)Oro::shmVerifyStore(path); });
   tolerating([&] { (void)Oro::shmStoreInfo(path); });
   tolerating([&] {
@@ -331,6 +372,28 @@ void probe(Oro::Ptr<Root> (*factory)(const std::string&), const char* name, cons
     after->mount(ShmAttach{path, ShmRole::reader});
     walk(*after);
   });
+  if (live) {
+    // The live writer goes on: every write succeeds or reports the damage. Whatever it left,
+    // readers still only raise the shared-memory exceptions, and the writer can be put away.
+    writer->corruptionHandlerIs([](const std::string& what) { throw WriterStopped{what}; });
+    try {
+      writeSome(*writer);
+    } catch (const WriterStopped&) {
+    } catch (const Oro::ShmCorruptionException&) {
+    } catch (const Oro::ShmException&) {
+    }
+    writer->corruptionHandlerIs(quiet);
+    tolerating([&] { (void)Oro::shmVerifyStore(path); });
+    tolerating([&] {
+      sched.runUntilIdle();
+      walk(*before);
+    });
+    tolerating([&] { writer->unmount(); });
+    writer = nullptr;
+    before = nullptr;
+    restoreAll(Oro::shmStoreName(path).substr(1), segs);
+    return;
+  }
   if (!takeOver) {
     before = nullptr;
     restore(done);
@@ -368,15 +431,23 @@ void probe(Oro::Ptr<Root> (*factory)(const std::string&), const char* name, cons
 
 }  // namespace
 
+// The selector byte: bit 0 the tree or the encapsulation status, bits 4-5 equal to 01 the VRF
+// status instead; bit 1 a writer takes the store over after the damage; bits 2-3 equal to 01
+// a live writer meets the damage instead.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size < 1) return 0;
   const Stores& s = stores();
-  if (data[0] % 2 == 0) {
-    probe(&mvpnRouteStatusFactory, "bgp", kTreePath, s.tree, data + 1, size - 1, data[0] & 2,
+  const bool takeOver = data[0] & 2;
+  const bool live = (data[0] >> 2 & 3) == 1;
+  if ((data[0] >> 4 & 3) == 1) {
+    probe(&mvpnVrfStatusFactory, "bgp", kVrfPath, s.vrf, data + 1, size - 1, takeOver, live,
+          [](const MvpnVrfStatus& r) { walkVrfs(r); });
+  } else if (data[0] % 2 == 0) {
+    probe(&mvpnRouteStatusFactory, "bgp", kTreePath, s.tree, data + 1, size - 1, takeOver, live,
           [](const MvpnRouteStatus& r) { walkTree(r); });
   } else {
     probe(&mvpnTunnelEncapStatusFactory, "fuzzEncap", kEncapPath, s.encap, data + 1, size - 1,
-          data[0] & 2, [](const MvpnTunnelEncapStatus& r) { walkEncap(r); });
+          takeOver, live, [](const MvpnTunnelEncapStatus& r) { walkEncap(r); });
   }
   return 0;
 }

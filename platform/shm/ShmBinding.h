@@ -193,6 +193,11 @@ class ShmBinding : private ShmReader::Sink {
   }
   // Hands a corruption report to the handler (readers report too, hence const).
   void handleCorruption(const std::string& message) const;
+  // Writer: hands the damage its store met during a completed write to the handler.
+  void reportStoreDamage() {
+    if (store_.hasDamage()) [[unlikely]]
+      handleCorruption(store_.takeDamage());
+  }
   uint64_t corruptions() const { return corruptions_; }
 
   // Whether subscribers get old and new values with a change (the owner's delivery mode).

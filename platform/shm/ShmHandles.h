@@ -263,6 +263,7 @@ class ShmValues : public ShmHandleBase {
     ShmStore::Record prev;
     const bool added = s.put(kColl, words, blob, old ? &prev : nullptr);
     s.publishKey(kColl, words);
+    binding_->reportStoreDamage();
     if (old) *old = added ? std::nullopt : std::optional<Record>(decodeReplaced(prev));
     return added;
   }
@@ -284,6 +285,7 @@ class ShmValues : public ShmHandleBase {
     ShmStore::Record prev;
     if (!s.remove(kColl, words, &prev)) return false;
     s.publishKey(kColl, words);
+    binding_->reportStoreDamage();
     if (removed) *removed = decodeReplaced(prev);
     return true;
   }
@@ -592,6 +594,7 @@ class ShmEntities : public ShmHandleBase {
     shmKeyImage(s, kColl, parent_, key, words);
     if (!s.remove(kColl, words, nullptr)) return e != nullptr;
     s.publishKey(kColl, words);
+    binding_->reportStoreDamage();
     return true;
   }
 

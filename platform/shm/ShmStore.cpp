@@ -237,7 +237,37 @@ BlobRef ShmStore::blobAlloc(std::string_view bytes) {
 
 void ShmStore::blobFree(const BlobRef& ref) {
   if (ref.length == 0 || blobInline(ref)) return;
+  if (!blobFreeable(ref)) {
+    // Freeing it would hand out memory outside the heap, or a block of another size.
+    noteDamage(
+        fmt::format("shared memory store {} is corrupt: bad blob reference (chunk {}, "
+                    "offset {}, length {}) left allocated",
+                    mountPath_, ref.chunk, ref.offset, ref.length));
+    return;
+  }
   blobs_->freeBlocks[blobClassOf(ref.length)].push_back(uint64_t{ref.chunk} << 32 | ref.offset);
+}
+
+// A block this writer's heap handed out: a mapped chunk, a carved page of the block's size
+// class, an offset on a block boundary.
+bool ShmStore::blobFreeable(const BlobRef& ref) const {
+  const Blobs& b = *blobs_;
+  if (ref.length > kMaxBlobBytes || ref.chunk >= b.chunks.size()) return false;
+  const uint32_t page = ref.offset / kBlobPageBytes;
+  if (page == 0 || page >= blobPages(ref.chunk)) return false;
+  const uint8_t cls = std::atomic_ref<uint8_t>(blobClassTable(b.chunks[ref.chunk])[page])
+                          .load(std::memory_order_relaxed);
+  return cls == blobClassOf(ref.length) &&
+         (ref.offset % kBlobPageBytes) % (kBlobMinBytes << cls) == 0;
+}
+
+void ShmStore::blobReadReplaced(const BlobRef& ref, std::string* out) {
+  try {
+    blobRead(ref, out);
+  } catch (const ShmCorruptionException& e) {
+    out->clear();
+    noteDamage(e.what());
+  }
 }
 
 void ShmStore::blobRead(const BlobRef& ref, std::string* out) const {
@@ -370,6 +400,7 @@ ShmStore& ShmStore::operator=(ShmStore&& o) noexcept {
   head_ = o.head_;
   opSeq_ = o.opSeq_;
   publishNew_ = o.publishNew_;
+  damage_ = std::move(o.damage_);
   for (auto& c : colls_) c->storeIs(this);
   return *this;
 }
@@ -1169,7 +1200,7 @@ bool ShmStore::put(uint32_t c, const uint32_t* words, std::string_view blob, Rec
   if (!added && coll.blobs()) {
     BlobRef ref;
     std::memcpy(&ref, oldWords + coll.recordWords() - kBlobRefWords, sizeof ref);
-    if (old) blobRead(ref, &old->blob);
+    if (old) blobReadReplaced(ref, &old->blob);
     blobFree(ref);  // after the record no longer refers to it
   }
   if (!added && old) std::memcpy(old->words, oldWords, 4 * coll.recordWords());
@@ -1210,7 +1241,7 @@ bool ShmStore::remove(uint32_t c, const uint32_t* keyWords, Record* old) {
   if (coll.blobs()) {
     BlobRef ref;
     std::memcpy(&ref, oldWords + coll.recordWords() - kBlobRefWords, sizeof ref);
-    if (old) blobRead(ref, &old->blob);
+    if (old) blobReadReplaced(ref, &old->blob);
     blobFree(ref);
   }
   if (old) std::memcpy(old->words, oldWords, 4 * coll.recordWords());

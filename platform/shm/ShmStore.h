@@ -223,6 +223,11 @@ class ShmStore {
 
   // Throws ShmCorruptionException naming this store.
   [[noreturn]] void corrupt(const std::string& what) const;
+  // Damage met after a write had taken place (the blob of the record it replaced or removed
+  // could not be read or freed): the write stands and the damage waits here, empty when there
+  // is none, for the caller to report once the change is published.
+  bool hasDamage() const { return !damage_.empty(); }
+  std::string takeDamage() { return std::exchange(damage_, std::string()); }
 
  private:
   friend class ShmCollection;
@@ -254,8 +259,16 @@ class ShmStore {
 
   // Blob heap.
   ShmLayout::BlobRef blobAlloc(std::string_view bytes);
+  // Frees a block a record referred to; a reference that names no block of this heap (damage)
+  // is noted and its block left alone.
   void blobFree(const ShmLayout::BlobRef& ref);
+  bool blobFreeable(const ShmLayout::BlobRef& ref) const;
+  // The blob of a record a write replaced or removed, into `out` (empty and noted when damaged).
+  void blobReadReplaced(const ShmLayout::BlobRef& ref, std::string* out);
   void blobRead(const ShmLayout::BlobRef& ref, std::string* out) const;
+  void noteDamage(std::string what) {
+    if (damage_.empty()) damage_ = std::move(what);
+  }
   void blobRebuild();
 
   ShmStoreSchema schema_;
@@ -278,6 +291,7 @@ class ShmStore {
   uint64_t head_ = 0;
   uint64_t opSeq_ = 0;
   bool publishNew_ = false;  // copies announce what they write
+  std::string damage_;
 };
 
 }  // namespace Oro

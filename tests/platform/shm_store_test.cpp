@@ -717,6 +717,47 @@ TEST_F(ShmVerifyTest, AWriteOverADamagedRecordIsPublishedAndTheDamageReported) {
   EXPECT_EQ(r.find(2), std::nullopt);
 }
 
+// A live writer meeting a record whose blob reference was damaged: the write takes place, the
+// damage is kept for its caller to report, and the block the reference names is not freed
+// (it may lie outside the heap, or inside another record's block).
+TEST_F(ShmVerifyTest, AWriteOverADamagedBlobReferenceLeavesTheBlockAloneAndSaysSo) {
+  ShmStore w = filledStore("v/blobref");
+  Raw raw{"v/blobref"};
+  auto slotOf = [&](uint32_t k) {
+    const uint32_t key[1] = {k};
+    return w.find(kBlobs, key, nullptr);
+  };
+  raw.pokeSlot(kBlobs, slotOf(1), 1 + 2, 9);           // a chunk beyond the heap
+  raw.pokeSlot(kBlobs, slotOf(2), 1 + 4, 0x7fffffff);  // a length of no size class
+  const uint32_t at = raw.slotWord(kBlobs, slotOf(3), 1 + 3);
+  raw.pokeSlot(kBlobs, slotOf(3), 1 + 3, at + 8);  // inside its block, not at its start
+
+  ShmStore::Record old;
+  const uint32_t rec1[2 + kBlobRefWords] = {1, 100};
+  EXPECT_FALSE(w.put(kBlobs, rec1, std::string(40, 'n'), &old));
+  EXPECT_EQ(old.blob, "");
+  EXPECT_THAT(w.takeDamage(), HasSubstr("bad blob reference (chunk 9"));
+  for (uint32_t k : {2u, 3u}) {
+    const uint32_t key[1] = {k};
+    EXPECT_TRUE(w.remove(kBlobs, key, nullptr));
+    EXPECT_THAT(w.takeDamage(), HasSubstr("bad blob reference")) << k;
+  }
+  EXPECT_EQ(w.takeDamage(), "");
+
+  // Churn reuses every block that was really freed: the other records read back whole.
+  for (uint32_t round = 0; round < 3000; ++round) putBlob(w, 10 + round % 20, round);
+  ShmStore r = ShmStore::openReader("v/blobref", nullptr);
+  for (uint32_t k = 4; k < kBlobRecords; ++k) {
+    const uint32_t key[1] = {k};
+    ShmStore::Record rec;
+    ASSERT_NE(r.find(kBlobs, key, &rec), ShmStore::kNoSlot) << k;
+    const uint32_t v = k < 10 || k >= 30 ? k : 2980 + (k - 10);
+    EXPECT_EQ(rec.blob, std::string(1 + (k * 37 + v) % 3000, static_cast<char>('a' + k % 26))) << k;
+  }
+  EXPECT_EQ(r.find(kBlobs, rec1, &old), slotOf(1));
+  EXPECT_EQ(old.blob, std::string(40, 'n'));
+}
+
 }  // namespace verify
 
 }  // namespace
