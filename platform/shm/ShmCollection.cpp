@@ -80,7 +80,8 @@ ShmCollection::ShmCollection(ShmStore& store, uint32_t index)
   kw_ = desc_->keyWords;
   vw_ = desc_->valueWords;
   slotWords_ = desc_->slotWords;
-  sideOffset_ = slotWords_ - desc_->sideWords;
+  sideWords_ = desc_->sideWords;
+  sideOffset_ = slotWords_ - sideWords_;
 }
 
 std::string ShmCollection::suffix(char kind, uint32_t n) const {
@@ -1007,7 +1008,7 @@ bool ShmCollection::put(const uint32_t* words, uint32_t* old, uint32_t* slotOut)
   if (entity()) {
     // A new entity: a new generation (never 0, which names no entity), and no members yet.
     uint32_t* sw = s + sideOffset_;
-    for (uint32_t i = 1; i < desc_->sideWords; ++i) storeWord(sw + i, 0);
+    for (uint32_t i = 1; i < sideWords_; ++i) storeWord(sw + i, 0);
     const uint32_t gen = loadWord(sw + kSideGen) + 1;
     storeWord(sw + kSideGen, gen == 0 ? 1 : gen, std::memory_order_release);
   }

@@ -192,7 +192,9 @@ class ShmCollection {
   uint32_t childIndex_ = 0;
   uint32_t children_ = 0;
   bool blobs_ = false;
-  uint32_t kw_ = 0, vw_ = 0, sideOffset_ = 0, slotWords_ = 0;
+  // The shape, read once from the header the store was attached with (checked against the
+  // schema then): words written later by someone else do not move a write.
+  uint32_t kw_ = 0, vw_ = 0, sideOffset_ = 0, sideWords_ = 0, slotWords_ = 0;
 
   mutable std::vector<Chunk> chunks_;
   mutable ShmSegment indexSeg_;

@@ -758,6 +758,25 @@ TEST_F(ShmVerifyTest, AWriteOverADamagedBlobReferenceLeavesTheBlockAloneAndSaysS
   EXPECT_EQ(old.blob, std::string(40, 'n'));
 }
 
+// A writer's shape of a collection is the one it attached with: words of the header written
+// since (here the side words of an entity slot) do not move its writes.
+TEST_F(ShmVerifyTest, AWriterKeepsTheSlotShapeItAttachedWith) {
+  ShmStore w = filledStore("v/shape");
+  const uint32_t gone[1] = {5};
+  const uint32_t freed = refSlot(vrfRef(w, 5));
+  ASSERT_TRUE(w.remove(kVrfs, gone, nullptr));
+  Raw raw{"v/shape"};
+  const uint32_t sideWords = raw.desc(kVrfs).sideWords + raw.desc(kVrfs).slotWords;
+  writeSegment(Oro::shmStoreName("v/shape"),
+               offsetof(Header, colls) + kVrfs * sizeof(CollectionDesc) +
+                   offsetof(CollectionDesc, sideWords),
+               &sideWords, 4);
+  const uint32_t added[3] = {100, 0, 0};
+  EXPECT_TRUE(w.put(kVrfs, added, {}));
+  EXPECT_EQ(refSlot(vrfRef(w, 100)), freed);  // the slot below the next entity's
+  EXPECT_EQ(w.childCount(kRoutes, vrfRef(w, 6)), kMembers);
+}
+
 }  // namespace verify
 
 }  // namespace
