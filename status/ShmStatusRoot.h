@@ -164,6 +164,7 @@ class ShmStatusRoot : public ShmRootBase {
     using Key = typename Traits::Key;
     using Record = typename Traits::Record;
     static constexpr uint32_t collection = 0;
+    static constexpr uint32_t valueBytes = Traits::valueBytes;
     static constexpr bool blobs = false;
     static Key keyOf(const Record& r) { return Traits::keyOf(r); }
     static void writeValue(const Record& r, std::byte* out) { Traits::writeValue(r, out); }

@@ -126,6 +126,7 @@ void ShmCollection::recommitUsed() {
   const uint32_t c = static_cast<uint32_t>(chunks_.size()) - 1;
   lastCommitted_ = 0;
   dirCommitted_ = 0;
+  committedEnd_ = 0;
   if (hw_ > chunkFirstSlot(c)) ensureCommitted(hw_);
 }
 
@@ -160,9 +161,14 @@ void ShmCollection::mapChunks() const {
         storePtr_->segName(suffix('k', c)),
         storePtr_->writable_ ? ShmSegment::Access::readWrite : ShmSegment::Access::readOnly,
         chunkBytes(c));
-    uint32_t* base = reinterpret_cast<uint32_t*>(seg.data());
-    chunks_.push_back(Chunk{std::move(seg), base});
+    chunkMapped(std::move(seg));
   }
+}
+
+void ShmCollection::chunkMapped(ShmSegment seg) const {
+  uint32_t* base = reinterpret_cast<uint32_t*>(seg.data());
+  chunks_.push_back(Chunk{std::move(seg), base});
+  chunkBase_[chunkCount_++] = base;
 }
 
 uint32_t* ShmCollection::slotPtrSlow(uint32_t slot) const {
@@ -199,11 +205,10 @@ void ShmCollection::addChunk() {
   // opens a chunk nor the store's memory pays for the whole chunk at once. So is a nested
   // collection's page directory, at the chunk's end (megabytes for a large chunk).
   const size_t bytes = chunkBytes(c);
-  ShmSegment seg = storePtr_->makeSegment(suffix('k', c), bytes, /*commitNow=*/false);
-  uint32_t* base = reinterpret_cast<uint32_t*>(seg.data());
-  chunks_.push_back(Chunk{std::move(seg), base});
+  chunkMapped(storePtr_->makeSegment(suffix('k', c), bytes, /*commitNow=*/false));
   lastCommitted_ = 0;
   dirCommitted_ = 0;
+  committedEnd_ = 0;
   desc_->chunkCount.store(c + 1, std::memory_order_release);
   storePtr_->fault(ShmFaultPoint::chunkAdded);
 }
@@ -211,7 +216,7 @@ void ShmCollection::addChunk() {
 // Makes sure the last chunk's memory is committed up to slot `end` (exclusive): its slots and,
 // for a nested chunk, the directory entries of the pages below `end`, each kCommitStep or
 // more at a time.
-void ShmCollection::ensureCommitted(uint32_t end) {
+void ShmCollection::ensureCommittedSlow(uint32_t end) {
   const uint32_t c = static_cast<uint32_t>(chunks_.size()) - 1;
   ShmSegment& seg = chunks_[c].seg;
   const uint32_t used = end - chunkFirstSlot(c);
@@ -224,11 +229,14 @@ void ShmCollection::ensureCommitted(uint32_t end) {
     done += step;
   };
   commitRegion(0, slotBytes, size_t{used} * slotWords_ * 4, lastCommitted_);
+  size_t covered = lastCommitted_ / (size_t{slotWords_} * 4);
   if (nested()) {
     commitRegion(slotBytes, chunkBytes(c) - slotBytes,
                  size_t{(used + kMinPageSlots - 1) / kMinPageSlots} * sizeof(PageEntry),
                  dirCommitted_);
+    covered = std::min(covered, dirCommitted_ / sizeof(PageEntry) * kMinPageSlots);
   }
+  committedEnd_ = chunkFirstSlot(c) + static_cast<uint32_t>(covered);
 }
 
 bool ShmCollection::readSlot(uint32_t slot, uint32_t* out, uint32_t* seq) const {
@@ -297,9 +305,12 @@ uint32_t ShmCollection::seek(uint32_t from, uint32_t* out, uint32_t* seq) const 
 }
 
 bool ShmCollection::keyEquals(uint32_t slot, const uint32_t* keyWords) const {
-  const uint32_t* s = slotPtr(slot) + 1;
+  return keyAt(slotPtr(slot), keyWords);
+}
+
+bool ShmCollection::keyAt(const uint32_t* s, const uint32_t* keyWords) const {
   for (uint32_t i = 0; i < kw_; ++i) {
-    if (loadWord(s + i) != keyWords[i]) return false;
+    if (loadWord(s + 1 + i) != keyWords[i]) return false;
   }
   return true;
 }
@@ -457,7 +468,8 @@ uint32_t ShmCollection::probe(uint64_t h, const uint32_t* keyWords, uint32_t* sl
     } else if (tagMatches(e, h, indexSlotBits_)) {
       const uint32_t s = slotOfEntry(e, indexSlotBits_);
       if (s >= kMaxSlots) storePtr_->corrupt(fmt::format("collection {}: index entry names slot {}", index_, s));
-      if ((loadWord(slotPtr(s)) & kSeqOccupied) && keyEquals(s, keyWords)) {
+      const uint32_t* sp = slotPtr(s);
+      if ((loadWord(sp) & kSeqOccupied) && keyAt(sp, keyWords)) {
         *slot = s;
         return pos;
       }
@@ -512,6 +524,7 @@ void ShmCollection::beginGrowth(uint32_t capacity, bool commitNow) {
   n.committed = commitNow || !storePtr_->shared() ? bytes : 0;
   n.entries = reinterpret_cast<uint32_t*>(n.seg.data() + sizeof(IndexHeader));
   n.capacity = capacity;
+  n.maxUsed = static_cast<uint32_t>(uint64_t{capacity} * kMaxLoadNum / kMaxLoadDen);
   n.slotBits = slotBitsFor(static_cast<uint32_t>(chunks_.size()), nested());
   next_ = std::move(n);
 }
@@ -599,8 +612,9 @@ bool ShmCollection::migrateSlots(uint32_t end) {
   };
   NextIndex& n = next_;
   const uint32_t begin = n.cursor;
+  SlotRun run(*this);
   for (uint32_t slot = begin; slot < end && fits; ++slot) {
-    const uint32_t* s = slotPtr(slot);
+    const uint32_t* s = run.at(slot);
     const uint32_t seq = loadWord(s);
     bool hashed = false;
     uint64_t h = 0;
@@ -636,8 +650,9 @@ void ShmCollection::lookAhead(uint32_t end) {
   const uint32_t hw = hw_;
   const uint32_t stop = std::min(hw, end + kGrowthLookahead);
   uint32_t slot = std::max(n.aheadEnd, end);
+  SlotRun run(*this);
   for (; slot < stop && n.aheadCount < kGrowthLookahead; ++slot) {
-    const uint32_t* s = slotPtr(slot);
+    const uint32_t* s = run.at(slot);
     const uint32_t seq = loadWord(s);
     if (!(seq & kSeqOccupied)) continue;
     uint32_t key[kMaxKeyBytes / 4];
@@ -652,7 +667,7 @@ void ShmCollection::lookAhead(uint32_t end) {
 
 // Adds the record of `slot` to the next generation, in the first tombstone or free entry of
 // its probe (the probe runs to a free entry to catch a key held twice).
-bool ShmCollection::nextInsert(uint32_t slot, uint64_t h) {
+inline bool ShmCollection::nextInsert(uint32_t slot, uint64_t h) {
   const uint32_t cap = next_.capacity;
   const uint32_t bits = next_.slotBits;
   uint32_t pos = homeOf(h, cap);
@@ -670,7 +685,7 @@ bool ShmCollection::nextInsert(uint32_t slot, uint64_t h) {
     if (++pos == cap) pos = 0;
   }
   if (at == kNoSlot) {
-    if (uint64_t{next_.used + 1} * kMaxLoadDen > uint64_t{cap} * kMaxLoadNum) return false;
+    if (next_.used >= next_.maxUsed) return false;
     at = pos;
     ++next_.used;
   }

@@ -121,21 +121,47 @@ class ShmCollection {
 
   std::string suffix(char kind, uint32_t n) const;
   size_t chunkBytes(uint32_t chunk) const;
-  uint32_t* slotPtr(uint32_t slot) const {
+  [[gnu::always_inline]] uint32_t* slotPtr(uint32_t slot) const {
     const uint32_t c = ShmLayout::chunkOf(slot);
-    if (c < chunks_.size()) {
-      return chunks_[c].base + size_t{slot - ShmLayout::chunkFirstSlot(c)} * slotWords_;
+    if (c < chunkCount_) [[likely]] {
+      return chunkBase_[c] + size_t{slot - ShmLayout::chunkFirstSlot(c)} * slotWords_;
     }
     return slotPtrSlow(slot);
   }
+  void chunkMapped(ShmSegment seg) const;
   uint32_t* slotPtrSlow(uint32_t slot) const;
+  // Slot words for slots visited in ascending order: the chunk is found (and mapped, and the
+  // slot range-checked) once per chunk rather than once per slot.
+  class SlotRun {
+   public:
+    explicit SlotRun(const ShmCollection& c) : c_(c) {}
+    const uint32_t* at(uint32_t slot) {
+      if (slot < first_ || slot >= end_) {
+        base_ = c_.slotPtr(slot);
+        const uint32_t chunk = ShmLayout::chunkOf(slot);
+        first_ = slot;
+        end_ = ShmLayout::chunkFirstSlot(chunk) + ShmLayout::chunkSlots(chunk);
+      }
+      return base_ + size_t{slot - first_} * c_.slotWords_;
+    }
+
+   private:
+    const ShmCollection& c_;
+    const uint32_t* base_ = nullptr;
+    uint32_t first_ = 0, end_ = 0;
+  };
   ShmLayout::PageEntry* pageEntry(uint32_t slot) const;
   void mapChunks() const;
   void addChunk();
-  void ensureCommitted(uint32_t end);
+  // Commits the last chunk's slots (and page directory) below slot `end`.
+  void ensureCommitted(uint32_t end) {
+    if (end > committedEnd_) ensureCommittedSlow(end);
+  }
+  void ensureCommittedSlow(uint32_t end);
   void recommitUsed();
   void clearBeyondHighWater(uint32_t hw);
   bool keyEquals(uint32_t slot, const uint32_t* keyWords) const;
+  bool keyAt(const uint32_t* slotWords, const uint32_t* keyWords) const;
   uint64_t hashKey(const uint32_t* keyWords) const { return ShmLayout::hashWords(keyWords, kw_); }
 
   // Slots and pages (writer).
@@ -164,7 +190,7 @@ class ShmCollection {
   void releaseRetired();
   bool migrateSlots(uint32_t end);
   void lookAhead(uint32_t end);
-  bool nextInsert(uint32_t slot, uint64_t hash);
+  [[gnu::always_inline]] inline bool nextInsert(uint32_t slot, uint64_t hash);
   void nextRemove(uint32_t slot, uint64_t hash);
   uint64_t growthRoom() const;
   void maybeStartGrowth();
@@ -197,6 +223,10 @@ class ShmCollection {
   uint32_t kw_ = 0, vw_ = 0, sideOffset_ = 0, sideWords_ = 0, slotWords_ = 0;
 
   mutable std::vector<Chunk> chunks_;
+  // The chunks' bases again, unboxed for slotPtr (a Chunk's size is not a power of two, so
+  // counting chunks_ costs a multiplication on every slot lookup).
+  mutable uint32_t* chunkBase_[ShmLayout::kMaxChunks] = {};
+  mutable uint32_t chunkCount_ = 0;
   mutable ShmSegment indexSeg_;
   mutable const uint32_t* entries_ = nullptr;  // entries of the mapped index generation
   mutable uint32_t indexCap_ = 0;
@@ -227,6 +257,7 @@ class ShmCollection {
     uint32_t cursor = 0;
     uint32_t live = 0;
     uint32_t used = 0;  // live entries plus tombstones
+    uint32_t maxUsed = 0;  // `used` at the load limit
     size_t committed = 0;
     // Writes between two kCommitStep commits of the memory, planned when the growth began so
     // that the memory is taken over half the room rather than at once next to the present
@@ -248,6 +279,7 @@ class ShmCollection {
   size_t retiredLeft_ = 0;
   size_t lastCommitted_ = 0;  // bytes of the last chunk's slots committed (writer)
   size_t dirCommitted_ = 0;   // bytes of the last chunk's page directory committed (writer)
+  uint32_t committedEnd_ = 0;  // slots below it need no commit (writer; 0: look again)
   uint64_t growthStartUsed_ = 0;
   uint32_t growthStartHighWater_ = 0;
   uint32_t migratedThisWrite_ = 0;

@@ -59,11 +59,17 @@ struct ShmKeyHash {
 };
 
 // Key images of handles: the parent reference (nested collections) and the key's image.
+// `words` has room for kShmKeyImageWords<Key>; the image takes store.keyWords(c) of them, and
+// every word of that bound is written (zero where the image has no bytes).
+template <class Key>
+inline constexpr uint32_t kShmKeyImageWords = ShmLayout::kParentRefWords +
+                                              ShmLayout::words(ShmImage<Key>::bytes);
+
 template <class Key>
 void shmKeyImage(const ShmStore& store, uint32_t c, uint64_t parent, const Key& key,
                  uint32_t* words) {
-  const uint32_t kw = store.keyWords(c);
-  std::memset(words, 0, 4 * kw);
+  static_assert(kShmKeyImageWords<Key> <= ShmLayout::kMaxKeyBytes / 4);
+  std::memset(words, 0, 4 * kShmKeyImageWords<Key>);  // a constant size: no call
   uint32_t at = 0;
   if (store.nested(c)) {
     words[0] = static_cast<uint32_t>(parent);
@@ -255,7 +261,11 @@ class ShmValues : public ShmHandleBase {
     binding_->assertWritable();
     ShmStore& s = binding_->store();
     uint32_t words[ShmStore::kMaxRecordWords];
-    std::memset(words, 0, 4 * size_t{s.recordWords(kColl)});
+    // Zeroed up to a bound known at compile time (a few stores rather than a call).
+    constexpr uint32_t kBound = kShmKeyImageWords<Key> + ShmLayout::words(Traits::valueBytes) +
+                                (Traits::blobs ? ShmLayout::kBlobRefWords : 0);
+    static_assert(kBound <= ShmStore::kMaxRecordWords);
+    std::memset(words, 0, 4 * kBound);
     shmKeyImage(s, kColl, parent_, key, words);
     Traits::writeValue(r, reinterpret_cast<std::byte*>(words + s.keyWords(kColl)));
     std::string_view blob;

@@ -1188,7 +1188,8 @@ bool ShmStore::put(uint32_t c, const uint32_t* words, std::string_view blob, Rec
   uint32_t slot;
   bool added;
   try {
-    added = coll.put(w, oldWords, &slot);
+    // The old words only when someone reads them: the caller, or the blob they refer to.
+    added = coll.put(w, old || coll.blobs() ? oldWords : nullptr, &slot);
   } catch (...) {
     if (coll.blobs()) {
       BlobRef ref;
