@@ -627,9 +627,7 @@ bool ShmCollection::migrateSlots(uint32_t end) {
     }
     if (!(seq & kSeqOccupied)) continue;
     if (!hashed) {
-      uint32_t key[kMaxKeyBytes / 4];
-      loadWords(s + 1, key, kw_);
-      h = hashKey(key);
+      h = hashKey(s + 1);  // the writer's own words: no copy needed to read them
       __builtin_prefetch(n.entries + homeOf(h, n.capacity), 1);
     }
     batchSlot[pending] = slot;
@@ -655,9 +653,7 @@ void ShmCollection::lookAhead(uint32_t end) {
     const uint32_t* s = run.at(slot);
     const uint32_t seq = loadWord(s);
     if (!(seq & kSeqOccupied)) continue;
-    uint32_t key[kMaxKeyBytes / 4];
-    loadWords(s + 1, key, kw_);
-    const uint64_t h = hashKey(key);
+    const uint64_t h = hashKey(s + 1);  // only the writer grows an index, over its own words
     __builtin_prefetch(n.entries + homeOf(h, n.capacity), 1);
     n.ahead[(n.aheadFirst + n.aheadCount) % kGrowthLookahead] = NextIndex::Ahead{slot, seq, h};
     ++n.aheadCount;
