@@ -969,14 +969,22 @@ void ShmCollection::makeRoomForInsert(uint64_t h, const uint32_t* keyWords, uint
                uint64_t{indexCap_} * kMaxLoadNum;
   };
   if (fits()) return;
-  uint32_t slot;
+  // A new generation indexes every occupied slot: when it finds the key the present one did
+  // not, a slot holds it behind the index's back (damage), and inserting it would hold it twice.
+  auto probeAgain = [&] {
+    uint32_t slot;
+    if (probe(h, keyWords, &slot, insertAt) != kNoSlot) {
+      storePtr_->corrupt(
+          fmt::format("collection {}: slot {} holds a key its index did not find", index_, slot));
+    }
+  };
   if (next_.capacity != 0) {
     finishGrowth();
-    probe(h, keyWords, &slot, insertAt);
+    probeAgain();
     if (fits()) return;
   }
   buildIndex(indexCapacityFor(uint64_t{indexLive_} + 1));
-  probe(h, keyWords, &slot, insertAt);
+  probeAgain();
 }
 
 bool ShmCollection::put(const uint32_t* words, uint32_t* old, uint32_t* slotOut) {
