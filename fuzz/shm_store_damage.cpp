@@ -52,10 +52,16 @@ IpGenAddr v4(uint32_t a) {
   return IpGenAddr::ipv4Addr(a);
 }
 
+// A status root mounted as the writer at `path`, with a short change log.
+template <class Root>
+Oro::Ptr<Root> writerAt(Oro::Ptr<Root> root, const char* path) {
+  root->mount(ShmAttach{path, ShmRole::writer, nullptr, 0600, 64});
+  return root;
+}
+
 // A tree with every level populated, some of it deleted again (free slots, freed pages).
 void writeTree() {
-  auto root = mvpnRouteStatusFactory("bgp");
-  root->mount(ShmAttach{kTreePath, ShmRole::writer, nullptr, 0600, 64});
+  auto root = writerAt(mvpnRouteStatusFactory("bgp"), kTreePath);
   for (uint32_t v = 1; v <= 5; ++v) {
     auto vrf = root->vrfRouteStatusIs(VrfId(v));
     for (uint32_t g = 0; g < 4; ++g) {
@@ -74,8 +80,7 @@ void writeTree() {
 }
 
 void writeEncap() {
-  auto status = mvpnTunnelEncapStatusFactory("fuzzEncap");
-  status->mount(ShmAttach{kEncapPath, ShmRole::writer, nullptr, 0600, 64});
+  auto status = writerAt(mvpnTunnelEncapStatusFactory("fuzzEncap"), kEncapPath);
   for (uint32_t v = 1; v <= 4; ++v) {
     auto vrf = status->vrfStatusIs(VrfId(v));
     for (uint32_t i = 0; i < 6; ++i) {
@@ -92,8 +97,7 @@ void writeEncap() {
 }
 
 void writeVrfs() {
-  auto status = mvpnVrfStatusFactory("bgp");
-  status->mount(ShmAttach{kVrfPath, ShmRole::writer, nullptr, 0600, 64});
+  auto status = writerAt(mvpnVrfStatusFactory("bgp"), kVrfPath);
   for (uint32_t v = 1; v <= 600; ++v) status->mvpnVrfIs(MvpnVrf(VrfId(v), MvpnClient(v % 5)));
   for (uint32_t v = 1; v <= 600; v += 7) status->mvpnVrfDel(VrfId(v));
 }

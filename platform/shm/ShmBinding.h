@@ -193,8 +193,10 @@ class ShmBinding : private ShmReader::Sink {
   }
   // Hands a corruption report to the handler (readers report too, hence const).
   void handleCorruption(const std::string& message) const;
-  // Writer: hands the damage its store met during a completed write to the handler.
-  void reportStoreDamage() {
+  // Writer: publishes the key of a completed write; damage the store met during the write
+  // (which did not stop it) then goes to the handler.
+  void publishKey(uint32_t c, const uint32_t* keyWords) {
+    store_.publishKey(c, keyWords);
     if (store_.hasDamage()) [[unlikely]]
       handleCorruption(store_.takeDamage());
   }

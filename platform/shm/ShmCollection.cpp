@@ -95,8 +95,8 @@ size_t ShmCollection::chunkBytes(uint32_t chunk) const {
 
 bool ShmCollection::lost() const {
   if (indexSeg_.lost()) return true;
-  for (const Chunk& c : chunks_) {
-    if (c.seg.lost()) return true;
+  for (const ShmSegment& c : chunks_) {
+    if (c.lost()) return true;
   }
   return false;
 }
@@ -124,10 +124,15 @@ void ShmCollection::attach() {
 void ShmCollection::recommitUsed() {
   if (chunks_.empty()) return;
   const uint32_t c = static_cast<uint32_t>(chunks_.size()) - 1;
+  forgetCommitted();
+  if (hw_ > chunkFirstSlot(c)) ensureCommitted(hw_);
+}
+
+// The last chunk as not committed at all (a new one, or one whose commits are to be found out).
+void ShmCollection::forgetCommitted() {
   lastCommitted_ = 0;
   dirCommitted_ = 0;
   committedEnd_ = 0;
-  if (hw_ > chunkFirstSlot(c)) ensureCommitted(hw_);
 }
 
 uint32_t ShmCollection::highWater() const {
@@ -166,9 +171,8 @@ void ShmCollection::mapChunks() const {
 }
 
 void ShmCollection::chunkMapped(ShmSegment seg) const {
-  uint32_t* base = reinterpret_cast<uint32_t*>(seg.data());
-  chunks_.push_back(Chunk{std::move(seg), base});
-  chunkBase_[chunkCount_++] = base;
+  chunkBase_[chunkCount_++] = reinterpret_cast<uint32_t*>(seg.data());
+  chunks_.push_back(std::move(seg));
 }
 
 uint32_t* ShmCollection::slotPtrSlow(uint32_t slot) const {
@@ -180,13 +184,13 @@ uint32_t* ShmCollection::slotPtrSlow(uint32_t slot) const {
       storePtr_->corrupt(fmt::format("collection {}: slot {} lies beyond the chunks", index_, slot));
     }
   }
-  return chunks_[c].base + size_t{slot - chunkFirstSlot(c)} * slotWords_;
+  return chunkBase_[c] + size_t{slot - chunkFirstSlot(c)} * slotWords_;
 }
 
 PageEntry* ShmCollection::pageEntry(uint32_t slot) const {
   slotPtr(slot);  // maps the chunk, checks the range
   const uint32_t c = chunkOf(slot);
-  auto* dir = reinterpret_cast<PageEntry*>(chunks_[c].base + size_t{chunkSlots(c)} * slotWords_);
+  auto* dir = reinterpret_cast<PageEntry*>(chunkBase_[c] + size_t{chunkSlots(c)} * slotWords_);
   return dir + (slot - chunkFirstSlot(c)) / kMinPageSlots;
 }
 
@@ -206,9 +210,7 @@ void ShmCollection::addChunk() {
   // collection's page directory, at the chunk's end (megabytes for a large chunk).
   const size_t bytes = chunkBytes(c);
   chunkMapped(storePtr_->makeSegment(suffix('k', c), bytes, /*commitNow=*/false));
-  lastCommitted_ = 0;
-  dirCommitted_ = 0;
-  committedEnd_ = 0;
+  forgetCommitted();
   desc_->chunkCount.store(c + 1, std::memory_order_release);
   storePtr_->fault(ShmFaultPoint::chunkAdded);
 }
@@ -218,7 +220,7 @@ void ShmCollection::addChunk() {
 // more at a time.
 void ShmCollection::ensureCommittedSlow(uint32_t end) {
   const uint32_t c = static_cast<uint32_t>(chunks_.size()) - 1;
-  ShmSegment& seg = chunks_[c].seg;
+  ShmSegment& seg = chunks_[c];
   const uint32_t used = end - chunkFirstSlot(c);
   const size_t slotBytes = size_t{chunkSlots(c)} * slotWords_ * 4;
   // Commits [0, need) of the region [at, at + size), of which `done` bytes are committed.
@@ -1119,7 +1121,7 @@ void ShmCollection::reserve(uint32_t records) {
     if (c + 1 == chunks_.size()) {
       ensureCommitted(end);
     } else if (c + 1 < chunks_.size() && end > hw) {
-      chunks_[c].seg.commit(0, size_t{chunkSlots(c)} * slotWords_ * 4);
+      chunks_[c].commit(0, size_t{chunkSlots(c)} * slotWords_ * 4);
     }
   }
   if (uint64_t{indexLive_} + indexTombstones_ + records > uint64_t{indexCap_} * kMaxLoadNum / kMaxLoadDen ||
@@ -1142,9 +1144,9 @@ void ShmCollection::clearBeyondHighWater(uint32_t hw) {
     const size_t slotBytes = size_t{chunkSlots(c)} * slotWords_ * 4;
     auto clear = [&](size_t at, size_t end) {
       const size_t aligned = std::min(end, pageRound(at));
-      std::memset(reinterpret_cast<std::byte*>(chunks_[c].base) + at, 0, aligned - at);
-      if (aligned < end && !chunks_[c].seg.decommit(aligned, end - aligned)) {
-        std::memset(reinterpret_cast<std::byte*>(chunks_[c].base) + aligned, 0, end - aligned);
+      std::memset(reinterpret_cast<std::byte*>(chunkBase_[c]) + at, 0, aligned - at);
+      if (aligned < end && !chunks_[c].decommit(aligned, end - aligned)) {
+        std::memset(reinterpret_cast<std::byte*>(chunkBase_[c]) + aligned, 0, end - aligned);
       }
     };
     clear(size_t{from} * slotWords_ * 4, slotBytes);
@@ -1288,7 +1290,7 @@ void ShmCollection::reclaimMembers(uint64_t ref,
 
 size_t ShmCollection::committedBytes() const {
   size_t total = indexSeg_.committedBytes() + next_.seg.committedBytes() + retired_.committedBytes();
-  for (const Chunk& c : chunks_) total += c.seg.committedBytes();
+  for (const ShmSegment& c : chunks_) total += c.committedBytes();
   return total;
 }
 

@@ -114,10 +114,6 @@ class ShmCollection {
 
  private:
   friend class ShmStore;
-  struct Chunk {
-    ShmSegment seg;
-    uint32_t* base = nullptr;
-  };
 
   std::string suffix(char kind, uint32_t n) const;
   size_t chunkBytes(uint32_t chunk) const;
@@ -158,6 +154,7 @@ class ShmCollection {
     if (end > committedEnd_) ensureCommittedSlow(end);
   }
   void ensureCommittedSlow(uint32_t end);
+  void forgetCommitted();
   void recommitUsed();
   void clearBeyondHighWater(uint32_t hw);
   bool keyEquals(uint32_t slot, const uint32_t* keyWords) const;
@@ -222,9 +219,9 @@ class ShmCollection {
   // schema then): words written later by someone else do not move a write.
   uint32_t kw_ = 0, vw_ = 0, sideOffset_ = 0, sideWords_ = 0, slotWords_ = 0;
 
-  mutable std::vector<Chunk> chunks_;
-  // The chunks' bases again, unboxed for slotPtr (a Chunk's size is not a power of two, so
-  // counting chunks_ costs a multiplication on every slot lookup).
+  // The mapped chunks (in slot order) and their bases: counted and addressed by slotPtr without
+  // the division that counting a vector of segments takes.
+  mutable std::vector<ShmSegment> chunks_;
   mutable uint32_t* chunkBase_[ShmLayout::kMaxChunks] = {};
   mutable uint32_t chunkCount_ = 0;
   mutable ShmSegment indexSeg_;

@@ -272,8 +272,7 @@ class ShmValues : public ShmHandleBase {
     if constexpr (Traits::blobs) blob = Traits::blobOf(r);
     ShmStore::Record prev;
     const bool added = s.put(kColl, words, blob, old ? &prev : nullptr);
-    s.publishKey(kColl, words);
-    binding_->reportStoreDamage();
+    binding_->publishKey(kColl, words);
     if (old) *old = added ? std::nullopt : std::optional<Record>(decodeReplaced(prev));
     return added;
   }
@@ -294,8 +293,7 @@ class ShmValues : public ShmHandleBase {
     shmKeyImage(s, kColl, parent_, key, words);
     ShmStore::Record prev;
     if (!s.remove(kColl, words, &prev)) return false;
-    s.publishKey(kColl, words);
-    binding_->reportStoreDamage();
+    binding_->publishKey(kColl, words);
     if (removed) *removed = decodeReplaced(prev);
     return true;
   }
@@ -578,7 +576,7 @@ class ShmEntities : public ShmHandleBase {
     const uint64_t ref = s.refOf(kColl, s.find(kColl, words, nullptr));
     Oro::Ptr<E> e = E::make(binding_, ref, key);
     memberAdd(key, e);
-    s.publishKey(kColl, words);
+    binding_->publishKey(kColl, words);
     return e;
   }
 
@@ -603,8 +601,7 @@ class ShmEntities : public ShmHandleBase {
     uint32_t words[ShmLayout::kMaxKeyBytes / 4];
     shmKeyImage(s, kColl, parent_, key, words);
     if (!s.remove(kColl, words, nullptr)) return e != nullptr;
-    s.publishKey(kColl, words);
-    binding_->reportStoreDamage();
+    binding_->publishKey(kColl, words);
     return true;
   }
 
