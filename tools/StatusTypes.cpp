@@ -45,14 +45,81 @@ std::string jsonHead(const std::string& path, std::string_view type) {
                      m ? fmt::format("\"merger\": {}, ", mergerJson(*m)) : std::string());
 }
 
-// A reader instance of Root attached to the table at `path`; unmounted when it goes.
+// A reader instance of Root attached to the table at `path`; unmounted when it goes. A root's
+// dump and walks end quietly once they have reported damage to its corruption handler: the
+// first report is kept here, and the command fails with it once it has printed what it read.
 template <class Root>
 struct ReaderRoot {
   Oro::Ptr<Root> root;
+  std::string damage;
+  // A watch passes its scheduler, which stops at the first damage.
   ReaderRoot(const std::string& path, Oro::TaskScheduler* scheduler) : root(new Root(path)) {
+    root->corruptionHandlerIs([this, scheduler](const std::string& message) {
+      if (!damage.empty()) return;
+      damage = message;
+      if (scheduler) scheduler->stop();
+    });
     root->mount(Oro::ShmAttach{path, Oro::ShmRole::reader, scheduler});
   }
-  ~ReaderRoot() { root->unmount(); }
+  ReaderRoot(const ReaderRoot&) = delete;
+  ReaderRoot& operator=(const ReaderRoot&) = delete;
+  ~ReaderRoot() {
+    root->unmount();
+    root->corruptionHandlerIs(nullptr);
+  }
+  void failIfDamaged() const {
+    if (!damage.empty()) throw Oro::ShmCorruptionException(damage);
+  }
+};
+
+// One JSON document printed as it is built (a table of millions of records is never held in
+// memory), knowing which of its brackets are open. Damage met half-way closes them, so that
+// what was read stays a valid document, and names the damage in the document's last member.
+class JsonOut {
+ public:
+  explicit JsonOut(FILE* out) : out_(out) {}
+  // Prints `text`, which leaves the brackets `opens` open (outermost first).
+  void open(std::string_view opens, std::string_view text) {
+    fmt::print(out_, "{}", text);
+    for (char c : opens) closers_.push_back(c == '{' ? '}' : ']');
+  }
+  // Prints `before`, then closes the `n` innermost brackets.
+  void close(std::string_view before, size_t n = 1) {
+    fmt::print(out_, "{}", before);
+    for (; n > 0 && !closers_.empty(); --n) {
+      std::fputc(closers_.back(), out_);
+      closers_.pop_back();
+    }
+  }
+  void put(std::string_view text) { fmt::print(out_, "{}", text); }
+
+  // Runs `walk`, which opens the document's object and prints its members; then closes the
+  // document. When the walk meets damage (thrown, or reported to the root's handler) whatever
+  // is open inside the object is closed, the damage is its last member ("damaged"), and it is
+  // thrown once the document is printed.
+  template <class Root, class Walk>
+  void document(const ReaderRoot<Root>& r, const Walk& walk) {
+    std::string damage;
+    try {
+      walk();
+      damage = r.damage;
+    } catch (const Oro::ShmCorruptionException& e) {
+      damage = r.damage.empty() ? e.what() : r.damage;
+    }
+    if (closers_.empty()) {  // nothing printed yet
+      if (!damage.empty()) throw Oro::ShmCorruptionException(damage);
+      return;
+    }
+    close("", closers_.size() - 1);
+    if (!damage.empty()) fmt::print(out_, ", \"damaged\": {}", jsonQuote(damage));
+    close("", 1);
+    std::fputc('\n', out_);
+    if (!damage.empty()) throw Oro::ShmCorruptionException(damage);
+  }
+
+ private:
+  FILE* out_;
+  std::string closers_;
 };
 
 template <class Root>
@@ -63,19 +130,23 @@ void show(const std::string& path, bool json, FILE* out) {
     Oro::DumpContext dc;
     r.root->dumpState(dc, 0);
     fmt::print(out, "{}", displayText(dc.str(), true));
+    r.failIfDamaged();
     return;
   }
-  fmt::print(out, "{}\"records\": [", jsonHead(path, r.root->typeName()));
+  JsonOut j(out);
   // The walk goes by slot while the writer may move a key (delete it, insert it again into a
   // later slot): the walk can then meet it twice. The first meeting is the one listed.
   std::unordered_set<Key> listed;
   const char* sep = "";
-  for (auto it = r.root->recordIter(); it.valid(); it.next()) {
-    if (!listed.insert(it.key()).second) continue;
-    fmt::print(out, "{}\n  {}", sep, recordJson(it.value()));
-    sep = ",";
-  }
-  fmt::print(out, "{}]}}\n", *sep ? "\n" : "");
+  j.document(r, [&] {
+    j.open("{[", jsonHead(path, r.root->typeName()) + "\"records\": [");
+    for (auto it = r.root->recordIter(); it.valid(); it.next()) {
+      if (!listed.insert(it.key()).second) continue;
+      j.put(fmt::format("{}\n  {}", sep, recordJson(it.value())));
+      sep = ",";
+    }
+    j.close(*sep ? "\n" : "");
+  });
 }
 
 // What every watch shares: its scheduler, the count of changes printed and the stop after
@@ -139,7 +210,9 @@ uint64_t watch(const std::string& path, bool json, FILE* out, uint64_t maxChange
   });
   reactor.notifierIs(r.root.get());
   w.followMerger(r.root->binding());
-  return w.run();
+  const uint64_t printed = w.run();
+  r.failIfDamaged();
+  return printed;
 }
 
 // Hands every key notification of one entity (any attribute) to a function.
@@ -172,44 +245,50 @@ void showTree(const std::string& path, bool json, FILE* out) {
     Oro::DumpContext dc;
     r.root->dumpState(dc, 0);
     fmt::print(out, "{}", displayText(dc.str(), true));
+    r.failIfDamaged();
     return;
   }
-  fmt::print(out, "{}\"vrfs\": [", jsonHead(path, r.root->typeName()));
-  const char* vsep = "";
-  for (auto v = r.root->vrfRouteStatusIter(); v.valid(); v.next()) {
-    Oro::Ptr<MvpnVrfRouteStatus> vrf = v.value();
-    if (!vrf) continue;
-    fmt::print(out, "{}\n  {{\"vrfId\": {}, \"routes\": [", vsep, vrf->vrfId().value());
-    const char* sep = "";
-    for (auto it = vrf->mvpnRouteIter(); it.valid(); it.next()) {
-      fmt::print(out, "{}{}", sep, routeJson(it.value()));
-      sep = ", ";
-    }
-    fmt::print(out, "], \"groups\": [");
-    const char* gsep = "";
-    for (auto g = vrf->mvpnGroupIter(); g.valid(); g.next()) {
-      Oro::Ptr<MvpnGroup> group = g.value();
-      if (!group) continue;
-      fmt::print(out, "{}\n    {{\"group\": {}, \"sharedTree\": [", gsep,
-                 jsonQuote(group->group().toStrep()));
-      sep = "";
-      for (auto it = group->sharedTreeIter(); it.valid(); it.next()) {
-        fmt::print(out, "{}{}", sep, sourceJson(it.value()));
+  JsonOut j(out);
+  j.document(r, [&] {
+    j.open("{[", jsonHead(path, r.root->typeName()) + "\"vrfs\": [");
+    const char* vsep = "";
+    for (auto v = r.root->vrfRouteStatusIter(); v.valid(); v.next()) {
+      Oro::Ptr<MvpnVrfRouteStatus> vrf = v.value();
+      if (!vrf) continue;
+      j.open("{[", fmt::format("{}\n  {{\"vrfId\": {}, \"routes\": [", vsep, vrf->vrfId().value()));
+      const char* sep = "";
+      for (auto it = vrf->mvpnRouteIter(); it.valid(); it.next()) {
+        j.put(fmt::format("{}{}", sep, routeJson(it.value())));
         sep = ", ";
       }
-      fmt::print(out, "], \"sourceTree\": [");
-      sep = "";
-      for (auto it = group->sourceTreeIter(); it.valid(); it.next()) {
-        fmt::print(out, "{}{}", sep, sourceJson(it.value()));
-        sep = ", ";
+      j.close("");
+      j.open("[", ", \"groups\": [");
+      const char* gsep = "";
+      for (auto g = vrf->mvpnGroupIter(); g.valid(); g.next()) {
+        Oro::Ptr<MvpnGroup> group = g.value();
+        if (!group) continue;
+        j.open("{[", fmt::format("{}\n    {{\"group\": {}, \"sharedTree\": [", gsep,
+                                 jsonQuote(group->group().toStrep())));
+        sep = "";
+        for (auto it = group->sharedTreeIter(); it.valid(); it.next()) {
+          j.put(fmt::format("{}{}", sep, sourceJson(it.value())));
+          sep = ", ";
+        }
+        j.close("");
+        j.open("[", ", \"sourceTree\": [");
+        sep = "";
+        for (auto it = group->sourceTreeIter(); it.valid(); it.next()) {
+          j.put(fmt::format("{}{}", sep, sourceJson(it.value())));
+          sep = ", ";
+        }
+        j.close("", 2);
+        gsep = ",";
       }
-      fmt::print(out, "]}}");
-      gsep = ",";
+      j.close(*gsep ? "\n  " : "", 2);
+      vsep = ",";
     }
-    fmt::print(out, "{}]}}", *gsep ? "\n  " : "");
-    vsep = ",";
-  }
-  fmt::print(out, "{}]}}\n", *vsep ? "\n" : "");
+    j.close(*vsep ? "\n" : "");
+  });
 }
 
 // Each change of the tree, named by its level and keys; the watch follows VRFs and groups as
@@ -283,58 +362,62 @@ uint64_t watchTree(const std::string& path, bool json, FILE* out, uint64_t maxCh
   });
   rootReactor.notifierIs(r.root.get());
   w.followMerger(r.root->binding());
-  return w.run();
+  const uint64_t printed = w.run();
+  r.failIfDamaged();
+  return printed;
 }
 
 // A tunnel encapsulation status: per VRF its route and interface encapsulations.
 void showEncap(const std::string& path, bool json, FILE* out) {
   ReaderRoot<MvpnTunnelEncapStatus> r(path, nullptr);
-  if (json) {
-    fmt::print(out, "{}\"vrfs\": [", jsonHead(path, r.root->typeName()));
-  } else {
+  if (!json) {
     fmt::print(out, "MvpnTunnelEncapStatus #{}:\n", r.root->vrfStatusSize());
-  }
-  const char* vsep = "";
-  for (auto v = r.root->vrfStatusIter(); v.valid(); v.next()) {
-    Oro::Ptr<MvpnVrfTunnelEncapStatus> vrf = v.value();
-    if (!vrf) continue;
-    if (json) {
-      fmt::print(out, "{}\n  {{\"vrfId\": {}, \"encapTunnel\": [", vsep, vrf->vrfId().value());
-    } else {
+    for (auto v = r.root->vrfStatusIter(); v.valid(); v.next()) {
+      Oro::Ptr<MvpnVrfTunnelEncapStatus> vrf = v.value();
+      if (!vrf) continue;
       fmt::print(out, "  VRF ID: {}\n    Encap tunnels #{}\n", vrf->vrfId().value(),
                  vrf->encapTunnelSize());
-    }
-    const char* sep = "";
-    for (auto it = vrf->encapTunnelIter(); it.valid(); it.next()) {
-      const MvpnEncapTunnel rec = it.value();
-      if (json) {
-        fmt::print(out, "{}\n    {{\"routeKey\": {}, \"encapData\": {}}}", sep,
-                   jsonQuote(rec.routeKey().toStrep()), jsonQuote(rec.encapData()));
-      } else {
-        fmt::print(out, "      {}\n", displayText(rec.toStrep()));
+      for (auto it = vrf->encapTunnelIter(); it.valid(); it.next()) {
+        fmt::print(out, "      {}\n", displayText(it.value().toStrep()));
       }
-      sep = ",";
-    }
-    if (json) {
-      fmt::print(out, "{}], \"encapIntfTunnel\": [", *sep ? "\n  " : "");
-    } else {
       fmt::print(out, "    Encap interface tunnels #{}\n", vrf->encapIntfTunnelSize());
-    }
-    sep = "";
-    for (auto it = vrf->encapIntfTunnelIter(); it.valid(); it.next()) {
-      const MvpnEncapIntfTunnel rec = it.value();
-      if (json) {
-        fmt::print(out, "{}\n    {{\"routeIntfKey\": {}, \"encapData\": {}}}", sep,
-                   jsonQuote(rec.routeIntfKey().toStrep()), jsonQuote(rec.encapData()));
-      } else {
-        fmt::print(out, "      {}\n", displayText(rec.toStrep()));
+      for (auto it = vrf->encapIntfTunnelIter(); it.valid(); it.next()) {
+        fmt::print(out, "      {}\n", displayText(it.value().toStrep()));
       }
-      sep = ",";
     }
-    if (json) fmt::print(out, "{}]}}", *sep ? "\n  " : "");
-    vsep = ",";
+    r.failIfDamaged();
+    return;
   }
-  if (json) fmt::print(out, "{}]}}\n", *vsep ? "\n" : "");
+  JsonOut j(out);
+  j.document(r, [&] {
+    j.open("{[", jsonHead(path, r.root->typeName()) + "\"vrfs\": [");
+    const char* vsep = "";
+    for (auto v = r.root->vrfStatusIter(); v.valid(); v.next()) {
+      Oro::Ptr<MvpnVrfTunnelEncapStatus> vrf = v.value();
+      if (!vrf) continue;
+      j.open("{[",
+             fmt::format("{}\n  {{\"vrfId\": {}, \"encapTunnel\": [", vsep, vrf->vrfId().value()));
+      const char* sep = "";
+      for (auto it = vrf->encapTunnelIter(); it.valid(); it.next()) {
+        const MvpnEncapTunnel rec = it.value();
+        j.put(fmt::format("{}\n    {{\"routeKey\": {}, \"encapData\": {}}}", sep,
+                          jsonQuote(rec.routeKey().toStrep()), jsonQuote(rec.encapData())));
+        sep = ",";
+      }
+      j.close(*sep ? "\n  " : "");
+      j.open("[", ", \"encapIntfTunnel\": [");
+      sep = "";
+      for (auto it = vrf->encapIntfTunnelIter(); it.valid(); it.next()) {
+        const MvpnEncapIntfTunnel rec = it.value();
+        j.put(fmt::format("{}\n    {{\"routeIntfKey\": {}, \"encapData\": {}}}", sep,
+                          jsonQuote(rec.routeIntfKey().toStrep()), jsonQuote(rec.encapData())));
+        sep = ",";
+      }
+      j.close(*sep ? "\n  " : "", 2);
+      vsep = ",";
+    }
+    j.close(*vsep ? "\n" : "");
+  });
 }
 
 // Each change of an encapsulation status: VRFs coming and going, and every route and
@@ -380,7 +463,9 @@ uint64_t watchEncap(const std::string& path, bool json, FILE* out, uint64_t maxC
   });
   rootReactor.notifierIs(r.root.get());
   w.followMerger(r.root->binding());
-  return w.run();
+  const uint64_t printed = w.run();
+  r.failIfDamaged();
+  return printed;
 }
 
 template <class Root>
@@ -398,6 +483,20 @@ const std::vector<StatusType>& statusTypes() {
       StatusType{MvpnTunnelEncapStatus::kTypeName, &showEncap, &watchEncap},
   };
   return types;
+}
+
+std::string recordDamage(const std::string& rootType, const std::string& path) {
+  for (const StatusType& t : statusTypes()) {
+    if (rootType != t.rootType) continue;
+    std::unique_ptr<FILE, int (*)(FILE*)> sink(std::fopen("/dev/null", "w"), &std::fclose);
+    if (!sink) throw Oro::Exception("cannot open /dev/null");
+    try {
+      t.show(path, true, sink.get());
+    } catch (const Oro::ShmCorruptionException& e) {
+      return e.what();
+    }
+  }
+  return {};
 }
 
 void watchStop() {

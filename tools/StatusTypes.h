@@ -23,6 +23,10 @@ struct StatusType {
 
 const std::vector<StatusType>& statusTypes();
 
+// Reads every record of the table at `path` the way `show --json` does, printing nothing: the
+// first damage met, "" when there is none (or when mvpnstat does not know the table's type).
+std::string recordDamage(const std::string& rootType, const std::string& path);
+
 // Stops a running watch (async-signal-safe).
 void watchStop();
 

@@ -136,14 +136,13 @@ inline void writeSegment(const std::string& name, size_t offset, const void* byt
   ::close(fd);
 }
 
-// Returns false when the store or the collection does not exist. The collection's first slot
-// chunk is truncated: processes that map it meet a short segment, processes that mapped it
-// before lose the mapping (their next access finds the damage).
-inline bool damageTable(const std::string& mountPath, const std::string& collection) {
+// The name of the first slot chunk of `collection` in the store at `mountPath`, "" when the
+// store or the collection does not exist.
+inline std::string firstChunkOf(const std::string& mountPath, const std::string& collection) {
   using Oro::ShmLayout::Header;
   const std::string header = Oro::shmStoreName(mountPath);
   const int fd = ::shm_open(header.c_str(), O_RDONLY, 0);
-  if (fd < 0) return false;
+  if (fd < 0) return {};
   Header h;
   const bool ok =
       ::pread(fd, static_cast<void*>(&h), sizeof h, 0) == static_cast<ssize_t>(sizeof h);
@@ -153,8 +152,16 @@ inline bool damageTable(const std::string& mountPath, const std::string& collect
          std::string(h.colls[c].name) != collection) {
     ++c;
   }
-  if (!ok || c >= h.collectionCount) return false;
-  const std::string chunk = Oro::shmStoreSegmentName(mountPath, h.instance, fmt::format("{}k0", c));
+  if (!ok || c >= h.collectionCount) return {};
+  return Oro::shmStoreSegmentName(mountPath, h.instance, fmt::format("{}k0", c));
+}
+
+// Returns false when the store or the collection does not exist. The collection's first slot
+// chunk is truncated: processes that map it meet a short segment, processes that mapped it
+// before lose the mapping (their next access finds the damage).
+inline bool damageTable(const std::string& mountPath, const std::string& collection) {
+  const std::string chunk = firstChunkOf(mountPath, collection);
+  if (chunk.empty()) return false;
   const int cfd = ::shm_open(chunk.c_str(), O_RDWR, 0);
   if (cfd < 0) return false;
   const bool truncated = ::ftruncate(cfd, 0) == 0;

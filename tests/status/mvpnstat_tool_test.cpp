@@ -192,6 +192,34 @@ TEST_F(MvpnstatToolTest, ReportsUnknownDamagedAndForeignTablesAndBadUsage) {
   mvpnstatExpect(watch + " --count", 2);
 }
 
+// A record whose bytes hold no value (a client byte of no writer) in a structurally sound
+// table: show prints what it read before it and fails, the JSON document stays whole and
+// names the damage, and check finds it.
+TEST_F(MvpnstatToolTest, ARecordThatDoesNotReadBackFailsShowAndCheck) {
+  const std::string path = MvpnVrfStatus::mountPath(Nevo::ipv4, bgp_);
+  {
+    auto vrfs = shmtest::mounted(mvpnVrfStatusFactory(path), {path, Oro::ShmRole::writer});
+    for (uint32_t v : {1, 2, 3}) vrfs->mvpnVrfIs(MvpnVrf(Vrf::VrfIdMap::VrfId(v), bgp_));
+    vrfs->unmount();
+  }
+  // Slots of three words (sequence, key, record) in insertion order: VRF 2's client byte.
+  const std::string chunk = shmtest::firstChunkOf(path, "mvpnVrf");
+  ASSERT_FALSE(chunk.empty());
+  const char bad = 0x77;
+  shmtest::writeSegment(chunk, 3 * 4 + 2 * 4, &bad, 1);
+
+  const std::string damage = "is damaged: bad image of a Routing::Multicast::MvpnVrf";
+  const Result text = mvpnstatExpect("show " + path, 1, {"VRF 1\n", damage});
+  EXPECT_THAT(text.out, ::testing::Not(HasSubstr("VRF 3")));
+  const Result json = shmtest::run(fmt::format("({} --namespace {} show {} --json 2>/dev/null)",
+                                               MVPNSTAT_PATH, Oro::shmNamespace(), path));
+  EXPECT_EQ(json.status, 1);
+  const auto doc = nlohmann::json::parse(json.out);  // whole, although the walk stopped
+  EXPECT_EQ(doc["records"].size(), 1u);
+  EXPECT_THAT(doc["damaged"].get<std::string>(), HasSubstr("bad image"));
+  mvpnstatExpect("check " + path, 1, {"a record does not read back: bad image"});
+}
+
 // The shared-memory files of the table at `path`: its header and every segment named after it.
 std::vector<std::string> filesOf(const std::string& path) {
   const std::string name = Oro::shmStoreName(path).substr(1);
