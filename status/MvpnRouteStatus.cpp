@@ -220,6 +220,8 @@ MvpnVrfRouteStatus::~MvpnVrfRouteStatus() = default;
 
 Oro::Ptr<MvpnVrfRouteStatus> MvpnVrfRouteStatus::make(Oro::ShmBinding* binding, uint64_t ref,
                                                       const Key& vrfId) {
+  // VRF entities live in the entity store's heap, as roots do.
+  Oro::EntityHeapScope heap(Oro::ShmEntityStore::heap());
   return Oro::Ptr<MvpnVrfRouteStatus>(new MvpnVrfRouteStatus(binding, ref, vrfId));
 }
 

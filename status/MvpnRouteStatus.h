@@ -135,7 +135,7 @@ class MvpnGroup : public Oro::Entity, public Oro::ShmNode {
   SourceTree sourceTree_;
 };
 
-class MvpnVrfRouteStatus : public Oro::Entity, public Oro::ShmNode {
+class MvpnVrfRouteStatus : public Oro::Entity, public Oro::ShmNode, public Oro::HeapAllocated {
  public:
   using Key = Vrf::VrfIdMap::VrfId;
   using VrfId = Vrf::VrfIdMap::VrfId;

@@ -572,6 +572,9 @@ TEST_F(RouteStatusDeathTest, RootsAreMadeInTheStoresHeapByItsCreatorGivenAnIniti
   auto root = mvpnRouteStatusFactory("x");
   EXPECT_EQ(heap.allocations(), before + 1);
   EXPECT_EQ(&Oro::EntityHeap::current(), &Oro::EntityHeap::process());
+  root->vrfRouteStatusIs(VrfId(1));  // VRF entities too
+  EXPECT_EQ(heap.allocations(), before + 2);
+  EXPECT_EQ(&Oro::EntityHeap::current(), &Oro::EntityHeap::process());
   heap.failIs(true);
   EXPECT_THROW(mvpnRouteStatusFactory("y"), Oro::NullPointerException);
   heap.failIs(false);
