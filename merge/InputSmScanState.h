@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "platform/runtime/Entity.h"
@@ -39,6 +40,25 @@ class InputSmScanState : public Oro::Entity {
   std::string typeName_;
   bool idle_ = false;
   std::vector<bool> streamScan_;
+};
+
+// A machine's own scan-state companion: the flags of its `Streams` streams under their numbered
+// names, dyx_stream<n>Scan, over the generic ones.
+template <size_t Streams>
+class NumberedInputSmScanState : public InputSmScanState {
+  static_assert(Streams <= 4, "the numbered accessors are written out for up to four streams");
+
+ public:
+  explicit NumberedInputSmScanState(std::string typeName)
+      : InputSmScanState(std::move(typeName), Streams) {}
+  bool dyx_stream0Scan() const requires(Streams > 0) { return streamScan(0); }
+  void dyx_stream0ScanIs(bool done) requires(Streams > 0) { streamScanIs(0, done); }
+  bool dyx_stream1Scan() const requires(Streams > 1) { return streamScan(1); }
+  void dyx_stream1ScanIs(bool done) requires(Streams > 1) { streamScanIs(1, done); }
+  bool dyx_stream2Scan() const requires(Streams > 2) { return streamScan(2); }
+  void dyx_stream2ScanIs(bool done) requires(Streams > 2) { streamScanIs(2, done); }
+  bool dyx_stream3Scan() const requires(Streams > 3) { return streamScan(3); }
+  void dyx_stream3ScanIs(bool done) requires(Streams > 3) { streamScanIs(3, done); }
 };
 
 }  // namespace Routing::Multicast::DynaCode

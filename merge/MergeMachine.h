@@ -4,9 +4,10 @@
 // the machine and the argument its InputDesc names) and begins every stream event with the
 // runtime's step: nothing before the initial scan is done, then the stream's from-line.
 //
-// Derived supplies `static Oro::TraceHandle& traceHandle()`, and
+// Derived supplies `static Oro::TraceHandle& traceHandle()`,
 // `template <size_t N, class... A> void onStream(const A&...)`, the merge of one event of
-// stream N, which the input machines call.
+// stream N, which the input machines call, and its companion types `InputSmScanState` and
+// `OutputState` (constructed from their type name), which name its flags.
 #pragma once
 
 #include <cstddef>
@@ -47,6 +48,13 @@ class MergeMachine<Derived, D, std::tuple<ArgPtrs...>, std::tuple<InputSms...>> 
   auto* input() const {
     return std::get<I>(inputs_).get();
   }
+  // The companions as the machine's own types (null before initialisation).
+  auto* inputSmScanState() const {
+    return static_cast<typename Derived::InputSmScanState*>(MergeSm::inputSmScanState());
+  }
+  auto* outputState() const {
+    return static_cast<typename Derived::OutputState*>(MergeSm::outputState());
+  }
 
   // The runtime's step of eventToDyx_stream<N>: false until the initial scan is done,
   // otherwise traces the stream's from-line with `keys` and returns true.
@@ -71,6 +79,13 @@ class MergeMachine<Derived, D, std::tuple<ArgPtrs...>, std::tuple<InputSms...>> 
   }
 
   void createInputSms() override { createInputSms(std::index_sequence_for<InputSms...>()); }
+
+  Oro::Ptr<InputSmScanState> makeInputSmScanState() const override {
+    return Oro::makePtr<typename Derived::InputSmScanState>(inputTypeName("InputSmScanState"));
+  }
+  Oro::Ptr<OutputState> makeOutputState() const override {
+    return Oro::makePtr<typename Derived::OutputState>(inputTypeName("OutputState"));
+  }
 
   // The machine writes its last argument.
   Oro::ShmBinding* outputBinding() const override {

@@ -26,6 +26,14 @@ MergeSm::~MergeSm() {
   outputStateReactor_.notifierIs(nullptr);
 }
 
+Oro::Ptr<InputSmScanState> MergeSm::makeInputSmScanState() const {
+  return Oro::makePtr<InputSmScanState>(inputTypeName("InputSmScanState"), streams_);
+}
+
+Oro::Ptr<OutputState> MergeSm::makeOutputState() const {
+  return Oro::makePtr<OutputState>(inputTypeName("OutputState"), desc_.outputs.size());
+}
+
 void MergeSm::initializedIs(bool initialized) {
   if (initialized_ == initialized) return;
   initialized_ = initialized;
@@ -39,8 +47,8 @@ void MergeSm::handleInitialized() {
   checkPointers();
   ORO_TRACE(*qtHandle_, kTraceLifecycle, "create local SMs");
   const std::string typeName(desc_.typeName);
-  inputSmScanState_ = Oro::makePtr<InputSmScanState>(typeName + "::InputSmScanState", streams_);
-  outputState_ = Oro::makePtr<OutputState>(typeName + "::OutputState", desc_.outputs.size());
+  inputSmScanState_ = makeInputSmScanState();
+  outputState_ = makeOutputState();
   scanStateReactor_.notifierIs(inputSmScanState_.get());
   outputStateReactor_.notifierIs(outputState_.get());
   for (OutputBase* output : outputs_) output->initialize();

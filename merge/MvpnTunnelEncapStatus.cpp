@@ -156,6 +156,16 @@ Oro::Ptr<MvpnTunnelEncapStatus> MvpnTunnelEncapStatus::MvpnTunnelEncapStatusIs(
   return mvpnTunnelEncapStatusFactory(name);
 }
 
+size_t MvpnTunnelEncapStatus::encapTunnelTotal() const {
+  return vrfs_.nestedTotal(TunnelEncapStore::kEncapTunnel,
+                           &MvpnVrfTunnelEncapStatus::encapTunnelSize);
+}
+
+size_t MvpnTunnelEncapStatus::encapIntfTunnelTotal() const {
+  return vrfs_.nestedTotal(TunnelEncapStore::kEncapIntfTunnel,
+                           &MvpnVrfTunnelEncapStatus::encapIntfTunnelSize);
+}
+
 Oro::Ptr<MvpnVrfTunnelEncapStatus> MvpnTunnelEncapStatus::vrfStatusIs(VrfId vrfId) {
   if (Oro::Ptr<MvpnVrfTunnelEncapStatus> v = vrfs_.find(vrfId)) return v;
   counters(TunnelEncapStore::kVrfStatus).is.inc();

@@ -177,6 +177,9 @@ class MvpnTunnelEncapStatus : public ShmRootBase, public Oro::HeapAllocated {
   // Removes the VRF's entity; an absent VRF changes and publishes nothing.
   void vrfStatusDel(VrfId vrfId);
   size_t vrfStatusSize() const { return vrfs_.size(); }
+  // Records of each collection over every VRF.
+  size_t encapTunnelTotal() const;
+  size_t encapIntfTunnelTotal() const;
   // Room for n VRF entities in this process (see ShmEntities::reserve).
   void vrfStatusReserve(size_t n) { vrfs_.reserve(n); }
   VrfStatusIterator vrfStatusIter() const { return vrfs_.begin(); }

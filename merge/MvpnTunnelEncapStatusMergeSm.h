@@ -64,6 +64,7 @@ struct EncapTunnelSource {
   static Iterator iter(const Entity& e) { return e.encapTunnelIter(); }
   static Iterator iterAt(const Entity& e, const Bookmark& b) { return e.encapTunnelIterAt(b); }
   static size_t size(const Entity& e) { return e.encapTunnelSize(); }
+  static size_t total(const MvpnTunnelEncapStatus& r) { return r.encapTunnelTotal(); }
   static uint32_t version(const Entity& e) { return e.encapTunnelVersion(); }
   static void handleCorruption(const Entity& e, const Oro::ShmCorruptionException& x) {
     e.encapTunnelHandleCorruption(x.what());
@@ -81,6 +82,7 @@ struct EncapIntfTunnelSource {
   static Iterator iter(const Entity& e) { return e.encapIntfTunnelIter(); }
   static Iterator iterAt(const Entity& e, const Bookmark& b) { return e.encapIntfTunnelIterAt(b); }
   static size_t size(const Entity& e) { return e.encapIntfTunnelSize(); }
+  static size_t total(const MvpnTunnelEncapStatus& r) { return r.encapIntfTunnelTotal(); }
   static uint32_t version(const Entity& e) { return e.encapIntfTunnelVersion(); }
   static void handleCorruption(const Entity& e, const Oro::ShmCorruptionException& x) {
     e.encapIntfTunnelHandleCorruption(x.what());
@@ -147,6 +149,20 @@ inline constexpr MachineDesc kDesc{"Routing::Multicast::MergedMcastTunnelEncapSt
                                    "records"};
 
 using Machine = Routing::Multicast::MergedMcastTunnelEncapStatusSm;
+// The companions, under the names of the machine's streams and outputs.
+class InputSmScanState : public NumberedInputSmScanState<4> {
+ public:
+  using NumberedInputSmScanState::NumberedInputSmScanState;
+};
+class OutputState : public DynaCode::OutputState {
+ public:
+  explicit OutputState(std::string typeName) : DynaCode::OutputState(std::move(typeName), 2) {}
+  bool mergedEncapVrfStatusEncapTunnelOutputReady() const { return outputReady(0); }
+  void mergedEncapVrfStatusEncapTunnelOutputReadyIs(bool ready) { outputReadyIs(0, ready); }
+  bool mergedEncapVrfStatusEncapIntfTunnelOutputReady() const { return outputReady(1); }
+  void mergedEncapVrfStatusEncapIntfTunnelOutputReadyIs(bool ready) { outputReadyIs(1, ready); }
+};
+
 class VrfStatusSm1;
 class VrfStatusSm3;
 class VrfStatusSm5;
@@ -203,6 +219,8 @@ class MergedMcastTunnelEncapStatusSm
                      DynaCode::MergedMcastTunnelEncapStatusSm::EvpnEncapSm4>> {
  public:
   using VrfId = Vrf::VrfIdMap::VrfId;
+  using InputSmScanState = DynaCode::MergedMcastTunnelEncapStatusSm::InputSmScanState;
+  using OutputState = DynaCode::MergedMcastTunnelEncapStatusSm::OutputState;
   using MvpnEncapSm0 = DynaCode::MergedMcastTunnelEncapStatusSm::MvpnEncapSm0;
   using StaticEncapSm2 = DynaCode::MergedMcastTunnelEncapStatusSm::StaticEncapSm2;
   using EvpnEncapSm4 = DynaCode::MergedMcastTunnelEncapStatusSm::EvpnEncapSm4;

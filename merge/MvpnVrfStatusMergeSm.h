@@ -81,7 +81,7 @@ struct MergedVrfStatusMvpnVrfOutputColl {
   MvpnVrfStatus* status;
   MvpnVrfIterator iter() const { return status->mvpnVrfIter(); }
   MvpnVrfIterator iterAt(const Bookmark& b) const { return MvpnVrfSource::iterAt(*status, b); }
-  size_t sizeEstimate() const { return status->mvpnVrfSize(); }
+  size_t size() const { return status->mvpnVrfSize(); }
   bool del(const VrfId& key) const;
   void handleCorruption(const Oro::ShmCorruptionException& e) const {
     MvpnVrfSource::handleCorruption(*status, e);
@@ -147,6 +147,18 @@ inline constexpr MachineDesc kDesc{"Routing::Multicast::MergedMvpnVrfStatusSm",
                                    "staticMvpnVrfStatus, staticEvpnVrfStatus that lists the VRF "
                                    "names its client"};
 
+// The companions, under the names of the machine's streams and output.
+class InputSmScanState : public NumberedInputSmScanState<4> {
+ public:
+  using NumberedInputSmScanState::NumberedInputSmScanState;
+};
+class OutputState : public DynaCode::OutputState {
+ public:
+  explicit OutputState(std::string typeName) : DynaCode::OutputState(std::move(typeName), 1) {}
+  bool mergedVrfStatusMvpnVrfOutputReady() const { return outputReady(0); }
+  void mergedVrfStatusMvpnVrfOutputReadyIs(bool ready) { outputReadyIs(0, ready); }
+};
+
 using Machine = Routing::Multicast::MergedMvpnVrfStatusSm;
 DYX_KEYED_INPUT_SM(MvpnVrfStatusSm0, MvpnVrfSource, Machine, kDesc, 0, MvpnVrf, 0);
 DYX_KEYED_INPUT_SM(StaticMvpnVrfStatusSm1, MvpnVrfSource, Machine, kDesc, 1, MvpnVrf, 1);
@@ -171,6 +183,8 @@ class MergedMvpnVrfStatusSm
   using VrfId = Vrf::VrfIdMap::VrfId;
   using MergedVrfStatusMvpnVrfOutputKeyType =
       DynaCode::MergedMvpnVrfStatusSm::MergedVrfStatusMvpnVrfOutputKeyType;
+  using InputSmScanState = DynaCode::MergedMvpnVrfStatusSm::InputSmScanState;
+  using OutputState = DynaCode::MergedMvpnVrfStatusSm::OutputState;
   using MvpnVrfStatusSm0 = DynaCode::MergedMvpnVrfStatusSm::MvpnVrfStatusSm0;
   using StaticMvpnVrfStatusSm1 = DynaCode::MergedMvpnVrfStatusSm::StaticMvpnVrfStatusSm1;
   using EvpnVrfStatusSm2 = DynaCode::MergedMvpnVrfStatusSm::EvpnVrfStatusSm2;

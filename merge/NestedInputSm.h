@@ -334,6 +334,9 @@ class NestedInputSm : public InputSmBase {
 
   std::string_view typeName() const override { return typeName_; }
   Machine* machine() const { return machine_; }
+  // `parent` and `initialScanDone`: the merge machine, and whether its initial scan is done.
+  Machine* parent() const { return machine_; }
+  bool initialScanDone() const { return machine_->initialScanDone(); }
   const Root* en() const { return en_.get(); }
   static constexpr std::string_view name() { return D.inputs[I].name; }
   static constexpr std::string_view childName() { return D.inputs[I].childName; }

@@ -16,8 +16,8 @@
 // It also holds the keys whose last merge was decided with an input unreadable
 // (merge/InputRead.h): remergeKept() merges them again once that input reads cleanly.
 //
-// OutColl concept: Key, Bookmark, iter(), iterAt(bookmark), sizeEstimate() (about how many
-// keys it holds, 0 only when it holds none), del(key) (true when something was deleted) and
+// OutColl concept: Key, Bookmark, iter(), iterAt(bookmark), size() (how many keys it holds),
+// del(key) (true when something was deleted) and
 // handleCorruption(const Oro::ShmCorruptionException&). KeyType wraps Key (the element type
 // of Seen; constructible from a Key, hashable with Hash).
 #pragma once
@@ -94,7 +94,7 @@ class OutputReconciler : public OutputBase {
   void initialize() override {
     size_t present = 0;
     try {
-      present = coll_.sizeEstimate();
+      present = coll_.size();
     } catch (const Oro::ShmCorruptionException& e) {
       // Nothing can be walked either; reconciling only records what the merge writes.
       coll_.handleCorruption(e);

@@ -139,20 +139,9 @@ class TwoLevelOutputColl {
     it.enter(same && b.inner ? &*b.inner : nullptr);
     return it;
   }
-  // About how many pairs there are: the root's size times the mean size of the first
-  // entities, so that sizing a Seen set does not walk a hundred thousand entities outside any
-  // task. 0 only when the walk of the first entities reached the end and found no pair.
-  size_t sizeEstimate() const {
-    constexpr size_t kSample = 64;
-    size_t sampled = 0, pairs = 0;
-    auto it = RootSource::iter(*root_);
-    for (; it.valid() && sampled < kSample; it.next(), ++sampled) {
-      pairs += InnerSource::size(*it.value());
-    }
-    if (!it.valid()) return pairs;  // all of them
-    // Unsampled entities may hold pairs even when the sampled ones hold none.
-    return std::max<size_t>(1, pairs * RootSource::size(*root_) / sampled);
-  }
+  // How many pairs there are, over every entity (the inner source counts them all at once:
+  // no walk of a hundred thousand entities outside any task).
+  size_t size() const { return InnerSource::total(*root_); }
   bool del(const Key& key) const { return del_(key); }
   void handleCorruption(const Oro::ShmCorruptionException& e) const {
     RootSource::handleCorruption(*root_, e);

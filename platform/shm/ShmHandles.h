@@ -519,6 +519,16 @@ class ShmEntities : public ShmHandleBase {
   }
   bool contains(const Key& key) const { return find(key) != nullptr; }
 
+  // The records of nested collection `c` over every member: the store counts them all at once.
+  // Members kept in process memory (the handle departed) are counted one by one.
+  size_t nestedTotal(uint32_t c, size_t (E::*memberSize)() const) const {
+    checkReadable();
+    if (!departed_) return binding_->store().count(c);
+    size_t total = 0;
+    for (const auto& [key, e] : members_) total += ((*e).*memberSize)();
+    return total;
+  }
+
   size_t size() const {
     checkReadable();
     if (departed_) return members_.size();

@@ -120,10 +120,17 @@ TEST(VrfMergeLifecycle, ScansStartWhenInitializedYieldByTheSliceAndTheFirstWrite
   EXPECT_TRUE(writes.keys.empty());
   EXPECT_TRUE(rig.mergedMap().empty());
   EXPECT_FALSE(rig.sm->ready());
-  for (size_t n = 0; n < 4; ++n) EXPECT_FALSE(rig.sm->inputSmScanState()->streamScan(n));
+  // The scan flags were cleared for the rescan (by the names the machine gives them).
+  const auto* scans = rig.sm->inputSmScanState();
+  EXPECT_EQ(scans->typeName(),
+            "Routing::Multicast::DynaCode::MergedMvpnVrfStatusSm::InputSmScanState");
+  EXPECT_FALSE(scans->dyx_stream0Scan() || scans->dyx_stream1Scan() || scans->dyx_stream2Scan() ||
+               scans->dyx_stream3Scan());
 
   EXPECT_TRUE(rig.settle());
   EXPECT_TRUE(rig.sm->idle());
+  EXPECT_TRUE(rig.sm->outputState()->mergedVrfStatusMvpnVrfOutputReady());
+  EXPECT_TRUE(scans->dyx_stream0Scan() && scans->dyx_stream3Scan());
   EXPECT_EQ(rig.mergedMap(), rig.expected());
   EXPECT_EQ(writes.keys.size(), 4u);  // VRF 3 is merged by both inputs' scans
   for (size_t n = 0; n < 4; ++n) {
@@ -627,7 +634,9 @@ TEST(TunnelMergeLifecycle, ChildScansYieldInTheInputsTaskAndWriteNothingBeforeTh
   ASSERT_NE(child1, nullptr);
   EXPECT_EQ(child1->inputScanState0(), Routing::Multicast::DynaCode::kScanInterrupted);
   EXPECT_TRUE(sm0->task0()->scheduled());
-  EXPECT_FALSE(rig.sm->inputSmScanState()->streamScan(0));
+  EXPECT_FALSE(rig.sm->inputSmScanState()->dyx_stream0Scan());
+  EXPECT_EQ(sm0->parent(), rig.sm.get());
+  EXPECT_FALSE(sm0->initialScanDone());
 
   // Changes before the initial scan is done do not reach the merged status.
   rig.putRoutes({{kMvpn, 1, 9, "early"}, {kStatic, 7, 1, "early"}});
@@ -700,8 +709,12 @@ TEST(TunnelMergeReconcile, RestartDeletesUnsupportedRecordsPerOutputAndEachIsRea
   auto* state = rig.sm->outputState();
   // The outputs reconcile in their own tasks: one is ready before the other, and the
   // interface output's walk of five records yields with a bookmark of both levels.
-  while (!state->outputReady(0) && !state->outputReady(1)) ASSERT_TRUE(rig.scheduler.runOnce());
-  EXPECT_NE(state->outputReady(0), state->outputReady(1));
+  while (!state->mergedEncapVrfStatusEncapTunnelOutputReady() &&
+         !state->mergedEncapVrfStatusEncapIntfTunnelOutputReady()) {
+    ASSERT_TRUE(rig.scheduler.runOnce());
+  }
+  EXPECT_NE(state->mergedEncapVrfStatusEncapTunnelOutputReady(),
+            state->mergedEncapVrfStatusEncapIntfTunnelOutputReady());
   EXPECT_FALSE(rig.sm->ready());
   while (!rig.sm->mergedEncapVrfStatusEncapIntfTunnelOutputUseBookmark()) {
     ASSERT_TRUE(rig.scheduler.runOnce());
@@ -709,9 +722,19 @@ TEST(TunnelMergeReconcile, RestartDeletesUnsupportedRecordsPerOutputAndEachIsRea
   EXPECT_EQ(rig.sm->mergedEncapVrfStatusEncapIntfTunnelOutputBookmark()->outerKey, VrfId(2));
   EXPECT_FALSE(rig.sm->ready());
   rig.settle();
-  EXPECT_TRUE(state->outputReady(1));
+  EXPECT_TRUE(state->mergedEncapVrfStatusEncapIntfTunnelOutputReady());
   EXPECT_TRUE(rig.sm->ready());
   EXPECT_TRUE(rig.mergedContents().vrfs.empty());
+
+  // An output reconciles exactly when it holds records: a hundred merged VRFs of route
+  // records leave the interface output nothing to walk.
+  Rig many(0ns);
+  for (uint32_t v = 0; v < 100; ++v) many.putRoute(kOutput, v, 1, "stale");
+  many.start();
+  EXPECT_TRUE(many.sm->mergedEncapVrfStatusEncapTunnelOutputReconciling());
+  EXPECT_FALSE(many.sm->mergedEncapVrfStatusEncapIntfTunnelOutputReconciling());
+  many.settle();
+  EXPECT_TRUE(many.mergedContents().vrfs.empty());
 }
 
 TEST(TunnelMergeTrace, LifecycleLines) {
