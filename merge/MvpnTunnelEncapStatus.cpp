@@ -96,14 +96,17 @@ ShmRootBase::MutatorCounters* MvpnVrfTunnelEncapStatus::counters(uint32_t coll) 
 
 void MvpnVrfTunnelEncapStatus::encapTunnelIs(const MvpnEncapTunnel& record) {
   if (auto* c = counters(TunnelEncapStore::kEncapTunnel)) c->is.inc();
-  encapTunnel_.insert(record);
+  writeOrStop("write", "encapTunnel", encapTunnelReporter(), [&] { encapTunnel_.insert(record); });
   publishKey(encapTunnelAttr, record.routeKey());
 }
 
 void MvpnVrfTunnelEncapStatus::encapTunnelDel(const MvpnRouteKey& key) {
   if (auto* c = counters(TunnelEncapStore::kEncapTunnel)) c->del.inc();
   const MvpnRouteKey k = key;  // `key` may live in the caller's copy of the removed record
-  if (encapTunnel_.remove(k)) publishKey(encapTunnelAttr, k);
+  if (writeOrStop("removal", "encapTunnel", encapTunnelReporter(),
+                  [&] { return encapTunnel_.remove(k); })) {
+    publishKey(encapTunnelAttr, k);
+  }
 }
 
 void MvpnVrfTunnelEncapStatus::encapTunnelHandleCorruption(const std::string& message) const {
@@ -117,14 +120,18 @@ void MvpnVrfTunnelEncapStatus::encapTunnelHandleCorruption(const std::string& me
 void MvpnVrfTunnelEncapStatus::encapIntfTunnelIs(const MvpnEncapIntfTunnel& record) {
   if (auto* c = counters(TunnelEncapStore::kEncapIntfTunnel)) c->is.inc();
   const MvpnRouteIntfKey key = record.routeIntfKey();
-  encapIntfTunnel_.insert(record);
+  writeOrStop("write", "encapIntfTunnel", encapIntfTunnelReporter(),
+              [&] { encapIntfTunnel_.insert(record); });
   publishKey(encapIntfTunnelAttr, key);
 }
 
 void MvpnVrfTunnelEncapStatus::encapIntfTunnelDel(const MvpnRouteIntfKey& key) {
   if (auto* c = counters(TunnelEncapStore::kEncapIntfTunnel)) c->del.inc();
   const MvpnRouteIntfKey k = key;
-  if (encapIntfTunnel_.remove(k)) publishKey(encapIntfTunnelAttr, k);
+  if (writeOrStop("removal", "encapIntfTunnel", encapIntfTunnelReporter(),
+                  [&] { return encapIntfTunnel_.remove(k); })) {
+    publishKey(encapIntfTunnelAttr, k);
+  }
 }
 
 void MvpnVrfTunnelEncapStatus::encapIntfTunnelHandleCorruption(const std::string& message) const {
@@ -169,7 +176,12 @@ size_t MvpnTunnelEncapStatus::encapIntfTunnelTotal() const {
 Oro::Ptr<MvpnVrfTunnelEncapStatus> MvpnTunnelEncapStatus::vrfStatusIs(VrfId vrfId) {
   if (Oro::Ptr<MvpnVrfTunnelEncapStatus> v = vrfs_.find(vrfId)) return v;
   counters(TunnelEncapStore::kVrfStatus).is.inc();
-  Oro::Ptr<MvpnVrfTunnelEncapStatus> v = vrfs_.insert(vrfId);
+  Oro::Ptr<MvpnVrfTunnelEncapStatus> v;
+  try {
+    v = vrfs_.insert(vrfId);
+  } catch (const Oro::ShmCorruptionException& e) {
+    corruptWrite("write", "vrfStatus", e);
+  }
   publishKey(vrfStatusAttr, vrfId);
   return v;
 }
@@ -177,7 +189,13 @@ Oro::Ptr<MvpnVrfTunnelEncapStatus> MvpnTunnelEncapStatus::vrfStatusIs(VrfId vrfI
 void MvpnTunnelEncapStatus::vrfStatusDel(VrfId vrfId) {
   counters(TunnelEncapStore::kVrfStatus).del.inc();
   // Subscribers told of the removal may still read the departing entity: it keeps its records.
-  if (vrfs_.remove(vrfId)) publishKey(vrfStatusAttr, vrfId);
+  bool removed = false;
+  try {
+    removed = vrfs_.remove(vrfId);
+  } catch (const Oro::ShmCorruptionException& e) {
+    corruptWrite("removal", "vrfStatus", e);
+  }
+  if (removed) publishKey(vrfStatusAttr, vrfId);
 }
 
 std::string MvpnTunnelEncapStatus::mountPath(std::string_view writer) {

@@ -143,6 +143,13 @@ class MvpnVrfTunnelEncapStatus : public Oro::Entity, public Oro::ShmNode {
   friend struct EncapStatusFaults;
   MvpnVrfTunnelEncapStatus(Oro::ShmBinding* binding, uint64_t ref, const VrfId& vrfId);
   ShmRootBase::MutatorCounters* counters(uint32_t coll) const;
+  // A write's corruption report goes to the collection's handler.
+  auto encapTunnelReporter() const {
+    return [this](const std::string& message) { encapTunnelHandleCorruption(message); };
+  }
+  auto encapIntfTunnelReporter() const {
+    return [this](const std::string& message) { encapIntfTunnelHandleCorruption(message); };
+  }
 
   VrfId vrfId_;
   Oro::ShmValues<EncapTunnelColl> encapTunnel_;

@@ -141,14 +141,17 @@ ShmRootBase::MutatorCounters* MvpnGroup::counters(uint32_t coll) const {
 
 void MvpnGroup::sharedTreeIs(const MvpnSource& record) {
   if (auto* c = counters(RouteStatusStore::kSharedTree)) c->is.inc();
-  sharedTree_.insert(record);
+  writeOrStop("write", "sharedTree", reporter(), [&] { sharedTree_.insert(record); });
   sharedTreeNotify(record.source(), record);
 }
 
 MvpnSource MvpnGroup::sharedTreeDel(const IpGenAddr& source) {
   if (auto* c = counters(RouteStatusStore::kSharedTree)) c->del.inc();
   MvpnSource removed;
-  if (!sharedTree_.remove(source, &removed)) return MvpnSource();
+  if (!writeOrStop("removal", "sharedTree", reporter(),
+                   [&] { return sharedTree_.remove(source, &removed); })) {
+    return MvpnSource();
+  }
   sharedTreeNotify(source, removed);
   return removed;
 }
@@ -166,14 +169,17 @@ void MvpnGroup::sharedTreeNotify(const IpGenAddr& source, const MvpnSource& /*re
 
 void MvpnGroup::sourceTreeIs(const MvpnSource& record) {
   if (auto* c = counters(RouteStatusStore::kSourceTree)) c->is.inc();
-  sourceTree_.insert(record);
+  writeOrStop("write", "sourceTree", reporter(), [&] { sourceTree_.insert(record); });
   sourceTreeNotify(record.source(), record);
 }
 
 MvpnSource MvpnGroup::sourceTreeDel(const IpGenAddr& source) {
   if (auto* c = counters(RouteStatusStore::kSourceTree)) c->del.inc();
   MvpnSource removed;
-  if (!sourceTree_.remove(source, &removed)) return MvpnSource();
+  if (!writeOrStop("removal", "sourceTree", reporter(),
+                   [&] { return sourceTree_.remove(source, &removed); })) {
+    return MvpnSource();
+  }
   sourceTreeNotify(source, removed);
   return removed;
 }
@@ -242,14 +248,17 @@ ShmRootBase::MutatorCounters* MvpnVrfRouteStatus::counters(uint32_t coll) const 
 
 void MvpnVrfRouteStatus::mvpnRouteIs(const MvpnRoute& route) {
   if (auto* c = counters(RouteStatusStore::kMvpnRoute)) c->is.inc();
-  routes_.insert(route);
+  writeOrStop("write", "mvpnRoute", reporter(), [&] { routes_.insert(route); });
   mvpnRouteNotify(route.key(), route);
 }
 
 MvpnRoute MvpnVrfRouteStatus::mvpnRouteDel(const MvpnRouteKey& key) {
   if (auto* c = counters(RouteStatusStore::kMvpnRoute)) c->del.inc();
   MvpnRoute removed;
-  if (!routes_.remove(key, &removed)) return MvpnRoute();
+  if (!writeOrStop("removal", "mvpnRoute", reporter(),
+                   [&] { return routes_.remove(key, &removed); })) {
+    return MvpnRoute();
+  }
   mvpnRouteNotify(key, removed);
   return removed;
 }
@@ -268,14 +277,17 @@ void MvpnVrfRouteStatus::mvpnRouteNotify(const MvpnRouteKey& key, const MvpnRout
 Oro::Ptr<MvpnGroup> MvpnVrfRouteStatus::mvpnGroupIs(const IpGenAddr& group) {
   if (Oro::Ptr<MvpnGroup> g = groups_.find(group)) return g;
   if (auto* c = counters(RouteStatusStore::kMvpnGroup)) c->is.inc();
-  Oro::Ptr<MvpnGroup> g = groups_.insert(group);
+  Oro::Ptr<MvpnGroup> g =
+      writeOrStop("write", "mvpnGroup", reporter(), [&] { return groups_.insert(group); });
   mvpnGroupNotify(group);
   return g;
 }
 
 void MvpnVrfRouteStatus::mvpnGroupDel(const IpGenAddr& group) {
   if (auto* c = counters(RouteStatusStore::kMvpnGroup)) c->del.inc();
-  if (groups_.remove(group)) mvpnGroupNotify(group);
+  if (writeOrStop("removal", "mvpnGroup", reporter(), [&] { return groups_.remove(group); })) {
+    mvpnGroupNotify(group);
+  }
 }
 
 void MvpnVrfRouteStatus::mvpnGroupDelAll() {

@@ -24,12 +24,17 @@ ShmRootBase::~ShmRootBase() {
   unbindCounters();
 }
 
-void ShmRootBase::corruptWrite(const char* operation, std::string_view collection,
-                               const Oro::ShmCorruptionException& e) const {
-  handleCorruption(e.what());
+void writeMetCorruption(const char* operation, std::string_view collection,
+                        const Oro::ShmCorruptionException& e) {
   Oro::assertionFailed(fmt::format("{} of {} met a corrupt shared memory table: {}", operation,
                                    collection, e.what()),
                        __FILE__, __LINE__);
+}
+
+void ShmRootBase::corruptWrite(const char* operation, std::string_view collection,
+                               const Oro::ShmCorruptionException& e) const {
+  handleCorruption(e.what());
+  writeMetCorruption(operation, collection, e);
 }
 
 void ShmRootBase::controlIs(Oro::Ptr<TylKetab::CollectionControl> control) {

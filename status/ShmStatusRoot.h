@@ -57,6 +57,22 @@ class ShmRootZeroReferencesNotifiee : public Oro::Notifiee {
   ShmRootBase* root_;
 };
 
+// A write or removal that met a damaged store stops the process (fatal assertion): a writer
+// never goes on building on a store it cannot read back. writeOrStop runs `write`; on damage
+// it hands the message to `report` (the collection's corruption handler) first.
+[[noreturn]] void writeMetCorruption(const char* operation, std::string_view collection,
+                                     const Oro::ShmCorruptionException& e);
+template <class Report, class Write>
+decltype(auto) writeOrStop(const char* operation, std::string_view collection, const Report& report,
+                           Write&& write) {
+  try {
+    return std::forward<Write>(write)();
+  } catch (const Oro::ShmCorruptionException& e) {
+    report(std::string(e.what()));
+    writeMetCorruption(operation, collection, e);
+  }
+}
+
 class ShmRootBase : public Oro::Entity {
  public:
   ShmRootBase(std::string name, Oro::ShmStoreSchema schema, const Oro::TraceHandle& trace,

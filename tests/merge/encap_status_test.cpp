@@ -1,7 +1,10 @@
 // The tunnel encapsulation status entities and records: what the merge relies on (per-key
 // publication, member counts, versions, bookmarked walks, departed entities keeping
 // their records) and the records' text forms.
+#include <fmt/format.h>
 #include <gtest/gtest.h>
+
+#include <unistd.h>
 
 #include <chrono>
 #include <string>
@@ -91,6 +94,24 @@ TEST(EncapStatus, DamagedCollectionsRaiseOnEveryRead) {
   vrf->encapTunnelCorruptionHandlerIs([&](const std::string& m) { reported = m; });
   vrf->encapTunnelHandleCorruption("bad slot");
   EXPECT_EQ(reported, "bad slot");
+}
+
+using EncapStatusDeathTest = shmtest::ShmTest;
+
+TEST_F(EncapStatusDeathTest, CorruptionDuringAWriteIsFatalAfterTheHandlerDeathTest) {
+  auto root = mvpnTunnelEncapStatusFactory("mvpn");
+  // Death tests run the test again in a new process: each process damages a store of its own.
+  const std::string path = fmt::format("c/encap{}", ::getpid());
+  root->mount(ShmAttach{path, ShmRole::writer});
+  auto vrf = root->vrfStatusIs(VrfId(1));
+  vrf->encapTunnelCorruptionHandlerIs(
+      [](const std::string& m) { fprintf(stderr, "handler saw: %s\n", m.c_str()); });
+  vrf->encapTunnelIs(MvpnEncapTunnel(route(1), "a"));
+  ASSERT_TRUE(shmtest::damageTable(path, "encapTunnel"));
+  EXPECT_DEATH(vrf->encapTunnelIs(MvpnEncapTunnel(route(2), "b")),
+               "handler saw: .*corrupt(.|\n)*write of encapTunnel met a corrupt shared memory");
+  EXPECT_DEATH(vrf->encapTunnelDel(route(1)),
+               "handler saw: .*corrupt(.|\n)*removal of encapTunnel met a corrupt shared memory");
 }
 
 class EncapStatusReader : public shmtest::ShmTest {

@@ -589,6 +589,24 @@ TEST_F(RouteStatusDeathTest, RootsAreMadeInTheStoresHeapByItsCreatorGivenAnIniti
                "Assertion failed: initializer");
 }
 
+TEST_F(RouteStatusDeathTest, CorruptionDuringANestedWriteIsFatalAfterTheHandlerDeathTest) {
+  auto root = mvpnRouteStatusFactory("bgp");
+  root->corruptionHandlerIs(
+      [](const std::string& m) { fprintf(stderr, "handler saw: %s\n", m.c_str()); });
+  // Death tests run the test again in a new process: each process damages a store of its own.
+  const std::string path = fmt::format("c/tree{}", ::getpid());
+  root->mount(ShmAttach{path, ShmRole::writer});
+  auto vrf = root->vrfRouteStatusIs(VrfId(1));
+  const IpGenAddr g = v4(0xef010101);
+  vrf->mvpnSourceIs(g, v4(0x0a010101), prefix(0, 0), true, Flags());
+  ASSERT_TRUE(shmtest::damageTable(path, "sharedTree"));
+  EXPECT_DEATH(
+      vrf->mvpnSourceIs(g, v4(0x0a010102), prefix(0, 0), true, Flags()),
+      "handler saw: .*corrupt(.|\n)*write of sharedTree met a corrupt shared memory table");
+  EXPECT_DEATH(vrf->mvpnSourceDel(g, v4(0x0a010101), true),
+               "handler saw: .*corrupt(.|\n)*removal of sharedTree met a corrupt shared memory");
+}
+
 TEST_F(RouteStatusTest, ADeletedVrfKeepsItsRecordsForWhoeverHoldsIt) {
   auto root = shmtest::mounted(mvpnRouteStatusFactory("bgp"), {"t/departed", ShmRole::writer});
   auto vrf = root->vrfRouteStatusIs(VrfId(9));
