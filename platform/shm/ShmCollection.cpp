@@ -341,6 +341,9 @@ uint32_t ShmCollection::seekChild(uint64_t parent, uint32_t from, bool after, ui
     page = first - 1;
     from = page;
   } else {
+    // A position past the carved pages (a bookmark from before the store was rebuilt) is
+    // past the end of every chain.
+    if (from >= highWater()) return kNoSlot;
     const PageEntry* e = pageEntry(from);
     const uint32_t info = e->info.load(std::memory_order_acquire);
     page = from - (from % kMinPageSlots) - headDistanceOf(info) * kMinPageSlots;

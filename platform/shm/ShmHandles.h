@@ -79,6 +79,19 @@ void shmKeyImage(const ShmStore& store, uint32_t c, uint64_t parent, const Key& 
   ShmImage<Key>::write(key, reinterpret_cast<std::byte*>(words + at));
 }
 
+// Where a walk resumes at a bookmark (`key`, read at `slot`): at that position when the walk
+// knows one (the key there, or gone: the walk goes on after the place it had), else at the
+// key's slot, or at `start` when the key is absent.
+template <class Key>
+uint32_t shmResumeSlot(const ShmStore& store, uint32_t c, uint64_t parent, const Key& key,
+                       uint32_t slot, uint32_t start) {
+  if (slot != ShmStore::kNoSlot) return slot;
+  uint32_t k[ShmLayout::kMaxKeyBytes / 4];
+  shmKeyImage(store, c, parent, key, k);
+  const uint32_t found = store.find(c, k, nullptr);
+  return found == ShmStore::kNoSlot ? start : found;
+}
+
 template <class Key>
 Key shmKeyOf(const ShmStore& store, uint32_t c, const uint32_t* words) {
   return ShmImage<Key>::read(reinterpret_cast<const std::byte*>(
@@ -93,10 +106,11 @@ class ShmValues : public ShmHandleBase {
   using OnKey = std::function<void(const Key&)>;
   static constexpr uint32_t kColl = Traits::collection;
 
-  // Where a walk stopped: the next key to visit and where it was found.
+  // Where a walk stopped: the next key to visit and where it was found (a bookmark made
+  // from a key alone resumes at that key).
   struct Bookmark {
     Key key{};
-    uint32_t slot = 0;
+    uint32_t slot = ShmStore::kNoSlot;
   };
 
   // A walk in the store's order (slot order; a parent's page chain for nested members).
@@ -238,7 +252,7 @@ class ShmValues : public ShmHandleBase {
       c.it_ = local_.lower_bound(b.key);
       c.loadLocal();
     } else {
-      c.seek(b.slot);
+      c.seek(shmResumeSlot(binding_->store(), kColl, parent_, b.key, b.slot, walkStart()));
     }
     return c;
   }
@@ -415,9 +429,9 @@ class ShmEntities : public ShmHandleBase {
   using Key = typename E::Key;
   using OnKey = std::function<void(const Key&)>;
   static constexpr uint32_t kColl = E::collection;
-  struct Bookmark {
+  struct Bookmark {  // as ShmValues::Bookmark
     Key key{};
-    uint32_t slot = 0;
+    uint32_t slot = ShmStore::kNoSlot;
   };
 
   class Cursor {
@@ -560,7 +574,7 @@ class ShmEntities : public ShmHandleBase {
       c.it_ = std::lower_bound(localOrder_.begin(), localOrder_.end(), b.key);
       if (c.it_ != localOrder_.end()) c.key_ = *c.it_;
     } else {
-      c.seek(b.slot);
+      c.seek(shmResumeSlot(binding_->store(), kColl, parent_, b.key, b.slot, walkStart()));
     }
     return c;
   }

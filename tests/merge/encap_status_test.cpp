@@ -74,6 +74,15 @@ TEST(EncapStatus, MutatorsPublishEveryChangedKeyAndCountMembersAndWalksResumeAtA
   EXPECT_EQ(keys(walked->encapTunnelIterAt(at2)), (std::vector{route(3), route(4), route(5)}));
   at.next();
   EXPECT_EQ(at.key(), route(3));
+  // In a store, a bookmark made from a key alone resumes at that key (the walk goes in store
+  // order); one of an absent key walks from the start.
+  auto stored = root->vrfStatusIs(VrfId(2));
+  for (uint32_t g : {5, 1, 4, 2, 3}) stored->encapTunnelIs(MvpnEncapTunnel(route(g)));
+  EXPECT_EQ(keys(stored->encapTunnelIterAt(EncapTunnelBookmark{route(4)})),
+            (std::vector{route(4), route(2), route(3)}));
+  EXPECT_EQ(keys(stored->encapTunnelIterAt(EncapTunnelBookmark{route(9)})).size(), 5u);
+  // A position past every page (a bookmark from before the store was rebuilt) ends the walk.
+  EXPECT_TRUE(keys(stored->encapTunnelIterAt(EncapTunnelBookmark{route(1), 1u << 20})).empty());
 }
 
 TEST(EncapStatus, DamagedCollectionsRaiseOnEveryRead) {
