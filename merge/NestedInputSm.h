@@ -451,6 +451,10 @@ class NestedInputSm : public InputSmBase {
                     "Sm args can only be null if marked as Optional in the SM type declaration");
     Stream& st = stream<k>();
     const ScanEnv e = env<k>();
+    // Once the stream is complete after the initial scan, and said so, a run only works off
+    // the scans of children that came later: the stream stays complete, not announced again.
+    const bool followUp = st.scan.state() == kScanComplete &&
+                          machine_->inputSmScanState()->streamScan(streamNumber(k));
     while (!st.queue.empty()) {
       Oro::Ptr<Child> child = st.queue.front();
       if (!child->departed() && child->template runScan<k>(e) == Result::yielded) return;
@@ -459,6 +463,10 @@ class NestedInputSm : public InputSmBase {
         st.task->schedule();
         return;
       }
+    }
+    if (followUp && st.scan.state() == kScanComplete) {
+      taskDel<k>();
+      return;
     }
     if (!outerComplete<k>()) {
       if (st.scan.state() != kScanInterrupted) st.damage.scanStarts();

@@ -658,12 +658,24 @@ TEST(TunnelMergeLifecycle, ChildScansYieldInTheInputsTaskAndWriteNothingBeforeTh
   const auto mergedBefore = rig.mergedContents();
   sm2->childSmVrfStatusRoutingMulticastMvpnVrfTunnelEncapStatusPtrConst(VrfId(2))->doInputScan();
   EXPECT_EQ(rig.mergedContents(), mergedBefore);
-  // A VRF that appears after ready gets a child whose scan runs in the input's task.
-  rig.in[kMvpn]->vrfStatusIs(VrfId(8));
-  EXPECT_NE(sm0->task0(), nullptr);
-  rig.putRoute(kMvpn, 8, 1, "late");
-  rig.settle();
-  EXPECT_EQ(rig.mergedContents(), rig.expected());
+  // A VRF that appears after ready gets a child whose scan runs in the input's task; the
+  // stream stays complete, not announced again, and the task goes when the scan is done.
+  {
+    TraceCapture trace("MergedMcastTunnelEncapStatusSm");
+    rig.in[kMvpn]->vrfStatusIs(VrfId(8));
+    EXPECT_NE(sm0->task0(), nullptr);
+    rig.putRoute(kMvpn, 8, 1, "late");
+    rig.settle();
+    EXPECT_EQ(rig.mergedContents(), rig.expected());
+    EXPECT_EQ(sm0->task0(), nullptr);
+    const auto& lines = trace.sink.messages();
+    const auto has = [&](std::string_view part) {
+      return std::ranges::any_of(
+          lines, [&](const std::string& m) { return m.find(part) != std::string::npos; });
+    };
+    EXPECT_TRUE(has("scan complete. Processed 1 children."));
+    EXPECT_FALSE(has("scan, and parent scan, complete."));
+  }
   // A child is never repointed at another entity.
   auto other = Oro::makePtr<MvpnVrfTunnelEncapStatus>(VrfId(1));
   EXPECT_THROW(
