@@ -32,17 +32,16 @@ struct MvpnVrfStatusTraits {
   static void dumpRecord(Oro::DumpContext& dc, const Record& r, int indent) {
     r.dumpState(dc, indent);
   }
-  // Stored value: the client byte (the key is the record's key).
+  // Stored value: the client byte (the key is the record's key). Every byte is a client: the
+  // enumeration is eight bits wide and a record read off the wire may hold any of them.
   static constexpr uint32_t valueBytes = 1;
   static constexpr uint64_t valueFingerprint =
-      Oro::shmFingerprint("Routing::Multicast::MvpnVrf{client:u8 0..4}", valueBytes);
+      Oro::shmFingerprint("Routing::Multicast::MvpnVrf{client:u8}", valueBytes);
   static void writeValue(const Record& r, std::byte* out) {
     out[0] = static_cast<std::byte>(r.client());
   }
   static Record readRecord(const Key& key, const std::byte* value) {
-    const auto client = static_cast<uint8_t>(value[0]);
-    if (client > static_cast<uint8_t>(MvpnClient::staticEvpn_)) Oro::shmBadImage(recordTypeName);
-    return Record(key, static_cast<MvpnClient>(client));
+    return Record(key, static_cast<MvpnClient>(value[0]));
   }
 };
 

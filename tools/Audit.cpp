@@ -170,14 +170,12 @@ bool check(const std::optional<std::string>& path, bool json) {
         integrity.problems.push_back({"", e.what()});
       }
       // The structure can be sound while a record holds bytes no value has.
-      if (integrity.ok()) {
-        try {
-          if (std::string damage = recordDamage(t.rootType, t.mountPath); !damage.empty()) {
-            integrity.problems.push_back({"", "a record does not read back: " + damage});
-          }
-        } catch (const Oro::ShmException& e) {
-          integrity.problems.push_back({"", e.what()});
+      try {
+        if (std::string damage = recordDamage(t.rootType, t.mountPath); !damage.empty()) {
+          integrity.problems.push_back({"", "a record does not read back: " + damage});
         }
+      } catch (const Oro::ShmException& e) {
+        integrity.problems.push_back({"", e.what()});
       }
       if (!integrity.ok()) ok = false;
       std::string problems;

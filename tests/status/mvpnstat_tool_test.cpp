@@ -192,30 +192,39 @@ TEST_F(MvpnstatToolTest, ReportsUnknownDamagedAndForeignTablesAndBadUsage) {
   mvpnstatExpect(watch + " --count", 2);
 }
 
-// A record whose bytes hold no value (a client byte of no writer) in a structurally sound
-// table: show prints what it read before it and fails, the JSON document stays whole and
-// names the damage, and check finds it.
+// A record whose bytes hold no value (a route key of no address family): show prints what it
+// read before it and fails, the JSON document stays whole and names the damage, and check
+// finds it.
 TEST_F(MvpnstatToolTest, ARecordThatDoesNotReadBackFailsShowAndCheck) {
-  const std::string path = MvpnVrfStatus::mountPath(Nevo::ipv4, bgp_);
+  const std::string path = MvpnTunnelEncapStatus::mountPath("mvpn");
   {
-    auto vrfs = shmtest::mounted(mvpnVrfStatusFactory(path), {path, Oro::ShmRole::writer});
-    for (uint32_t v : {1, 2, 3}) vrfs->mvpnVrfIs(MvpnVrf(Vrf::VrfIdMap::VrfId(v), bgp_));
-    vrfs->unmount();
+    auto encap = shmtest::mounted(mvpnTunnelEncapStatusFactory(path), {path, Oro::ShmRole::writer});
+    encap->vrfStatusIs(Vrf::VrfIdMap::VrfId(1));
+    auto vrf = encap->vrfStatusIs(Vrf::VrfIdMap::VrfId(2));
+    for (uint32_t g : {1, 2}) {
+      vrf->encapTunnelIs(
+          MvpnEncapTunnel(MvpnRouteKey(Nevo::IpGenAddr::ipv4Addr(1),
+                                       Nevo::IpGenAddr::ipv4Addr(0xef000000 + g), false),
+                          "x"));
+    }
+    encap->unmount();
   }
-  // Slots of three words (sequence, key, record) in insertion order: VRF 2's client byte.
-  const std::string chunk = shmtest::firstChunkOf(path, "mvpnVrf");
+  // The first route's slot: its sequence word, its VRF's reference (two words), then the
+  // family of its source.
+  const std::string chunk = shmtest::firstChunkOf(path, "encapTunnel");
   ASSERT_FALSE(chunk.empty());
   const char bad = 0x77;
-  shmtest::writeSegment(chunk, 3 * 4 + 2 * 4, &bad, 1);
+  shmtest::writeSegment(chunk, 3 * 4, &bad, 1);
 
-  const std::string damage = "is damaged: bad image of a Routing::Multicast::MvpnVrf";
-  const Result text = mvpnstatExpect("show " + path, 1, {"VRF 1\n", damage});
-  EXPECT_THAT(text.out, ::testing::Not(HasSubstr("VRF 3")));
+  const std::string damage = "is damaged: bad image of a Routing::Multicast::MvpnRouteKey";
+  const Result text = mvpnstatExpect("show " + path, 1, {"VRF ID: 1\n", damage});
+  EXPECT_THAT(text.out, ::testing::Not(HasSubstr("239.0.0.2")));
   const Result json = shmtest::run(fmt::format("({} --namespace {} show {} --json 2>/dev/null)",
                                                MVPNSTAT_PATH, Oro::shmNamespace(), path));
   EXPECT_EQ(json.status, 1);
   const auto doc = nlohmann::json::parse(json.out);  // whole, although the walk stopped
-  EXPECT_EQ(doc["records"].size(), 1u);
+  EXPECT_EQ(doc["vrfs"].size(), 2u);
+  EXPECT_TRUE(doc["vrfs"][1]["encapTunnel"].empty());
   EXPECT_THAT(doc["damaged"].get<std::string>(), HasSubstr("bad image"));
   mvpnstatExpect("check " + path, 1, {"a record does not read back: bad image"});
 }
