@@ -96,6 +96,7 @@ ShmRootBase::MutatorCounters* MvpnVrfTunnelEncapStatus::counters(uint32_t coll) 
 
 void MvpnVrfTunnelEncapStatus::encapTunnelIs(const MvpnEncapTunnel& record) {
   if (auto* c = counters(TunnelEncapStore::kEncapTunnel)) c->is.inc();
+  record.routeKey().handleInit();  // the key goes into a slot of its own
   writeOrStop("write", "encapTunnel", encapTunnelReporter(), [&] { encapTunnel_.insert(record); });
   publishKey(encapTunnelAttr, record.routeKey());
 }

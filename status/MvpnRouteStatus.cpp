@@ -248,6 +248,7 @@ ShmRootBase::MutatorCounters* MvpnVrfRouteStatus::counters(uint32_t coll) const 
 
 void MvpnVrfRouteStatus::mvpnRouteIs(const MvpnRoute& route) {
   if (auto* c = counters(RouteStatusStore::kMvpnRoute)) c->is.inc();
+  route.key().handleInit();  // the key goes into a slot of its own
   writeOrStop("write", "mvpnRoute", reporter(), [&] { routes_.insert(route); });
   mvpnRouteNotify(route.key(), route);
 }

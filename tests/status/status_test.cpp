@@ -131,6 +131,13 @@ TEST_F(VrfStatusTest, MutatorsCountAndAnnounceAndOldValuesComeInThatModeOnly) {
                                                              {2, std::nullopt, MvpnVrf(VrfId(2))},
                                                              {1, oneEvpn, std::nullopt}}));
   EXPECT_EQ(keys.keys, (std::vector<VrfId>{1, 1, 2, 1}));
+
+  // Every client byte is a client, in a store too: a record read off the wire may hold any.
+  auto m = shmtest::mounted(mvpnVrfStatusFactory("m"), {"c/clients", ShmRole::writer});
+  const MvpnVrf odd(VrfId(1), static_cast<MvpnClient>(9));
+  m->mvpnVrfIs(odd);
+  EXPECT_EQ(m->mvpnVrf(VrfId(1)), odd);
+  EXPECT_EQ(m->mvpnVrfDel(VrfId(1)), odd);
 }
 
 TEST_F(VrfStatusTest, ControlCarriesMountStatusAndQuiesced) {
@@ -587,6 +594,14 @@ TEST_F(RouteStatusDeathTest, RootsAreMadeInTheStoresHeapByItsCreatorGivenAnIniti
   EXPECT_EQ(created->binding().mountPath(), "t/created");
   EXPECT_DEATH(Oro::ShmEntityStore::createRoot(MvpnRouteStatus::kTypeName, "x", nullptr),
                "Assertion failed: initializer");
+}
+
+TEST_F(RouteStatusDeathTest, ARouteKeyIsCheckedAsItGoesIntoASlotDeathTest) {
+  auto vrf = mvpnRouteStatusFactory("bgp")->vrfRouteStatusIs(VrfId(1));
+  MvpnRouteKey key(v4(1), v4(0xef010101), false);
+  reinterpret_cast<unsigned char*>(&key)[0] = 0;  // a source of no family
+  EXPECT_DEATH(vrf->mvpnRouteIs(MvpnRoute(key, prefix(0, 0), {})),
+               "Route key address of unknown family");
 }
 
 TEST_F(RouteStatusDeathTest, CorruptionDuringANestedWriteIsFatalAfterTheHandlerDeathTest) {
