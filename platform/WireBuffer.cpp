@@ -126,7 +126,11 @@ std::span<const uint8_t> PbReadBuffer::readLengthDelimited() {
   return {p, static_cast<size_t>(len)};
 }
 
-void PbReadBuffer::skipField(uint8_t wireType) {
+void PbReadBuffer::skipField(uint8_t wireType, uint32_t field) {
+  if (wireType == kPbStartGroup) {
+    skipGroup(field, 1);
+    return;
+  }
   switch (wireType) {
     case kPbVarint:
       readVarint();
@@ -141,7 +145,24 @@ void PbReadBuffer::skipField(uint8_t wireType) {
       take(4);
       return;
     default:
-      readError();  // groups (3, 4) and undefined types
+      readError();  // an end tag without its start, and undefined types
+  }
+}
+
+// Iterative over the fields of one group, recursive over nested groups (bounded).
+void PbReadBuffer::skipGroup(uint32_t field, int depth) {
+  if (depth > kMaxGroupDepth) readError();
+  for (;;) {
+    const Tag t = readTag();  // running out of bytes before the end tag is an error too
+    if (t.wireType == kPbEndGroup) {
+      if (t.field != field) readError();
+      return;
+    }
+    if (t.wireType == kPbStartGroup) {
+      skipGroup(t.field, depth + 1);
+    } else {
+      skipField(t.wireType);
+    }
   }
 }
 

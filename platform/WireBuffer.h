@@ -22,6 +22,8 @@ enum PbWireType : uint8_t {
   kPbVarint = 0,
   kPbFixed64 = 1,
   kPbLengthDelimited = 2,
+  kPbStartGroup = 3,
+  kPbEndGroup = 4,
   kPbFixed32 = 5,
 };
 
@@ -82,12 +84,18 @@ class PbReadBuffer {
   PbReadBuffer readSection(uint64_t len);
   // A varint length followed by that many bytes.
   std::span<const uint8_t> readLengthDelimited();
-  void skipField(uint8_t wireType);
+  // Skips the value of field `field` (its tag just read) by its wire type. A group (a start
+  // tag, fields, the end tag of the same number) is skipped whole, nested to at most
+  // kMaxGroupDepth; an end tag without its start, and the undefined types 6 and 7, raise the
+  // read error.
+  void skipField(uint8_t wireType, uint32_t field = 0);
+  static constexpr int kMaxGroupDepth = 100;
 
   size_t remaining() const { return static_cast<size_t>(end_ - pos_); }
   bool atEnd() const { return pos_ == end_; }
 
  private:
+  void skipGroup(uint32_t field, int depth);
   const uint8_t* take(uint64_t n);
 
   const uint8_t* pos_ = nullptr;

@@ -65,7 +65,7 @@ void readMessageField(Oro::PbReadBuffer& in, uint32_t number, uint8_t wireType, 
       v.clientIs(static_cast<MvpnClient>(static_cast<uint8_t>(in.readVarint())));
       return;
     default:
-      in.skipField(wireType);
+      in.skipField(wireType, number);
   }
 }
 

@@ -56,7 +56,7 @@ void readMessageField(Oro::PbReadBuffer& in, uint32_t number, uint8_t wireType, 
       return;
     }
     default:
-      in.skipField(wireType);
+      in.skipField(wireType, number);
   }
 }
 

@@ -20,7 +20,7 @@ Nevo::IntfId readIntfIdMessage(PbReadBuffer& message) {
       if (tag.wireType != kPbVarint) throw ProtobufReadException(kProtobufReadError);
       id = Nevo::IntfId(message.readVarint());
     } else {
-      message.skipField(tag.wireType);
+      message.skipField(tag.wireType, tag.field);
     }
   }
   return id;

@@ -321,6 +321,18 @@ TEST(PbReadBuffer, ReadsValuesSkipsEveryKnownWireTypeAndRaisesOnMalformedInput) 
   expectReadError([&] { Oro::PbReadBuffer(two).readFixed32(); });
   expectReadError([&] { Oro::PbReadBuffer(two).skipField(Oro::kPbFixed64); });
   for (uint8_t wt : {3, 4, 6, 7}) expectReadError([&] { Oro::PbReadBuffer(two).skipField(wt); });
+  // A group (field 9: a varint, a nested group of field 2) is skipped whole, up to its own end
+  // tag; a wrong end tag, a missing one and nesting past the bound raise the read error.
+  const Bytes group{0x08, 0x05, 0x13, 0x08, 0x01, 0x14, 0x4C, 0x08, 0x07};
+  Oro::PbReadBuffer g(group);
+  g.skipField(Oro::kPbStartGroup, 9);
+  EXPECT_EQ(g.readTag().field, 1u);
+  EXPECT_EQ(g.readVarint(), 7u);
+  expectReadError([&] { Oro::PbReadBuffer(group).skipField(Oro::kPbStartGroup, 8); });
+  expectReadError([&] { Oro::PbReadBuffer(Bytes{0x08, 0x05}).skipField(Oro::kPbStartGroup, 9); });
+  Bytes deep;
+  for (int i = 0; i <= Oro::PbReadBuffer::kMaxGroupDepth; ++i) deep.push_back(0x0B);  // field 1
+  expectReadError([&] { Oro::PbReadBuffer(deep).skipField(Oro::kPbStartGroup, 1); });
   const Bytes fieldZero{0x00};
   expectReadError([&] { Oro::PbReadBuffer(fieldZero).readTag(); });
 }

@@ -414,11 +414,16 @@ TEST(MvpnVrfTest, WireFormBytesReadingAndErrors) {
   EXPECT_EQ(got, v);
   EXPECT_EQ(in.readVarint(), 99u);
 
-  // Only the client field: the key keeps its default. An unknown field in between is skipped.
+  // Only the client field: the key keeps its default. Unknown fields in between are skipped,
+  // a group (its fields up to its end tag) too.
   Oro::PbWriteBuffer partial;
   auto s = partial.openSection();
   partial.writeTag(20000, Oro::kPbLengthDelimited);
   partial.writeLengthDelimited(std::string_view("zz"));
+  partial.writeTag(20001, Oro::kPbStartGroup);
+  partial.writeTag(MvpnVrf::kKeyField, Oro::kPbVarint);  // inside the group: not the key
+  partial.writeVarint(77);
+  partial.writeTag(20001, Oro::kPbEndGroup);
   partial.writeTag(MvpnVrf::kClientField, Oro::kPbVarint);
   partial.writeVarint(0x103);  // truncated to 8 bits: 3
   partial.closeSection(s);
