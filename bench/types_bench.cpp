@@ -132,19 +132,19 @@ void BM_Baseline_FromCharsU32(benchmark::State& state) {
 BENCHMARK(BM_Baseline_FromCharsU32);
 
 void BM_VrfId_Parse(benchmark::State& state) {
-  for (auto _ : state) benchmark::DoNotOptimize(Oro::parseText<VrfId>("16777214"));
+  for (auto _ : state) benchmark::DoNotOptimize(Oro::strepToValue<VrfId>("16777214"));
 }
 BENCHMARK(BM_VrfId_Parse);
 
 void BM_MvpnRouteKey_Parse(benchmark::State& state) {
   const std::string text = routeKeys()[5].toStrep();
-  for (auto _ : state) benchmark::DoNotOptimize(Oro::parseText<MvpnRouteKey>(text));
+  for (auto _ : state) benchmark::DoNotOptimize(Oro::strepToValue<MvpnRouteKey>(text));
 }
 BENCHMARK(BM_MvpnRouteKey_Parse);
 
 void BM_MvpnVrfRouteKey_Parse(benchmark::State& state) {
   const std::string text = vrfRouteKeys()[5].toStrep();
-  for (auto _ : state) benchmark::DoNotOptimize(Oro::parseText<MvpnVrfRouteKey>(text));
+  for (auto _ : state) benchmark::DoNotOptimize(Oro::strepToValue<MvpnVrfRouteKey>(text));
 }
 BENCHMARK(BM_MvpnVrfRouteKey_Parse);
 

@@ -117,10 +117,10 @@ class CharRange {
   size_t pos_ = 0;
 };
 
-// Parses the whole of text as a T through T's constructor from a CharRange (which
-// rejects trailing characters).
+// Parses the whole of a text form as a T (strep: the string representation) through T's
+// constructor from a CharRange, which rejects trailing characters.
 template <class T>
-T parseText(std::string_view text) {
+T strepToValue(std::string_view text) {
   CharRange in(text);
   return T(in);
 }

@@ -216,7 +216,7 @@ TEST(MapperPlatformTypes, VrfNamesArePublishedWithOldValuesAndVlanRangesCheckedO
     const std::vector<std::function<uint16_t()>> waysIn = {
         [&] { return VlanIdOrNone(v).value(); },
         [&] { return (kept.valueIs(v), kept.value()); },
-        [&] { return Oro::parseText<VlanIdOrNone>(std::to_string(v)).value(); },
+        [&] { return Oro::strepToValue<VlanIdOrNone>(std::to_string(v)).value(); },
         [&] { return Nevo::vlanIntfVlanId(Nevo::IntfId::vlan(v)).value(); },
     };
     for (const auto& wayIn : waysIn) {

@@ -24,7 +24,7 @@ namespace {
 using Nevo::IntfId;
 using Nevo::IpGenAddr;
 using Nevo::IpGenPrefix;
-using Oro::parseText;
+using Oro::strepToValue;
 using Vrf::VrfIdMap::VrfId;
 
 static_assert(std::is_trivially_copyable_v<IpGenAddr>);
@@ -33,13 +33,13 @@ static_assert(std::is_trivially_copyable_v<IntfId>);
 static_assert(std::is_trivially_copyable_v<VrfId>);
 
 IpGenAddr ip(const char* text) {
-  return parseText<IpGenAddr>(text);
+  return strepToValue<IpGenAddr>(text);
 }
 
 // Each text is rejected with exception E when parsed as a T.
 template <class T, class E>
 void expectRejected(std::initializer_list<const char*> texts) {
-  for (const char* text : texts) EXPECT_THROW(parseText<T>(text), E) << text;
+  for (const char* text : texts) EXPECT_THROW(strepToValue<T>(text), E) << text;
 }
 
 TEST(IpGenAddr, DefaultTextRoundTripErrorsOrderHashAndPrefixes) {
@@ -81,17 +81,17 @@ TEST(IpGenAddr, DefaultTextRoundTripErrorsOrderHashAndPrefixes) {
                                  {"10.1.2.3/12", "10.0.0.0/12"},
                                  {"2001:db8:ffff::1/33", "2001:db8:8000::/33"},
                                  {"10.1.2.3/32", "10.1.2.3/32"}}) {
-    EXPECT_EQ(parseText<IpGenPrefix>(text).toStrep(), canonical);
+    EXPECT_EQ(strepToValue<IpGenPrefix>(text).toStrep(), canonical);
   }
-  EXPECT_EQ(parseText<IpGenPrefix>("::1/128").len(), 128u);
+  EXPECT_EQ(strepToValue<IpGenPrefix>("::1/128").len(), 128u);
   expectRejected<IpGenPrefix, Oro::RangeException>(
       {"10.0.0.0/33", "::/129", "::/99999999999999999999999"});
   expectRejected<IpGenPrefix, Oro::ParseException>({"10.0.0.0", "10.0.0.0/", "10.0.0.0/8/"});
-  auto p = parseText<IpGenPrefix>("10.0.0.0/8");
+  auto p = strepToValue<IpGenPrefix>("10.0.0.0/8");
   EXPECT_TRUE(p.contains(ip("10.200.1.1")));
   EXPECT_FALSE(p.contains(ip("11.0.0.0")));
-  EXPECT_LT(p, parseText<IpGenPrefix>("10.0.0.0/9"));
-  EXPECT_NE(p.hash(3), parseText<IpGenPrefix>("10.0.0.0/9").hash(3));
+  EXPECT_LT(p, strepToValue<IpGenPrefix>("10.0.0.0/9"));
+  EXPECT_NE(p.hash(3), strepToValue<IpGenPrefix>("10.0.0.0/9").hash(3));
 }
 
 TEST(IntfId, TypedIdsTextErrorsOrderAndVrfIds) {
@@ -103,12 +103,12 @@ TEST(IntfId, TypedIdsTextErrorsOrderAndVrfIds) {
   EXPECT_FALSE(IntfId::ethernet(3).isVlan());
   for (const char* text : {"(empty)", "Ethernet3", "Vlan4094", "Loopback0", "Tunnel7",
                            "Port-Channel2", "IntfId(5)", "IntfId(18446744073709551615)"}) {
-    EXPECT_EQ(parseText<IntfId>(text).toStrep(), text);
+    EXPECT_EQ(strepToValue<IntfId>(text).toStrep(), text);
   }
   // A value with bits between type and number set is opaque.
   IntfId odd((uint64_t{2} << 56) | (uint64_t{1} << 40) | 5);
   EXPECT_FALSE(odd.isVlan());
-  EXPECT_EQ(parseText<IntfId>(odd.toStrep()), odd);
+  EXPECT_EQ(strepToValue<IntfId>(odd.toStrep()), odd);
   expectRejected<IntfId, Oro::ParseException>({"", "Vlan", "Bogus1", "Vlan1x"});
   expectRejected<IntfId, Oro::RangeException>({"Vlan4294967296"});
   EXPECT_LT(IntfId(), IntfId::ethernet(1));
@@ -120,7 +120,7 @@ TEST(IntfId, TypedIdsTextErrorsOrderAndVrfIds) {
   EXPECT_FALSE(VrfId().isValid());
   EXPECT_EQ(VrfId(12).toStrep(), "12");
   EXPECT_EQ(fmt::format("{}", VrfId(12)), "12");
-  EXPECT_EQ(parseText<VrfId>("4294967295").value(), 4294967295u);
+  EXPECT_EQ(strepToValue<VrfId>("4294967295").value(), 4294967295u);
   expectRejected<VrfId, Oro::RangeException>({"4294967296"});
   expectRejected<VrfId, Oro::ParseException>({"-1", "12 "});
   EXPECT_LT(VrfId(2), VrfId(10));

@@ -23,23 +23,23 @@ using namespace Routing::Multicast;
 using Nevo::IntfId;
 using Nevo::IpGenAddr;
 using Nevo::IpGenPrefix;
-using Oro::parseText;
+using Oro::strepToValue;
 using RouteFlags = MvpnRoute::RouteFlags;
 using SourceFlags = MvpnSource::SourceFlags;
 using ::testing::Property;
 using ::testing::Throws;
 
 IpGenAddr ip(const char* text) {
-  return parseText<IpGenAddr>(text);
+  return strepToValue<IpGenAddr>(text);
 }
 IpGenPrefix pfx(const char* text) {
-  return parseText<IpGenPrefix>(text);
+  return strepToValue<IpGenPrefix>(text);
 }
 
 // Every key's text form reads back as the same key.
 template <class K>
 void expectRoundTrips(std::initializer_list<K> keys) {
-  for (const K& k : keys) EXPECT_EQ(parseText<K>(k.toStrep()), k) << k.toStrep();
+  for (const K& k : keys) EXPECT_EQ(strepToValue<K>(k.toStrep()), k) << k.toStrep();
 }
 
 static_assert(std::is_trivially_copyable_v<MvpnRouteKey>);
@@ -103,7 +103,7 @@ TEST(MvpnRouteKey, OrderHashDefaultAndTextForms) {
   for (const char* text :
        {"", "(10.0.0.1 239.1.1.1)", "(10.0.0.1, 239.1.1.1", "(*, )", "(10.0.0.1, 239.1.1.1) ",
         "(10.0.0.1, 239.1.1.1, +)", "[*, 239.1.1.1]"}) {
-    EXPECT_THROW(parseText<MvpnRouteKey>(text), Oro::ParseException) << text;
+    EXPECT_THROW(strepToValue<MvpnRouteKey>(text), Oro::ParseException) << text;
   }
 }
 
@@ -129,8 +129,9 @@ TEST(MvpnRouteIntfKey, DefaultsTextOrderAndTheVrfQualifiedKeys) {
   EXPECT_LT(onNone, onVlan);
   EXPECT_NE(onNone.hash(1), onVlan.hash(1));
   expectRoundTrips({def, onVlan, onNone, MvpnRouteIntfKey(kStar, IntfId::tunnel(2))});
-  EXPECT_THROW(parseText<MvpnRouteIntfKey>("(10.0.0.1, 239.1.1.1)"), Oro::ParseException);
-  EXPECT_THROW(parseText<MvpnRouteIntfKey>("(10.0.0.1, 239.1.1.1) on Vlan5 "), Oro::ParseException);
+  EXPECT_THROW(strepToValue<MvpnRouteIntfKey>("(10.0.0.1, 239.1.1.1)"), Oro::ParseException);
+  EXPECT_THROW(strepToValue<MvpnRouteIntfKey>("(10.0.0.1, 239.1.1.1) on Vlan5 "),
+               Oro::ParseException);
 
   // VRF-qualified keys order by VRF first, then by the inner key.
   MvpnRouteKey high(ip("10.0.0.9"), ip("239.1.1.1"), false);
@@ -142,9 +143,9 @@ TEST(MvpnRouteIntfKey, DefaultsTextOrderAndTheVrfQualifiedKeys) {
   expectRoundTrips({b});
   EXPECT_NE(b.hash(0), c.hash(0));
   EXPECT_NE(MvpnVrfRouteKey(1, kSg).hash(0), MvpnVrfRouteKey(2, kSg).hash(0));
-  EXPECT_THROW(parseText<MvpnVrfRouteKey>("VRF 4294967296 (10.0.0.1, 239.1.1.1)"),
+  EXPECT_THROW(strepToValue<MvpnVrfRouteKey>("VRF 4294967296 (10.0.0.1, 239.1.1.1)"),
                Oro::RangeException);
-  EXPECT_THROW(parseText<MvpnVrfRouteKey>("VRF 1(10.0.0.1, 239.1.1.1)"), Oro::ParseException);
+  EXPECT_THROW(strepToValue<MvpnVrfRouteKey>("VRF 1(10.0.0.1, 239.1.1.1)"), Oro::ParseException);
 
   MvpnVrfRouteIntfKey i(10, MvpnRouteIntfKey(kSg, IntfId::vlan(4)));
   MvpnVrfRouteIntfKey j(10, MvpnRouteIntfKey(kSg, IntfId::vlan(5)));
@@ -161,7 +162,7 @@ TEST(MulticastTreeId, SameTextIsSameKeyAndMvpnConstsAreAlwaysEqualAndNotHashable
   EXPECT_EQ(a.hash(3), b.hash(3));
   EXPECT_LT(MulticastTreeId("a"), MulticastTreeId("b"));
   EXPECT_EQ((std::unordered_set<MulticastTreeId>{a, b, MulticastTreeId("other")}.size()), 2u);
-  EXPECT_EQ(parseText<MulticastTreeId>("any text, even ) this"),
+  EXPECT_EQ(strepToValue<MulticastTreeId>("any text, even ) this"),
             MulticastTreeId("any text, even ) this"));
   EXPECT_EQ(fmt::format("{}", a), "P2MP:10.0.0.1:7");
 
@@ -170,8 +171,8 @@ TEST(MulticastTreeId, SameTextIsSameKeyAndMvpnConstsAreAlwaysEqualAndNotHashable
   EXPECT_EQ(c <=> d, std::strong_ordering::equal);
   EXPECT_THROW(c.hash(0), Oro::NonHashableTypeException);
   EXPECT_EQ(c.toStrep(), "Value('Routing::Multicast::MvpnConsts', ** {})");
-  EXPECT_EQ(parseText<MvpnConsts>(c.toStrep()), c);
-  EXPECT_THROW(parseText<MvpnConsts>("Value('Routing::Multicast::MvpnConsts', ** {}) "),
+  EXPECT_EQ(strepToValue<MvpnConsts>(c.toStrep()), c);
+  EXPECT_THROW(strepToValue<MvpnConsts>("Value('Routing::Multicast::MvpnConsts', ** {}) "),
                Oro::ParseException);
 }
 
@@ -208,8 +209,8 @@ TEST(FlagSet, BitsSettersRangeAndValueForm) {
             "Value('Routing::Multicast::MvpnSource::SourceFlags', ** {'rptPrune': False, "
             "'sourceTreeJoin': True, 'discoveredSg': False})");
   for (unsigned v = 0; v <= 7; ++v) {
-    EXPECT_EQ(parseText<RouteFlags>(RouteFlags(v).toStrep()), RouteFlags(v));
-    EXPECT_EQ(parseText<SourceFlags>(SourceFlags(v).toStrep()), SourceFlags(v));
+    EXPECT_EQ(strepToValue<RouteFlags>(RouteFlags(v).toStrep()), RouteFlags(v));
+    EXPECT_EQ(strepToValue<SourceFlags>(SourceFlags(v).toStrep()), SourceFlags(v));
   }
   // Each type reads only its own name; trailing text, bad booleans and reordered attributes
   // are rejected.
@@ -218,9 +219,9 @@ TEST(FlagSet, BitsSettersRangeAndValueForm) {
        {RouteFlags(1).toStrep() + " ",
         head + "'rptPrune': true, 'sourceTreeJoin': False, 'discoveredSg': False})",
         head + "'sourceTreeJoin': False, 'rptPrune': False, 'discoveredSg': False})"}) {
-    EXPECT_THROW(parseText<RouteFlags>(text), Oro::ParseException) << text;
+    EXPECT_THROW(strepToValue<RouteFlags>(text), Oro::ParseException) << text;
   }
-  EXPECT_THROW(parseText<SourceFlags>(RouteFlags(1).toStrep()), Oro::ParseException);
+  EXPECT_THROW(strepToValue<SourceFlags>(RouteFlags(1).toStrep()), Oro::ParseException);
 }
 
 constexpr const char* kInvariant =
@@ -270,13 +271,13 @@ TEST(MvpnRoute, DisplayFormOrderAndValueFormOfRoutesAndSources) {
             "'umhPrefix': 10.0.0.0/8, 'routeFlags': "
             "Value('Routing::Multicast::MvpnRoute::RouteFlags', ** {'rptPrune': False, "
             "'sourceTreeJoin': True, 'discoveredSg': True})})");
-  EXPECT_EQ(parseText<MvpnRoute>(text), r);
-  EXPECT_THROW(parseText<MvpnRoute>(text + "x"), Oro::ParseException);
-  EXPECT_THROW(parseText<MvpnRoute>(text.substr(0, text.size() - 1)), Oro::ParseException);
+  EXPECT_EQ(strepToValue<MvpnRoute>(text), r);
+  EXPECT_THROW(strepToValue<MvpnRoute>(text + "x"), Oro::ParseException);
+  EXPECT_THROW(strepToValue<MvpnRoute>(text.substr(0, text.size() - 1)), Oro::ParseException);
   std::string badLen = text;
   badLen.replace(badLen.find("/8"), 2, "/40");
   using E = Oro::DeserializationException;
-  EXPECT_THAT([&] { parseText<MvpnRoute>(badLen); },
+  EXPECT_THAT([&] { strepToValue<MvpnRoute>(badLen); },
               Throws<E>(Property(&E::attribute, "umhPrefix")));
 
   // Sources: display, order and value form.
@@ -286,11 +287,11 @@ TEST(MvpnRoute, DisplayFormOrderAndValueFormOfRoutesAndSources) {
   MvpnSource t(ip("10.0.0.1"), pfx("10.0.0.0/9"), SourceFlags(0));
   EXPECT_LT(s, t);
   EXPECT_LT(t, MvpnSource(ip("10.0.0.2"), pfx("0.0.0.0/0"), SourceFlags(0)));
-  EXPECT_EQ(parseText<MvpnSource>(s.toValueForm()), s);
-  EXPECT_EQ(parseText<MvpnSource>(t.toValueForm()), t);
+  EXPECT_EQ(strepToValue<MvpnSource>(s.toValueForm()), s);
+  EXPECT_EQ(strepToValue<MvpnSource>(t.toValueForm()), t);
   EXPECT_EQ(s.toValueForm().substr(0, 56),
             "Value('Routing::Multicast::MvpnSource', ** {'source': 10");
-  EXPECT_THROW(parseText<MvpnSource>(MvpnRoute().toValueForm()), Oro::ParseException);
+  EXPECT_THROW(strepToValue<MvpnSource>(MvpnRoute().toValueForm()), Oro::ParseException);
 }
 
 }  // namespace
