@@ -341,28 +341,30 @@ void MvpnVrfRouteStatus::countCorruption(const Oro::ShmCorruptionException& e) c
   if (Oro::ShmBinding* b = shmBinding()) b->handleCorruption(e.what());
 }
 
-uint32_t MvpnVrfRouteStatus::mvpnSharedTrees() const {
+// A group whose collection is damaged counts 0 and the walk goes on; damage in the walk of
+// the groups itself is reported too, and what was counted stands.
+uint32_t MvpnVrfRouteStatus::countSources(size_t (MvpnGroup::*treeSize)() const) const {
   uint32_t total = 0;
-  for (auto it = groups_.begin(); it.valid(); it.next()) {
-    try {
-      if (Oro::Ptr<MvpnGroup> g = it.value()) total += static_cast<uint32_t>(g->sharedTreeSize());
-    } catch (const Oro::ShmCorruptionException& e) {
-      countCorruption(e);
+  try {
+    for (auto it = groups_.begin(); it.valid(); it.next()) {
+      try {
+        if (Oro::Ptr<MvpnGroup> g = it.value()) total += static_cast<uint32_t>(((*g).*treeSize)());
+      } catch (const Oro::ShmCorruptionException& e) {
+        countCorruption(e);
+      }
     }
+  } catch (const Oro::ShmCorruptionException& e) {
+    countCorruption(e);
   }
   return total;
 }
 
+uint32_t MvpnVrfRouteStatus::mvpnSharedTrees() const {
+  return countSources(&MvpnGroup::sharedTreeSize);
+}
+
 uint32_t MvpnVrfRouteStatus::mvpnSourceTrees() const {
-  uint32_t total = 0;
-  for (auto it = groups_.begin(); it.valid(); it.next()) {
-    try {
-      if (Oro::Ptr<MvpnGroup> g = it.value()) total += static_cast<uint32_t>(g->sourceTreeSize());
-    } catch (const Oro::ShmCorruptionException& e) {
-      countCorruption(e);
-    }
-  }
-  return total;
+  return countSources(&MvpnGroup::sourceTreeSize);
 }
 
 void MvpnVrfRouteStatus::dumpState(Oro::DumpContext& dc, int indent) const {

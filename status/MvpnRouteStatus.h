@@ -209,6 +209,7 @@ class MvpnVrfRouteStatus : public Oro::Entity, public Oro::ShmNode, public Oro::
   }
   // Reports a corruption met while counting to the store (the group counts as empty).
   void countCorruption(const Oro::ShmCorruptionException& e) const;
+  uint32_t countSources(size_t (MvpnGroup::*treeSize)() const) const;
 
   VrfId vrfId_;
   MvpnRoutes routes_;

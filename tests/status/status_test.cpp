@@ -627,6 +627,22 @@ TEST_F(RouteStatusDeathTest, CorruptionDuringANestedWriteIsFatalAfterTheHandlerD
                "handler saw: .*corrupt(.|\n)*removal of sharedTree met a corrupt shared memory");
 }
 
+TEST_F(RouteStatusTest, CountingThatMeetsDamageReportsItAndRaisesNothing) {
+  auto root = shmtest::mounted(mvpnRouteStatusFactory("bgp"), {"t/counting", ShmRole::writer});
+  std::vector<std::string> reports;
+  root->corruptionHandlerIs([&](const std::string& m) { reports.push_back(m); });
+  auto vrf = root->vrfRouteStatusIs(VrfId(1));
+  for (uint32_t g = 1; g <= 3; ++g) {
+    vrf->mvpnSourceIs(v4(0xef000000 + g), v4(0x0a000001), prefix(0, 0), true, Flags());
+  }
+  EXPECT_EQ(vrf->mvpnSharedTrees(), 3u);
+  // The walk of the groups meets the damage: it is reported and the count ends there.
+  ASSERT_TRUE(shmtest::damageTable("t/counting", "mvpnGroup"));
+  EXPECT_EQ(vrf->mvpnSharedTrees(), 0u);
+  EXPECT_EQ(vrf->mvpnSourceTrees(), 0u);
+  EXPECT_EQ(reports.size(), 2u);
+}
+
 TEST_F(RouteStatusTest, ADeletedVrfKeepsItsRecordsForWhoeverHoldsIt) {
   auto root = shmtest::mounted(mvpnRouteStatusFactory("bgp"), {"t/departed", ShmRole::writer});
   auto vrf = root->vrfRouteStatusIs(VrfId(9));
