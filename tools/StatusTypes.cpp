@@ -122,15 +122,21 @@ class JsonOut {
   std::string closers_;
 };
 
+// The root's own dump, then the damage it met, if any.
+template <class Root>
+void printDump(const ReaderRoot<Root>& r, FILE* out) {
+  Oro::DumpContext dc;
+  r.root->dumpState(dc, 0);
+  fmt::print(out, "{}", displayText(dc.str(), true));
+  r.failIfDamaged();
+}
+
 template <class Root>
 void show(const std::string& path, bool json, FILE* out) {
   using Key = typename Root::Key;
   ReaderRoot<Root> r(path, nullptr);
   if (!json) {
-    Oro::DumpContext dc;
-    r.root->dumpState(dc, 0);
-    fmt::print(out, "{}", displayText(dc.str(), true));
-    r.failIfDamaged();
+    printDump(r, out);
     return;
   }
   JsonOut j(out);
@@ -242,10 +248,7 @@ std::string routeJson(const MvpnRoute& r) {
 void showTree(const std::string& path, bool json, FILE* out) {
   ReaderRoot<MvpnRouteStatus> r(path, nullptr);
   if (!json) {
-    Oro::DumpContext dc;
-    r.root->dumpState(dc, 0);
-    fmt::print(out, "{}", displayText(dc.str(), true));
-    r.failIfDamaged();
+    printDump(r, out);
     return;
   }
   JsonOut j(out);
