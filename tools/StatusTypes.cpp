@@ -402,7 +402,7 @@ void showEncap(const std::string& path, bool json, FILE* out) {
              fmt::format("{}\n  {{\"vrfId\": {}, \"encapTunnel\": [", vsep, vrf->vrfId().value()));
       const char* sep = "";
       for (auto it = vrf->encapTunnelIter(); it.valid(); it.next()) {
-        const MvpnEncapTunnel rec = it.value();
+        const MvpnEncapTunnel& rec = it.value();
         j.put(fmt::format("{}\n    {{\"routeKey\": {}, \"encapData\": {}}}", sep,
                           jsonQuote(rec.routeKey().toStrep()), jsonQuote(rec.encapData())));
         sep = ",";
@@ -411,7 +411,7 @@ void showEncap(const std::string& path, bool json, FILE* out) {
       j.open("[", ", \"encapIntfTunnel\": [");
       sep = "";
       for (auto it = vrf->encapIntfTunnelIter(); it.valid(); it.next()) {
-        const MvpnEncapIntfTunnel rec = it.value();
+        const MvpnEncapIntfTunnel& rec = it.value();
         j.put(fmt::format("{}\n    {{\"routeIntfKey\": {}, \"encapData\": {}}}", sep,
                           jsonQuote(rec.routeIntfKey().toStrep()), jsonQuote(rec.encapData())));
         sep = ",";
