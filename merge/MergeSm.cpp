@@ -26,14 +26,6 @@ MergeSm::~MergeSm() {
   outputStateReactor_.notifierIs(nullptr);
 }
 
-Oro::Ptr<InputSmScanState> MergeSm::makeInputSmScanState() const {
-  return Oro::makePtr<InputSmScanState>(inputTypeName("InputSmScanState"), streams_);
-}
-
-Oro::Ptr<OutputState> MergeSm::makeOutputState() const {
-  return Oro::makePtr<OutputState>(inputTypeName("OutputState"), desc_.outputs.size());
-}
-
 void MergeSm::initializedIs(bool initialized) {
   if (initialized_ == initialized) return;
   initialized_ = initialized;
@@ -46,7 +38,6 @@ void MergeSm::handleInitialized() {
   initialized_ = true;
   checkPointers();
   ORO_TRACE(*qtHandle_, kTraceLifecycle, "create local SMs");
-  const std::string typeName(desc_.typeName);
   inputSmScanState_ = makeInputSmScanState();
   outputState_ = makeOutputState();
   scanStateReactor_.notifierIs(inputSmScanState_.get());

@@ -101,10 +101,10 @@ class MergeSm : public Oro::Entity {
   // path of argument `arg` ("" when it is not in shared memory).
   virtual Oro::ShmBinding* outputBinding() const = 0;
   virtual std::string argPath(size_t arg) const = 0;
-  // The companions, made when the machine starts: a machine makes its own kinds, which name
-  // its flags (the generic ones number them).
-  virtual Oro::Ptr<InputSmScanState> makeInputSmScanState() const;
-  virtual Oro::Ptr<OutputState> makeOutputState() const;
+  // The companions, made when the machine starts: each machine makes its own kinds, which
+  // name its flags over the numbered ones.
+  virtual Oro::Ptr<InputSmScanState> makeInputSmScanState() const = 0;
+  virtual Oro::Ptr<OutputState> makeOutputState() const = 0;
 
   void inputSmIs(InputSmBase* sm) { inputSms_.push_back(sm); }
   void outputIs(OutputBase* output) { outputs_.push_back(output); }

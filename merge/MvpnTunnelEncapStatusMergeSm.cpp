@@ -243,11 +243,12 @@ void MergedMcastTunnelEncapStatusSm::into(const VrfId& vrfId, const typename Rul
     if (emptyVrf(*entity)) mergedEncap()->vrfStatusDel(vrfId);
     return;
   }
-  // The merged VRF first (created when absent), then the trace, the key check, the write.
-  const Oro::Ptr<MvpnVrfTunnelEncapStatus> vrf(&mergedVrfIs(vrfId));
+  // The merged VRF first (created when absent), then the trace, the key check, the write. The
+  // cache holds it throughout: only a change of the merged root's VRFs clears it.
+  MvpnVrfTunnelEncapStatus& vrf = mergedVrfIs(vrfId);
   ORO_TRACE(qtHandle(), kTraceMerge, fmt::runtime(Rule::kInserting), vrfId, key, value->toStrep());
   DynaCode::intoKeyCheck(Rule::kInto, Rule::keyOf(*value), key);
-  Rule::write(*vrf, *value);
+  Rule::write(vrf, *value);
 }
 
 // Every merged VRF is some input's VRF: room for all of them up front keeps the creation of

@@ -148,10 +148,7 @@ inline constexpr MachineDesc kDesc{"Routing::Multicast::MergedMvpnVrfStatusSm",
                                    "names its client"};
 
 // The companions, under the names of the machine's streams and output.
-class InputSmScanState : public NumberedInputSmScanState<4> {
- public:
-  using NumberedInputSmScanState::NumberedInputSmScanState;
-};
+using InputSmScanState = NumberedInputSmScanState<4>;
 class OutputState : public DynaCode::OutputState {
  public:
   explicit OutputState(std::string typeName) : DynaCode::OutputState(std::move(typeName), 1) {}

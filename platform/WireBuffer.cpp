@@ -127,11 +127,10 @@ std::span<const uint8_t> PbReadBuffer::readLengthDelimited() {
 }
 
 void PbReadBuffer::skipField(uint8_t wireType, uint32_t field) {
-  if (wireType == kPbStartGroup) {
-    skipGroup(field, 1);
-    return;
-  }
   switch (wireType) {
+    case kPbStartGroup:
+      skipGroup(field, 1);
+      return;
     case kPbVarint:
       readVarint();
       return;

@@ -141,14 +141,14 @@ ShmRootBase::MutatorCounters* MvpnGroup::counters(uint32_t coll) const {
 
 void MvpnGroup::sharedTreeIs(const MvpnSource& record) {
   if (auto* c = counters(RouteStatusStore::kSharedTree)) c->is.inc();
-  writeOrStop("write", "sharedTree", reporter(), [&] { sharedTree_.insert(record); });
+  writeOrStop("write", "sharedTree", *this, [&] { sharedTree_.insert(record); });
   sharedTreeNotify(record.source(), record);
 }
 
 MvpnSource MvpnGroup::sharedTreeDel(const IpGenAddr& source) {
   if (auto* c = counters(RouteStatusStore::kSharedTree)) c->del.inc();
   MvpnSource removed;
-  if (!writeOrStop("removal", "sharedTree", reporter(),
+  if (!writeOrStop("removal", "sharedTree", *this,
                    [&] { return sharedTree_.remove(source, &removed); })) {
     return MvpnSource();
   }
@@ -169,14 +169,14 @@ void MvpnGroup::sharedTreeNotify(const IpGenAddr& source, const MvpnSource& /*re
 
 void MvpnGroup::sourceTreeIs(const MvpnSource& record) {
   if (auto* c = counters(RouteStatusStore::kSourceTree)) c->is.inc();
-  writeOrStop("write", "sourceTree", reporter(), [&] { sourceTree_.insert(record); });
+  writeOrStop("write", "sourceTree", *this, [&] { sourceTree_.insert(record); });
   sourceTreeNotify(record.source(), record);
 }
 
 MvpnSource MvpnGroup::sourceTreeDel(const IpGenAddr& source) {
   if (auto* c = counters(RouteStatusStore::kSourceTree)) c->del.inc();
   MvpnSource removed;
-  if (!writeOrStop("removal", "sourceTree", reporter(),
+  if (!writeOrStop("removal", "sourceTree", *this,
                    [&] { return sourceTree_.remove(source, &removed); })) {
     return MvpnSource();
   }
@@ -249,15 +249,14 @@ ShmRootBase::MutatorCounters* MvpnVrfRouteStatus::counters(uint32_t coll) const 
 void MvpnVrfRouteStatus::mvpnRouteIs(const MvpnRoute& route) {
   if (auto* c = counters(RouteStatusStore::kMvpnRoute)) c->is.inc();
   route.key().handleInit();  // the key goes into a slot of its own
-  writeOrStop("write", "mvpnRoute", reporter(), [&] { routes_.insert(route); });
+  writeOrStop("write", "mvpnRoute", *this, [&] { routes_.insert(route); });
   mvpnRouteNotify(route.key(), route);
 }
 
 MvpnRoute MvpnVrfRouteStatus::mvpnRouteDel(const MvpnRouteKey& key) {
   if (auto* c = counters(RouteStatusStore::kMvpnRoute)) c->del.inc();
   MvpnRoute removed;
-  if (!writeOrStop("removal", "mvpnRoute", reporter(),
-                   [&] { return routes_.remove(key, &removed); })) {
+  if (!writeOrStop("removal", "mvpnRoute", *this, [&] { return routes_.remove(key, &removed); })) {
     return MvpnRoute();
   }
   mvpnRouteNotify(key, removed);
@@ -279,14 +278,14 @@ Oro::Ptr<MvpnGroup> MvpnVrfRouteStatus::mvpnGroupIs(const IpGenAddr& group) {
   if (Oro::Ptr<MvpnGroup> g = groups_.find(group)) return g;
   if (auto* c = counters(RouteStatusStore::kMvpnGroup)) c->is.inc();
   Oro::Ptr<MvpnGroup> g =
-      writeOrStop("write", "mvpnGroup", reporter(), [&] { return groups_.insert(group); });
+      writeOrStop("write", "mvpnGroup", *this, [&] { return groups_.insert(group); });
   mvpnGroupNotify(group);
   return g;
 }
 
 void MvpnVrfRouteStatus::mvpnGroupDel(const IpGenAddr& group) {
   if (auto* c = counters(RouteStatusStore::kMvpnGroup)) c->del.inc();
-  if (writeOrStop("removal", "mvpnGroup", reporter(), [&] { return groups_.remove(group); })) {
+  if (writeOrStop("removal", "mvpnGroup", *this, [&] { return groups_.remove(group); })) {
     mvpnGroupNotify(group);
   }
 }
@@ -337,10 +336,6 @@ bool MvpnVrfRouteStatus::mvpnSharedTree(const IpGenAddr& group) const {
   return g && g->sharedTreeSize() != 0;
 }
 
-void MvpnVrfRouteStatus::countCorruption(const Oro::ShmCorruptionException& e) const {
-  if (Oro::ShmBinding* b = shmBinding()) b->handleCorruption(e.what());
-}
-
 // A group whose collection is damaged counts 0 and the walk goes on; damage in the walk of
 // the groups itself is reported too, and what was counted stands.
 uint32_t MvpnVrfRouteStatus::countSources(size_t (MvpnGroup::*treeSize)() const) const {
@@ -350,11 +345,11 @@ uint32_t MvpnVrfRouteStatus::countSources(size_t (MvpnGroup::*treeSize)() const)
       try {
         if (Oro::Ptr<MvpnGroup> g = it.value()) total += static_cast<uint32_t>(((*g).*treeSize)());
       } catch (const Oro::ShmCorruptionException& e) {
-        countCorruption(e);
+        shmReportCorruption(e.what());
       }
     }
   } catch (const Oro::ShmCorruptionException& e) {
-    countCorruption(e);
+    shmReportCorruption(e.what());
   }
   return total;
 }

@@ -129,13 +129,6 @@ class MvpnGroup : public Oro::Entity, public Oro::ShmNode {
  private:
   MvpnGroup(Oro::ShmBinding* binding, uint64_t ref, const Key& group);
   ShmRootBase::MutatorCounters* counters(uint32_t coll) const;
-  // Hands a write's corruption report to the store's handler (an entity in process memory
-  // meets none).
-  auto reporter() const {
-    return [this](const std::string& message) {
-      if (Oro::ShmBinding* b = shmBinding()) b->handleCorruption(message);
-    };
-  }
 
   Nevo::IpGenAddr group_;
   SharedTree sharedTree_;
@@ -200,15 +193,6 @@ class MvpnVrfRouteStatus : public Oro::Entity, public Oro::ShmNode, public Oro::
  private:
   MvpnVrfRouteStatus(Oro::ShmBinding* binding, uint64_t ref, const Key& vrfId);
   ShmRootBase::MutatorCounters* counters(uint32_t coll) const;
-  // Hands a write's corruption report to the store's handler (an entity in process memory
-  // meets none).
-  auto reporter() const {
-    return [this](const std::string& message) {
-      if (Oro::ShmBinding* b = shmBinding()) b->handleCorruption(message);
-    };
-  }
-  // Reports a corruption met while counting to the store (the group counts as empty).
-  void countCorruption(const Oro::ShmCorruptionException& e) const;
   uint32_t countSources(size_t (MvpnGroup::*treeSize)() const) const;
 
   VrfId vrfId_;

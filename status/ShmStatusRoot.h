@@ -20,6 +20,7 @@
 // dumps) it is handed to the handler and the walk ends quietly.
 #pragma once
 
+#include <concepts>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -63,6 +64,7 @@ class ShmRootZeroReferencesNotifiee : public Oro::Notifiee {
 [[noreturn]] void writeMetCorruption(const char* operation, std::string_view collection,
                                      const Oro::ShmCorruptionException& e);
 template <class Report, class Write>
+requires std::invocable<const Report&, std::string>
 decltype(auto) writeOrStop(const char* operation, std::string_view collection, const Report& report,
                            Write&& write) {
   try {
@@ -71,6 +73,14 @@ decltype(auto) writeOrStop(const char* operation, std::string_view collection, c
     report(std::string(e.what()));
     writeMetCorruption(operation, collection, e);
   }
+}
+// The same for a write of a nested entity, whose reports go to its store's handler.
+template <class Write>
+decltype(auto) writeOrStop(const char* operation, std::string_view collection,
+                           const Oro::ShmNode& node, Write&& write) {
+  return writeOrStop(
+      operation, collection, [&node](const std::string& m) { node.shmReportCorruption(m); },
+      std::forward<Write>(write));
 }
 
 class ShmRootBase : public Oro::Entity {

@@ -488,16 +488,22 @@ const std::vector<StatusType>& statusTypes() {
   return types;
 }
 
-std::string recordDamage(const std::string& rootType, const std::string& path) {
+const StatusType* statusTypeOf(std::string_view rootType) {
   for (const StatusType& t : statusTypes()) {
-    if (rootType != t.rootType) continue;
-    std::unique_ptr<FILE, int (*)(FILE*)> sink(std::fopen("/dev/null", "w"), &std::fclose);
-    if (!sink) throw Oro::Exception("cannot open /dev/null");
-    try {
-      t.show(path, true, sink.get());
-    } catch (const Oro::ShmCorruptionException& e) {
-      return e.what();
-    }
+    if (rootType == t.rootType) return &t;
+  }
+  return nullptr;
+}
+
+std::string recordDamage(const std::string& rootType, const std::string& path) {
+  const StatusType* t = statusTypeOf(rootType);
+  if (!t) return {};
+  std::unique_ptr<FILE, int (*)(FILE*)> sink(std::fopen("/dev/null", "w"), &std::fclose);
+  if (!sink) throw Oro::Exception("cannot open /dev/null");
+  try {
+    t->show(path, true, sink.get());
+  } catch (const Oro::ShmCorruptionException& e) {
+    return e.what();
   }
   return {};
 }

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <functional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace Mvpnstat {
@@ -22,6 +23,8 @@ struct StatusType {
 };
 
 const std::vector<StatusType>& statusTypes();
+// The type of the root type a store names, null when mvpnstat does not know it.
+const StatusType* statusTypeOf(std::string_view rootType);
 
 // Reads every record of the table at `path` the way `show --json` does, printing nothing: the
 // first damage met, "" when there is none (or when mvpnstat does not know the table's type).

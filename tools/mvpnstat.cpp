@@ -163,9 +163,7 @@ const StatusType& resolve(const std::string& path) {
     throw Failure{1, fmt::format("no status table at {} (shared-memory namespace '{}')", path,
                                  Oro::shmNamespace())};
   }
-  for (const StatusType& t : Mvpnstat::statusTypes()) {
-    if (info.rootType == t.rootType) return t;
-  }
+  if (const StatusType* t = Mvpnstat::statusTypeOf(info.rootType)) return *t;
   throw Failure{1, fmt::format("the store at {} holds a {}, which mvpnstat does not know", path,
                                info.rootType)};
 }

@@ -57,6 +57,10 @@ ShmNode::~ShmNode() {
   if (binding_) binding_->nodeDel(coll_, ref_, this);
 }
 
+void ShmNode::shmReportCorruption(const std::string& message) const {
+  if (binding_) binding_->handleCorruption(message);
+}
+
 void ShmNode::shmBind(ShmBinding* binding, uint32_t coll, uint64_t ref) {
   if (binding_) binding_->nodeDel(coll_, ref_, this);
   binding_ = binding;

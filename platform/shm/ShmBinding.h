@@ -125,6 +125,8 @@ class ShmNode {
   ShmBinding* shmBinding() const { return binding_; }
   uint64_t shmRef() const { return ref_; }
   bool shmBound() const { return binding_ != nullptr; }
+  // Hands a corruption report to the store's handler (an entity in process memory has none).
+  void shmReportCorruption(const std::string& message) const;
   // Registers with `binding` as entity `ref` of collection `coll` (child handles follow).
   void shmBind(ShmBinding* binding, uint32_t coll, uint64_t ref);
   // Leaves the store: unregisters, and every child handle keeps its members in process memory.
