@@ -4,6 +4,7 @@
 #include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -30,6 +31,18 @@ using State = ShmBellServer::State;
 
 // epoll tokens: the stop event, listening sockets and connections.
 constexpr uint64_t kStopToken = 0;
+// How often a listener the watcher had to stop polling (no descriptor left) is tried again
+// when no connection closes meanwhile: descriptors may be freed by anything in the process.
+constexpr int kRearmMs = 1000;
+
+// Connections the watcher keeps open at most: half of the descriptors the process may open,
+// so that readers (anyone who may read a store may connect) cannot take the descriptors the
+// writer itself needs for its segments and sockets.
+size_t connectionLimit() {
+  rlimit r{};
+  if (::getrlimit(RLIMIT_NOFILE, &r) != 0 || r.rlim_cur == RLIM_INFINITY) return SIZE_MAX;
+  return static_cast<size_t>(r.rlim_cur / 2);
+}
 
 // The process's watcher: one thread serving every doorbell of this process's writers.
 class Watcher {
@@ -55,7 +68,12 @@ class Watcher {
     for (auto it = entries_.begin(); it != entries_.end();) {
       if (it->second.state == state) {
         ::epoll_ctl(epfd_, EPOLL_CTL_DEL, it->second.fd, nullptr);
-        if (!it->second.listening) ::close(it->second.fd);
+        if (!it->second.listening) {
+          ::close(it->second.fd);
+          --connections_;
+        } else if (!it->second.armed) {
+          --disarmed_;
+        }
         it = entries_.erase(it);
       } else {
         ++it;
@@ -71,6 +89,8 @@ class Watcher {
   void afterForkChild() {
     mu_.unlock();
     entries_.clear();
+    connections_ = 0;
+    disarmed_ = 0;
     if (running_) {
       thread_.detach();  // the thread object of a thread that does not exist here
       thread_ = std::thread();
@@ -85,6 +105,7 @@ class Watcher {
     std::shared_ptr<State> state;
     int fd;
     bool listening;
+    bool armed = true;  // a listener: polled for connections
   };
 
   Watcher() {
@@ -124,19 +145,25 @@ class Watcher {
   void loop() {
     epoll_event events[64];
     for (;;) {
-      const int n = ::epoll_wait(epfd_, events, 64, -1);
+      int timeout;
+      {
+        std::lock_guard lock(mu_);
+        timeout = disarmed_ != 0 ? kRearmMs : -1;
+      }
+      const int n = ::epoll_wait(epfd_, events, 64, timeout);
       if (n < 0) {
         if (errno == EINTR) continue;
         return;
       }
       std::lock_guard lock(mu_);
+      if (n == 0) rearm();
       for (int i = 0; i < n; ++i) {
         const uint64_t token = events[i].data.u64;
         if (token == kStopToken) return;
         auto it = entries_.find(token);
         if (it == entries_.end()) continue;  // withdrawn meanwhile
         if (it->second.listening) {
-          accept(it->second.state, it->second.fd);
+          accept(token, it->second);
         } else {
           receive(it);
         }
@@ -144,17 +171,59 @@ class Watcher {
     }
   }
 
-  void accept(const std::shared_ptr<State>& state, int listenFd) {
+  // Takes in every waiting connection of a listener, reading what each has sent already. When
+  // one cannot be taken in, the listener stops being polled (level-triggered, it would report
+  // the same connection again at once) and its doorbell is saturated until a later round has
+  // taken in and read every waiting connection.
+  void accept(uint64_t listener, Entry& l) {
     for (;;) {
-      const int fd = ::accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
-      if (fd < 0) return;
+      if (connections_ >= connectionLimit()) return saturate(listener, l);
+      const int fd = ::accept4(l.fd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+      if (fd < 0) {
+        if (errno == EINTR || errno == ECONNABORTED) continue;
+        if (errno == EAGAIN || errno == EWOULDBLOCK) break;
+        return saturate(listener, l);  // EMFILE, ENFILE, ENOBUFS, ENOMEM
+      }
       const uint64_t token = nextToken_++;
-      entries_[token] = Entry{state, fd, false};
+      auto it = entries_.emplace(token, Entry{l.state, fd, false}).first;
+      ++connections_;
       epoll_event ev{};
       ev.events = EPOLLIN;
       ev.data.u64 = token;
       ::epoll_ctl(epfd_, EPOLL_CTL_ADD, fd, &ev);
+      receive(it);
     }
+    l.state->saturated.store(false, std::memory_order_seq_cst);
+  }
+
+  // Sleepers whose registrations wait in connections not taken in are woken once here; from
+  // now on the writer wakes on every publication (see State::saturated).
+  void saturate(uint64_t listener, Entry& l) {
+    if (l.armed) {
+      epoll_event ev{};
+      ev.events = 0;
+      ev.data.u64 = listener;
+      ::epoll_ctl(epfd_, EPOLL_CTL_MOD, l.fd, &ev);
+      l.armed = false;
+      ++disarmed_;
+    }
+    if (!l.state->saturated.exchange(true, std::memory_order_seq_cst)) {
+      futexWake(l.state->wakeWord, INT_MAX, /*shared=*/true);
+    }
+  }
+
+  // Polls every stopped listener again (a descriptor was freed, or it is time to retry).
+  void rearm() {
+    if (disarmed_ == 0) return;
+    for (auto& [token, e] : entries_) {
+      if (!e.listening || e.armed) continue;
+      epoll_event ev{};
+      ev.events = EPOLLIN;
+      ev.data.u64 = token;
+      ::epoll_ctl(epfd_, EPOLL_CTL_MOD, e.fd, &ev);
+      e.armed = true;
+    }
+    disarmed_ = 0;
   }
 
   void receive(std::unordered_map<uint64_t, Entry>::iterator it) {
@@ -173,12 +242,16 @@ class Watcher {
       ::epoll_ctl(epfd_, EPOLL_CTL_DEL, it->second.fd, nullptr);
       ::close(it->second.fd);
       entries_.erase(it);
+      --connections_;
+      rearm();
       return;
     }
   }
 
   std::mutex mu_;
   std::unordered_map<uint64_t, Entry> entries_;
+  size_t connections_ = 0;  // entries that are connections
+  size_t disarmed_ = 0;     // listeners not polled
   uint64_t nextToken_ = 1;
   bool running_ = false;
   int epfd_ = -1;
@@ -252,6 +325,10 @@ bool ShmBellServer::State::record(uint32_t wake) {
 
 void ShmBellServer::wake(uint64_t seen) {
   state_->claim(seen);
+  wakeAll();
+}
+
+void ShmBellServer::wakeAll() {
   state_->wakes.fetch_add(1, std::memory_order_relaxed);
   futexWake(state_->wakeWord, INT_MAX, /*shared=*/true);
 }
@@ -267,7 +344,9 @@ void ShmBellClient::reset() {
 }
 
 int ShmBellClient::connectNow() {
-  const int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+  // Non-blocking: a connect to a doorbell whose queue of waiting connections is full fails at
+  // once (EAGAIN: ring again later) instead of blocking the reader's scheduler.
+  const int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
   if (fd < 0) return errno;
   sockaddr_un addr{};
   try {

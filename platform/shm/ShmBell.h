@@ -16,6 +16,14 @@
 // reader cannot silence, stop or slow another by scribbling, and a reader that dies while asleep
 // costs the writer at most one futex_wake.
 //
+// Connections cost the writer a descriptor each, and anyone who may read may connect: the
+// watcher keeps at most half of the process's descriptors for them. When it cannot take in a
+// connection (that limit, or no descriptor left), it stops polling that doorbell's socket
+// (retrying when a connection closes, or after a second) and marks the doorbell saturated:
+// registrations may then wait unread, so the writer wakes sleepers on every publication
+// until the watcher has taken in and read every waiting connection. Readers connect without
+// blocking: one that finds the queue of waiting connections full sleeps briefly instead.
+//
 // Writer side: ShmBellServer (one per store, served by one watcher thread per process, started
 // with the first and stopped with the last). Reader side: ShmBellClient (one per store reader).
 #pragma once
@@ -44,7 +52,11 @@ class ShmBellServer {
 
   // Called by the writer after advancing the wake word to `now`.
   void afterPublish(uint32_t now) {
-    if (const uint64_t p = state_->due(now)) wake(p);
+    if (state_->saturated.load(std::memory_order_seq_cst)) {
+      wakeAll();
+    } else if (const uint64_t p = state_->due(now)) {
+      wake(p);
+    }
   }
   // Wake-ups made by afterPublish (for tests and benchmarks).
   uint64_t wakes() const { return state_->wakes.load(std::memory_order_relaxed); }
@@ -56,6 +68,11 @@ class ShmBellServer {
   // next one until the writer has woken every sleeper after moving the word off v.
   struct State {
     std::atomic<uint64_t> pending{0};  // kRegistered | wake value, or 0
+    // Set while the watcher cannot take in this doorbell's connections (the process is out of
+    // descriptors, or readers hold the share the watcher may use): registrations may then be
+    // stuck unread, so the writer wakes on every publication until every waiting connection
+    // has been taken in and read.
+    std::atomic<bool> saturated{false};
     const std::atomic<uint32_t>* wakeWord = nullptr;
     std::atomic<uint64_t> wakes{0};
     std::atomic<uint64_t> rings{0};
@@ -79,6 +96,7 @@ class ShmBellServer {
 
  private:
   void wake(uint64_t seen);
+  void wakeAll();
   std::string path_;
   std::shared_ptr<State> state_;
 };

@@ -1,8 +1,10 @@
 // What the shared-memory store guarantees when things go wrong: no change lost behind an
 // overrun, never two writers, readers that cannot harm writers or each other, whole records
 // and agreeing counts after a writer dies at any step, damaged stores recreated, no leftovers.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pwd.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/un.h>
@@ -158,6 +160,33 @@ std::vector<std::string> storeMappings() {
   return out;
 }
 
+// A connection to a store's doorbell, as any process that may read the store can make: -1
+// when the doorbell's queue of waiting connections is full (never blocks).
+int connectToBell(const std::string& path) {
+  const int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK, 0);
+  sockaddr_un addr{};
+  addr.sun_family = AF_UNIX;
+  std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
+  if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+    ::close(fd);
+    return -1;
+  }
+  return fd;
+}
+
+// Whether process `pid` is asleep in a futex wait (as a scheduler with nothing to do is).
+bool asleepOnFutex(pid_t pid) {
+  std::ifstream stat(fmt::format("/proc/{}/stat", pid));
+  std::string line;
+  std::getline(stat, line);
+  const size_t end = line.rfind(')');
+  if (end == std::string::npos || end + 2 >= line.size() || line[end + 2] != 'S') return false;
+  std::ifstream wchanFile(fmt::format("/proc/{}/wchan", pid));
+  std::string wchan;
+  std::getline(wchanFile, wchan);
+  return wchan.find("futex") != std::string::npos || wchan.empty() || wchan == "0";
+}
+
 TEST_F(ShmReliabilityTest, ReadersNeedNoWriteAccessAndCannotSilenceOthers) {
   Attached w(ShmAttach{"r/ro", ShmRole::writer, nullptr, 0644});
   fill(w, 0, 1000);
@@ -198,12 +227,8 @@ TEST_F(ShmReliabilityTest, ReadersNeedNoWriteAccessAndCannotSilenceOthers) {
   // A hostile process rings the doorbell with garbage as fast as it can: it can only cause
   // extra wake-ups, never silence the honest reader.
   pid_t hostile = forkChild([&] {
-    const int fd = ::socket(AF_UNIX, SOCK_SEQPACKET, 0);
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    const std::string path = w.store().bellPath();
-    std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
-    if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) return 2;
+    const int fd = connectToBell(w.store().bellPath());
+    if (fd < 0 || ::fcntl(fd, F_SETFL, 0) != 0) return 2;  // sends block while the queue is full
     std::mt19937 rng(7);
     for (int i = 0; i < 2000; ++i) {
       const uint32_t v = rng();
@@ -462,3 +487,52 @@ TEST_F(ShmReliabilityTest, AWriterWhoseMainThreadEndedIsAlive) {
 }
 
 }  // namespace
+
+// Connecting costs a reader nothing and the writer a descriptor: a hostile reader may hold far
+// more connections than the writer can take in. Those it cannot take in wait unread (with the
+// registrations of honest readers queued behind them), so the writer then wakes its sleepers
+// on every publication; and a reader finding the queue full rings again later, unblocked.
+TEST_F(ShmReliabilityTest, ReadersFloodingTheDoorbellCannotSilenceOthers) {
+  Pipe ready, published, done;
+  const pid_t parent = ::getpid();
+  const pid_t writer = forkChild([&] {
+    rlimit lim{};
+    ::getrlimit(RLIMIT_NOFILE, &lim);
+    lim.rlim_cur = 64;  // the watcher keeps 32 connections, and finds no descriptor near 64
+    if (::setrlimit(RLIMIT_NOFILE, &lim) != 0) return 2;
+    Attached w(ShmAttach{"r/flood", ShmRole::writer});
+    w.insert(1, Rec::of(1));
+    ready.send();
+    // Publishes once the reader below is asleep, its registration queued behind the flood.
+    while (!asleepOnFutex(parent)) std::this_thread::yield();
+    w.insert(2, Rec::of(2));
+    published.send();
+    return done.receive() ? 0 : 3;
+  });
+  ASSERT_TRUE(ready.receive());
+  std::vector<int> flood;
+  Oro::TaskScheduler sched;
+  bool seen = false;
+  Table r("test::Rec", "recs", {[&](uint32_t k) { seen = seen || k == 2; }});
+  r.attach(ShmAttach{"r/flood", ShmRole::reader, &sched});
+  drain(r);
+  // More connections than the writer process has descriptors for, fewer than can wait.
+  for (int i = 0; i < 80; ++i) {
+    const int fd = connectToBell(r.store().bellPath());
+    if (fd >= 0) flood.push_back(fd);
+  }
+  EXPECT_TRUE(sched.runUntil([&] { return seen; }, Oro::TaskScheduler::Clock::now() + 20s))
+      << "the reader slept through a publication";
+  ASSERT_TRUE(published.receive());
+
+  // The queue full: a reader going to sleep does not block in its connect and sleeps briefly.
+  for (int fd; (fd = connectToBell(r.store().bellPath())) >= 0;) flood.push_back(fd);
+  Attached other(ShmAttach{"r/flood", ShmRole::reader});
+  drain(other);
+  std::vector<Oro::FutexWait> words;
+  other.reader()->sleepBegin(words);
+  EXPECT_NE(other.reader()->wakeBy(), Oro::TaskScheduler::Clock::time_point::max());
+  for (int fd : flood) ::close(fd);
+  done.send();
+  EXPECT_EQ(waitChild(writer), 0);
+}
