@@ -12,7 +12,10 @@
 //  - blob chunks "...@<instance>.b<n>" holding the variable-length parts of records.
 // Every segment but the header carries the store's random instance id in its name: two
 // processes racing to create a store build disjoint sets of segments, and only the one whose
-// header is renamed into place first becomes the writer.
+// header is renamed into place first becomes the writer. Chunk, index and blob segments also
+// end in a tag keyed by the header's secret name key ("...@<instance>.<c>k<n>.<tag>"): a
+// process that may list /dev/shm but not read the store cannot create a segment's name before
+// the writer does and so stop the store from growing.
 //
 // Slot: one uint32 sequence word, the key image, the value image (plus a blob reference when
 // the collection has variable-length values), then side words that are not covered by the
@@ -51,7 +54,7 @@ inline constexpr uint64_t kMagic = 0x3152545350564d4dull;         // "MMVPSTR1"
 inline constexpr uint64_t kRetiredMagic = 0x44414544504d4dull;    // "MMPDEAD": replaced store
 inline constexpr uint64_t kIndexMagic = 0x31584449534e504dull;    // "MPNSIDX1"
 inline constexpr uint64_t kBlobMagic = 0x31424f4c42504d4dull;     // "MMPBLOB1"
-inline constexpr uint32_t kLayoutVersion = 6;
+inline constexpr uint32_t kLayoutVersion = 7;
 
 inline constexpr uint32_t kTypeNameBytes = 96;
 inline constexpr uint32_t kPathBytes = 208;
@@ -267,6 +270,7 @@ struct Header {
   uint32_t journalWords;    // the largest key plus value image
   uint32_t mode;            // permission bits the store was created with
   uint32_t reserved0;
+  uint64_t nameKey;  // secret part of the segment names (see shmSegmentName)
 
   alignas(64) std::atomic<uint64_t> owner;  // pid of the writer (for display), 0 when none
   std::atomic<uint64_t> epoch;              // advanced by each writer take-over

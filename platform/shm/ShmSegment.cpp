@@ -19,6 +19,7 @@
 #include <fmt/format.h>
 
 #include "platform/Error.h"
+#include "platform/SipHash.h"
 #include "platform/shm/ShmGuard.h"
 
 namespace Oro {
@@ -113,6 +114,15 @@ std::string shmStoreName(std::string_view mountPath) {
 std::string shmStoreSegmentName(std::string_view mountPath, uint64_t instance,
                                 std::string_view suffix) {
   return fmt::format("{}@{:016x}.{}", shmStoreName(mountPath), instance, suffix);
+}
+
+std::string shmSegmentSuffix(uint64_t instance, uint64_t nameKey, std::string_view suffix) {
+  return fmt::format("{}.{:016x}", suffix, sipHash24(nameKey, instance, suffix));
+}
+
+std::string shmSegmentName(std::string_view mountPath, uint64_t instance, uint64_t nameKey,
+                           std::string_view suffix) {
+  return shmStoreSegmentName(mountPath, instance, shmSegmentSuffix(instance, nameKey, suffix));
 }
 
 std::string shmPathOfStoreName(std::string_view name) {

@@ -40,6 +40,11 @@ std::string shmStoreName(std::string_view mountPath);
 // "/<ns>.<path with dots>@<instance as 16 hex digits>.<suffix>".
 std::string shmStoreSegmentName(std::string_view mountPath, uint64_t instance,
                                 std::string_view suffix);
+// The name of a store's chunk, index or blob segment ("0k3", "1i2", "b0"):
+// "<suffix>.<tag>", the tag keyed by the store's secret name key, under the store's instance.
+std::string shmSegmentSuffix(uint64_t instance, uint64_t nameKey, std::string_view suffix);
+std::string shmSegmentName(std::string_view mountPath, uint64_t instance, uint64_t nameKey,
+                           std::string_view suffix);
 // The mount path of a header segment's name (without the leading '/'), or empty when the name
 // is not a store header of the current namespace.
 std::string shmPathOfStoreName(std::string_view name);

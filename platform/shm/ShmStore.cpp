@@ -384,6 +384,7 @@ ShmStore& ShmStore::operator=(ShmStore&& o) noexcept {
   schema_ = std::move(o.schema_);
   mountPath_ = std::move(o.mountPath_);
   instance_ = o.instance_;
+  nameKey_ = o.nameKey_;
   mode_ = o.mode_;
   writable_ = o.writable_;
   headerSeg_ = std::move(o.headerSeg_);
@@ -420,7 +421,7 @@ void ShmStore::fault(ShmFaultPoint p) const {
 }
 
 std::string ShmStore::segName(const std::string& suffix) const {
-  return shmStoreSegmentName(mountPath_, instance_, suffix);
+  return shmSegmentName(mountPath_, instance_, nameKey_, suffix);
 }
 
 ShmSegment ShmStore::makeSegment(const std::string& suffix, size_t bytes, bool commitNow) const {
@@ -525,8 +526,9 @@ void ShmStore::build(const ShmStoreSchema& schema, uint32_t ringCapacity, bool s
   instance_ = instance;
   const Geometry g = headerGeometry(schema, ringCapacity);
   if (!headerSeg_.valid()) headerSeg_ = ShmSegment::anonymous(g.bytes);
-  (void)shared;
   hdr_ = new (headerSeg_.data()) Header();
+  nameKey_ = shared ? newInstance() : 0;
+  hdr_->nameKey = nameKey_;
   hdr_->layoutVersion = kLayoutVersion;
   hdr_->headerBytes = static_cast<uint32_t>(headerSeg_.size());
   hdr_->instance = instance;
@@ -665,6 +667,7 @@ void ShmStore::attach(ShmSegment seg, const ShmStoreSchema* schema, bool writabl
   }
   schema_ = schema ? *schema : actual;
   instance_ = h->instance;
+  nameKey_ = h->nameKey;
   mode_ = static_cast<mode_t>(h->mode & 07777);
   headerSeg_ = std::move(seg);
   hdr_ = reinterpret_cast<Header*>(headerSeg_.data());
@@ -857,6 +860,7 @@ void ShmStore::cleanLeftovers() const {
   std::vector<std::string> inUse;
   for (const auto& c : colls_) c->suffixesInUse(inUse);
   for (uint32_t n = 0; n < blobs_->chunks.size(); ++n) inUse.push_back(fmt::format("b{}", n));
+  for (std::string& s : inUse) s = shmSegmentSuffix(instance_, nameKey_, s);
   for (const std::string& n : entriesStartingWith(shmStoreName(mountPath_).substr(1) + "@")) {
     if (n.compare(0, mine.size(), mine) == 0) {
       const std::string suffix = n.substr(mine.size());

@@ -274,6 +274,7 @@ class ShmStore {
   ShmStoreSchema schema_;
   std::string mountPath_;
   uint64_t instance_ = 0;
+  uint64_t nameKey_ = 0;  // the header's secret name key (see ShmLayout.h)
   mode_t mode_ = 0600;
   bool writable_ = false;
   ShmSegment headerSeg_;

@@ -388,7 +388,7 @@ class Verifier {
       const uint32_t gen = generationNow(c);
       try {
         ShmSegment seg = ShmSegment::open(
-            shmStoreSegmentName(s_.mountPath(), h_->instance, fmt::format("{}i{}", c, gen)),
+            shmSegmentName(s_.mountPath(), h_->instance, h_->nameKey, fmt::format("{}i{}", c, gen)),
             ShmSegment::Access::readOnly, sizeof(IndexHeader));
         const auto* ih = reinterpret_cast<const IndexHeader*>(seg.data());
         if (ih->magic.load(std::memory_order_acquire) != kIndexMagic || ih->generation != gen ||
@@ -676,9 +676,9 @@ class Verifier {
   const uint8_t* blobClasses(uint32_t n) {
     while (blobChunks_.size() <= n) {
       const uint32_t k = static_cast<uint32_t>(blobChunks_.size());
-      ShmSegment seg =
-          ShmSegment::open(shmStoreSegmentName(s_.mountPath(), h_->instance, fmt::format("b{}", k)),
-                           ShmSegment::Access::readOnly, blobChunkBytes(k));
+      ShmSegment seg = ShmSegment::open(
+          shmSegmentName(s_.mountPath(), h_->instance, h_->nameKey, fmt::format("b{}", k)),
+          ShmSegment::Access::readOnly, blobChunkBytes(k));
       const auto* ch = reinterpret_cast<const BlobChunkHeader*>(seg.data());
       if (ch->magic.load(std::memory_order_acquire) != kBlobMagic || ch->chunk != k ||
           ch->pages != blobPages(k)) {

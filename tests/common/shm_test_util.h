@@ -153,7 +153,7 @@ inline std::string firstChunkOf(const std::string& mountPath, const std::string&
     ++c;
   }
   if (!ok || c >= h.collectionCount) return {};
-  return Oro::shmStoreSegmentName(mountPath, h.instance, fmt::format("{}k0", c));
+  return Oro::shmSegmentName(mountPath, h.instance, h.nameKey, fmt::format("{}k0", c));
 }
 
 // Returns false when the store or the collection does not exist. The collection's first slot

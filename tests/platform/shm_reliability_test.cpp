@@ -407,15 +407,13 @@ TEST_F(ShmReliabilityTest, AWriterKilledAtAnyStepLeavesAStoreThatAgreesWithItsel
 TEST_F(ShmReliabilityTest, ADamagedStoreIsRecreatedByItsWriterAndItsReadersRecover) {
   const Oro::ShmStoreSchema schema = Table::schema("test::Rec", "recs");
   using Damage = std::function<void(const std::string& path)>;
-  auto instance = [](const std::string& path) {
+  auto segment = [](const std::string& path, const char* suffix) {
     ShmStore s = ShmStore::openReader(path, nullptr);
-    return s.header()->instance;
+    return Oro::shmSegmentName(path, s.header()->instance, s.header()->nameKey, suffix);
   };
   const std::vector<std::pair<const char*, Damage>> damages = {
       {"index segment removed",
-       [&](const std::string& p) {
-         Oro::ShmSegment::unlink(Oro::shmStoreSegmentName(p, instance(p), "0i1"));
-       }},
+       [&](const std::string& p) { Oro::ShmSegment::unlink(segment(p, "0i1")); }},
       {"chunk truncated", [](const std::string& p) { ASSERT_TRUE(damageTable(p, "recs")); }},
       {"header garbage",
        [](const std::string& p) {
@@ -534,5 +532,37 @@ TEST_F(ShmReliabilityTest, ReadersFloodingTheDoorbellCannotSilenceOthers) {
   EXPECT_NE(other.reader()->wakeBy(), Oro::TaskScheduler::Clock::time_point::max());
   for (int fd : flood) ::close(fd);
   done.send();
+  EXPECT_EQ(waitChild(writer), 0);
+}
+
+// Anyone may create files in /dev/shm and list it, and the listing shows a store's instance.
+// Taking the names a writer would give its next chunks and index generations ahead of it must
+// not stop the store from growing (the writer cannot remove another user's file).
+TEST_F(ShmReliabilityTest, ASegmentNameCannotBeTakenBeforeTheWriterNeedsIt) {
+  Pipe listed, taken;
+  const pid_t writer = forkChild([&] {
+    const passwd* nobody = ::getpwnam("nobody");
+    if (!nobody || ::setgid(nobody->pw_gid) != 0 || ::setuid(nobody->pw_uid) != 0) return 2;
+    Attached w(ShmAttach{"r/squat", ShmRole::writer, nullptr, 0644});
+    fill(w, 0, 10);
+    listed.send();
+    if (!taken.receive()) return 3;
+    fill(w, 10, 20000);  // new chunks, index generations
+    return w.find(20009) == Rec::of(20009) ? 0 : 4;
+  });
+  ASSERT_TRUE(listed.receive());
+  uint64_t instance = 0;
+  {
+    ShmStore s = ShmStore::openReader("r/squat", nullptr);
+    instance = s.header()->instance;
+  }
+  for (int n = 0; n < 40; ++n) {
+    for (const std::string& suffix : {fmt::format("0k{}", n), fmt::format("0i{}", n)}) {
+      const int fd = ::shm_open(Oro::shmStoreSegmentName("r/squat", instance, suffix).c_str(),
+                                O_CREAT | O_EXCL | O_RDWR, 0600);
+      if (fd >= 0) ::close(fd);
+    }
+  }
+  taken.send();
   EXPECT_EQ(waitChild(writer), 0);
 }
