@@ -53,9 +53,8 @@ uint64_t newInstance() {
   return v;
 }
 
-// Tries to take the store's write lock: an open-file-description lock, held for as long as the
-// descriptor is open, released by the kernel when the process dies, and impossible to take
-// through a read-only descriptor (readers cannot block a writer).
+// Tries to take a write lock: an open-file-description lock, held for as long as the
+// descriptor is open and released by the kernel when the process dies.
 bool lockWriter(int fd) {
   struct flock fl {};
   fl.l_type = F_WRLCK;
@@ -68,12 +67,13 @@ bool lockWriter(int fd) {
   }
 }
 
+// Whether a write lock is held on the file (a read lock is anybody's, never a writer's).
 bool lockedByWriter(int fd) {
   struct flock fl {};
   fl.l_type = F_WRLCK;
   fl.l_whence = SEEK_SET;
   if (::fcntl(fd, F_OFD_GETLK, &fl) != 0) return false;
-  return fl.l_type != F_UNLCK;
+  return fl.l_type == F_WRLCK;
 }
 
 // The pid a store's header names as its writer, read through a descriptor (0 when the header
@@ -95,10 +95,63 @@ bool sameFile(int fd, const std::string& name) {
   return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
 }
 
+// The store's lock file, "<header>@lock": its write lock makes a process the store's only
+// writer or remover. It is a file of its own because anyone who can open a file can take a
+// read lock on it, and a read lock keeps everyone from the write lock: the header must be
+// readable by readers, the lock file is readable only by those who may write the store.
+std::string lockName(const std::string& mountPath) {
+  return shmStoreName(mountPath) + "@lock";
+}
+
+// Opens (creating it when absent, with `mode`'s write permissions as its only ones) and locks
+// the store's lock file, then writes this process's pid into it. The descriptor, or -1 when
+// another process holds the lock (*holder: the pid it wrote); *created tells whether this call
+// made the file.
+int lockStore(const std::string& mountPath, mode_t mode, const std::string& deniedWhat,
+              bool* created, uint64_t* holder) {
+  const std::string name = lockName(mountPath);
+  const mode_t writers = (mode & 0222) | ((mode & 0222) << 1);
+  for (int attempt = 0; attempt < kOpenAttempts; ++attempt) {
+    int fd = shmOpenFile(name, O_RDWR | O_CREAT | O_EXCL, writers);
+    *created = fd >= 0;
+    if (fd >= 0) {
+      (void)::fchmod(fd, writers);  // not narrowed by the umask
+    } else if (errno == EEXIST) {
+      fd = shmOpenFile(name, O_RDWR, 0);
+      if (fd < 0 && errno == ENOENT) continue;  // removed meanwhile
+    }
+    if (fd < 0) {
+      const int err = errno;
+      if (err == EACCES || err == EPERM) {
+        throw ShmPermissionException(fmt::format("permission denied: cannot {}", deniedWhat));
+      }
+      throw ShmException(fmt::format("cannot open the lock of shared memory store {}: {}",
+                                     mountPath, std::strerror(err)));
+    }
+    if (!lockWriter(fd)) {
+      *holder = 0;
+      (void)!::pread(fd, holder, sizeof *holder, 0);
+      ::close(fd);
+      return -1;
+    }
+    // A remover unlinks the file it holds: a lock on a file no longer at the name is nobody's.
+    if (sameFile(fd, name)) {
+      const uint64_t pid = static_cast<uint64_t>(::getpid());
+      (void)!::pwrite(fd, &pid, sizeof pid, 0);
+      return fd;
+    }
+    ::close(fd);
+  }
+  throw ShmException(
+      fmt::format("the lock of shared memory store {} keeps being replaced", mountPath));
+}
+
 // Opens a store's header read-write and takes its write lock, as its writer and the remover
-// must before touching it. `deniedWhat` ("open ... for writing") and `liveWhat` complete the
-// permission and live-writer messages. *fd is set when opened; absent: no header; replaced: the
-// header was replaced after it was opened (look again).
+// must before touching it (holding the store's lock file already). The header's lock tells
+// readers that a writer lives; a read lock someone holds on the header keeps it from the
+// writer, which then goes on without it (see ShmStore::writerAlive). `deniedWhat` ("open ... for
+// writing") and `liveWhat` complete the permission and live-writer messages. *fd is set when
+// opened; absent: no header; replaced: the header was replaced after it was opened (look again).
 enum class HeaderOpen : uint8_t { opened, absent, replaced };
 
 HeaderOpen openHeaderLocked(const std::string& name, const std::string& mountPath,
@@ -116,7 +169,8 @@ HeaderOpen openHeaderLocked(const std::string& name, const std::string& mountPat
     }
     return HeaderOpen::absent;
   }
-  if (!lockWriter(*fd)) {
+  if (!lockWriter(*fd) && lockedByWriter(*fd)) {
+    // A writer that does not use the lock file.
     const uint64_t pid = ownerOf(*fd);
     ::close(*fd);
     throw ShmException(
@@ -381,6 +435,7 @@ ShmStore& ShmStore::operator=(ShmStore&& o) noexcept {
   if (this == &o) return *this;
   bell_.reset();
   colls_.clear();
+  lockFd_ = std::move(o.lockFd_);
   schema_ = std::move(o.schema_);
   mountPath_ = std::move(o.mountPath_);
   instance_ = o.instance_;
@@ -405,6 +460,11 @@ ShmStore& ShmStore::operator=(ShmStore&& o) noexcept {
   for (auto& c : colls_) c->storeIs(this);
   return *this;
 }
+void ShmStore::OwnedFd::reset() {
+  if (fd_ >= 0) ::close(fd_);
+  fd_ = -1;
+}
+
 ShmStore::~ShmStore() {
   bell_.reset();
   colls_.clear();
@@ -719,7 +779,7 @@ ShmStore ShmStore::openWriter(const std::string& mountPath, const ShmStoreSchema
     try {
       s.headerSeg_ = ShmSegment::create(temp, headerGeometry(schema, ringCapacity).bytes, mode,
                                         /*replace=*/true);
-      if (!lockWriter(s.headerSeg_.fd())) throw ShmException("cannot lock a new store");
+      (void)lockWriter(s.headerSeg_.fd());  // for readers' eyes; the lock file is what counts
       s.build(schema, ringCapacity, /*shared=*/true, instance);
       s.startBell();
       s.fault(ShmFaultPoint::creationBuilt);
@@ -735,74 +795,95 @@ ShmStore ShmStore::openWriter(const std::string& mountPath, const ShmStoreSchema
     }
     return s;
   };
-  for (int attempt = 0; attempt < kOpenAttempts; ++attempt) {
-    int fd = -1;
-    const HeaderOpen opened = openHeaderLocked(
-        name, mountPath, "open shared memory store {} for writing", "already has", &fd);
-    if (opened == HeaderOpen::absent) {
-      if (std::optional<ShmStore> s = create(/*replace=*/false)) return std::move(*s);
-      continue;  // someone else created it meanwhile
-    }
-    if (opened == HeaderOpen::replaced) continue;  // try the one there now
-    // The store is ours: take it over, or build it anew when it is damaged.
-    ShmStore s;
-    s.mountPath_ = mountPath;
-    s.mode_ = mode;
-    s.writable_ = true;
-    s.fault(ShmFaultPoint::takeOverLocked);
-    struct stat st {};
-    const size_t bytes = ::fstat(fd, &st) == 0 ? static_cast<size_t>(st.st_size) : 0;
-    ShmSegment old;
-    if (bytes >= sizeof(Header)) {
-      old = ShmSegment::map(fd, name, bytes, ShmSegment::Access::readWrite);
-    } else {
-      old = ShmSegment::map(fd, name, 0 + ShmSegment::pageBytes(), ShmSegment::Access::readWrite);
-    }
-    try {
-      if (bytes < sizeof(Header)) s.corrupt(fmt::format("header segment holds {} bytes", bytes));
-      const auto* h = reinterpret_cast<const Header*>(old.data());
-      if (h->magic.load(std::memory_order_acquire) == kMagic &&
-          nameOf(h->rootType, kTypeNameBytes) != schema.rootType) {
-        throw ShmException(fmt::format("shared memory store {} holds a {}, not a {}", mountPath,
-                                       nameOf(h->rootType, kTypeNameBytes), schema.rootType));
-      }
-      ShmSegment header = std::move(old);
-      try {
-        s.attach(std::move(header), &schema, /*writable=*/true);
-        s.writable_ = true;
-        s.recover();
-        // Recovery completes what a dead writer left half done; what it cannot explain (parents
-        // without identity, chains through other parents' pages, stray index entries) is
-        // damage, which a writer must not build on.
-        if (std::string problem = shmStoreProblem(s); !problem.empty()) s.corrupt(problem);
-        s.startBell();
-        s.cleanLeftovers();
-        s.wakeAllReaders();
-        return s;
-      } catch (const ShmCorruptionException&) {
-        old = std::move(s.headerSeg_);
-        if (!old.valid()) old = std::move(header);
-        throw;
-      } catch (const ShmPermissionException&) {
-        throw;
-      } catch (const ShmException& e) {
-        // Another revision's layout, a missing segment: the data is ours to republish.
-        if (std::string_view(e.what()).find("holds a ") != std::string_view::npos) throw;
-        old = std::move(s.headerSeg_);
-        if (!old.valid()) old = std::move(header);
-        throw ShmCorruptionException(e.what());
-      }
-    } catch (const ShmCorruptionException&) {
-      // Damaged: a new store replaces it (we keep the old one's lock until it is retired, so
-      // nobody else can take the old one over meanwhile).
-      std::optional<ShmStore> fresh = create(/*replace=*/true);
-      fresh->retire(old);
-      fresh->cleanLeftovers();
-      return std::move(*fresh);
-    }
+  bool created = false;
+  uint64_t pid = 0;
+  OwnedFd lock(lockStore(mountPath, mode,
+                         fmt::format("open shared memory store {} for writing", mountPath),
+                         &created, &pid));
+  if (lock.get() < 0) {
+    throw ShmException(
+        fmt::format("shared memory store {} already has a live writer (pid {})", mountPath, pid));
   }
-  throw ShmException(
-      fmt::format("cannot open shared memory store {}: it keeps being replaced", mountPath));
+  // A lock file made for a store this process then fails to open is not left behind for
+  // someone who may.
+  try {
+    for (int attempt = 0; attempt < kOpenAttempts; ++attempt) {
+      int fd = -1;
+      const HeaderOpen opened = openHeaderLocked(
+          name, mountPath, "open shared memory store {} for writing", "already has", &fd);
+      if (opened == HeaderOpen::absent) {
+        if (std::optional<ShmStore> s = create(/*replace=*/false)) {
+          s->lockFd_ = std::move(lock);
+          return std::move(*s);
+        }
+        continue;  // someone else created it meanwhile
+      }
+      if (opened == HeaderOpen::replaced) continue;  // try the one there now
+      // The store is ours: take it over, or build it anew when it is damaged.
+      ShmStore s;
+      s.mountPath_ = mountPath;
+      s.mode_ = mode;
+      s.writable_ = true;
+      s.fault(ShmFaultPoint::takeOverLocked);
+      struct stat st {};
+      const size_t bytes = ::fstat(fd, &st) == 0 ? static_cast<size_t>(st.st_size) : 0;
+      ShmSegment old;
+      if (bytes >= sizeof(Header)) {
+        old = ShmSegment::map(fd, name, bytes, ShmSegment::Access::readWrite);
+      } else {
+        old = ShmSegment::map(fd, name, 0 + ShmSegment::pageBytes(), ShmSegment::Access::readWrite);
+      }
+      try {
+        if (bytes < sizeof(Header)) s.corrupt(fmt::format("header segment holds {} bytes", bytes));
+        const auto* h = reinterpret_cast<const Header*>(old.data());
+        if (h->magic.load(std::memory_order_acquire) == kMagic &&
+            nameOf(h->rootType, kTypeNameBytes) != schema.rootType) {
+          throw ShmException(fmt::format("shared memory store {} holds a {}, not a {}", mountPath,
+                                         nameOf(h->rootType, kTypeNameBytes), schema.rootType));
+        }
+        ShmSegment header = std::move(old);
+        try {
+          s.attach(std::move(header), &schema, /*writable=*/true);
+          s.writable_ = true;
+          s.recover();
+          // Recovery completes what a dead writer left half done; what it cannot explain (parents
+          // without identity, chains through other parents' pages, stray index entries) is
+          // damage, which a writer must not build on.
+          if (std::string problem = shmStoreProblem(s); !problem.empty()) s.corrupt(problem);
+          s.startBell();
+          s.cleanLeftovers();
+          s.wakeAllReaders();
+          s.lockFd_ = std::move(lock);
+          return s;
+        } catch (const ShmCorruptionException&) {
+          old = std::move(s.headerSeg_);
+          if (!old.valid()) old = std::move(header);
+          throw;
+        } catch (const ShmPermissionException&) {
+          throw;
+        } catch (const ShmException& e) {
+          // Another revision's layout, a missing segment: the data is ours to republish.
+          if (std::string_view(e.what()).find("holds a ") != std::string_view::npos) throw;
+          old = std::move(s.headerSeg_);
+          if (!old.valid()) old = std::move(header);
+          throw ShmCorruptionException(e.what());
+        }
+      } catch (const ShmCorruptionException&) {
+        // Damaged: a new store replaces it (we keep the old one's lock until it is retired, so
+        // nobody else can take the old one over meanwhile).
+        std::optional<ShmStore> fresh = create(/*replace=*/true);
+        fresh->retire(old);
+        fresh->cleanLeftovers();
+        fresh->lockFd_ = std::move(lock);
+        return std::move(*fresh);
+      }
+    }
+    throw ShmException(
+        fmt::format("cannot open shared memory store {}: it keeps being replaced", mountPath));
+  } catch (...) {
+    if (created) ::unlink((std::string(kShmDirectory) + lockName(mountPath)).c_str());
+    throw;
+  }
 }
 
 void ShmStore::startBell() {
@@ -861,7 +942,9 @@ void ShmStore::cleanLeftovers() const {
   for (const auto& c : colls_) c->suffixesInUse(inUse);
   for (uint32_t n = 0; n < blobs_->chunks.size(); ++n) inUse.push_back(fmt::format("b{}", n));
   for (std::string& s : inUse) s = shmSegmentSuffix(instance_, nameKey_, s);
+  const std::string lock = lockName(mountPath_).substr(1);
   for (const std::string& n : entriesStartingWith(shmStoreName(mountPath_).substr(1) + "@")) {
+    if (n == lock) continue;
     if (n.compare(0, mine.size(), mine) == 0) {
       const std::string suffix = n.substr(mine.size());
       if (std::find(inUse.begin(), inUse.end(), suffix) != inUse.end() || suffix == "bell")
@@ -874,7 +957,12 @@ void ShmStore::cleanLeftovers() const {
 size_t ShmStore::remove(const std::string& mountPath) {
   const std::string name = shmStoreName(mountPath);
   const std::string prefix = name.substr(1) + "@";
-  auto leftovers = [&] { return entriesStartingWith(prefix); };
+  const std::string lock = lockName(mountPath);
+  auto leftovers = [&] {
+    std::vector<std::string> names = entriesStartingWith(prefix);
+    std::erase(names, lock.substr(1));
+    return names;
+  };
   // A writer creating a store builds it under its own instance and a locked temporary header:
   // those segments are alive and stay.
   auto creating = [&](const std::vector<std::string>& names) {
@@ -905,13 +993,27 @@ size_t ShmStore::remove(const std::string& mountPath) {
     }
     return removed;
   };
+  bool created = false;
+  uint64_t pid = 0;
+  OwnedFd held(lockStore(mountPath, 0600, fmt::format("remove shared memory store {}", mountPath),
+                         &created, &pid));
+  if (held.get() < 0) {
+    throw ShmException(
+        fmt::format("shared memory store {} has a live writer (pid {})", mountPath, pid));
+  }
+  // The lock file goes last, while held (a process that opened it meanwhile finds its lock on a
+  // file no longer at the name and opens the name again); one this call made is not counted.
+  auto unlinkLock = [&] {
+    const bool gone = ::unlink((std::string(kShmDirectory) + lock).c_str()) == 0;
+    return gone && !created ? size_t{1} : size_t{0};
+  };
   for (int attempt = 0; attempt < kOpenAttempts; ++attempt) {
     int fd = -1;
     const HeaderOpen opened =
         openHeaderLocked(name, mountPath, "remove shared memory store {}", "has", &fd);
     if (opened == HeaderOpen::absent) {
       // No header: only what writers that died while creating it left behind.
-      const size_t removed = unlinkDead(leftovers());
+      const size_t removed = unlinkDead(leftovers()) + unlinkLock();
       if (removed == 0) throw ShmException(fmt::format("no shared memory store at {}", mountPath));
       return removed;
     }
@@ -925,9 +1027,10 @@ size_t ShmStore::remove(const std::string& mountPath) {
     // Readers still mapping it notice at their next look, as when a writer replaces it.
     if (bytes >= sizeof(Header)) retire(header);
     size_t removed = ::unlink((std::string(kShmDirectory) + name).c_str()) == 0 ? 1 : 0;
-    removed += unlinkDead(leftovers());
+    removed += unlinkDead(leftovers()) + unlinkLock();
     return removed;
   }
+  unlinkLock();
   throw ShmException(fmt::format("shared memory store {} keeps being replaced", mountPath));
 }
 
@@ -994,7 +1097,18 @@ std::string ShmStore::bellPath() const {
 bool ShmStore::writerAlive() const {
   if (!shared()) return writable_;
   if (writable_) return true;
-  return lockedByWriter(headerSeg_.fd());
+  if (lockedByWriter(headerSeg_.fd())) return true;
+  // Someone's read lock on the header keeps a writer from locking it: the lock file tells,
+  // to those who may open it.
+  try {
+    const int fd = shmOpenFile(lockName(mountPath_), O_RDONLY);
+    if (fd < 0) return false;
+    const bool alive = lockedByWriter(fd);
+    ::close(fd);
+    return alive;
+  } catch (const ShmException&) {
+    return false;
+  }
 }
 
 uint64_t ShmStore::bellWakes() const {

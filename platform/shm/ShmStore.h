@@ -29,6 +29,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "platform/shm/ShmLayout.h"
@@ -271,6 +272,28 @@ class ShmStore {
   }
   void blobRebuild();
 
+  // An owned descriptor (the store's lock file, see lockStore), closed last.
+  class OwnedFd {
+   public:
+    OwnedFd() = default;
+    explicit OwnedFd(int fd) : fd_(fd) {}
+    OwnedFd(OwnedFd&& o) noexcept : fd_(std::exchange(o.fd_, -1)) {}
+    OwnedFd& operator=(OwnedFd&& o) noexcept {
+      if (this != &o) {
+        reset();
+        fd_ = std::exchange(o.fd_, -1);
+      }
+      return *this;
+    }
+    ~OwnedFd() { reset(); }
+    void reset();
+    int get() const { return fd_; }
+
+   private:
+    int fd_ = -1;
+  };
+
+  OwnedFd lockFd_;  // writer: holds the lock that makes it the store's only writer
   ShmStoreSchema schema_;
   std::string mountPath_;
   uint64_t instance_ = 0;

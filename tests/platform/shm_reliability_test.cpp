@@ -2,6 +2,7 @@
 // overrun, never two writers, readers that cannot harm writers or each other, whole records
 // and agreeing counts after a writer dies at any step, damaged stores recreated, no leftovers.
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pwd.h>
 #include <sys/resource.h>
@@ -131,14 +132,18 @@ TEST_F(ShmReliabilityTest, AStalledCreatorOrTakerNeverLeavesTwoWriters) {
       }
     });
   };
-  // A creator stopped with its store built but not yet named loses to one that comes later.
+  // A creator stopped with its store built but not yet named holds it, as a stopped writer
+  // does: one that comes later is told who.
   pid_t a = stalledWriter(ShmFaultPoint::creationBuilt);
   awaitStop(a);
-  {
+  try {
     ShmStore b = ShmStore::openWriter("r/two", schema, 0600, 64);
-    ::kill(a, SIGCONT);
-    EXPECT_EQ(waitChild(a), 20);
+    ADD_FAILURE() << "two writers";
+  } catch (const Oro::ShmException& e) {
+    EXPECT_THAT(e.what(), testing::HasSubstr(fmt::format("already has a live writer (pid {})", a)));
   }
+  ::kill(a, SIGCONT);
+  EXPECT_EQ(waitChild(a), 10);
   // A writer stopped while it holds a dead writer's store keeps it: nobody takes it over,
   // however long it stays stopped; when it goes on, it is the writer.
   a = stalledWriter(ShmFaultPoint::takeOverLocked);
@@ -565,4 +570,28 @@ TEST_F(ShmReliabilityTest, ASegmentNameCannotBeTakenBeforeTheWriterNeedsIt) {
   }
   taken.send();
   EXPECT_EQ(waitChild(writer), 0);
+}
+
+// Anyone who may read a store may open its header and take a read lock on it, which keeps
+// everyone from a write lock on the header: that must not keep a restarted writer from its
+// store, nor let two writers in.
+TEST_F(ShmReliabilityTest, AReadLockOnTheHeaderKeepsNoWriterOut) {
+  const pid_t first = forkChild([]() -> int {
+    Attached w(ShmAttach{"r/rdlock", ShmRole::writer});
+    fill(w, 0, 10);
+    ::_exit(0);  // dies, leaving the store to the next writer
+  });
+  ASSERT_EQ(waitChild(first), 0);
+  const int fd = ::shm_open(Oro::shmStoreName("r/rdlock").c_str(), O_RDONLY, 0);
+  ASSERT_GE(fd, 0);
+  struct flock fl {};
+  fl.l_type = F_RDLCK;
+  fl.l_whence = SEEK_SET;
+  ASSERT_EQ(::fcntl(fd, F_OFD_SETLK, &fl), 0);
+  Attached next(ShmAttach{"r/rdlock", ShmRole::writer});
+  EXPECT_EQ(next.find(3), Rec::of(3));  // taken over, not made anew
+  EXPECT_THROW(Attached(ShmAttach{"r/rdlock", ShmRole::writer}), Oro::ShmException);
+  Attached reader(ShmAttach{"r/rdlock", ShmRole::reader});
+  EXPECT_TRUE(reader.store().writerAlive());
+  ::close(fd);
 }
