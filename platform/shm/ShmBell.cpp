@@ -20,6 +20,7 @@
 #include <fmt/format.h>
 
 #include "platform/Error.h"
+#include "platform/SipHash.h"
 #include "platform/runtime/Futex.h"
 #include "platform/shm/ShmSegment.h"
 
@@ -271,8 +272,9 @@ sockaddr_un addressOf(const std::string& path) {
 
 }  // namespace
 
-std::string shmBellPath(uint64_t instance) {
-  return fmt::format("{}/{}@{:016x}.bell", kShmDirectory, shmNamespace(), instance);
+std::string shmBellPath(uint64_t instance, uint64_t nameKey) {
+  return fmt::format("{}/{}@{:016x}.{:016x}.bell", kShmDirectory, shmNamespace(), instance,
+                     sipHash24(nameKey, instance, "bell"));
 }
 
 ShmBellServer::ShmBellServer(std::string path, mode_t mode, const std::atomic<uint32_t>* wakeWord)

@@ -37,8 +37,9 @@
 
 namespace Oro {
 
-// The doorbell socket's path for a store instance.
-std::string shmBellPath(uint64_t instance);
+// The doorbell socket's path for a store instance, tagged like its segments with the store's
+// secret name key (whoever cannot read the store cannot bind it first).
+std::string shmBellPath(uint64_t instance, uint64_t nameKey);
 
 class ShmBellServer {
  public:

@@ -889,7 +889,8 @@ ShmStore ShmStore::openWriter(const std::string& mountPath, const ShmStoreSchema
 void ShmStore::startBell() {
   if (!shared()) return;
   try {
-    bell_ = std::make_unique<ShmBellServer>(shmBellPath(instance_), mode_, &hdr_->wakeWord);
+    bell_ =
+        std::make_unique<ShmBellServer>(shmBellPath(instance_, nameKey_), mode_, &hdr_->wakeWord);
     hdr_->flags.fetch_and(~kFlagBellless, std::memory_order_release);
   } catch (const ShmException&) {
     // Without a doorbell every publication wakes the readers: slower, never wrong.
@@ -1091,7 +1092,7 @@ bool ShmStore::bellless() const {
 }
 
 std::string ShmStore::bellPath() const {
-  return shared() ? shmBellPath(instance_) : std::string();
+  return shared() ? shmBellPath(instance_, nameKey_) : std::string();
 }
 
 bool ShmStore::writerAlive() const {
