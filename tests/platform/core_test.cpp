@@ -15,7 +15,6 @@
 
 #include "platform/Assert.h"
 #include "platform/Error.h"
-#include "platform/SipHash.h"
 #include "platform/Toggle.h"
 #include "platform/runtime/Entity.h"
 #include "platform/runtime/EntityDirectory.h"
@@ -56,14 +55,6 @@ struct Coll : Oro::Entity {
   }
   void flag() { publish(2); }
 };
-
-// The reference vectors of SipHash-2-4 (key 00..0f; messages 00..0e and empty).
-TEST(SipHash, MatchesTheReferenceVectors) {
-  constexpr uint64_t k0 = 0x0706050403020100ull, k1 = 0x0f0e0d0c0b0a0908ull;
-  const char msg[15] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14};
-  EXPECT_EQ(Oro::sipHash24(k0, k1, std::string_view(msg, 15)), 0xa129ca6149be45e5ull);
-  EXPECT_EQ(Oro::sipHash24(k0, k1, {}), 0x726fdb47dd0e0e31ull);
-}
 
 TEST(RefCount, CountsDeletesAtZeroOrLetsTheHandlerKeepTheObject) {
   int deaths = 0;

@@ -12,6 +12,7 @@
 #include "platform/CharRange.h"
 #include "platform/Error.h"
 #include "platform/Hash.h"
+#include "platform/SipHash.h"
 #include "platform/ValueForm.h"
 #include "platform/WireBuffer.h"
 #include "platform/net/IntfId.h"
@@ -188,11 +189,17 @@ TEST(CharRange, CursorOperationsAndTheValueForm) {
   EXPECT_THROW(Oro::readBool(maybe), Oro::ParseException);
 }
 
-TEST(Hash, MixesAllBitsAndSeed) {
+// The seeded mixes, and SipHash-2-4 against its reference vectors (key 00..0f; messages
+// 00..0e and empty).
+TEST(Hash, MixesAllBitsAndSeedAndSipHashMatchesItsReference) {
   EXPECT_NE(Oro::hashU64(1, 0), Oro::hashU64(uint64_t{1} << 32, 0));
   EXPECT_NE(Oro::hashBytes("ab", 2, 0), Oro::hashBytes("ab\0", 3, 0));
   EXPECT_EQ(Oro::processHashSeed(), Oro::processHashSeed());
   EXPECT_NE(Oro::collectionHashSeed(1), Oro::collectionHashSeed(2));
+  constexpr uint64_t k0 = 0x0706050403020100ull, k1 = 0x0f0e0d0c0b0a0908ull;
+  const char msg[15] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14};
+  EXPECT_EQ(Oro::sipHash24(k0, k1, std::string_view(msg, 15)), 0xa129ca6149be45e5ull);
+  EXPECT_EQ(Oro::sipHash24(k0, k1, {}), 0x726fdb47dd0e0e31ull);
 }
 
 using Bytes = std::vector<uint8_t>;
