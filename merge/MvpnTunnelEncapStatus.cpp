@@ -177,12 +177,8 @@ size_t MvpnTunnelEncapStatus::encapIntfTunnelTotal() const {
 Oro::Ptr<MvpnVrfTunnelEncapStatus> MvpnTunnelEncapStatus::vrfStatusIs(VrfId vrfId) {
   if (Oro::Ptr<MvpnVrfTunnelEncapStatus> v = vrfs_.find(vrfId)) return v;
   counters(TunnelEncapStore::kVrfStatus).is.inc();
-  Oro::Ptr<MvpnVrfTunnelEncapStatus> v;
-  try {
-    v = vrfs_.insert(vrfId);
-  } catch (const Oro::ShmCorruptionException& e) {
-    corruptWrite("write", "vrfStatus", e);
-  }
+  Oro::Ptr<MvpnVrfTunnelEncapStatus> v =
+      writeOrStop("write", "vrfStatus", *this, [&] { return vrfs_.insert(vrfId); });
   publishKey(vrfStatusAttr, vrfId);
   return v;
 }
@@ -190,13 +186,9 @@ Oro::Ptr<MvpnVrfTunnelEncapStatus> MvpnTunnelEncapStatus::vrfStatusIs(VrfId vrfI
 void MvpnTunnelEncapStatus::vrfStatusDel(VrfId vrfId) {
   counters(TunnelEncapStore::kVrfStatus).del.inc();
   // Subscribers told of the removal may still read the departing entity: it keeps its records.
-  bool removed = false;
-  try {
-    removed = vrfs_.remove(vrfId);
-  } catch (const Oro::ShmCorruptionException& e) {
-    corruptWrite("removal", "vrfStatus", e);
+  if (writeOrStop("removal", "vrfStatus", *this, [&] { return vrfs_.remove(vrfId); })) {
+    publishKey(vrfStatusAttr, vrfId);
   }
-  if (removed) publishKey(vrfStatusAttr, vrfId);
 }
 
 std::string MvpnTunnelEncapStatus::mountPath(std::string_view writer) {

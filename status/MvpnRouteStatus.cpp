@@ -413,25 +413,17 @@ std::string MvpnRouteStatus::mountPath(Nevo::AddressFamily af, MvpnClient client
 Oro::Ptr<MvpnVrfRouteStatus> MvpnRouteStatus::vrfRouteStatusIs(VrfId vrfId) {
   if (Oro::Ptr<MvpnVrfRouteStatus> v = vrfs_.find(vrfId)) return v;
   counters(RouteStatusStore::kVrfRouteStatus).is.inc();
-  Oro::Ptr<MvpnVrfRouteStatus> v;
-  try {
-    v = vrfs_.insert(vrfId);
-  } catch (const Oro::ShmCorruptionException& e) {
-    corruptWrite("write", "vrfRouteStatus", e);
-  }
+  Oro::Ptr<MvpnVrfRouteStatus> v =
+      writeOrStop("write", "vrfRouteStatus", *this, [&] { return vrfs_.insert(vrfId); });
   vrfRouteStatusNotify(vrfId);
   return v;
 }
 
 void MvpnRouteStatus::vrfRouteStatusDel(VrfId vrfId) {
   counters(RouteStatusStore::kVrfRouteStatus).del.inc();
-  bool removed = false;
-  try {
-    removed = vrfs_.remove(vrfId);
-  } catch (const Oro::ShmCorruptionException& e) {
-    corruptWrite("removal", "vrfRouteStatus", e);
+  if (writeOrStop("removal", "vrfRouteStatus", *this, [&] { return vrfs_.remove(vrfId); })) {
+    vrfRouteStatusNotify(vrfId);
   }
-  if (removed) vrfRouteStatusNotify(vrfId);
 }
 
 void MvpnRouteStatus::vrfRouteStatusDelAll() {

@@ -31,12 +31,6 @@ void writeMetCorruption(const char* operation, std::string_view collection,
                        __FILE__, __LINE__);
 }
 
-void ShmRootBase::corruptWrite(const char* operation, std::string_view collection,
-                               const Oro::ShmCorruptionException& e) const {
-  handleCorruption(e.what());
-  writeMetCorruption(operation, collection, e);
-}
-
 void ShmRootBase::controlIs(Oro::Ptr<TylKetab::CollectionControl> control) {
   if (control == control_) return;
   std::swap(control_, control);

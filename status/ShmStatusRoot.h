@@ -131,10 +131,6 @@ class ShmRootBase : public Oro::Entity {
     return notifieeCount() > (zeroRefs_.notifier() == this ? 1u : 0u);
   }
 
-  // Reports a corruption met by a write, then stops the process.
-  [[noreturn]] void corruptWrite(const char* operation, std::string_view collection,
-                                 const Oro::ShmCorruptionException& e) const;
-
  protected:
   void onZeroReferences() override;
   const Oro::TraceHandle& rootTrace() const { return *trace_; }
@@ -153,6 +149,15 @@ class ShmRootBase : public Oro::Entity {
   Oro::Ptr<TylKetab::CollectionControl> control_;
   ShmRootZeroReferencesNotifiee zeroRefs_{this};
 };
+
+// The same for a root's own collections, whose reports go to the root's handler.
+template <class Write>
+decltype(auto) writeOrStop(const char* operation, std::string_view collection,
+                           const ShmRootBase& root, Write&& write) {
+  return writeOrStop(
+      operation, collection, [&root](const std::string& m) { root.handleCorruption(m); },
+      std::forward<Write>(write));
+}
 
 // Registers a status root type with the entity directory, so that a directory mount can create
 // it by type name. Creation there takes the root's name only (more arguments are refused by the
@@ -269,11 +274,8 @@ void ShmStatusRoot<Traits>::recordIs(const Record& value) {
   counters(0).is.inc();
   const Key key = Traits::keyOf(value);
   std::optional<Record> old;
-  try {
-    values_.insert(value, oldValues() ? &old : nullptr);
-  } catch (const Oro::ShmCorruptionException& e) {
-    corruptWrite("write", Traits::collection, e);
-  }
+  writeOrStop("write", Traits::collection, *this,
+              [&] { values_.insert(value, oldValues() ? &old : nullptr); });
   // In old-value mode the pair is the change's one publication (subscribers that only want the
   // key get it from there); otherwise the key alone.
   if (oldValues()) {
@@ -288,11 +290,7 @@ template <class Traits>
 void ShmStatusRoot<Traits>::recordCommit(const Record* value) {
   counters(0).is.inc();
   const Key key = Traits::keyOf(*value);
-  try {
-    values_.insert(*value);
-  } catch (const Oro::ShmCorruptionException& e) {
-    corruptWrite("commit", Traits::collection, e);
-  }
+  writeOrStop("commit", Traits::collection, *this, [&] { values_.insert(*value); });
   publishKey(recordAttr, key);
   counters(0).notify.inc();
 }
@@ -301,13 +299,10 @@ template <class Traits>
 auto ShmStatusRoot<Traits>::recordDel(const Key& key) -> Record {
   counters(0).del.inc();
   Record removed;
-  bool found = false;
-  try {
-    found = values_.remove(key, &removed);
-  } catch (const Oro::ShmCorruptionException& e) {
-    corruptWrite("removal", Traits::collection, e);
+  if (!writeOrStop("removal", Traits::collection, *this,
+                   [&] { return values_.remove(key, &removed); })) {
+    return Record();
   }
-  if (!found) return Record();
   if (oldValues()) {
     publishOldNew<Key, Record>(recordAttr, key, &removed, nullptr);
   } else {
@@ -331,11 +326,7 @@ void ShmStatusRoot<Traits>::recordDelAll() {
     if (hasSubscribers()) {
       recordDel(key);
     } else {
-      try {
-        values_.remove(key);
-      } catch (const Oro::ShmCorruptionException& e) {
-        corruptWrite("removal", Traits::collection, e);
-      }
+      writeOrStop("removal", Traits::collection, *this, [&] { values_.remove(key); });
     }
     try {
       it.next();

@@ -20,7 +20,6 @@
 #include <fmt/format.h>
 
 #include "platform/Error.h"
-#include "platform/SipHash.h"
 #include "platform/runtime/Futex.h"
 #include "platform/shm/ShmSegment.h"
 
@@ -273,8 +272,8 @@ sockaddr_un addressOf(const std::string& path) {
 }  // namespace
 
 std::string shmBellPath(uint64_t instance, uint64_t nameKey) {
-  return fmt::format("{}/{}@{:016x}.{:016x}.bell", kShmDirectory, shmNamespace(), instance,
-                     sipHash24(nameKey, instance, "bell"));
+  return fmt::format("{}/{}@{:016x}.{}", kShmDirectory, shmNamespace(), instance,
+                     shmSegmentSuffix(instance, nameKey, "bell"));
 }
 
 ShmBellServer::ShmBellServer(std::string path, mode_t mode, const std::atomic<uint32_t>* wakeWord)

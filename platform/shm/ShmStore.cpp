@@ -104,11 +104,11 @@ std::string lockName(const std::string& mountPath) {
 }
 
 // Opens (creating it when absent, with `mode`'s write permissions as its only ones) and locks
-// the store's lock file, then writes this process's pid into it. The descriptor, or -1 when
-// another process holds the lock (*holder: the pid it wrote); *created tells whether this call
-// made the file.
+// the store's lock file, then writes this process's pid into it. Returns the descriptor;
+// *created tells whether this call made the file. When another process holds the lock: ShmException
+// "shared memory store <path> <liveWhat> a live writer (pid <the pid it wrote>)".
 int lockStore(const std::string& mountPath, mode_t mode, const std::string& deniedWhat,
-              bool* created, uint64_t* holder) {
+              const char* liveWhat, bool* created) {
   const std::string name = lockName(mountPath);
   const mode_t writers = (mode & 0222) | ((mode & 0222) << 1);
   for (int attempt = 0; attempt < kOpenAttempts; ++attempt) {
@@ -129,10 +129,11 @@ int lockStore(const std::string& mountPath, mode_t mode, const std::string& deni
                                      mountPath, std::strerror(err)));
     }
     if (!lockWriter(fd)) {
-      *holder = 0;
-      (void)!::pread(fd, holder, sizeof *holder, 0);
+      uint64_t holder = 0;
+      (void)!::pread(fd, &holder, sizeof holder, 0);
       ::close(fd);
-      return -1;
+      throw ShmException(fmt::format("shared memory store {} {} a live writer (pid {})", mountPath,
+                                     liveWhat, holder));
     }
     // A remover unlinks the file it holds: a lock on a file no longer at the name is nobody's.
     if (sameFile(fd, name)) {
@@ -796,14 +797,9 @@ ShmStore ShmStore::openWriter(const std::string& mountPath, const ShmStoreSchema
     return s;
   };
   bool created = false;
-  uint64_t pid = 0;
   OwnedFd lock(lockStore(mountPath, mode,
                          fmt::format("open shared memory store {} for writing", mountPath),
-                         &created, &pid));
-  if (lock.get() < 0) {
-    throw ShmException(
-        fmt::format("shared memory store {} already has a live writer (pid {})", mountPath, pid));
-  }
+                         "already has", &created));
   // A lock file made for a store this process then fails to open is not left behind for
   // someone who may.
   try {
@@ -948,8 +944,7 @@ void ShmStore::cleanLeftovers() const {
     if (n == lock) continue;
     if (n.compare(0, mine.size(), mine) == 0) {
       const std::string suffix = n.substr(mine.size());
-      if (std::find(inUse.begin(), inUse.end(), suffix) != inUse.end() || suffix == "bell")
-        continue;
+      if (std::find(inUse.begin(), inUse.end(), suffix) != inUse.end()) continue;
     }
     ::unlink((std::string(kShmDirectory) + "/" + n).c_str());
   }
@@ -964,44 +959,17 @@ size_t ShmStore::remove(const std::string& mountPath) {
     std::erase(names, lock.substr(1));
     return names;
   };
-  // A writer creating a store builds it under its own instance and a locked temporary header:
-  // those segments are alive and stay.
-  auto creating = [&](const std::vector<std::string>& names) {
-    std::vector<std::string> instances;
-    for (const std::string& n : names) {
-      const size_t dot = n.find('.', prefix.size());
-      if (dot == std::string::npos || n.compare(dot, std::string::npos, ".new") != 0) continue;
-      int fd = -1;
-      try {
-        fd = shmOpenFile("/" + n, O_RDONLY);
-      } catch (const ShmException&) {
-        continue;  // not a segment: nobody's, removed with the rest
-      }
-      if (fd < 0) continue;
-      if (lockedByWriter(fd)) instances.push_back(n.substr(0, dot + 1));
-      ::close(fd);
-    }
-    return instances;
-  };
+  // Every writer, creating a store or taking it over, holds its lock: what is left is dead.
   auto unlinkDead = [&](const std::vector<std::string>& names) {
-    const std::vector<std::string> live = creating(names);
     size_t removed = 0;
     for (const std::string& n : names) {
-      const bool alive = std::any_of(live.begin(), live.end(), [&](const std::string& p) {
-        return n.compare(0, p.size(), p) == 0;
-      });
-      if (!alive && ::unlink((std::string(kShmDirectory) + "/" + n).c_str()) == 0) ++removed;
+      if (::unlink((std::string(kShmDirectory) + "/" + n).c_str()) == 0) ++removed;
     }
     return removed;
   };
   bool created = false;
-  uint64_t pid = 0;
   OwnedFd held(lockStore(mountPath, 0600, fmt::format("remove shared memory store {}", mountPath),
-                         &created, &pid));
-  if (held.get() < 0) {
-    throw ShmException(
-        fmt::format("shared memory store {} has a live writer (pid {})", mountPath, pid));
-  }
+                         "has", &created));
   // The lock file goes last, while held (a process that opened it meanwhile finds its lock on a
   // file no longer at the name and opens the name again); one this call made is not counted.
   auto unlinkLock = [&] {

@@ -198,6 +198,8 @@ class ShmStore {
   // The wake word and the doorbell path (readers sleep on the word, ring the bell first).
   const std::atomic<uint32_t>* wakeWord() const { return &hdr_->wakeWord; }
   std::string bellPath() const;
+  // The name of this store's chunk, index or blob segment `suffix` ("0k3", "1i2", "b0").
+  std::string segName(const std::string& suffix) const;
   bool bellless() const;
 
   // ---- introspection (tools, tests, benchmarks) ----
@@ -245,7 +247,6 @@ class ShmStore {
   // Wakes every sleeping reader: a new writer of an existing store does so, since readers
   // that went to sleep while no writer lived had no doorbell to ring.
   void wakeAllReaders();
-  std::string segName(const std::string& suffix) const;
   ShmSegment makeSegment(const std::string& suffix, size_t bytes, bool commitNow) const;
   void fault(ShmFaultPoint p) const;
 

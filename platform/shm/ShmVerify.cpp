@@ -387,9 +387,8 @@ class Verifier {
     for (int attempt = 0;; ++attempt) {
       const uint32_t gen = generationNow(c);
       try {
-        ShmSegment seg = ShmSegment::open(
-            shmSegmentName(s_.mountPath(), h_->instance, h_->nameKey, fmt::format("{}i{}", c, gen)),
-            ShmSegment::Access::readOnly, sizeof(IndexHeader));
+        ShmSegment seg = ShmSegment::open(s_.segName(fmt::format("{}i{}", c, gen)),
+                                          ShmSegment::Access::readOnly, sizeof(IndexHeader));
         const auto* ih = reinterpret_cast<const IndexHeader*>(seg.data());
         if (ih->magic.load(std::memory_order_acquire) != kIndexMagic || ih->generation != gen ||
             ih->capacity < 1 || sizeof(IndexHeader) + 4ull * ih->capacity > seg.size() ||
@@ -676,9 +675,8 @@ class Verifier {
   const uint8_t* blobClasses(uint32_t n) {
     while (blobChunks_.size() <= n) {
       const uint32_t k = static_cast<uint32_t>(blobChunks_.size());
-      ShmSegment seg = ShmSegment::open(
-          shmSegmentName(s_.mountPath(), h_->instance, h_->nameKey, fmt::format("b{}", k)),
-          ShmSegment::Access::readOnly, blobChunkBytes(k));
+      ShmSegment seg = ShmSegment::open(s_.segName(fmt::format("b{}", k)),
+                                        ShmSegment::Access::readOnly, blobChunkBytes(k));
       const auto* ch = reinterpret_cast<const BlobChunkHeader*>(seg.data());
       if (ch->magic.load(std::memory_order_acquire) != kBlobMagic || ch->chunk != k ||
           ch->pages != blobPages(k)) {

@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <cstdint>
+#include <cstdio>
 #include <functional>
 #include <string>
 
@@ -154,6 +155,16 @@ inline std::string firstChunkOf(const std::string& mountPath, const std::string&
   }
   if (!ok || c >= h.collectionCount) return {};
   return Oro::shmSegmentName(mountPath, h.instance, h.nameKey, fmt::format("{}k0", c));
+}
+
+// For death tests of writes on a damaged store, which run the test again in a new process: a
+// mount path of each process's own, and a corruption handler that prints each report where
+// the death test's pattern sees it ("handler saw: ...").
+inline std::string ownMountPath(const std::string& base) {
+  return fmt::format("{}{}", base, ::getpid());
+}
+inline void printCorruption(const std::string& message) {
+  std::fprintf(stderr, "handler saw: %s\n", message.c_str());
 }
 
 // Returns false when the store or the collection does not exist. The collection's first slot

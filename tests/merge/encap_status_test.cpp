@@ -109,12 +109,10 @@ using EncapStatusDeathTest = shmtest::ShmTest;
 
 TEST_F(EncapStatusDeathTest, CorruptionDuringAWriteIsFatalAfterTheHandlerDeathTest) {
   auto root = mvpnTunnelEncapStatusFactory("mvpn");
-  // Death tests run the test again in a new process: each process damages a store of its own.
-  const std::string path = fmt::format("c/encap{}", ::getpid());
+  const std::string path = shmtest::ownMountPath("c/encap");
   root->mount(ShmAttach{path, ShmRole::writer});
   auto vrf = root->vrfStatusIs(VrfId(1));
-  vrf->encapTunnelCorruptionHandlerIs(
-      [](const std::string& m) { fprintf(stderr, "handler saw: %s\n", m.c_str()); });
+  vrf->encapTunnelCorruptionHandlerIs(shmtest::printCorruption);
   vrf->encapTunnelIs(MvpnEncapTunnel(route(1), "a"));
   ASSERT_TRUE(shmtest::damageTable(path, "encapTunnel"));
   EXPECT_DEATH(vrf->encapTunnelIs(MvpnEncapTunnel(route(2), "b")),

@@ -580,8 +580,7 @@ TEST_F(TunnelMergeShm, AReaderThatLostItsDamagedStoreKeepsTheMergedRecordsOfItsV
     // address leaves zero.
     const Oro::ShmStore view = Oro::ShmStore::openReader("t/mvpn", nullptr);
     const uint32_t coll = Routing::Multicast::TunnelEncapStore::kEncapTunnel;
-    const std::string name = Oro::shmSegmentName("t/mvpn", view.header()->instance,
-                                                 view.header()->nameKey, fmt::format("{}k0", coll));
+    const std::string name = view.segName(fmt::format("{}k0", coll));
     const size_t offset = (size_t{view.header()->colls[coll].slotWords} + 7) * 4;
     const uint32_t one = 1;
     shmtest::writeSegment(name, offset, &one, 4);

@@ -414,7 +414,7 @@ TEST_F(ShmReliabilityTest, ADamagedStoreIsRecreatedByItsWriterAndItsReadersRecov
   using Damage = std::function<void(const std::string& path)>;
   auto segment = [](const std::string& path, const char* suffix) {
     ShmStore s = ShmStore::openReader(path, nullptr);
-    return Oro::shmSegmentName(path, s.header()->instance, s.header()->nameKey, suffix);
+    return s.segName(suffix);
   };
   const std::vector<std::pair<const char*, Damage>> damages = {
       {"index segment removed",
@@ -488,8 +488,6 @@ TEST_F(ShmReliabilityTest, AWriterWhoseMainThreadEndedIsAlive) {
   waitChild(child);
   EXPECT_FALSE(ShmStore::openReader("r/thread", nullptr).writerAlive());
 }
-
-}  // namespace
 
 // Connecting costs a reader nothing and the writer a descriptor: a hostile reader may hold far
 // more connections than the writer can take in. Those it cannot take in wait unread (with the
@@ -595,3 +593,5 @@ TEST_F(ShmReliabilityTest, AReadLockOnTheHeaderKeepsNoWriterOut) {
   EXPECT_TRUE(reader.store().writerAlive());
   ::close(fd);
 }
+
+}  // namespace

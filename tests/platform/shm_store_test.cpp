@@ -124,8 +124,7 @@ TEST_F(ShmStoreTest, ReaderSeesWriterChangesControlFlagsAndKeysItHeldBeforeAndDe
   reader.attach(ShmAttach{"t/gone", ShmRole::reader});
   writer.insert(Oro::ShmLayout::kBaseChunkSlots, Rec::of(0));  // the first record of chunk 1
   const ShmStore view = ShmStore::openReader("t/gone", nullptr);
-  const std::string chunk1 =
-      Oro::shmSegmentName("t/gone", view.header()->instance, view.header()->nameKey, "0k1");
+  const std::string chunk1 = view.segName("0k1");
   ASSERT_EQ(::unlink(("/dev/shm" + chunk1).c_str()), 0);
   EXPECT_NO_THROW(reader.detach());
   ASSERT_EQ(reports.size(), 1u);
@@ -410,16 +409,13 @@ struct Raw {
   void pokeSlot(uint32_t c, uint32_t slot, uint32_t word, uint32_t v) const {
     const uint32_t chunk = chunkOf(slot);
     const size_t offset = (size_t{slot - chunkFirstSlot(chunk)} * desc(c).slotWords + word) * 4;
-    writeSegment(Oro::shmSegmentName(path, view.header()->instance, view.header()->nameKey,
-                                     fmt::format("{}k{}", c, chunk)),
-                 offset, &v, 4);
+    writeSegment(view.segName(fmt::format("{}k{}", c, chunk)), offset, &v, 4);
   }
   uint32_t slotWord(uint32_t c, uint32_t slot, uint32_t word) const {
     return loadWord(view.collection(c).slotWordsAt(slot) + word);
   }
   std::string indexName(uint32_t c) const {
-    return Oro::shmSegmentName(path, view.header()->instance, view.header()->nameKey,
-                               fmt::format("{}i{}", c, desc(c).indexGeneration.load()));
+    return view.segName(fmt::format("{}i{}", c, desc(c).indexGeneration.load()));
   }
   void pokeIndex(uint32_t c, uint32_t pos, uint32_t v) const {
     writeSegment(indexName(c), sizeof(IndexHeader) + 4 * size_t{pos}, &v, 4);
@@ -579,10 +575,8 @@ TEST_F(ShmVerifyTest, DamageIsFoundAndNamed) {
          // The first page's directory entry links back to the page itself.
          const size_t dir = size_t{chunkSlots(chunk)} * raw.desc(kRoutes).slotWords * 4 +
                             (first - 1 - chunkFirstSlot(chunk)) / kMinPageSlots * sizeof(PageEntry);
-         writeSegment(
-             Oro::shmSegmentName(raw.path, raw.view.header()->instance, raw.view.header()->nameKey,
-                                 fmt::format("{}k{}", kRoutes, chunk)),
-             dir + offsetof(PageEntry, next), &first, 4);
+         writeSegment(raw.view.segName(fmt::format("{}k{}", kRoutes, chunk)),
+                      dir + offsetof(PageEntry, next), &first, 4);
          return fmt::format("the page chain of parent slot {} loops", ps);
        }},
       {"an entity of generation 0", "vrfs",
@@ -676,9 +670,7 @@ TEST_F(ShmVerifyTest, AnAbsentStoreOrAFifoUnderASegmentNameIsAnErrorNotAHang) {
 
   ShmStore w = filledStore("v/fifo");
   Raw raw{"v/fifo"};
-  const std::string chunk =
-      "/dev/shm" + Oro::shmSegmentName("v/fifo", raw.view.header()->instance,
-                                       raw.view.header()->nameKey, fmt::format("{}k0", kFlat));
+  const std::string chunk = "/dev/shm" + raw.view.segName(fmt::format("{}k0", kFlat));
   ASSERT_EQ(::unlink(chunk.c_str()), 0);
   ASSERT_EQ(::mkfifo(chunk.c_str(), 0600), 0);
   EXPECT_THAT([] { (void)ShmStore::openReader("v/fifo", nullptr).count(kFlat); }, notAFile);

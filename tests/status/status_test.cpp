@@ -258,10 +258,8 @@ TEST_F(VrfStatusTest, CorruptionDuringWalksEndsThemQuietly) {
 
 TEST_F(VrfStatusDeathTest, CorruptionDuringAWriteIsFatalAfterTheHandlerDeathTest) {
   auto s = mvpnVrfStatusFactory("bgp");
-  s->mvpnVrfCorruptionHandlerIs(
-      [](const std::string& m) { fprintf(stderr, "handler saw: %s\n", m.c_str()); });
-  // Death tests run the test again in a new process: each process damages a store of its own.
-  const std::string path = fmt::format("c/write{}", ::getpid());
+  s->mvpnVrfCorruptionHandlerIs(shmtest::printCorruption);
+  const std::string path = shmtest::ownMountPath("c/write");
   s->mount(ShmAttach{path, ShmRole::writer});
   s->mvpnVrfIs(MvpnVrf(VrfId(1)));
   ASSERT_TRUE(shmtest::damageTable(path, "mvpnVrf"));
@@ -611,10 +609,8 @@ TEST_F(RouteStatusDeathTest, ARouteKeyIsCheckedAsItGoesIntoASlotDeathTest) {
 
 TEST_F(RouteStatusDeathTest, CorruptionDuringANestedWriteIsFatalAfterTheHandlerDeathTest) {
   auto root = mvpnRouteStatusFactory("bgp");
-  root->corruptionHandlerIs(
-      [](const std::string& m) { fprintf(stderr, "handler saw: %s\n", m.c_str()); });
-  // Death tests run the test again in a new process: each process damages a store of its own.
-  const std::string path = fmt::format("c/tree{}", ::getpid());
+  root->corruptionHandlerIs(shmtest::printCorruption);
+  const std::string path = shmtest::ownMountPath("c/tree");
   root->mount(ShmAttach{path, ShmRole::writer});
   auto vrf = root->vrfRouteStatusIs(VrfId(1));
   const IpGenAddr g = v4(0xef010101);
