@@ -113,8 +113,10 @@ void MergeSm::checkPointers() const {
   }
 }
 
+// The handlers below run on the companions' changes; called before initialisation (there are
+// no companions yet) they have nothing to act on.
 void MergeSm::handleInitialScanDone() {
-  if (initialScanDone_) return;
+  if (initialScanDone_ || !inputSmScanState_) return;
   const size_t missing = inputSmScanState_->lastUnscannedStream();
   if (missing != streams_) {
     ORO_TRACE(*qtHandle_, kTraceScan, " dyx_stream{} scan is false", missing);
@@ -131,10 +133,11 @@ void MergeSm::handleInitialScanDone() {
 }
 
 void MergeSm::handleIdle() {
-  if (!inputSmScanState_->idle()) inputSmScanState_->idleIs(true);
+  if (inputSmScanState_ && !inputSmScanState_->idle()) inputSmScanState_->idleIs(true);
 }
 
 void MergeSm::handleReady() {
+  if (!outputState_) return;
   outputState_->handleReady();
   recordState();
   publish(readyAttr);

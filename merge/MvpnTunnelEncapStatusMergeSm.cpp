@@ -207,8 +207,8 @@ void MergedMcastTunnelEncapStatusSm::merge(const VrfId& vrfId, const typename Ru
   }
   const std::optional<typename Rule::Value> value = staticWins(stat.value, other.value);
   const typename Rule::OutKey outKey(vrfId, key);
-  output.keyMerged(outKey);
   if (stat.unreadable || (!stat.present() && other.unreadable)) {
+    output.keyMerged(outKey);
     // The static record may exist unseen (see merge/InputRead.h): an existing merged record
     // may be right and stays; a missing one is created from the readable candidate, since
     // some writer holds the key.
@@ -227,6 +227,7 @@ void MergedMcastTunnelEncapStatusSm::merge(const VrfId& vrfId, const typename Ru
     }
     return;
   }
+  if (value) output.keyMerged(outKey);
   into<Rule>(vrfId, key, value);
 }
 

@@ -5,8 +5,8 @@
 //
 // Reconciling is decided once, at initialisation: it is set exactly when the output already
 // holds entries (a restart over a surviving output). While it is set every key the merge
-// writes or deletes is recorded in Seen; the walk deletes every output entry not in Seen,
-// then clears Seen and marks the output ready. With an empty output the walk is skipped.
+// writes (or keeps, see below) is recorded in Seen; the walk deletes every output entry not in
+// Seen, then clears Seen and marks the output ready. With an empty output the walk is skipped.
 //
 // Damaged input: while the last scan of one of the output's streams ended on damage, the keys
 // of that input are not all known, so the output is not reconciled and not ready: nothing is
@@ -73,7 +73,8 @@ class OutputReconciler : public OutputBase {
   uint64_t processedTotal() const { return processedTotal_; }
   uint64_t deletedTotal() const { return deletedTotal_; }
 
-  // Called by the merge for every key it writes or deletes in this output.
+  // Called by the merge before it writes a key into this output, or keeps the key's entry
+  // because an input could not be read.
   void keyMerged(const Key& key) {
     if (reconciling_) seen_.insert(KeyType(key));
   }
@@ -116,6 +117,7 @@ class OutputReconciler : public OutputBase {
 
   void handleInputReady() override {
     const Oro::TraceHandle& trace = parent_->qtHandle();
+    if (!parent_->outputState()) return;  // not initialised yet
     if (parent_->outputState()->outputReady(index_)) {
       ORO_TRACE(trace, kTraceScan, "already ready, not reconciling.");
       return;
@@ -151,7 +153,9 @@ class OutputReconciler : public OutputBase {
     reconciling_ = false;
     // Seen may hold tens of megabytes: its memory goes back over later task runs.
     seen_.clear();
-    if (releaseTask_ && !parent_->synchronous()) {
+    if (seen_.retainedBytes() == 0) {
+      // Nothing was recorded (an empty output): no memory to give back.
+    } else if (releaseTask_ && !parent_->synchronous()) {
       releaseTask_->schedule();
     } else {
       seen_.releaseSome(seen_.retainedBytes());
@@ -169,13 +173,26 @@ class OutputReconciler : public OutputBase {
     if (more) releaseTask_->schedule();
   }
 
+  // An output entry: a flat output's key, or a (VRF, key) pair of a two-level output. A
+  // two-level walk also steps on each entity that holds none of the output's entries (so that
+  // an empty merged VRF left from an earlier life goes); those steps are not entries: the
+  // counts are those of a walk over the entries.
+  static bool isEntry(const Key& key) {
+    if constexpr (requires { key.k1Valid(); }) {
+      return key.k1Valid();
+    } else {
+      return true;
+    }
+  }
+
   // Deletes unseen entries from the bookmark on; returns true when it stopped to yield.
   bool walk(uint64_t& processed, uint64_t& deleted) {
     const bool synchronous = parent_->synchronous() || !task_;
+    uint64_t steps = 0;  // entries and entity steps: a run of empty entities yields too
     try {
       auto it = useBookmark_ ? coll_.iterAt(*bookmark_) : coll_.iter();
       while (it.valid()) {
-        if (!synchronous && processed > 0 &&
+        if (!synchronous && steps > 0 &&
             (task_->scheduler()->taskCurrentlyRunning() != task_.get() || task_->shouldYield())) {
           bookmark_ = it.bookmark();
           useBookmark_ = true;
@@ -192,12 +209,16 @@ class OutputReconciler : public OutputBase {
         }
         const Key key = it.key();
         it.next();  // step off the key before it may be deleted
-        if (!seen_.contains(KeyType(key)) && coll_.del(key)) {
+        const bool entry = isEntry(key);
+        if (!seen_.contains(KeyType(key)) && coll_.del(key) && entry) {
           ++deleted;
           ++deletedTotal_;
         }
-        ++processed;
-        ++processedTotal_;
+        ++steps;
+        if (entry) {
+          ++processed;
+          ++processedTotal_;
+        }
       }
     } catch (const Oro::ShmCorruptionException& e) {
       coll_.handleCorruption(e);

@@ -79,6 +79,9 @@ class TwoLevelOutputColl {
     typename RootSource::Bookmark outer;
     OuterKey outerKey;
     std::optional<typename InnerSource::Bookmark> inner;  // none: at the entity itself
+    // The output key the walk resumes at.
+    Key key() const { return inner ? Key(outerKey, inner->key) : Key(outerKey); }
+    bool operator==(const Key& k) const { return key() == k; }
   };
 
   class Iterator {

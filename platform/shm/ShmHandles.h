@@ -111,6 +111,8 @@ class ShmValues : public ShmHandleBase {
   struct Bookmark {
     Key key{};
     uint32_t slot = ShmStore::kNoSlot;
+    // A bookmark stands for its key: the slot is only where the walk found it.
+    bool operator==(const Key& k) const { return key == k; }
   };
 
   // A walk in the store's order (slot order; a parent's page chain for nested members).
@@ -432,6 +434,7 @@ class ShmEntities : public ShmHandleBase {
   struct Bookmark {  // as ShmValues::Bookmark
     Key key{};
     uint32_t slot = ShmStore::kNoSlot;
+    bool operator==(const Key& k) const { return key == k; }
   };
 
   class Cursor {
