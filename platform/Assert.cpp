@@ -13,4 +13,11 @@ void assertionFailed(std::string_view message, const char* file, int line) {
   std::abort();
 }
 
+void assertionFailed(std::string_view message, const char* file, int line, const char* function) {
+  std::fprintf(stderr, "Assertion failed: %.*s (%s:%d, in %s)\n", static_cast<int>(message.size()),
+               message.data(), file, line, function);
+  std::fflush(stderr);
+  std::abort();
+}
+
 }  // namespace Oro

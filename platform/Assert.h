@@ -11,6 +11,9 @@ namespace Oro {
 
 // Prints "Assertion failed: <message>" (and where it failed) to stderr, then aborts.
 [[noreturn]] void assertionFailed(std::string_view message, const char* file, int line);
+// The same, naming the function the check belongs to: "(<file>:<line>, in <function>)".
+[[noreturn]] void assertionFailed(std::string_view message, const char* file, int line,
+                                  const char* function);
 
 }  // namespace Oro
 
@@ -33,6 +36,15 @@ namespace Oro {
   do {                                                                                    \
     if (!(cond)) [[unlikely]]                                                             \
       ::Oro::assertionFailed(::fmt::format(__VA_ARGS__), __FILE__, __LINE__);             \
+  } while (0)
+
+// MVPN_ASSERT_MSG_AT(cond, "why", "Source", line): as MVPN_ASSERT_MSG, reporting where the
+// check is declared (a type's declaration and its line) rather than this file's line: the
+// place an operator looks up stays the same however the implementation moves.
+#define MVPN_ASSERT_MSG_AT(cond, why, source, line)                      \
+  do {                                                                   \
+    if (!(cond)) [[unlikely]]                                            \
+      ::Oro::assertionFailed(#cond " && \"" why "\"", (source), (line)); \
   } while (0)
 
 // MVPN_FATAL("message"): unconditional failure with a ready-made message.

@@ -96,9 +96,11 @@ uint64_t PbReadBuffer::readVarint() {
 }
 
 PbReadBuffer::Tag PbReadBuffer::readTag() {
-  const uint32_t t = readVarint32();
-  if ((t >> 3) == 0) readError();
-  return Tag{t >> 3, static_cast<uint8_t>(t & 7)};
+  // A tag is a 32-bit varint. A wider one is not cut down to its low bits: that would read an
+  // unknown field as whichever field those bits name.
+  const uint64_t t = readVarint();
+  if (t > UINT32_MAX || (t >> 3) == 0) readError();
+  return Tag{static_cast<uint32_t>(t >> 3), static_cast<uint8_t>(t & 7)};
 }
 
 uint32_t PbReadBuffer::readFixed32() {

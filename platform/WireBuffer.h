@@ -76,7 +76,7 @@ class PbReadBuffer {
   uint64_t readVarint();
   // A varint truncated to its low 32 bits, as protobuf reads 32-bit fields.
   uint32_t readVarint32() { return static_cast<uint32_t>(readVarint()); }
-  // Field number 0 is not a valid tag and raises the read error.
+  // Field number 0 and a tag wider than 32 bits are not valid tags and raise the read error.
   Tag readTag();
   uint32_t readFixed32();
   uint64_t readFixed64();

@@ -13,13 +13,13 @@ Oro::Ptr<MvpnVrfStatus> mvpnVrfStatusFactory(const std::string& name) {
 std::string MvpnVrfStatus::mountPath(Nevo::AddressFamily af, MvpnClient client) {
   // The condition's exact spelling is the assertion's message.
   // clang-format off
-  MVPN_ASSERT_MSG(( client == MvpnClient::bgp_ || client == MvpnClient::staticMvpn_ || client == MvpnClient::evpn_ || client == MvpnClient::staticEvpn_ ), "Unexpected writer agent");
+  MVPN_ASSERT_MSG_AT(( client == MvpnClient::bgp_ || client == MvpnClient::staticMvpn_ || client == MvpnClient::evpn_ || client == MvpnClient::staticEvpn_ ), "Unexpected writer agent", "MvpnVrfStatus", 22);
   // clang-format on
   if (af == Nevo::AddressFamily::ipv4)
     return "routing/multicast/vpn/vrfStatus/" + stringValue(client);
   if (af == Nevo::AddressFamily::ipv6)
     return "routing6/multicast/vpn/vrfStatus/" + stringValue(client);
-  MVPN_ASSERT_MSG(false, "Unsupported address family");
+  MVPN_ASSERT_MSG_AT(false, "Unsupported address family", "MvpnVrfStatus", 32);
   return {};
 }
 

@@ -43,8 +43,7 @@ void ShmRootBase::notifyQuiesced(bool quiesced) {
 }
 
 void ShmRootBase::notifyMountStatus() {
-  ORO_TRACE(*trace_, 5, "{} mount status {}", binding_.mountPath(),
-            TylKetab::mountStatusName(binding_.mountStatus()));
+  ORO_TRACE(*trace_, 5, "{}", binding_.mountPath());
   if (control_) control_->mountStatusIs(binding_.mountStatus());
 }
 

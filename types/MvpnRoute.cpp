@@ -33,7 +33,9 @@ void MvpnRoute::routeFlagsIs(RouteFlags flags) {
 
 void MvpnRoute::handleRouteFlags() const {
   if (sharedTreeJoin() == static_cast<bool>(routeFlags_)) [[unlikely]] {
-    MVPN_FATAL("sharedTreeJoin() xor ( bool ) routeFlags()");
+    // Reported where the type declares the check.
+    Oro::assertionFailed("sharedTreeJoin() xor ( bool ) routeFlags()", "MvpnRouteStatus", 27,
+                         "handleRouteFlags");
   }
 }
 

@@ -105,7 +105,12 @@ void ShmBinding::attach(const ShmAttach& how) {
     rebindAll(moves);
     role_ = ShmRole::writer;
     mountPath_ = how.mountPath;
-    quiesced_ = store_.header()->quiesced.load(std::memory_order_relaxed) != 0;
+    // A store taken over keeps its quiesced flag: the entity's control learns it as readers do.
+    const bool quiesced = store_.header()->quiesced.load(std::memory_order_relaxed) != 0;
+    if (quiesced != quiesced_) {
+      quiesced_ = quiesced;
+      if (callbacks_.onQuiesced) callbacks_.onQuiesced(quiesced);
+    }
     mountStatusIs(TylKetab::MountStatus::mounted);
     return;
   }

@@ -342,6 +342,9 @@ TEST(PbReadBuffer, ReadsValuesSkipsEveryKnownWireTypeAndRaisesOnMalformedInput) 
   expectReadError([&] { Oro::PbReadBuffer(deep).skipField(Oro::kPbStartGroup, 1); });
   const Bytes fieldZero{0x00};
   expectReadError([&] { Oro::PbReadBuffer(fieldZero).readTag(); });
+  // 2^32 + the tag of field 15702: its low 32 bits must not be read as that field.
+  const Bytes wideTag{0xB0, 0xD5, 0x87, 0x80, 0x10};
+  expectReadError([&] { Oro::PbReadBuffer(wideTag).readTag(); });
 }
 
 TEST(PbInterop, OurBytesParseWithGeneratedCodeAndBack) {

@@ -19,6 +19,7 @@
 #include "common/shm_test_util.h"
 #include "platform/Error.h"
 #include "platform/Toggle.h"
+#include "platform/Trace.h"
 #include "platform/runtime/EntityDirectory.h"
 #include "platform/runtime/TaskScheduler.h"
 #include "platform/shm/ShmEntityStore.h"
@@ -59,12 +60,12 @@ TEST_F(VrfStatusDeathTest, MountPathsAndTheClientsAndFamiliesTheyRejectDeathTest
   EXPECT_DEATH(MvpnVrfStatus::mountPath(Nevo::ipv4, pimBidir_),
                exactly("( client == MvpnClient::bgp_ || client == MvpnClient::staticMvpn_ || "
                        "client == MvpnClient::evpn_ || client == MvpnClient::staticEvpn_ ) && "
-                       "\"Unexpected writer agent\""));
+                       "\"Unexpected writer agent\" (MvpnVrfStatus:22)"));
   // The client is checked before the family.
   EXPECT_DEATH(MvpnVrfStatus::mountPath(Nevo::ipunknown, static_cast<MvpnClient>(9)),
                exactly("\"Unexpected writer agent\""));
   EXPECT_DEATH(MvpnVrfStatus::mountPath(static_cast<Nevo::AddressFamily>(3), evpn_),
-               exactly("false && \"Unsupported address family\""));
+               exactly("false && \"Unsupported address family\" (MvpnVrfStatus:32)"));
   EXPECT_DEATH(MvpnRouteStatus::mountPath(Nevo::ipunknown, bgp_),
                "false && \"Unsupported address family\"");
 }
@@ -152,7 +153,14 @@ TEST_F(VrfStatusTest, ControlCarriesMountStatusAndQuiesced) {
   s->mvpnVrfControlIs(control);  // the same object: nothing
   EXPECT_EQ(controlChanges, 0);
 
+  // At trace level 5 a mount status change traces the table's root path.
+  Oro::traceEnable("MvpnVrfStatus", 5, true);
+  Oro::TraceMemorySink trace;
+  trace.install();
   s->mount(ShmAttach{MvpnVrfStatus::mountPath(Nevo::ipv4, bgp_), ShmRole::writer});
+  trace.uninstall();
+  Oro::traceEnable("MvpnVrfStatus", 5, false);
+  EXPECT_THAT(trace.messages(), testing::Contains("routing/multicast/vpn/vrfStatus/bgp"));
   EXPECT_EQ(control->mountStatus(), TylKetab::MountStatus::mounted);
   s->binding().quiescedIs(true);
   EXPECT_TRUE(control->quiesced());
@@ -173,6 +181,14 @@ TEST_F(VrfStatusTest, ControlCarriesMountStatusAndQuiesced) {
   s->mvpnVrfControlIs(Oro::makePtr<TylKetab::CollectionControl>());
   EXPECT_EQ(controlChanges, 1);
   EXPECT_NE(s->mvpnVrfControl(), control);
+
+  // A writer that takes the quiesced table over tells its own control, as readers are told.
+  s = nullptr;
+  auto next = mvpnVrfStatusFactory("bgp");
+  next->mount(ShmAttach{MvpnVrfStatus::mountPath(Nevo::ipv4, bgp_), ShmRole::writer});
+  EXPECT_TRUE(next->mvpnVrfControl()->quiesced());
+  next->binding().quiescedIs(false);
+  EXPECT_FALSE(next->mvpnVrfControl()->quiesced());
 }
 
 TEST_F(VrfStatusTest, Dumps) {

@@ -225,7 +225,8 @@ TEST(FlagSet, BitsSettersRangeAndValueForm) {
 }
 
 constexpr const char* kInvariant =
-    "Assertion failed: sharedTreeJoin\\(\\) xor \\( bool \\) routeFlags\\(\\)";
+    "Assertion failed: sharedTreeJoin\\(\\) xor \\( bool \\) routeFlags\\(\\) "
+    "\\(MvpnRouteStatus:27, in handleRouteFlags\\)";
 
 TEST(MvpnRouteDeathTest, RouteFlagsMustMatchTheSharedJoinFlag) {
   MvpnRoute star(kStar, kUmh, RouteFlags());
