@@ -157,9 +157,7 @@ MvpnSource MvpnGroup::sharedTreeDel(const IpGenAddr& source) {
 }
 
 void MvpnGroup::sharedTreeDelAll() {
-  std::vector<IpGenAddr> keys;
-  for (auto it = sharedTree_.begin(); it.valid(); it.next()) keys.push_back(it.key());
-  for (const IpGenAddr& k : keys) sharedTreeDel(k);
+  for (const IpGenAddr& k : keysOrReport(sharedTree_, *this)) sharedTreeDel(k);
 }
 
 void MvpnGroup::sharedTreeNotify(const IpGenAddr& source, const MvpnSource& /*record*/) {
@@ -185,9 +183,7 @@ MvpnSource MvpnGroup::sourceTreeDel(const IpGenAddr& source) {
 }
 
 void MvpnGroup::sourceTreeDelAll() {
-  std::vector<IpGenAddr> keys;
-  for (auto it = sourceTree_.begin(); it.valid(); it.next()) keys.push_back(it.key());
-  for (const IpGenAddr& k : keys) sourceTreeDel(k);
+  for (const IpGenAddr& k : keysOrReport(sourceTree_, *this)) sourceTreeDel(k);
 }
 
 void MvpnGroup::sourceTreeNotify(const IpGenAddr& source, const MvpnSource& /*record*/) {
@@ -264,9 +260,7 @@ MvpnRoute MvpnVrfRouteStatus::mvpnRouteDel(const MvpnRouteKey& key) {
 }
 
 void MvpnVrfRouteStatus::mvpnRouteDelAll() {
-  std::vector<MvpnRouteKey> keys;
-  for (auto it = routes_.begin(); it.valid(); it.next()) keys.push_back(it.key());
-  for (const MvpnRouteKey& k : keys) mvpnRouteDel(k);
+  for (const MvpnRouteKey& k : keysOrReport(routes_, *this)) mvpnRouteDel(k);
 }
 
 void MvpnVrfRouteStatus::mvpnRouteNotify(const MvpnRouteKey& key, const MvpnRoute& /*route*/) {
@@ -291,9 +285,7 @@ void MvpnVrfRouteStatus::mvpnGroupDel(const IpGenAddr& group) {
 }
 
 void MvpnVrfRouteStatus::mvpnGroupDelAll() {
-  std::vector<IpGenAddr> keys;
-  for (auto it = groups_.begin(); it.valid(); it.next()) keys.push_back(it.key());
-  for (const IpGenAddr& k : keys) mvpnGroupDel(k);
+  for (const IpGenAddr& k : keysOrReport(groups_, *this)) mvpnGroupDel(k);
 }
 
 void MvpnVrfRouteStatus::mvpnGroupNotify(const IpGenAddr& group) {

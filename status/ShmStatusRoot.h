@@ -74,6 +74,19 @@ decltype(auto) writeOrStop(const char* operation, std::string_view collection, c
     writeMetCorruption(operation, collection, e);
   }
 }
+// The keys of a nested entity's collection, for a DelAll: a walk that meets damage is reported
+// to the store's handler and ends there (the removals that follow stop the process if they
+// meet it too).
+template <class Handle>
+std::vector<typename Handle::Key> keysOrReport(const Handle& h, const Oro::ShmNode& node) {
+  std::vector<typename Handle::Key> keys;
+  try {
+    for (auto it = h.begin(); it.valid(); it.next()) keys.push_back(it.key());
+  } catch (const Oro::ShmCorruptionException& e) {
+    node.shmReportCorruption(e.what());
+  }
+  return keys;
+}
 // The same for a write of a nested entity, whose reports go to its store's handler.
 template <class Write>
 decltype(auto) writeOrStop(const char* operation, std::string_view collection,

@@ -894,10 +894,11 @@ void ShmCollection::freePage(uint32_t page) {
 uint32_t ShmCollection::allocSlot(const uint32_t* keyWords) {
   if (!nested()) return allocTopSlot();
   const uint64_t parent = uint64_t{keyWords[1]} << 32 | keyWords[0];
+  // The writer names a parent it holds a live entity of: a parent the store has lost is damage
+  // (a lost segment reads as zeros), not a caller's mistake.
   if (!storePtr_->colls_[parent_]->alive(parent)) {
-    throw ShmException(
-        fmt::format("shared memory store {}: collection {}: the parent entity is gone",
-                    storePtr_->mountPath_, storePtr_->schema_.collections[index_].name));
+    storePtr_->corrupt(fmt::format("collection {}: the parent entity is gone",
+                                   storePtr_->schema_.collections[index_].name));
   }
   return allocMember(parent);
 }

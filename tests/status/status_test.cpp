@@ -637,6 +637,11 @@ TEST_F(RouteStatusDeathTest, CorruptionDuringANestedWriteIsFatalAfterTheHandlerD
       "handler saw: .*corrupt(.|\n)*write of sharedTree met a corrupt shared memory table");
   EXPECT_DEATH(vrf->mvpnSourceDel(g, v4(0x0a010101), true),
                "handler saw: .*corrupt(.|\n)*removal of sharedTree met a corrupt shared memory");
+  // A parent lost with its segment is damage as well, not a refused write.
+  ASSERT_TRUE(shmtest::damageTable(path, "mvpnGroup"));
+  EXPECT_DEATH(
+      vrf->mvpnSourceIs(g, v4(0x0a010103), prefix(0, 0), false, Flags()),
+      "handler saw: .*parent entity is gone(.|\n)*write of sourceTree met a corrupt shared memory");
 }
 
 TEST_F(RouteStatusTest, CountingThatMeetsDamageReportsItAndRaisesNothing) {
@@ -653,6 +658,9 @@ TEST_F(RouteStatusTest, CountingThatMeetsDamageReportsItAndRaisesNothing) {
   EXPECT_EQ(vrf->mvpnSharedTrees(), 0u);
   EXPECT_EQ(vrf->mvpnSourceTrees(), 0u);
   EXPECT_EQ(reports.size(), 2u);
+  // So does the walk of a DelAll, which then removes what it walked (nothing here).
+  EXPECT_NO_THROW(vrf->mvpnGroupDelAll());
+  EXPECT_EQ(reports.size(), 3u);
 }
 
 TEST_F(RouteStatusTest, ADeletedVrfKeepsItsRecordsForWhoeverHoldsIt) {
