@@ -2,6 +2,8 @@
 
 namespace Routing::Multicast {
 
+template class ShmStatusRoot<MvpnIntfStatusTraits>;
+
 void MvpnIntfStatusTraits::dumpRecord(Oro::DumpContext& dc, const Record& r, int indent) {
   const std::string intf = r.pmsiIntfId().toStrep();
   if (indent != 0) {

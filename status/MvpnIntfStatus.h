@@ -39,6 +39,10 @@ struct MvpnIntfStatusTraits {
   }
 };
 
+// Instantiated once, in the library: a write runs through the root, its handle and the store
+// inside the library, optimised together, rather than from a copy in each program.
+extern template class ShmStatusRoot<MvpnIntfStatusTraits>;
+
 using VrfIntfIdIterator = ShmStatusRoot<MvpnIntfStatusTraits>::Iterator;
 using VrfIntfIdBookmark = ShmStatusRoot<MvpnIntfStatusTraits>::Bookmark;
 using MvpnIntfStatusZeroReferencesNotifiee = ShmRootZeroReferencesNotifiee;

@@ -2,6 +2,8 @@
 
 namespace Routing::Multicast {
 
+template class ShmStatusRoot<MvpnVrfStatusTraits>;
+
 Oro::Ptr<MvpnVrfStatus> MvpnVrfStatus::MvpnVrfStatusIs(const std::string& name) {
   return Oro::Ptr<MvpnVrfStatus>(new MvpnVrfStatus(name));
 }

@@ -45,6 +45,10 @@ struct MvpnVrfStatusTraits {
   }
 };
 
+// Instantiated once, in the library: a write runs through the root, its handle and the store
+// inside the library, optimised together, rather than from a copy in each program.
+extern template class ShmStatusRoot<MvpnVrfStatusTraits>;
+
 using MvpnVrfIterator = ShmStatusRoot<MvpnVrfStatusTraits>::Iterator;
 using MvpnVrfBookmark = ShmStatusRoot<MvpnVrfStatusTraits>::Bookmark;
 using MvpnVrfStatusZeroReferencesNotifiee = ShmRootZeroReferencesNotifiee;
