@@ -78,6 +78,15 @@ class MergeMachine<Derived, D, std::tuple<ArgPtrs...>, std::tuple<InputSms...>> 
         args_);
   }
 
+  const void* argEntity(size_t arg) const override {
+    return std::apply(
+        [arg](const auto&... p) {
+          const void* at[] = {static_cast<const void*>(p.get())...};
+          return at[arg];
+        },
+        args_);
+  }
+
   void createInputSms() override { createInputSms(std::index_sequence_for<InputSms...>()); }
 
   Oro::Ptr<InputSmScanState> makeInputSmScanState() const override {

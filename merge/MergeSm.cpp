@@ -111,6 +111,16 @@ void MergeSm::checkPointers() const {
                       desc_.args[arg]));
     }
   }
+  // The merged root (the last argument) watched as an input too would merge its own writes
+  // without end: every write publishes its key, and the publication reaches the merge again.
+  const size_t out = desc_.args.size() - 1;
+  const std::string outPath = argPath(out);
+  for (const InputDesc& in : desc_.inputs) {
+    if (argEntity(in.arg) == argEntity(out) || (!outPath.empty() && argPath(in.arg) == outPath)) {
+      MVPN_FATAL(
+          fmt::format("{} cannot also be the input {}", desc_.args[out], desc_.args[in.arg]));
+    }
+  }
 }
 
 // The handlers below run on the companions' changes; called before initialisation (there are

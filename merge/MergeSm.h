@@ -93,6 +93,8 @@ class MergeSm : public Oro::Entity {
 
   // Whether mandatory argument `arg` (in desc().args order) is set.
   virtual bool argPresent(size_t arg) const = 0;
+  // The entity argument `arg` points at (null when unset).
+  virtual const void* argEntity(size_t arg) const = 0;
   // Creates the input machines and registers each with inputSmIs.
   virtual void createInputSms() = 0;
   // Before the inputs start: a machine may prepare its outputs for what the inputs hold.

@@ -293,6 +293,15 @@ TEST(VrfMergeDeathTest, NullArgumentsIntoKeyMismatchAndAnInputLeavingInItsOwnNot
         in(0), in(1), in(2), in(3), null(4) ? nullptr : r.merged, Dyx::SmControl{&r.scheduler});
   });
 
+  // The merged status fed back as an input is refused before anything is merged.
+  Rig loop;
+  loop.put(1, 7);
+  EXPECT_DEATH(Routing::Multicast::mergedMvpnVrfStatusSmFactory(
+                   loop.in[0], loop.merged, loop.in[2], loop.in[3], loop.merged,
+                   Dyx::SmControl{&loop.scheduler, Oro::TaskPriority::normal, true})
+                   ->initializedIs(true),
+               "mergedVrfStatus cannot also be the input staticMvpnVrfStatus");
+
   Rig rig;
   rig.start(true);
   EXPECT_DEATH(
