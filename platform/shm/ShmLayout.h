@@ -54,7 +54,7 @@ inline constexpr uint64_t kMagic = 0x3152545350564d4dull;         // "MMVPSTR1"
 inline constexpr uint64_t kRetiredMagic = 0x44414544504d4dull;    // "MMPDEAD": replaced store
 inline constexpr uint64_t kIndexMagic = 0x31584449534e504dull;    // "MPNSIDX1"
 inline constexpr uint64_t kBlobMagic = 0x31424f4c42504d4dull;     // "MMPBLOB1"
-inline constexpr uint32_t kLayoutVersion = 7;
+inline constexpr uint32_t kLayoutVersion = 8;
 
 inline constexpr uint32_t kTypeNameBytes = 96;
 inline constexpr uint32_t kPathBytes = 208;
@@ -97,8 +97,18 @@ inline constexpr uint32_t kBlobMinBytes = 16;
 inline constexpr uint32_t kBlobClasses = 13;  // 16 B .. 64 KiB
 inline constexpr uint32_t kMaxBlobBytes = kBlobMinBytes << (kBlobClasses - 1);
 static_assert(kMaxBlobBytes == kBlobPageBytes);
+// A longer value is kept in pieces: whole blocks of the largest class, the last one partly
+// used. Its reference (told by a length above kMaxBlobBytes) names an index block that lists
+// the pieces in order, 8 bytes each (chunk << 32 | offset, low word first). The cap keeps what
+// a reader may be made to allocate for one record bounded.
+inline constexpr uint32_t kMaxBlobPieces = 256;
+inline constexpr uint32_t kMaxPiecedBytes = kMaxBlobPieces * kMaxBlobBytes;  // 16 MiB
+inline constexpr uint32_t blobPieces(uint32_t length) {
+  return (length + kMaxBlobBytes - 1) / kMaxBlobBytes;
+}
 
-// A record's reference to its blob: chunk, offset in the chunk, length in bytes.
+// A record's reference to its blob: chunk, offset in the chunk, length in bytes (of the whole
+// value: above kMaxBlobBytes the block is the value's index block).
 struct BlobRef {
   uint32_t chunk;
   uint32_t offset;

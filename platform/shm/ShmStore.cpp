@@ -228,14 +228,44 @@ BlobRef ShmStore::blobAlloc(std::string_view bytes) {
   if (bytes.size() <= kInlineBlobBytes) {
     return inlineBlobRef(bytes.data(), static_cast<uint32_t>(bytes.size()));
   }
-  if (bytes.size() > kMaxBlobBytes) {
+  if (bytes.size() > kMaxPiecedBytes) {
     throw ShmException(
         fmt::format("shared memory store {}: a value of {} bytes exceeds the largest "
                     "variable-length part ({} bytes)",
-                    mountPath_, bytes.size(), kMaxBlobBytes));
+                    mountPath_, bytes.size(), kMaxPiecedBytes));
   }
+  const auto length = static_cast<uint32_t>(bytes.size());
+  uint64_t at;
+  if (length <= kMaxBlobBytes) {
+    at = blobBlock(blobClassOf(length));
+    blobWrite(at, bytes.data(), length);
+  } else {
+    // The pieces first, then the index block that lists them; blocks taken before a failure
+    // (the heap is full) go back.
+    const uint32_t n = blobPieces(length);
+    std::vector<uint64_t> taken;
+    taken.reserve(n + 1);
+    try {
+      for (uint32_t i = 0; i < n; ++i) {
+        taken.push_back(blobBlock(kBlobClasses - 1));
+        const uint32_t from = i * kMaxBlobBytes;
+        blobWrite(taken.back(), bytes.data() + from, std::min(kMaxBlobBytes, length - from));
+      }
+      at = blobBlock(blobClassOf(8 * n));
+    } catch (...) {
+      for (uint64_t t : taken) blobs_->freeBlocks[kBlobClasses - 1].push_back(t);
+      throw;
+    }
+    blobWrite(at, reinterpret_cast<const char*>(taken.data()), 8 * n);
+  }
+  ref.chunk = static_cast<uint32_t>(at >> 32);
+  ref.offset = static_cast<uint32_t>(at);
+  ref.length = length;
+  return ref;
+}
+
+uint64_t ShmStore::blobBlock(uint32_t cls) {
   Blobs& b = *blobs_;
-  const uint32_t cls = blobClassOf(static_cast<uint32_t>(bytes.size()));
   const uint32_t block = kBlobMinBytes << cls;
   if (b.freeBlocks[cls].empty()) {
     uint64_t page;
@@ -277,22 +307,38 @@ BlobRef ShmStore::blobAlloc(std::string_view bytes) {
   }
   const uint64_t at = b.freeBlocks[cls].back();
   b.freeBlocks[cls].pop_back();
-  ref.chunk = static_cast<uint32_t>(at >> 32);
-  ref.offset = static_cast<uint32_t>(at);
-  ref.length = static_cast<uint32_t>(bytes.size());
-  auto* dst = reinterpret_cast<uint32_t*>(b.chunks[ref.chunk].data() + ref.offset);
-  const uint32_t wordsNeeded = ShmLayout::words(ref.length);
-  for (uint32_t i = 0; i < wordsNeeded; ++i) {
+  return at;
+}
+
+void ShmStore::blobWrite(uint64_t at, const char* bytes, uint32_t n) {
+  auto* dst = reinterpret_cast<uint32_t*>(blobs_->chunks[static_cast<uint32_t>(at >> 32)].data() +
+                                          static_cast<uint32_t>(at));
+  for (uint32_t i = 0; i < ShmLayout::words(n); ++i) {
     uint32_t w = 0;
-    std::memcpy(&w, bytes.data() + 4 * i, std::min<size_t>(4, bytes.size() - 4 * i));
+    std::memcpy(&w, bytes + 4 * i, std::min<size_t>(4, n - 4 * i));
     storeWord(dst + i, w);
   }
-  return ref;
 }
 
 void ShmStore::blobFree(const BlobRef& ref) {
   if (ref.length == 0 || blobInline(ref)) return;
-  if (!blobFreeable(ref)) {
+  const bool pieced = ref.length > kMaxBlobBytes;
+  std::vector<uint64_t> pieces;
+  bool ok = ref.length <= kMaxPiecedBytes &&
+            blobFreeable(ref.chunk, ref.offset,
+                         blobClassOf(pieced ? 8 * blobPieces(ref.length) : ref.length));
+  if (ok && pieced) {
+    try {
+      pieces = blobPieceList(ref);
+    } catch (const ShmCorruptionException&) {
+      ok = false;
+    }
+    for (uint64_t p : pieces) {
+      ok = ok &&
+           blobFreeable(static_cast<uint32_t>(p >> 32), static_cast<uint32_t>(p), kBlobClasses - 1);
+    }
+  }
+  if (!ok) {
     // Freeing it would hand out memory outside the heap, or a block of another size.
     noteDamage(
         fmt::format("shared memory store {} is corrupt: bad blob reference (chunk {}, "
@@ -300,20 +346,21 @@ void ShmStore::blobFree(const BlobRef& ref) {
                     mountPath_, ref.chunk, ref.offset, ref.length));
     return;
   }
-  blobs_->freeBlocks[blobClassOf(ref.length)].push_back(uint64_t{ref.chunk} << 32 | ref.offset);
+  for (uint64_t p : pieces) blobs_->freeBlocks[kBlobClasses - 1].push_back(p);
+  blobs_->freeBlocks[blobClassOf(pieced ? 8 * blobPieces(ref.length) : ref.length)].push_back(
+      uint64_t{ref.chunk} << 32 | ref.offset);
 }
 
 // A block this writer's heap handed out: a mapped chunk, a carved page of the block's size
 // class, an offset on a block boundary.
-bool ShmStore::blobFreeable(const BlobRef& ref) const {
+bool ShmStore::blobFreeable(uint32_t chunk, uint32_t offset, uint32_t cls) const {
   const Blobs& b = *blobs_;
-  if (ref.length > kMaxBlobBytes || ref.chunk >= b.chunks.size()) return false;
-  const uint32_t page = ref.offset / kBlobPageBytes;
-  if (page == 0 || page >= blobPages(ref.chunk)) return false;
-  const uint8_t cls = std::atomic_ref<uint8_t>(blobClassTable(b.chunks[ref.chunk])[page])
-                          .load(std::memory_order_relaxed);
-  return cls == blobClassOf(ref.length) &&
-         (ref.offset % kBlobPageBytes) % (kBlobMinBytes << cls) == 0;
+  if (chunk >= b.chunks.size()) return false;
+  const uint32_t page = offset / kBlobPageBytes;
+  if (page == 0 || page >= blobPages(chunk)) return false;
+  const uint8_t pageCls = std::atomic_ref<uint8_t>(blobClassTable(b.chunks[chunk])[page])
+                              .load(std::memory_order_relaxed);
+  return pageCls == cls && (offset % kBlobPageBytes) % (kBlobMinBytes << cls) == 0;
 }
 
 void ShmStore::blobReadReplaced(const BlobRef& ref, std::string* out) {
@@ -325,21 +372,13 @@ void ShmStore::blobReadReplaced(const BlobRef& ref, std::string* out) {
   }
 }
 
-void ShmStore::blobRead(const BlobRef& ref, std::string* out) const {
-  out->clear();
-  if (blobInline(ref)) {
-    const uint32_t n = inlineBlobLength(ref);
-    if (n > kInlineBlobBytes) corrupt(fmt::format("bad inline blob length {}", n));
-    out->assign(reinterpret_cast<const char*>(&ref), n);
-    return;
-  }
-  if (ref.length == 0) return;
+const uint32_t* ShmStore::blobWords(uint32_t chunk, uint32_t offset, uint32_t length) const {
   Blobs& b = *blobs_;
   const uint32_t chunks = hdr_->blobChunkCount.load(std::memory_order_acquire);
-  if (ref.length > kMaxBlobBytes || ref.chunk >= chunks || ref.chunk >= kBlobMaxChunks) {
-    corrupt(fmt::format("bad blob reference (chunk {}, length {})", ref.chunk, ref.length));
+  if (length > kMaxBlobBytes || chunk >= chunks || chunk >= kBlobMaxChunks) {
+    corrupt(fmt::format("bad blob reference (chunk {}, length {})", chunk, length));
   }
-  while (b.chunks.size() <= ref.chunk) {
+  while (b.chunks.size() <= chunk) {
     const uint32_t n = static_cast<uint32_t>(b.chunks.size());
     ShmSegment seg =
         ShmSegment::open(segName(fmt::format("b{}", n)),
@@ -352,21 +391,61 @@ void ShmStore::blobRead(const BlobRef& ref, std::string* out) const {
     }
     b.chunks.push_back(std::move(seg));
   }
-  const ShmSegment& seg = b.chunks[ref.chunk];
-  const uint32_t page = ref.offset / kBlobPageBytes;
-  if (page == 0 || page >= blobPages(ref.chunk))
-    corrupt(fmt::format("bad blob offset {}", ref.offset));
+  const ShmSegment& seg = b.chunks[chunk];
+  const uint32_t page = offset / kBlobPageBytes;
+  if (page == 0 || page >= blobPages(chunk)) corrupt(fmt::format("bad blob offset {}", offset));
   const uint8_t cls =
       std::atomic_ref<uint8_t>(blobClassTable(seg)[page]).load(std::memory_order_acquire);
-  if (cls >= kBlobClasses || ref.length > (kBlobMinBytes << cls) ||
-      (ref.offset % kBlobPageBytes) % (kBlobMinBytes << cls) != 0) {
-    corrupt(fmt::format("blob at offset {} does not fit its page", ref.offset));
+  if (cls >= kBlobClasses || length > (kBlobMinBytes << cls) ||
+      (offset % kBlobPageBytes) % (kBlobMinBytes << cls) != 0) {
+    corrupt(fmt::format("blob at offset {} does not fit its page", offset));
   }
-  const auto* src = reinterpret_cast<const uint32_t*>(seg.data() + ref.offset);
-  out->resize(ShmLayout::words(ref.length) * 4);
-  for (uint32_t i = 0; i < ShmLayout::words(ref.length); ++i) {
-    const uint32_t w = loadWord(src + i);
-    std::memcpy(out->data() + 4 * i, &w, 4);
+  return reinterpret_cast<const uint32_t*>(seg.data() + offset);
+}
+
+std::vector<uint64_t> ShmStore::blobPieceList(const BlobRef& ref) const {
+  if (ref.length > kMaxPiecedBytes) corrupt(fmt::format("bad blob length {}", ref.length));
+  const uint32_t n = blobPieces(ref.length);
+  const uint32_t* index = blobWords(ref.chunk, ref.offset, 8 * n);
+  std::vector<uint64_t> pieces(n);
+  for (uint32_t i = 0; i < n; ++i) {
+    pieces[i] = uint64_t{loadWord(index + 2 * i + 1)} << 32 | loadWord(index + 2 * i);
+    // A piece is a whole block of the largest class.
+    blobWords(static_cast<uint32_t>(pieces[i] >> 32), static_cast<uint32_t>(pieces[i]),
+              kMaxBlobBytes);
+  }
+  return pieces;
+}
+
+void ShmStore::blobRead(const BlobRef& ref, std::string* out) const {
+  out->clear();
+  if (blobInline(ref)) {
+    const uint32_t n = inlineBlobLength(ref);
+    if (n > kInlineBlobBytes) corrupt(fmt::format("bad inline blob length {}", n));
+    out->assign(reinterpret_cast<const char*>(&ref), n);
+    return;
+  }
+  if (ref.length == 0) return;
+  auto copy = [out](const uint32_t* src, uint32_t n, size_t to) {
+    for (uint32_t i = 0; i < ShmLayout::words(n); ++i) {
+      const uint32_t w = loadWord(src + i);
+      std::memcpy(out->data() + to + 4 * i, &w, 4);
+    }
+  };
+  if (ref.length <= kMaxBlobBytes) {
+    const uint32_t* src = blobWords(ref.chunk, ref.offset, ref.length);
+    out->resize(ShmLayout::words(ref.length) * 4);
+    copy(src, ref.length, 0);
+  } else {
+    // Every piece is checked before the value's memory is taken.
+    const std::vector<uint64_t> pieces = blobPieceList(ref);
+    out->resize(size_t{pieces.size()} * kMaxBlobBytes);
+    for (size_t i = 0; i < pieces.size(); ++i) {
+      const size_t from = i * kMaxBlobBytes;
+      copy(blobWords(static_cast<uint32_t>(pieces[i] >> 32), static_cast<uint32_t>(pieces[i]),
+                     kMaxBlobBytes),
+           static_cast<uint32_t>(std::min<size_t>(kMaxBlobBytes, ref.length - from)), from);
+    }
   }
   out->resize(ref.length);
 }
@@ -395,8 +474,14 @@ void ShmStore::blobRebuild() {
       std::memcpy(&ref, words + coll.recordWords() - kBlobRefWords, sizeof ref);
       blobRead(ref, &scratch);  // validates
       if (ref.length == 0 || blobInline(ref)) continue;
-      if (!used.insert(uint64_t{ref.chunk} << 32 | ref.offset).second) {
-        corrupt(fmt::format("two records share the blob at {}:{}", ref.chunk, ref.offset));
+      std::vector<uint64_t> blocks;
+      if (ref.length > kMaxBlobBytes) blocks = blobPieceList(ref);
+      blocks.push_back(uint64_t{ref.chunk} << 32 | ref.offset);
+      for (uint64_t at : blocks) {
+        if (!used.insert(at).second) {
+          corrupt(fmt::format("two blobs share the block at {}:{}", at >> 32,
+                              static_cast<uint32_t>(at)));
+        }
       }
     }
   }

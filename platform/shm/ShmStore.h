@@ -261,10 +261,19 @@ class ShmStore {
 
   // Blob heap.
   ShmLayout::BlobRef blobAlloc(std::string_view bytes);
-  // Frees a block a record referred to; a reference that names no block of this heap (damage)
-  // is noted and its block left alone.
+  // A free block of size class `cls` (chunk << 32 | offset), carving a page when needed.
+  uint64_t blobBlock(uint32_t cls);
+  void blobWrite(uint64_t at, const char* bytes, uint32_t n);
+  // Frees the blocks a record referred to; a reference that names no block of this heap
+  // (damage) is noted and its blocks left alone.
   void blobFree(const ShmLayout::BlobRef& ref);
-  bool blobFreeable(const ShmLayout::BlobRef& ref) const;
+  bool blobFreeable(uint32_t chunk, uint32_t offset, uint32_t cls) const;
+  // The pieces of a value kept in pieces (its reference's length above kMaxBlobBytes), checked:
+  // each a block of the largest class in a mapped chunk. Raises ShmCorruptionException.
+  std::vector<uint64_t> blobPieceList(const ShmLayout::BlobRef& ref) const;
+  // The words of the block at (chunk, offset) holding `length` bytes, its chunk mapped and the
+  // block checked against its page's class. Raises ShmCorruptionException.
+  const uint32_t* blobWords(uint32_t chunk, uint32_t offset, uint32_t length) const;
   // The blob of a record a write replaced or removed, into `out` (empty and noted when damaged).
   void blobReadReplaced(const ShmLayout::BlobRef& ref, std::string* out);
   void blobRead(const ShmLayout::BlobRef& ref, std::string* out) const;

@@ -694,21 +694,44 @@ class Verifier {
       return n <= kInlineBlobBytes ? std::string() : fmt::format("has an inline length of {}", n);
     }
     if (ref.length == 0) return {};
-    const uint32_t chunks = h_->blobChunkCount.load(std::memory_order_acquire);
-    if (ref.chunk >= chunks || ref.chunk >= kBlobMaxChunks) {
-      return fmt::format("names blob chunk {} of {}", ref.chunk, std::min(chunks, kBlobMaxChunks));
+    if (ref.length <= kMaxBlobBytes) return blockProblem(ref.chunk, ref.offset, ref.length);
+    // A value in pieces: its index block, then each piece, a whole block of the largest class.
+    if (ref.length > kMaxPiecedBytes) {
+      return fmt::format("has a length of {} bytes, above the largest value", ref.length);
     }
-    const uint32_t page = ref.offset / kBlobPageBytes;
-    if (page == 0 || page >= blobPages(ref.chunk)) return "lies outside its chunk's pages";
-    const uint8_t cls = std::atomic_ref<uint8_t>(const_cast<uint8_t&>(blobClasses(ref.chunk)[page]))
+    const uint32_t n = blobPieces(ref.length);
+    if (std::string p = blockProblem(ref.chunk, ref.offset, 8 * n); !p.empty()) {
+      return "(an index block) " + p;
+    }
+    const auto* index =
+        reinterpret_cast<const uint32_t*>(blobChunks_[ref.chunk].data() + ref.offset);
+    for (uint32_t i = 0; i < n; ++i) {
+      const uint32_t chunk = loadWord(index + 2 * i + 1);
+      const uint32_t offset = loadWord(index + 2 * i);
+      if (std::string p = blockProblem(chunk, offset, kMaxBlobBytes); !p.empty()) {
+        return fmt::format("lists a piece {} (chunk {}, offset {}) that {}", i, chunk, offset, p);
+      }
+    }
+    return {};
+  }
+
+  // What is wrong with the block at (chunk, offset) holding `length` bytes, or empty.
+  std::string blockProblem(uint32_t chunk, uint32_t offset, uint32_t length) {
+    const uint32_t chunks = h_->blobChunkCount.load(std::memory_order_acquire);
+    if (chunk >= chunks || chunk >= kBlobMaxChunks) {
+      return fmt::format("names blob chunk {} of {}", chunk, std::min(chunks, kBlobMaxChunks));
+    }
+    const uint32_t page = offset / kBlobPageBytes;
+    if (page == 0 || page >= blobPages(chunk)) return "lies outside its chunk's pages";
+    const uint8_t cls = std::atomic_ref<uint8_t>(const_cast<uint8_t&>(blobClasses(chunk)[page]))
                             .load(std::memory_order_acquire);
     if (cls == 0xFF) return "lies in an unused page";
     if (cls >= kBlobClasses) return fmt::format("lies in a page of class {}", cls);
     const uint32_t block = kBlobMinBytes << cls;
-    if (ref.offset % kBlobPageBytes % block != 0) {
+    if (offset % kBlobPageBytes % block != 0) {
       return fmt::format("is not at a block boundary of its page (blocks of {} bytes)", block);
     }
-    if (ref.length > block || (cls != 0 && ref.length <= block / 2)) {
+    if (length > block || (cls != 0 && length <= block / 2)) {
       return fmt::format("has a length that does not fit its page's blocks of {} bytes", block);
     }
     return {};

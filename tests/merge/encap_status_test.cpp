@@ -214,9 +214,14 @@ TEST_F(EncapStatusReader, RepublishedAndHeldVrfsKeepTheirRecords) {
   // The reader looks again after growing pauses (timers); the bound only ends a failed run.
   EXPECT_TRUE(
       scheduler.runUntil(followed, Oro::TaskScheduler::Clock::now() + std::chrono::seconds(20)));
-  writer->vrfStatusIs(VrfId(7))->encapTunnelIs(MvpnEncapTunnel(route(3), "c"));
+  // An encapsulation of any length reaches the reader whole (this one is kept in pieces).
+  const std::string big(300000, 'c');
+  writer->vrfStatusIs(VrfId(7))->encapTunnelIs(MvpnEncapTunnel(route(3), big));
   EXPECT_TRUE(scheduler.runUntil(
-      [&] { return reader->vrfStatus(VrfId(7))->encapTunnel(route(3)).has_value(); },
+      [&] {
+        const auto t = reader->vrfStatus(VrfId(7))->encapTunnel(route(3));
+        return t && t->encapData() == big;
+      },
       Oro::TaskScheduler::Clock::now() + std::chrono::seconds(20)));
 
   // A VRF held beyond its status keeps its records in process memory; the others go with it.
