@@ -93,6 +93,9 @@ void writeEncap() {
                                        std::string(300, 'r')));  // a replace with a longer string
     vrf->encapTunnelDel(MvpnRouteKey(v4(0x0a000002), v4(0xef000000 + v), false));
   }
+  // A value kept in pieces (an index block and two 64 KiB blocks).
+  status->vrfStatus(VrfId(1))->encapTunnelIs(MvpnEncapTunnel(
+      MvpnRouteKey(v4(0x0a000009), v4(0xef000001), false), std::string(70000, 'p')));
   status->vrfStatusDel(VrfId(2));
 }
 
