@@ -69,15 +69,6 @@ class MergeMachine<Derived, D, std::tuple<ArgPtrs...>, std::tuple<InputSms...>> 
   MergeMachine(std::tuple<ArgPtrs...> args, const Dyx::SmControl& control)
       : MergeSm(D, Derived::traceHandle(), control), args_(std::move(args)) {}
 
-  bool argPresent(size_t arg) const override {
-    return std::apply(
-        [arg](const auto&... p) {
-          const bool set[] = {static_cast<bool>(p)...};
-          return set[arg];
-        },
-        args_);
-  }
-
   const void* argEntity(size_t arg) const override {
     return std::apply(
         [arg](const auto&... p) {

@@ -105,7 +105,7 @@ void MergeSm::reconcileProgressIs(size_t output, uint64_t walked, uint64_t total
 
 void MergeSm::checkPointers() const {
   for (size_t arg = desc_.args.size(); arg-- > 0;) {
-    if (!argPresent(arg)) {
+    if (!argEntity(arg)) {
       MVPN_FATAL(
           fmt::format("{}() && \"Pointer SM args cannot be null unless they are marked Optional\"",
                       desc_.args[arg]));

@@ -91,9 +91,7 @@ class MergeSm : public Oro::Entity {
  protected:
   MergeSm(const MachineDesc& desc, const Oro::TraceHandle& trace, const Dyx::SmControl& control);
 
-  // Whether mandatory argument `arg` (in desc().args order) is set.
-  virtual bool argPresent(size_t arg) const = 0;
-  // The entity argument `arg` points at (null when unset).
+  // The entity mandatory argument `arg` (in desc().args order) points at, null when unset.
   virtual const void* argEntity(size_t arg) const = 0;
   // Creates the input machines and registers each with inputSmIs.
   virtual void createInputSms() = 0;

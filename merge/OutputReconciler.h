@@ -153,12 +153,12 @@ class OutputReconciler : public OutputBase {
     reconciling_ = false;
     // Seen may hold tens of megabytes: its memory goes back over later task runs.
     seen_.clear();
-    if (seen_.retainedBytes() == 0) {
-      // Nothing was recorded (an empty output): no memory to give back.
-    } else if (releaseTask_ && !parent_->synchronous()) {
-      releaseTask_->schedule();
-    } else {
-      seen_.releaseSome(seen_.retainedBytes());
+    if (seen_.retainedBytes() != 0) {  // none when nothing was recorded (an empty output)
+      if (releaseTask_ && !parent_->synchronous()) {
+        releaseTask_->schedule();
+      } else {
+        seen_.releaseSome(seen_.retainedBytes());
+      }
     }
     parent_->outputState()->outputReadyIs(index_, true);
   }

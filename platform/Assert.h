@@ -9,11 +9,10 @@
 
 namespace Oro {
 
-// Prints "Assertion failed: <message>" (and where it failed) to stderr, then aborts.
-[[noreturn]] void assertionFailed(std::string_view message, const char* file, int line);
-// The same, naming the function the check belongs to: "(<file>:<line>, in <function>)".
+// Prints "Assertion failed: <message> (<file>:<line>)" to stderr, with ", in <function>" before
+// the parenthesis closes when a function is named, then aborts.
 [[noreturn]] void assertionFailed(std::string_view message, const char* file, int line,
-                                  const char* function);
+                                  const char* function = nullptr);
 
 }  // namespace Oro
 

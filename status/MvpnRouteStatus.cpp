@@ -419,13 +419,7 @@ void MvpnRouteStatus::vrfRouteStatusDel(VrfId vrfId) {
 }
 
 void MvpnRouteStatus::vrfRouteStatusDelAll() {
-  std::vector<VrfId> keys;
-  try {
-    for (auto it = vrfs_.begin(); it.valid(); it.next()) keys.push_back(it.key());
-  } catch (const Oro::ShmCorruptionException& e) {
-    handleCorruption(e.what());
-  }
-  for (VrfId v : keys) vrfRouteStatusDel(v);
+  for (VrfId v : keysOrReport(vrfs_, *this)) vrfRouteStatusDel(v);
 }
 
 void MvpnRouteStatus::vrfRouteStatusNotify(VrfId vrfId) {

@@ -74,26 +74,9 @@ decltype(auto) writeOrStop(const char* operation, std::string_view collection, c
     writeMetCorruption(operation, collection, e);
   }
 }
-// The keys of a nested entity's collection, for a DelAll: a walk that meets damage is reported
-// to the store's handler and ends there (the removals that follow stop the process if they
-// meet it too).
-template <class Handle>
-std::vector<typename Handle::Key> keysOrReport(const Handle& h, const Oro::ShmNode& node) {
-  std::vector<typename Handle::Key> keys;
-  try {
-    for (auto it = h.begin(); it.valid(); it.next()) keys.push_back(it.key());
-  } catch (const Oro::ShmCorruptionException& e) {
-    node.shmReportCorruption(e.what());
-  }
-  return keys;
-}
-// The same for a write of a nested entity, whose reports go to its store's handler.
-template <class Write>
-decltype(auto) writeOrStop(const char* operation, std::string_view collection,
-                           const Oro::ShmNode& node, Write&& write) {
-  return writeOrStop(
-      operation, collection, [&node](const std::string& m) { node.shmReportCorruption(m); },
-      std::forward<Write>(write));
+// Where damage met in a collection is reported: a nested entity's to its store's handler.
+inline auto corruptionReporter(const Oro::ShmNode& node) {
+  return [&node](const std::string& m) { node.shmReportCorruption(m); };
 }
 
 class ShmRootBase : public Oro::Entity {
@@ -163,13 +146,30 @@ class ShmRootBase : public Oro::Entity {
   ShmRootZeroReferencesNotifiee zeroRefs_{this};
 };
 
-// The same for a root's own collections, whose reports go to the root's handler.
-template <class Write>
-decltype(auto) writeOrStop(const char* operation, std::string_view collection,
-                           const ShmRootBase& root, Write&& write) {
-  return writeOrStop(
-      operation, collection, [&root](const std::string& m) { root.handleCorruption(m); },
-      std::forward<Write>(write));
+// A root's own collections report to the root's handler.
+inline auto corruptionReporter(const ShmRootBase& root) {
+  return [&root](const std::string& m) { root.handleCorruption(m); };
+}
+
+// writeOrStop for a write in a collection of `owner` (a root, or a nested entity).
+template <class Owner, class Write>
+requires(!std::invocable<const Owner&, std::string>) decltype(auto)
+    writeOrStop(const char* operation, std::string_view collection, const Owner& owner,
+                Write&& write) {
+  return writeOrStop(operation, collection, corruptionReporter(owner), std::forward<Write>(write));
+}
+
+// The keys of a collection of `owner`, for a DelAll: a walk that meets damage is reported and
+// ends there (the removals that follow stop the process if they meet it too).
+template <class Handle, class Owner>
+std::vector<typename Handle::Key> keysOrReport(const Handle& h, const Owner& owner) {
+  std::vector<typename Handle::Key> keys;
+  try {
+    for (auto it = h.begin(); it.valid(); it.next()) keys.push_back(it.key());
+  } catch (const Oro::ShmCorruptionException& e) {
+    corruptionReporter(owner)(e.what());
+  }
+  return keys;
 }
 
 // Registers a status root type with the entity directory, so that a directory mount can create

@@ -106,6 +106,10 @@ inline constexpr uint32_t kMaxPiecedBytes = kMaxBlobPieces * kMaxBlobBytes;  // 
 inline constexpr uint32_t blobPieces(uint32_t length) {
   return (length + kMaxBlobBytes - 1) / kMaxBlobBytes;
 }
+// The bytes of the block a reference of `length` names: the value, or its pieces' index.
+inline constexpr uint32_t blobBlockBytes(uint32_t length) {
+  return length > kMaxBlobBytes ? 8 * blobPieces(length) : length;
+}
 
 // A record's reference to its blob: chunk, offset in the chunk, length in bytes (of the whole
 // value: above kMaxBlobBytes the block is the value's index block).

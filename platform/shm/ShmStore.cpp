@@ -244,14 +244,14 @@ BlobRef ShmStore::blobAlloc(std::string_view bytes) {
     // (the heap is full) go back.
     const uint32_t n = blobPieces(length);
     std::vector<uint64_t> taken;
-    taken.reserve(n + 1);
+    taken.reserve(n);
     try {
       for (uint32_t i = 0; i < n; ++i) {
         taken.push_back(blobBlock(kBlobClasses - 1));
         const uint32_t from = i * kMaxBlobBytes;
         blobWrite(taken.back(), bytes.data() + from, std::min(kMaxBlobBytes, length - from));
       }
-      at = blobBlock(blobClassOf(8 * n));
+      at = blobBlock(blobClassOf(blobBlockBytes(length)));
     } catch (...) {
       for (uint64_t t : taken) blobs_->freeBlocks[kBlobClasses - 1].push_back(t);
       throw;
@@ -310,9 +310,13 @@ uint64_t ShmStore::blobBlock(uint32_t cls) {
   return at;
 }
 
+uint32_t* ShmStore::blobAt(uint64_t at) const {
+  return reinterpret_cast<uint32_t*>(blobs_->chunks[static_cast<uint32_t>(at >> 32)].data() +
+                                     static_cast<uint32_t>(at));
+}
+
 void ShmStore::blobWrite(uint64_t at, const char* bytes, uint32_t n) {
-  auto* dst = reinterpret_cast<uint32_t*>(blobs_->chunks[static_cast<uint32_t>(at >> 32)].data() +
-                                          static_cast<uint32_t>(at));
+  uint32_t* dst = blobAt(at);
   for (uint32_t i = 0; i < ShmLayout::words(n); ++i) {
     uint32_t w = 0;
     std::memcpy(&w, bytes + 4 * i, std::min<size_t>(4, n - 4 * i));
@@ -322,20 +326,14 @@ void ShmStore::blobWrite(uint64_t at, const char* bytes, uint32_t n) {
 
 void ShmStore::blobFree(const BlobRef& ref) {
   if (ref.length == 0 || blobInline(ref)) return;
-  const bool pieced = ref.length > kMaxBlobBytes;
+  const uint32_t cls = blobClassOf(blobBlockBytes(ref.length));
   std::vector<uint64_t> pieces;
-  bool ok = ref.length <= kMaxPiecedBytes &&
-            blobFreeable(ref.chunk, ref.offset,
-                         blobClassOf(pieced ? 8 * blobPieces(ref.length) : ref.length));
-  if (ok && pieced) {
+  bool ok = ref.length <= kMaxPiecedBytes && blobFreeable(ref.chunk, ref.offset, cls);
+  if (ok && ref.length > kMaxBlobBytes) {
     try {
-      pieces = blobPieceList(ref);
+      pieces = blobPieceList(ref);  // each checked: a whole block of the largest class
     } catch (const ShmCorruptionException&) {
       ok = false;
-    }
-    for (uint64_t p : pieces) {
-      ok = ok &&
-           blobFreeable(static_cast<uint32_t>(p >> 32), static_cast<uint32_t>(p), kBlobClasses - 1);
     }
   }
   if (!ok) {
@@ -347,8 +345,7 @@ void ShmStore::blobFree(const BlobRef& ref) {
     return;
   }
   for (uint64_t p : pieces) blobs_->freeBlocks[kBlobClasses - 1].push_back(p);
-  blobs_->freeBlocks[blobClassOf(pieced ? 8 * blobPieces(ref.length) : ref.length)].push_back(
-      uint64_t{ref.chunk} << 32 | ref.offset);
+  blobs_->freeBlocks[cls].push_back(uint64_t{ref.chunk} << 32 | ref.offset);
 }
 
 // A block this writer's heap handed out: a mapped chunk, a carved page of the block's size
@@ -406,7 +403,7 @@ const uint32_t* ShmStore::blobWords(uint32_t chunk, uint32_t offset, uint32_t le
 std::vector<uint64_t> ShmStore::blobPieceList(const BlobRef& ref) const {
   if (ref.length > kMaxPiecedBytes) corrupt(fmt::format("bad blob length {}", ref.length));
   const uint32_t n = blobPieces(ref.length);
-  const uint32_t* index = blobWords(ref.chunk, ref.offset, 8 * n);
+  const uint32_t* index = blobWords(ref.chunk, ref.offset, blobBlockBytes(ref.length));
   std::vector<uint64_t> pieces(n);
   for (uint32_t i = 0; i < n; ++i) {
     pieces[i] = uint64_t{loadWord(index + 2 * i + 1)} << 32 | loadWord(index + 2 * i);
@@ -442,8 +439,7 @@ void ShmStore::blobRead(const BlobRef& ref, std::string* out) const {
     out->resize(size_t{pieces.size()} * kMaxBlobBytes);
     for (size_t i = 0; i < pieces.size(); ++i) {
       const size_t from = i * kMaxBlobBytes;
-      copy(blobWords(static_cast<uint32_t>(pieces[i] >> 32), static_cast<uint32_t>(pieces[i]),
-                     kMaxBlobBytes),
+      copy(blobAt(pieces[i]),  // checked by blobPieceList
            static_cast<uint32_t>(std::min<size_t>(kMaxBlobBytes, ref.length - from)), from);
     }
   }
@@ -472,10 +468,18 @@ void ShmStore::blobRebuild() {
       if (!coll.readSlot(slot, words, &seq)) continue;
       BlobRef ref;
       std::memcpy(&ref, words + coll.recordWords() - kBlobRefWords, sizeof ref);
-      blobRead(ref, &scratch);  // validates
-      if (ref.length == 0 || blobInline(ref)) continue;
+      if (blobInline(ref)) {
+        blobRead(ref, &scratch);  // checks the inline length
+        continue;
+      }
+      if (ref.length == 0) continue;
+      // Checked, not copied: a piece list checks every piece, blobWords a single block.
       std::vector<uint64_t> blocks;
-      if (ref.length > kMaxBlobBytes) blocks = blobPieceList(ref);
+      if (ref.length > kMaxBlobBytes) {
+        blocks = blobPieceList(ref);
+      } else {
+        blobWords(ref.chunk, ref.offset, ref.length);
+      }
       blocks.push_back(uint64_t{ref.chunk} << 32 | ref.offset);
       for (uint64_t at : blocks) {
         if (!used.insert(at).second) {

@@ -264,6 +264,8 @@ class ShmStore {
   // A free block of size class `cls` (chunk << 32 | offset), carving a page when needed.
   uint64_t blobBlock(uint32_t cls);
   void blobWrite(uint64_t at, const char* bytes, uint32_t n);
+  // The words of a block this process has mapped and checked (or carved).
+  uint32_t* blobAt(uint64_t at) const;
   // Frees the blocks a record referred to; a reference that names no block of this heap
   // (damage) is noted and its blocks left alone.
   void blobFree(const ShmLayout::BlobRef& ref);

@@ -700,7 +700,8 @@ class Verifier {
       return fmt::format("has a length of {} bytes, above the largest value", ref.length);
     }
     const uint32_t n = blobPieces(ref.length);
-    if (std::string p = blockProblem(ref.chunk, ref.offset, 8 * n); !p.empty()) {
+    if (std::string p = blockProblem(ref.chunk, ref.offset, blobBlockBytes(ref.length));
+        !p.empty()) {
       return "(an index block) " + p;
     }
     const auto* index =
