@@ -108,6 +108,18 @@ class CharRange {
     }
   }
 
+  // Reads a field of a key's text with read(*this): a key's text either matches field by
+  // field or is a parse error, so a number that does not fit its field is one too.
+  template <class Read>
+  auto readKeyField(Read&& read) {
+    const size_t start = pos_;
+    try {
+      return read(*this);
+    } catch (const RangeException& e) {
+      throw ParseException(fmt::format("{} at offset {} of \"{}\"", e.what(), start, text_));
+    }
+  }
+
   [[noreturn]] void fail(std::string_view expected) const {
     throw ParseException(fmt::format("expected {} at offset {} of \"{}\"", expected, pos_, text_));
   }

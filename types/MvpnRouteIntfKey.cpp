@@ -9,7 +9,7 @@ static_assert(std::is_trivially_copyable_v<MvpnRouteIntfKey>);
 MvpnRouteIntfKey MvpnRouteIntfKey::readFrom(Oro::CharRange& in) {
   MvpnRouteKey key = MvpnRouteKey::readFrom(in);
   in.expect(" on ");
-  return MvpnRouteIntfKey(key, Nevo::IntfId::readFrom(in));
+  return MvpnRouteIntfKey(key, in.readKeyField(Nevo::IntfId::readFrom));
 }
 
 MvpnRouteIntfKey::MvpnRouteIntfKey(Oro::CharRange& in) {

@@ -1,6 +1,5 @@
 // MvpnVrfRouteIntfKey: a route-interface key qualified by its VRF
-// ("VRF 5 (10.0.0.1, 239.1.1.1) on Vlan5"). The key has 4 bytes of padding after the
-// VRF id: compare and hash it field by field, never as raw bytes.
+// ("VRF 5 (10.0.0.1, 239.1.1.1) on Vlan5").
 #pragma once
 
 #include "types/MvpnRouteIntfKey.h"
@@ -8,6 +7,9 @@
 
 namespace Routing::Multicast {
 
+template <>
+inline constexpr std::string_view kVrfQualifiedKeyName<MvpnRouteIntfKey> =
+    "Routing::Multicast::MvpnVrfRouteIntfKey";
 using MvpnVrfRouteIntfKey = VrfQualifiedKey<MvpnRouteIntfKey>;
 
 }  // namespace Routing::Multicast

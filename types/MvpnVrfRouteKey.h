@@ -7,6 +7,9 @@
 
 namespace Routing::Multicast {
 
+template <>
+inline constexpr std::string_view kVrfQualifiedKeyName<MvpnRouteKey> =
+    "Routing::Multicast::MvpnVrfRouteKey";
 using MvpnVrfRouteKey = VrfQualifiedKey<MvpnRouteKey>;
 
 }  // namespace Routing::Multicast

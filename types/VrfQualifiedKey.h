@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <string_view>
 
 #include <fmt/format.h>
 
@@ -39,6 +40,10 @@ struct VrfKeyFields<Inner, 0> {
   friend auto operator<=>(const VrfKeyFields&, const VrfKeyFields&) = default;
 };
 
+// The type name a VRF-qualified key goes by in messages: each instance's header names its own.
+template <class Inner>
+inline constexpr std::string_view kVrfQualifiedKeyName = "Routing::Multicast::VrfQualifiedKey";
+
 template <class Inner>
 class VrfQualifiedKey {
  public:
@@ -49,7 +54,7 @@ class VrfQualifiedKey {
 
   static VrfQualifiedKey readFrom(Oro::CharRange& in) {
     in.expect("VRF ");
-    const VrfId vrf = VrfId::readFrom(in);
+    const VrfId vrf = in.readKeyField(VrfId::readFrom);
     in.expect(" ");
     return VrfQualifiedKey(vrf, Inner::readFrom(in));
   }
@@ -94,8 +99,8 @@ struct Oro::ShmImage<Routing::Multicast::VrfQualifiedKey<Inner>>
                      Oro::ShmImage<Inner>::fingerprint);
   static Routing::Multicast::VrfQualifiedKey<Inner> read(const std::byte* in) {
     return ShmPlainImage<Routing::Multicast::VrfQualifiedKey<Inner>,
-                         Routing::Multicast::VrfQualifiedKey<Inner>::shmImageValid>::read(
-        in, "Routing::Multicast::VrfQualifiedKey");
+                         Routing::Multicast::VrfQualifiedKey<Inner>::shmImageValid>::
+        read(in, Routing::Multicast::kVrfQualifiedKeyName<Inner>);
   }
 };
 

@@ -143,8 +143,11 @@ TEST(MvpnRouteIntfKey, DefaultsTextOrderAndTheVrfQualifiedKeys) {
   expectRoundTrips({b});
   EXPECT_NE(b.hash(0), c.hash(0));
   EXPECT_NE(MvpnVrfRouteKey(1, kSg).hash(0), MvpnVrfRouteKey(2, kSg).hash(0));
+  // A number too large for its field is text that does not match, as in any key.
   EXPECT_THROW(strepToValue<MvpnVrfRouteKey>("VRF 4294967296 (10.0.0.1, 239.1.1.1)"),
-               Oro::RangeException);
+               Oro::ParseException);
+  EXPECT_THROW(strepToValue<MvpnRouteIntfKey>("(10.0.0.1, 239.1.1.1) on Vlan4294967296"),
+               Oro::ParseException);
   EXPECT_THROW(strepToValue<MvpnVrfRouteKey>("VRF 1(10.0.0.1, 239.1.1.1)"), Oro::ParseException);
 
   MvpnVrfRouteIntfKey i(10, MvpnRouteIntfKey(kSg, IntfId::vlan(4)));
