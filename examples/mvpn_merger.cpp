@@ -52,11 +52,21 @@ int mergeVrfs(const std::string& mergedPath, Oro::TaskScheduler& scheduler) {
                                   MvpnVrfStatus::mountPath(Nevo::ipv4, client),
                                   Oro::ShmRole::reader, &scheduler);
   };
+  const MvpnClient clients[] = {MvpnClient::bgp_, MvpnClient::staticMvpn_, MvpnClient::evpn_,
+                                MvpnClient::staticEvpn_};
+  // Checked before anything is mounted: mounting an input's table as the writer would take it
+  // over from its writer before the machine refused the arguments.
+  for (MvpnClient client : clients) {
+    if (mergedPath == MvpnVrfStatus::mountPath(Nevo::ipv4, client)) {
+      std::fprintf(stderr, "mvpn_merger: MERGED_PATH %s is an input of the merge\n",
+                   mergedPath.c_str());
+      return 2;
+    }
+  }
   auto merged =
       mounted<MvpnVrfStatus>(mvpnVrfStatusFactory, mergedPath, Oro::ShmRole::writer, nullptr);
   auto sm = mergedMvpnVrfStatusSmFactory(
-      reader(MvpnClient::bgp_), reader(MvpnClient::staticMvpn_), reader(MvpnClient::evpn_),
-      reader(MvpnClient::staticEvpn_), merged,
+      reader(clients[0]), reader(clients[1]), reader(clients[2]), reader(clients[3]), merged,
       Dyx::SmControl{&scheduler, Oro::TaskPriority::normal, false});
   sm->initializedIs(true);
   scheduler.run();

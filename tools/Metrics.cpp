@@ -4,8 +4,13 @@
 #include <pthread.h>
 #include <signal.h>
 
+#include <netdb.h>
+#include <sys/socket.h>
+
+#include <cerrno>
 #include <charconv>
 #include <cstdio>
+#include <cstring>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -180,14 +185,32 @@ void serveMetrics(const std::string& listen) {
     fmt::print("scrape from {}: {} bytes\n", displayText(req.remote_addr), text.size());
     std::fflush(stdout);
   });
+  // The address must be this server's alone: with a shared port the kernel would hand some
+  // scrapes to another instance (of another namespace, or a stale one).
+  server.set_socket_options([](socket_t sock) {
+    int yes = 1;
+    setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+  });
+  auto cannotListen = [&](std::string_view why) {
+    return std::runtime_error(
+        fmt::format("cannot listen on {}: {}", displayText(listen), displayText(why)));
+  };
+  addrinfo hints{};
+  hints.ai_family = AF_UNSPEC;
+  hints.ai_socktype = SOCK_STREAM;
+  hints.ai_flags = AI_PASSIVE;
+  addrinfo* found = nullptr;
+  if (const int rc = getaddrinfo(host.c_str(), portText.c_str(), &hints, &found); rc != 0) {
+    throw cannotListen(gai_strerror(rc));
+  }
+  freeaddrinfo(found);
+  errno = 0;
   if (port == 0) {
     port = server.bind_to_any_port(host);
   } else if (!server.bind_to_port(host, port)) {
     port = -1;
   }
-  if (port < 0) {
-    throw std::runtime_error(fmt::format("cannot listen on {}", displayText(listen)));
-  }
+  if (port < 0) throw cannotListen(errno != 0 ? std::strerror(errno) : "the address is not usable");
   const bool v6 = host.find(':') != std::string::npos;
   fmt::print("serving metrics at http://{}{}{}:{}/metrics\n", v6 ? "[" : "", displayText(host),
              v6 ? "]" : "", port);

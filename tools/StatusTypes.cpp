@@ -52,14 +52,24 @@ template <class Root>
 struct ReaderRoot {
   Oro::Ptr<Root> root;
   std::string damage;
-  // A watch passes its scheduler, which stops at the first damage.
-  ReaderRoot(const std::string& path, Oro::TaskScheduler* scheduler) : root(new Root(path)) {
+  // A watch passes its scheduler, which stops at the first damage. A JSON show passes its
+  // output: damage found while attaching still gives it one whole document, naming the damage.
+  ReaderRoot(const std::string& path, Oro::TaskScheduler* scheduler, FILE* json = nullptr)
+      : root(new Root(path)) {
     root->corruptionHandlerIs([this, scheduler](const std::string& message) {
       if (!damage.empty()) return;
       damage = message;
       if (scheduler) scheduler->stop();
     });
-    root->mount(Oro::ShmAttach{path, Oro::ShmRole::reader, scheduler});
+    try {
+      root->mount(Oro::ShmAttach{path, Oro::ShmRole::reader, scheduler});
+    } catch (const Oro::ShmCorruptionException& e) {
+      if (json) {
+        fmt::print(json, "{{\"path\": {}, \"type\": {}, \"damaged\": {}}}\n", jsonQuote(path),
+                   jsonQuote(root->typeName()), jsonQuote(damage.empty() ? e.what() : damage));
+      }
+      throw;
+    }
   }
   ReaderRoot(const ReaderRoot&) = delete;
   ReaderRoot& operator=(const ReaderRoot&) = delete;
@@ -134,7 +144,7 @@ void printDump(const ReaderRoot<Root>& r, FILE* out) {
 template <class Root>
 void show(const std::string& path, bool json, FILE* out) {
   using Key = typename Root::Key;
-  ReaderRoot<Root> r(path, nullptr);
+  ReaderRoot<Root> r(path, nullptr, json ? out : nullptr);
   if (!json) {
     printDump(r, out);
     return;
@@ -246,7 +256,7 @@ std::string routeJson(const MvpnRoute& r) {
 // The route status tree: the dump, or VRFs with their routes and groups, groups with their
 // sources.
 void showTree(const std::string& path, bool json, FILE* out) {
-  ReaderRoot<MvpnRouteStatus> r(path, nullptr);
+  ReaderRoot<MvpnRouteStatus> r(path, nullptr, json ? out : nullptr);
   if (!json) {
     printDump(r, out);
     return;
@@ -372,7 +382,7 @@ uint64_t watchTree(const std::string& path, bool json, FILE* out, uint64_t maxCh
 
 // A tunnel encapsulation status: per VRF its route and interface encapsulations.
 void showEncap(const std::string& path, bool json, FILE* out) {
-  ReaderRoot<MvpnTunnelEncapStatus> r(path, nullptr);
+  ReaderRoot<MvpnTunnelEncapStatus> r(path, nullptr, json ? out : nullptr);
   if (!json) {
     fmt::print(out, "MvpnTunnelEncapStatus #{}:\n", r.root->vrfStatusSize());
     for (auto v = r.root->vrfStatusIter(); v.valid(); v.next()) {

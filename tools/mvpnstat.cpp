@@ -13,6 +13,7 @@
 //
 // Names read from shared memory can hold any bytes: JSON output escapes them, plain-text
 // output (and every error message) shows control characters and invalid bytes visibly.
+#include <cerrno>
 #include <charconv>
 #include <csignal>
 #include <cstdio>
@@ -21,6 +22,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include <fmt/format.h>
@@ -144,8 +146,9 @@ Args parseArgs(int argc, char** argv) {
 }
 
 // The status type of the store at `path`: the one its header names. A damaged store, one this
-// user may not read, or one of a type the tool does not know is an error.
-const StatusType& resolve(const std::string& path) {
+// user may not read, or one of a type the tool does not know is an error. For a JSON show
+// (`jsonDamage`), damage still gives one whole document, naming it.
+const StatusType& resolve(const std::string& path, bool jsonDamage) {
   try {
     Oro::shmValidatePath(path);
   } catch (const Oro::ShmException& e) {
@@ -155,6 +158,9 @@ const StatusType& resolve(const std::string& path) {
   try {
     info = Oro::shmStoreInfo(path);
   } catch (const Oro::ShmCorruptionException& e) {
+    if (jsonDamage) {
+      fmt::print("{{\"path\": {}, \"damaged\": {}}}\n", jsonQuote(path), jsonQuote(e.what()));
+    }
     throw Failure{1, fmt::format("the store at {} is damaged: {}", path, e.what())};
   } catch (const Oro::ShmPermissionException& e) {
     throw Failure{1, e.what()};
@@ -296,7 +302,7 @@ int run(int argc, char** argv) {
     }
     return 0;
   }
-  const StatusType& type = resolve(a.path);
+  const StatusType& type = resolve(a.path, a.command == "show" && a.json);
   try {
     if (a.command == "show") {
       if (!a.json) {
@@ -322,9 +328,27 @@ int run(int argc, char** argv) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+// What reached stdout must all be there: a status of 0 after a lost write would tell a script
+// that the output it got is whole. A failed write is reported whatever else went wrong.
+static bool gOutputFailed = false;  // already reported
+
+static int outputChecked(int code) {
+  if (gOutputFailed) return 1;
+  if (std::fflush(stdout) != 0 || std::ferror(stdout)) {
+    std::fprintf(stderr, "mvpnstat: cannot write output: %s\n", std::strerror(errno));
+    return code == 2 ? 2 : 1;
+  }
+  return code;
+}
+
+static int exitCode(int argc, char** argv) {
   try {
     return run(argc, argv);
+  } catch (const std::system_error& e) {
+    // A write to stdout failed (full device, closed descriptor) and {fmt} said so.
+    std::fprintf(stderr, "mvpnstat: cannot write output: %s\n", e.code().message().c_str());
+    gOutputFailed = true;
+    return 1;
   } catch (const Failure& f) {
     if (f.code == 0) {
       std::fputs(kUsage, stdout);
@@ -337,4 +361,8 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "mvpnstat: %s\n", displayText(e.what()).c_str());
     return 1;
   }
+}
+
+int main(int argc, char** argv) {
+  return outputChecked(exitCode(argc, argv));
 }

@@ -856,6 +856,17 @@ ShmStore ShmStore::openReader(const std::string& mountPath, const ShmStoreSchema
 ShmStore ShmStore::openWriter(const std::string& mountPath, const ShmStoreSchema& schema,
                               mode_t mode, uint32_t ringCapacity) {
   validateSchema(schema);
+  // Permission bits only, and the owner's read and write, which its take-overs need: special
+  // bits on a file everyone may map are not what anyone asks for on purpose.
+  if ((mode & ~mode_t{0777}) != 0 || (mode & 0600) != 0600) {
+    throw ShmException(
+        fmt::format("shared memory store {}: mode {:04o} is not permission bits that include 0600",
+                    mountPath, static_cast<unsigned>(mode)));
+  }
+  if (ringCapacity > kMaxRingCapacity) {
+    throw ShmException(fmt::format("shared memory store {}: a change log of {} entries exceeds {}",
+                                   mountPath, ringCapacity, kMaxRingCapacity));
+  }
   const std::string name = shmStoreName(mountPath);
   // A new store: every segment is built under this instance's names, the header under a
   // temporary name, then renamed into place - unless another process got there first.

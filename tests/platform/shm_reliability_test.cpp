@@ -258,6 +258,23 @@ TEST_F(ShmReliabilityTest, ReadersNeedNoWriteAccessAndCannotSilenceOthers) {
     return 4;
   });
   EXPECT_EQ(waitChild(child), 0);
+  // Modes beyond permission bits, or that lock the owner out, and absurd change logs are
+  // refused before anything is created.
+  Table bad("test::Rec", "recs", {});
+  for (mode_t mode : {mode_t{07777}, mode_t{04644}, mode_t{0}, mode_t{0444}}) {
+    EXPECT_THAT(
+        [&] {
+          bad.attach(ShmAttach{"r/mode", ShmRole::writer, nullptr, mode});
+        },
+        testing::ThrowsMessage<Oro::ShmException>(testing::HasSubstr("is not permission bits")));
+  }
+  EXPECT_THAT(
+      [&] {
+        bad.attach(ShmAttach{"r/mode", ShmRole::writer, nullptr, 0644, 1u << 31});
+      },
+      testing::ThrowsMessage<Oro::ShmException>(
+          testing::HasSubstr("a change log of 2147483648 entries")));
+  EXPECT_FALSE(Oro::ShmSegment::exists(Oro::shmStoreName("r/mode")));
 }
 
 // The doorbell's registration word, driven step by step through the interleaving that once

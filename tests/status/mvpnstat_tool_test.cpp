@@ -177,6 +177,18 @@ TEST_F(MvpnstatToolTest, ReportsUnknownDamagedAndForeignTablesAndBadUsage) {
     f.write(garbage.data(), static_cast<std::streamsize>(garbage.size()));
   }
   mvpnstatExpect("show " + path, 1, {"is damaged"});
+  // A JSON reader gets a whole document naming the damage even when it is found at once.
+  mvpnstatExpect("show --json " + path, 1,
+                 {"{\"path\": \"" + path + "\", \"damaged\": \"shared memory store " + path +
+                  " is corrupt: bad magic number in the header\"}\n"});
+  // Output that could not be written is a failure, never a silent success.
+  for (const char* command : {"list", "metrics", "check", "show --json "}) {
+    const shmtest::Result r =
+        shmtest::run(fmt::format("({} --namespace {} {}{} > /dev/full)", MVPNSTAT_PATH,
+                                 Oro::shmNamespace(), command, *command == 's' ? path : ""));
+    EXPECT_EQ(r.status, 1) << command;
+    EXPECT_THAT(r.out, HasSubstr("mvpnstat: cannot write output: No space left on device"));
+  }
   mvpnstatExpect("metrics", 0, {"mvpn_table_up{path=\"" + path + "\"} 0\n"});
   // Its writer is gone: a damaged table is removed like any other.
   mvpnstatExpect("remove " + path, 0);
@@ -385,6 +397,10 @@ TEST(MetricsScrape, PrometheusScrapesTheEndpointAndAnswersACounterQuery) {
   ASSERT_NE(colon, std::string::npos) << serving;
   const int metricsPort = std::atoi(serving.c_str() + colon + 1);
   ASSERT_GT(metricsPort, 0) << serving;
+  // The port is this server's alone: a second one would take a share of the scrapes.
+  mvpnstatExpect(
+      fmt::format("metrics --listen 127.0.0.1:{}", metricsPort), 1,
+      {fmt::format("cannot listen on 127.0.0.1:{}: Address already in use", metricsPort)});
 
   struct TempDir {
     char name[64] = "/tmp/mvpnstat-prometheus-XXXXXX";
