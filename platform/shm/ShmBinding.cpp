@@ -1,6 +1,7 @@
 #include "platform/shm/ShmBinding.h"
 
 #include <algorithm>
+#include <string_view>
 #include <tuple>
 #include <utility>
 
@@ -126,6 +127,7 @@ void ShmBinding::attach(const ShmAttach& how) {
   mountPath_ = how.mountPath;
   scheduler_ = how.scheduler;
   retry_ = std::chrono::milliseconds{0};
+  gone_ = false;
   reader_ = std::make_unique<ShmReader>(static_cast<ShmReader::Sink&>(*this), store_, scheduler_);
 }
 
@@ -216,10 +218,14 @@ void ShmBinding::deliverQuiesced(bool quiesced) {
 
 void ShmBinding::readerFailed(const std::string& message, bool replaced) {
   if (!replaced) handleCorruption(message);
+  retryLater(replaced);
+}
+
+void ShmBinding::retryLater(bool atOnce) {
   if (!scheduler_) return;
   // Look again for a store republished by its writer: at once after a replacement, else after
-  // a pause that doubles up to a second while the store stays damaged.
-  retry_ = replaced ? std::chrono::milliseconds{0} : std::clamp(retry_ * 2, kFirstRetry, kMaxRetry);
+  // a pause that doubles up to a second while the store stays damaged or absent.
+  retry_ = atOnce ? std::chrono::milliseconds{0} : std::clamp(retry_ * 2, kFirstRetry, kMaxRetry);
   std::weak_ptr<bool> alive = alive_;
   retryTimer_ = scheduler_->timerIs(retry_, [this, alive] {
     if (auto a = alive.lock(); a && *a) {
@@ -231,12 +237,31 @@ void ShmBinding::readerFailed(const std::string& message, bool replaced) {
 
 void ShmBinding::retryReader() {
   ShmStore fresh;
+  bool removed = false;
   try {
     fresh = ShmStore::openReader(mountPath_, &schema_);
-  } catch (const ShmException&) {
-    readerFailed("", /*replaced=*/false);
+  } catch (const ShmCorruptionException& e) {
+    readerFailed(e.what(), /*replaced=*/false);
     return;
+  } catch (const ShmException& e) {
+    if (ShmSegment::exists(shmStoreName(mountPath_))) {
+      // A header retired and not yet unlinked (a removal under way) is not damage either.
+      if (std::string_view(e.what()).find("was replaced") != std::string_view::npos) {
+        retryLater(false);
+      } else {
+        readerFailed(e.what(), /*replaced=*/false);
+      }
+      return;
+    }
+    // The store was removed (its writer dead, see ShmStore::remove): nothing is at the path.
+    // What it held is gone for this reader too: it follows an empty store of the same schema,
+    // whose first dispatch reports every key it knew, until a writer creates the store again.
+    retryLater(false);
+    if (gone_) return;
+    fresh = ShmStore::detached(schema_);
+    removed = true;
   }
+  gone_ = removed;
   reader_.reset();
   for (ShmHandleBase* h : top_) {
     if (h) h->forgetStore();

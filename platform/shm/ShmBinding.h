@@ -226,6 +226,7 @@ class ShmBinding : private ShmReader::Sink {
   void readerFailed(const std::string& message, bool replaced) override;
 
   void retryReader();
+  void retryLater(bool atOnce);
   void rebindAll(const std::vector<std::tuple<uint32_t, uint64_t, uint64_t>>& moves);
 
   ShmStoreSchema schema_;
@@ -245,6 +246,8 @@ class ShmBinding : private ShmReader::Sink {
   std::function<void(const std::string&)> corruptionHandler_;
   // A failed reader looks again after this pause (doubling up to kMaxRetry).
   std::chrono::milliseconds retry_{0};
+  // A reader whose store was removed: it follows an empty stand-in until the path has a store.
+  bool gone_ = false;
   uint64_t retryTimer_ = 0;
   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
   void* owner_ = nullptr;

@@ -483,6 +483,50 @@ TEST_F(ShmReliabilityTest, ADamagedStoreIsRecreatedByItsWriterAndItsReadersRecov
   }
 }
 
+// A store removed after its writer died is gone for its readers too: each key they knew is
+// reported, none as damage, and they follow the store a writer creates at the path later.
+TEST_F(ShmReliabilityTest, AReaderOfARemovedStoreSeesItEmptyUntilAWriterCreatesItAgain) {
+  const std::string path = "r/removed";
+  {
+    Attached w(ShmAttach{path, ShmRole::writer});
+    fill(w, 0, 20);
+  }
+  Oro::TaskScheduler sched;
+  std::set<uint32_t> present;
+  size_t wanted = SIZE_MAX;  // the run to stop once the reader holds as many keys
+  Table* reader = nullptr;
+  Table r("test::Rec", "recs", {[&](uint32_t k) {
+            if (reader->find(k)) {
+              present.insert(k);
+            } else {
+              present.erase(k);
+            }
+            if (present.size() == wanted) sched.stop();
+          }});
+  reader = &r;
+  std::vector<std::string> reports;
+  r.corruptionHandlerIs([&](const std::string& m) { reports.push_back(m); });
+  r.attach(ShmAttach{path, ShmRole::reader, &sched});
+  drain(r);
+  ASSERT_EQ(present.size(), 20u);
+  EXPECT_GE(ShmStore::remove(path), 1u);
+  wanted = 0;
+  sched.runUntil(Oro::TaskScheduler::Clock::now() + 20s);
+  EXPECT_TRUE(present.empty());
+  EXPECT_EQ(r.size(), 0u);
+  EXPECT_FALSE(r.find(3).has_value());
+  EXPECT_THAT(reports, testing::IsEmpty());
+  Attached w(ShmAttach{path, ShmRole::writer});
+  fill(w, 100, 5);
+  wanted = 5;
+  // The reader looks for the store again after growing pauses (timers).
+  sched.runUntil(Oro::TaskScheduler::Clock::now() + 20s);
+  EXPECT_EQ(present, (std::set<uint32_t>{100, 101, 102, 103, 104}));
+  EXPECT_EQ(r.find(101), Rec::of(101));
+  w.detach();
+  r.detach();
+}
+
 TEST_F(ShmReliabilityTest, AWriterWhoseMainThreadEndedIsAlive) {
   Pipe started;
   const pid_t child = forkChild([&] {
