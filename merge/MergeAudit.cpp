@@ -13,6 +13,7 @@
 #include "platform/CharRange.h"
 #include "platform/Error.h"
 #include "platform/shm/ShmBinding.h"
+#include "platform/shm/ShmSegment.h"
 
 namespace Routing::Multicast {
 
@@ -21,15 +22,23 @@ namespace {
 using VrfId = Vrf::VrfIdMap::VrfId;
 
 // A reader instance of a status root attached by mount path, without a scheduler (the audit
-// reads what is there now); unmounted when it goes.
+// reads what is there now); unmounted when it goes. An input with no table at its path
+// (removed with its dead writer) is empty, as it is for the merger, which reads a removed
+// store as one that lost every key.
 template <class Root>
 struct Attached {
   Oro::Ptr<Root> root;
-  Attached(Oro::Ptr<Root> (*factory)(const std::string&), const std::string& path)
+  bool mounted = false;
+  Attached(Oro::Ptr<Root> (*factory)(const std::string&), const std::string& path,
+           bool absentIsEmpty = false)
       : root(factory(path)) {
+    if (absentIsEmpty && !Oro::ShmSegment::exists(Oro::shmStoreName(path))) return;
     root->mount(Oro::ShmAttach{path, Oro::ShmRole::reader, nullptr});
+    mounted = true;
   }
-  ~Attached() { root->unmount(); }
+  ~Attached() {
+    if (mounted) root->unmount();
+  }
   Attached(const Attached&) = delete;
   Attached& operator=(const Attached&) = delete;
   const Root& operator*() const { return *root; }
@@ -51,7 +60,7 @@ std::vector<std::unique_ptr<Attached<Root>>> openInputs(
     if (i.path.empty()) {
       throw Oro::Exception(fmt::format("input {} of the merger is not in shared memory", i.name));
     }
-    in.push_back(std::make_unique<Attached<Root>>(factory, i.path));
+    in.push_back(std::make_unique<Attached<Root>>(factory, i.path, /*absentIsEmpty=*/true));
   }
   return in;
 }

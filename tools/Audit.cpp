@@ -21,6 +21,9 @@ using Routing::Multicast::MergeAudit;
 
 namespace {
 
+// An input of a merged status with no table at its path.
+constexpr const char* kNoTable = "no status table (an input read as empty)";
+
 std::string orAbsent(const std::optional<std::string>& s) {
   return s ? displayText(*s) : std::string("absent");
 }
@@ -97,6 +100,14 @@ bool check(const std::optional<std::string>& path, bool json) {
     if (tables[0].merge) {
       for (const Oro::ShmMergeInput& in : tables[0].merge->desc.inputs) {
         if (in.path.empty()) continue;
+        if (!Oro::ShmSegment::exists(Oro::shmStoreName(in.path))) {
+          // Removed with its dead writer: the merger reads it as empty, and so does the audit.
+          Oro::ShmStoreInfo gone;
+          gone.mountPath = in.path;
+          gone.problem = kNoTable;
+          tables.push_back(std::move(gone));
+          continue;
+        }
         try {
           tables.push_back(Oro::shmStoreInfo(in.path));
         } catch (const Oro::Exception& e) {
@@ -117,7 +128,9 @@ bool check(const std::optional<std::string>& path, bool json) {
     std::string line;
     std::string detail;
     std::string jsonMerge = "null";
-    if (!t.problem.empty()) {
+    if (t.problem == kNoTable) {
+      line = kNoTable;
+    } else if (!t.problem.empty()) {
       ok = false;
       line = fmt::format("{}: {}", t.damaged ? "DAMAGED" : "unreadable", displayText(t.problem));
     } else if (t.merge) {

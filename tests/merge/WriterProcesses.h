@@ -27,12 +27,17 @@ class WriterProcesses {
   }
   // Stops every writer; each must exit cleanly.
   ~WriterProcesses() {
-    for (Child& c : children_) {
-      EXPECT_EQ(::write(c.command, &kStop, 1), 1);
-      EXPECT_EQ(shmtest::waitChild(c.pid), 0);
-      ::close(c.command);
-      ::close(c.ack);
-    }
+    for (size_t w = 0; w < children_.size(); ++w) stop(static_cast<int>(w));
+  }
+  // Stops writer w for good (it takes no more phases).
+  void stop(int w) {
+    Child& c = children_[w];
+    if (c.pid < 0) return;
+    EXPECT_EQ(::write(c.command, &kStop, 1), 1);
+    EXPECT_EQ(shmtest::waitChild(c.pid), 0);
+    ::close(c.command);
+    ::close(c.ack);
+    c.pid = -1;
   }
 
   // Kills writer w (SIGKILL, whatever it was doing) and starts its successor, which takes the
@@ -49,8 +54,13 @@ class WriterProcesses {
   // Runs `phase` in every writer at once; returns when all are done.
   void runPhase(int phase) {
     const auto p = static_cast<unsigned char>(phase);
-    for (Child& c : children_) ASSERT_EQ(::write(c.command, &p, 1), 1);
     for (Child& c : children_) {
+      if (c.pid >= 0) {
+        ASSERT_EQ(::write(c.command, &p, 1), 1);
+      }
+    }
+    for (Child& c : children_) {
+      if (c.pid < 0) continue;
       unsigned char done = 0;
       ASSERT_EQ(::read(c.ack, &done, 1), 1) << "a writer process died in phase " << phase;
     }

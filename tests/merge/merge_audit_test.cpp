@@ -134,6 +134,25 @@ TEST_F(MergeAuditTest, VrfMergeExplainsEveryPrecedenceAndChecksAgainstWriterProc
                  {"  winner: mvpnVrfStatus\n", "(DISAGREES)"});
   mvpnstatExpect(fmt::format("explain {} 12x", kMerged), 2);
   mvpnstatExpect("explain " + MvpnVrfStatus::mountPath(Nevo::ipv4, kWriters[0]) + " 1", 1);
+
+  // The BGP writer decommissioned: once its table is removed the merger falls back to the
+  // other writers (VRF 1 was the BGP writer's alone), and the audit reads the input as empty,
+  // as the merger does.
+  merged->mvpnVrfDel(VrfId(40));
+  writers.stop(0);
+  mvpnstatExpect("remove " + MvpnVrfStatus::mountPath(Nevo::ipv4, kWriters[0]), 0);
+  ASSERT_TRUE(scheduler.runUntil(
+      [&] {
+        return !merged->mvpnVrf(VrfId(1)) &&
+               merged->mvpnVrf(VrfId(3)) == MvpnVrf(VrfId(3), staticMvpn_);
+      },
+      Oro::TaskScheduler::Clock::now() + 60s));
+  EXPECT_EQ(merged->mvpnVrf(VrfId(5)), MvpnVrf(VrfId(5), evpn_));
+  mvpnstatExpect(std::string("check ") + kMerged, 0,
+                 {"14 keys checked, consistent", "no status table (an input read as empty)"});
+  const Json e = Json::parse(mvpnstatExpect(fmt::format("explain {} 3 --json", kMerged), 0).out);
+  EXPECT_EQ(e["winner"], "staticMvpnVrfStatus");
+  EXPECT_TRUE(e["inputs"][0]["record"].is_null());
 }
 
 TEST_F(MergeAuditTest, EncapMergeExplainsAndChecksBothCollections) {
