@@ -50,7 +50,7 @@ struct Attached {
 template <class Root>
 std::vector<std::unique_ptr<Attached<Root>>> openInputs(
     const Oro::ShmMergeState& m, const DynaCode::MachineDesc& d,
-    Oro::Ptr<Root> (*factory)(const std::string&)) {
+    Oro::Ptr<Root> (*factory)(const std::string&), const std::string& mergedPath) {
   if (m.desc.inputs.size() != d.inputs.size()) {
     throw Oro::Exception(fmt::format("the merge record names {} inputs, {} has {}",
                                      m.desc.inputs.size(), d.shortName, d.inputs.size()));
@@ -59,6 +59,12 @@ std::vector<std::unique_ptr<Attached<Root>>> openInputs(
   for (const Oro::ShmMergeInput& i : m.desc.inputs) {
     if (i.path.empty()) {
       throw Oro::Exception(fmt::format("input {} of the merger is not in shared memory", i.name));
+    }
+    // No merger runs so (its machine refuses it at start): the record is damaged or forged,
+    // and the audit would otherwise judge the merged status by itself.
+    if (i.path == mergedPath) {
+      throw Oro::ShmCorruptionException(
+          fmt::format("the merge record names the merged status itself as its input {}", i.name));
     }
     in.push_back(std::make_unique<Attached<Root>>(factory, i.path, /*absentIsEmpty=*/true));
   }
@@ -101,7 +107,7 @@ class VrfAudit : public MergeAudit {
     Oro::CharRange text(key);
     text.skipSpaces();
     const VrfId vrfId(text);
-    const auto in = openInputs<MvpnVrfStatus>(m, *Desc::value, mvpnVrfStatusFactory);
+    const auto in = openInputs<MvpnVrfStatus>(m, *Desc::value, mvpnVrfStatusFactory, mergedPath);
     const Attached<MvpnVrfStatus> out(mvpnVrfStatusFactory, mergedPath);
     Explanation e;
     e.collection = "mvpnVrf";
@@ -120,7 +126,7 @@ class VrfAudit : public MergeAudit {
   }
 
   AuditReport check(const Oro::ShmMergeState& m, const std::string& mergedPath) const override {
-    const auto in = openInputs<MvpnVrfStatus>(m, *Desc::value, mvpnVrfStatusFactory);
+    const auto in = openInputs<MvpnVrfStatus>(m, *Desc::value, mvpnVrfStatusFactory, mergedPath);
     const Attached<MvpnVrfStatus> out(mvpnVrfStatusFactory, mergedPath);
     auto expected = [&](VrfId v) {
       return DynaCode::MergedMvpnVrfStatusSm::mergedVrfOf(
@@ -218,8 +224,9 @@ class EncapAudit : public MergeAudit {
     const VrfId vrfId = VrfId::readFrom(text);
     text.skipSpaces();
     const size_t at = text.position();
-    const auto in = openInputs<MvpnTunnelEncapStatus>(
-        m, DynaCode::MergedMcastTunnelEncapStatusSm::kDesc, mvpnTunnelEncapStatusFactory);
+    const auto in =
+        openInputs<MvpnTunnelEncapStatus>(m, DynaCode::MergedMcastTunnelEncapStatusSm::kDesc,
+                                          mvpnTunnelEncapStatusFactory, mergedPath);
     const Attached<MvpnTunnelEncapStatus> out(mvpnTunnelEncapStatusFactory, mergedPath);
     if (std::string_view(key).find(" on ") != std::string_view::npos) {
       return explainIn<IntfColl>(m, in, out, vrfId, IntfColl::Key(text));
@@ -229,8 +236,9 @@ class EncapAudit : public MergeAudit {
   }
 
   AuditReport check(const Oro::ShmMergeState& m, const std::string& mergedPath) const override {
-    const auto in = openInputs<MvpnTunnelEncapStatus>(
-        m, DynaCode::MergedMcastTunnelEncapStatusSm::kDesc, mvpnTunnelEncapStatusFactory);
+    const auto in =
+        openInputs<MvpnTunnelEncapStatus>(m, DynaCode::MergedMcastTunnelEncapStatusSm::kDesc,
+                                          mvpnTunnelEncapStatusFactory, mergedPath);
     const Attached<MvpnTunnelEncapStatus> out(mvpnTunnelEncapStatusFactory, mergedPath);
     AuditReport r;
     Candidates c;

@@ -100,6 +100,12 @@ bool check(const std::optional<std::string>& path, bool json) {
     if (tables[0].merge) {
       for (const Oro::ShmMergeInput& in : tables[0].merge->desc.inputs) {
         if (in.path.empty()) continue;
+        if (in.path == *path) {
+          // No merger runs so: the record is damaged or forged.
+          tables[0].problem = fmt::format("its merge record names it as its own input {}", in.name);
+          tables[0].damaged = true;
+          continue;
+        }
         if (!Oro::ShmSegment::exists(Oro::shmStoreName(in.path))) {
           // Removed with its dead writer: the merger reads it as empty, and so does the audit.
           Oro::ShmStoreInfo gone;
