@@ -1093,9 +1093,21 @@ size_t ShmStore::remove(const std::string& mountPath) {
     const size_t bytes = ::fstat(fd, &st) == 0 ? static_cast<size_t>(st.st_size) : 0;
     ShmSegment header = ShmSegment::map(fd, name, std::max(bytes, ShmSegment::pageBytes()),
                                         ShmSegment::Access::readWrite);
+    // The doorbell of a writer that was killed is left behind under the store's instance name
+    // (a writer that exits removes its own).
+    size_t removed = 0;
+    if (bytes >= sizeof(Header)) {
+      const auto* h = reinterpret_cast<const Header*>(header.data());
+      const std::string bell = shmBellPath(h->instance, h->nameKey);
+      struct stat bst {};
+      if (::lstat(bell.c_str(), &bst) == 0 && S_ISSOCK(bst.st_mode) &&
+          ::unlink(bell.c_str()) == 0) {
+        ++removed;
+      }
+    }
     // Readers still mapping it notice at their next look, as when a writer replaces it.
     if (bytes >= sizeof(Header)) retire(header);
-    size_t removed = ::unlink((std::string(kShmDirectory) + name).c_str()) == 0 ? 1 : 0;
+    removed += ::unlink((std::string(kShmDirectory) + name).c_str()) == 0 ? 1 : 0;
     removed += unlinkDead(leftovers()) + unlinkLock();
     return removed;
   }
