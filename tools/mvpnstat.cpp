@@ -104,7 +104,11 @@ Args parseArgs(int argc, char** argv) {
     if (arg == "--json") {
       a.json = true;
     } else if (arg == "--namespace") {
-      Oro::shmNamespaceIs(value());
+      try {
+        Oro::shmNamespaceIs(value());
+      } catch (const Oro::ShmException& e) {
+        throw Failure{2, e.what()};
+      }
     } else if (arg == "--count") {
       a.count = parseCount(value());
     } else if (arg == "--listen") {
@@ -152,7 +156,7 @@ const StatusType& resolve(const std::string& path, bool jsonDamage) {
   try {
     Oro::shmValidatePath(path);
   } catch (const Oro::ShmException& e) {
-    throw Failure{1, e.what()};
+    throw Failure{2, e.what()};
   }
   Oro::ShmStoreInfo info;
   try {
@@ -236,6 +240,10 @@ void list(bool json) {
 int removeTable(const std::string& path) {
   try {
     Oro::shmValidatePath(path);
+  } catch (const Oro::ShmException& e) {
+    throw Failure{2, e.what()};
+  }
+  try {
     const size_t removed = Oro::shmRemoveStore(path);
     fmt::print("removed {} ({} shared-memory {})\n", displayText(path), removed,
                removed == 1 ? "file" : "files");
@@ -267,7 +275,7 @@ int run(int argc, char** argv) {
       try {
         Oro::shmValidatePath(a.path);
       } catch (const Oro::ShmException& e) {
-        throw Failure{1, e.what()};
+        throw Failure{2, e.what()};
       }
     }
     try {

@@ -151,7 +151,10 @@ TEST_F(MvpnstatToolTest, ShowsListsAndWatchesTablesAndNestedStatuses) {
 TEST_F(MvpnstatToolTest, ReportsUnknownDamagedAndForeignTablesAndBadUsage) {
   mvpnstatExpect("show routing/multicast/vpn/vrfStatus/bgp", 1,
                  {"no status table at routing/multicast/vpn/vrfStatus/bgp"});
-  mvpnstatExpect("show ../etc", 1);
+  // A path or namespace that cannot name a table is bad usage.
+  for (const char* args : {"show ../etc", "remove ''", "check a//b", "--namespace '' list"}) {
+    mvpnstatExpect(args, 2, {"invalid ", "usage: mvpnstat"});
+  }
   mvpnstatExpect("show", 2);
   // An empty namespace is said to be empty, not passed over in silence.
   mvpnstatExpect("check", 0, {"no status tables in shared-memory namespace"});
