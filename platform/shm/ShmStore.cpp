@@ -1077,12 +1077,26 @@ size_t ShmStore::remove(const std::string& mountPath) {
     return gone && !created ? size_t{1} : size_t{0};
   };
   for (int attempt = 0; attempt < kOpenAttempts; ++attempt) {
+    // Something other than a file at the header's name (a FIFO, a socket, a directory someone
+    // made there) is no store: it only keeps writers out, and goes like a dead writer's leftovers.
+    size_t planted = 0;
+    struct stat pst {};
+    const std::string headerFile = std::string(kShmDirectory) + name;
+    if (::lstat(headerFile.c_str(), &pst) == 0 && !S_ISREG(pst.st_mode)) {
+      if ((S_ISDIR(pst.st_mode) ? ::rmdir(headerFile.c_str()) : ::unlink(headerFile.c_str())) !=
+          0) {
+        throw ShmException(fmt::format("cannot remove {} at the name of shared memory store {}: {}",
+                                       S_ISDIR(pst.st_mode) ? "a directory" : "a special file",
+                                       mountPath, std::strerror(errno)));
+      }
+      planted = 1;
+    }
     int fd = -1;
     const HeaderOpen opened =
         openHeaderLocked(name, mountPath, "remove shared memory store {}", "has", &fd);
     if (opened == HeaderOpen::absent) {
       // No header: only what writers that died while creating it left behind.
-      const size_t removed = unlinkDead(leftovers()) + unlinkLock();
+      const size_t removed = planted + unlinkDead(leftovers()) + unlinkLock();
       if (removed == 0) throw ShmException(fmt::format("no shared memory store at {}", mountPath));
       return removed;
     }
@@ -1095,7 +1109,7 @@ size_t ShmStore::remove(const std::string& mountPath) {
                                         ShmSegment::Access::readWrite);
     // The doorbell of a writer that was killed is left behind under the store's instance name
     // (a writer that exits removes its own).
-    size_t removed = 0;
+    size_t removed = planted;
     if (bytes >= sizeof(Header)) {
       const auto* h = reinterpret_cast<const Header*>(header.data());
       const std::string bell = shmBellPath(h->instance, h->nameKey);

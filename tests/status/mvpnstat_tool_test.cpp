@@ -16,6 +16,7 @@
 #include <sched.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -196,6 +197,11 @@ TEST_F(MvpnstatToolTest, ReportsUnknownDamagedAndForeignTablesAndBadUsage) {
   // Its writer is gone: a damaged table is removed like any other.
   mvpnstatExpect("remove " + path, 0);
   mvpnstatExpect("show " + path, 1);
+  // A FIFO planted at a table's name keeps its writer out until removed; nobody hangs on it.
+  ASSERT_EQ(::mkfifo(file.c_str(), 0600), 0);
+  mvpnstatExpect("show " + path, 1, {"is not a regular file"});
+  mvpnstatExpect("remove " + path, 0, {"(1 shared-memory file)"});
+  EXPECT_FALSE(std::filesystem::exists(file));
 
   // Bad counts are usage errors.
   const std::string watch = "watch " + MvpnVrfStatus::mountPath(Nevo::ipv4, bgp_);
