@@ -14,10 +14,16 @@
 
 namespace example {
 
+// A decimal number of 32 bits, all of `text` (no sign, no blanks).
 inline uint32_t number(const std::string& text) {
-  size_t used = 0;
-  const unsigned long v = std::stoul(text, &used);
-  if (used != text.size() || v > UINT32_MAX) throw Oro::ParseException("not a number: " + text);
+  Oro::CharRange in(text);
+  uint64_t v = 0;
+  try {
+    v = in.readUnsigned(UINT32_MAX);
+  } catch (const Oro::Exception&) {
+    throw Oro::ParseException("not a number: '" + text + "'");
+  }
+  if (!in.atEnd()) throw Oro::ParseException("not a number: '" + text + "'");
   return static_cast<uint32_t>(v);
 }
 
