@@ -94,13 +94,16 @@ int main(int argc, char** argv) {
             !(colon < comma && comma < eq)) {
           throw Oro::ParseException("shared|source:V:G,S=UMH expected: " + step);
         }
+        // Every part is read before anything is written: a bad one leaves no empty VRF behind.
+        const VrfId vrfId(number(step.substr(7, colon - 7)));
+        const auto group =
+            parsed<Nevo::IpGenAddr>(step.substr(colon + 1, comma - colon - 1), "an address");
+        const auto source =
+            parsed<Nevo::IpGenAddr>(step.substr(comma + 1, eq - comma - 1), "an address");
+        const auto umh = parsed<Nevo::IpGenPrefix>(step.substr(eq + 1), "a prefix");
         treeIs();
-        tree->vrfRouteStatusIs(VrfId(number(step.substr(7, colon - 7))))
-            ->mvpnSourceIs(
-                parsed<Nevo::IpGenAddr>(step.substr(colon + 1, comma - colon - 1), "an address"),
-                parsed<Nevo::IpGenAddr>(step.substr(comma + 1, eq - comma - 1), "an address"),
-                parsed<Nevo::IpGenPrefix>(step.substr(eq + 1), "a prefix"), step[1] == 'h',
-                MvpnSource::SourceFlags());
+        tree->vrfRouteStatusIs(vrfId)->mvpnSourceIs(group, source, umh, step[1] == 'h',
+                                                    MvpnSource::SourceFlags());
       } else if (step.rfind("nogroup:", 0) == 0) {
         const size_t colon = step.find(':', 8);
         if (colon == std::string::npos) throw Oro::ParseException("nogroup:V:G expected: " + step);
