@@ -30,7 +30,7 @@ namespace Routing::Multicast::DynaCode {
 // the list of cleared mappings waiting to be unmapped.
 class SeenArena {
  public:
-  static constexpr size_t kMapThreshold = 256 * 1024;
+  static constexpr size_t kMapThreshold = size_t{256} * 1024;
 
   SeenArena() = default;
   SeenArena(const SeenArena&) = delete;
@@ -122,7 +122,7 @@ template <class T, class Hash>
 class SeenSet {
  public:
   // Memory given back per releaseSome() call by default: about 20 us of unmapping.
-  static constexpr size_t kReleaseStep = 256 * 1024;
+  static constexpr size_t kReleaseStep = size_t{256} * 1024;
 
   SeenSet() : set_(0, Hash(), std::equal_to<T>(), SeenAllocator<T>(&arena_)) {}
   SeenSet(const SeenSet&) = delete;
