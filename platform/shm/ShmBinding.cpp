@@ -89,10 +89,23 @@ void ShmBinding::rebindAll(const std::vector<std::tuple<uint32_t, uint64_t, uint
 }
 
 void ShmBinding::attach(const ShmAttach& how) {
-  if (attached()) detach();
+  // The new store is opened before the present one is left, so that a refused mount changes
+  // nothing; only a writer mounting the store it writes again must leave it first (its lock).
+  if (how.role == ShmRole::detached ||
+      (role_ == ShmRole::writer && how.role == ShmRole::writer && how.mountPath == mountPath_)) {
+    detach();
+  }
   if (how.role == ShmRole::detached) return;
   if (how.role == ShmRole::writer) {
     ShmStore fresh = ShmStore::openWriter(how.mountPath, schema_, how.mode, how.ringCapacity);
+    if (attached()) {
+      try {
+        detach();
+      } catch (...) {
+        fresh.releaseOwnership();
+        throw;
+      }
+    }
     std::vector<std::tuple<uint32_t, uint64_t, uint64_t>> moves;
     try {
       fresh.copyFrom(store_, /*announce=*/true, [&](uint32_t c, uint64_t from, uint64_t to) {
@@ -116,6 +129,7 @@ void ShmBinding::attach(const ShmAttach& how) {
     return;
   }
   ShmStore fresh = ShmStore::openReader(how.mountPath, &schema_);
+  detach();
   // The records held so far are not the store's: the handles keep their keys (reported on
   // the first dispatch) and the proxies leave the store they were in.
   for (ShmHandleBase* h : top_) {

@@ -13,8 +13,10 @@
 // process memory.
 //
 // Failures: bad names, a live second writer, a store of another type, running out of shared
-// memory: ShmException, nothing changes. A damaged store met by a reader goes to the corruption
-// handler; the reader then looks for a store republished by its writer, with growing pauses.
+// memory: ShmException, nothing changes (the binding stays on the store it was on). A damaged
+// store met by a reader goes to the corruption handler; the reader then looks for a store
+// republished by its writer, with growing pauses. A store removed (its writer dead) is, for
+// its readers, a store that lost every key; they look for a new one the same way.
 //
 // Thread safety: one thread (the owner's scheduler thread).
 #pragma once

@@ -483,6 +483,22 @@ TEST_F(ShmReliabilityTest, ADamagedStoreIsRecreatedByItsWriterAndItsReadersRecov
   }
 }
 
+// A refused mount (a live writer there, a bad name, nothing to read) leaves the table on the
+// store it was on: its writes still reach that store's readers.
+TEST_F(ShmReliabilityTest, ARefusedMountLeavesTheTableWhereItWas) {
+  Attached w(ShmAttach{"r/here", ShmRole::writer});
+  Attached other(ShmAttach{"r/taken", ShmRole::writer});
+  w.insert(1, Rec::of(1));
+  EXPECT_THROW(w.attach(ShmAttach{"r/taken", ShmRole::writer}), Oro::ShmException);
+  EXPECT_THROW(w.attach(ShmAttach{"bad//path", ShmRole::writer}), Oro::ShmException);
+  EXPECT_THROW(w.attach(ShmAttach{"r/absent", ShmRole::reader}), Oro::ShmException);
+  EXPECT_EQ(w.role(), ShmRole::writer);
+  w.insert(2, Rec::of(2));
+  ViewReader r("r/here");
+  r.drain();
+  EXPECT_EQ(r.view.size(), 2u);
+}
+
 // A store removed after its writer died is gone for its readers too: each key they knew is
 // reported, none as damage, and they follow the store a writer creates at the path later.
 TEST_F(ShmReliabilityTest, AReaderOfARemovedStoreSeesItEmptyUntilAWriterCreatesItAgain) {
