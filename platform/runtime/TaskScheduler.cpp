@@ -152,6 +152,10 @@ TaskScheduler::~TaskScheduler() {
     t->next_ = t->prev_ = t->allNext_ = t->allPrev_ = nullptr;
     t = next;
   }
+  // So are the wait sources (a reader of a table that outlives its scheduler).
+  for (WaitSource* s : std::exchange(impl_->sources, {})) {
+    if (s) s->schedulerGone();
+  }
 }
 
 void TaskScheduler::taskCreated(Task* task) {

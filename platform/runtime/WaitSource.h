@@ -36,6 +36,9 @@ class WaitSource {
   virtual std::chrono::steady_clock::time_point wakeBy() const {
     return std::chrono::steady_clock::time_point::max();
   }
+  // The scheduler it is registered with is being destroyed (its timers with it): the source
+  // must not reach it any more.
+  virtual void schedulerGone() {}
 };
 
 }  // namespace Oro

@@ -226,6 +226,11 @@ class ShmBinding : private ShmReader::Sink {
     if (mergeStateHandler_) mergeStateHandler_(bits);
   }
   void readerFailed(const std::string& message, bool replaced) override;
+  // Dispatch by hand from now on; the pending retry went with the scheduler's timers.
+  void readerSchedulerGone() override {
+    scheduler_ = nullptr;
+    retryTimer_ = 0;
+  }
 
   void retryReader();
   void retryLater(bool atOnce);

@@ -66,6 +66,8 @@ class ShmReader : public WaitSource {
     virtual void deliverMergeState(uint32_t /*bits*/) {}
     // The store is damaged or was replaced: the reader delivers nothing more.
     virtual void readerFailed(const std::string& message, bool replaced) = 0;
+    // The reader's scheduler is being destroyed.
+    virtual void readerSchedulerGone() {}
   };
 
   ShmReader(Sink& sink, const ShmStore& store, TaskScheduler* scheduler);
@@ -78,6 +80,10 @@ class ShmReader : public WaitSource {
   void sleepBegin(std::vector<FutexWait>& words) override;
   void sleepEnd() override;
   std::chrono::steady_clock::time_point wakeBy() const override;
+  void schedulerGone() override {
+    scheduler_ = nullptr;
+    sink_.readerSchedulerGone();
+  }
 
   // A queue for keys to be delivered after those already queued (an owner that meets an
   // entity for the first time reports its members this way).

@@ -13,6 +13,7 @@
 #include <atomic>
 #include <fstream>
 #include <map>
+#include <memory>
 #include <random>
 #include <set>
 #include <thread>
@@ -495,6 +496,18 @@ TEST_F(ShmReliabilityTest, ARefusedMountLeavesTheTableWhereItWas) {
   EXPECT_EQ(w.role(), ShmRole::writer);
   w.insert(2, Rec::of(2));
   ViewReader r("r/here");
+  r.drain();
+  EXPECT_EQ(r.view.size(), 2u);
+}
+
+// A reader whose scheduler goes first is dispatched by hand from then on, and goes quietly.
+TEST_F(ShmReliabilityTest, AReaderMayOutliveItsScheduler) {
+  Attached w(ShmAttach{"r/outlive", ShmRole::writer});
+  w.insert(1, Rec::of(1));
+  auto sched = std::make_unique<Oro::TaskScheduler>();
+  ViewReader r("r/outlive", sched.get());
+  sched.reset();
+  w.insert(2, Rec::of(2));
   r.drain();
   EXPECT_EQ(r.view.size(), 2u);
 }
