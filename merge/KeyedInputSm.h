@@ -82,7 +82,10 @@ class KeyedInput : public InputSmBase {
         stream_(machine->desc().inputs[input].streams[0]),
         typeName_(machine->inputTypeName(name_)),
         synchronous_(machine->dynaControl().defaultSynchronous),
-        reactor_(Source::attr, [this](const Key& key) { handleReactor(key); }) {}
+        reactor_(Source::attr, [this](const Key& key) {
+          const auto held = machine_->hold();  // released last: the machine may go with it
+          handleReactor(key);
+        }) {}
 
   ~KeyedInput() override { reactor_.notifierIs(nullptr); }
 
@@ -110,8 +113,10 @@ class KeyedInput : public InputSmBase {
   uint64_t lastScanRunItems() const { return scan_.lastRunItems(); }
 
   void taskIs(Oro::TaskScheduler* scheduler, Oro::TaskPriority priority, std::string name) {
-    task_ = std::make_unique<Oro::Task>(scheduler, priority, std::move(name),
-                                        [this] { doInputScan(); });
+    task_ = std::make_unique<Oro::Task>(scheduler, priority, std::move(name), [this] {
+      const auto held = machine_->hold();
+      doInputScan();
+    });
   }
   void taskDel() { task_.reset(); }
   void doInitializeTask() {

@@ -28,6 +28,7 @@ MergeSm::~MergeSm() {
 
 void MergeSm::initializedIs(bool initialized) {
   if (initialized_ == initialized) return;
+  const auto held = hold();
   initialized_ = initialized;
   publish(initializedAttr);
   if (initialized_) handleInitialized();

@@ -155,6 +155,7 @@ class ChildSm : public Oro::Entity {
   // handle<Coll><n>Reactor: the notification entry.
   template <size_t k>
   void handleReactor(const KeyAt<k>& key) {
+    const auto held = parent_->machine()->hold();
     const bool outer = inReactor_;
     inReactor_ = true;
     handle<k>(key);
@@ -381,8 +382,10 @@ class NestedInputSm : public InputSmBase {
 
   template <size_t k>
   void taskIs(Oro::TaskScheduler* scheduler, Oro::TaskPriority priority, std::string name) {
-    stream<k>().task = std::make_unique<Oro::Task>(scheduler, priority, std::move(name),
-                                                   [this] { doInputScan<k>(); });
+    stream<k>().task = std::make_unique<Oro::Task>(scheduler, priority, std::move(name), [this] {
+      const auto held = machine_->hold();  // released last: the machine may go with it
+      doInputScan<k>();
+    });
   }
   template <size_t k>
   void taskDel() {
@@ -439,6 +442,7 @@ class NestedInputSm : public InputSmBase {
   // handle<Coll><n>Reactor: the notification entry.
   template <size_t k>
   void handleReactor(const OuterKey& key) {
+    const auto held = machine_->hold();
     handleOuter<k>(key, false);
     afterNotification<k>();
   }

@@ -108,10 +108,15 @@ class OutputReconciler : public OutputBase {
     if (Oro::TaskScheduler* scheduler = parent_->dynaControl().taskScheduler) {
       const std::string prefix = std::string(parent_->shortName()) + "-" + name_;
       task_ = std::make_unique<Oro::Task>(scheduler, parent_->dynaControl().taskPriority,
-                                          prefix + "Task", [this] { handleInputReady(); });
-      releaseTask_ =
-          std::make_unique<Oro::Task>(scheduler, parent_->dynaControl().taskPriority,
-                                      prefix + "SeenReleaseTask", [this] { releaseSeen(); });
+                                          prefix + "Task", [this] {
+                                            const auto held = parent_->hold();
+                                            handleInputReady();
+                                          });
+      releaseTask_ = std::make_unique<Oro::Task>(scheduler, parent_->dynaControl().taskPriority,
+                                                 prefix + "SeenReleaseTask", [this] {
+                                                   const auto held = parent_->hold();
+                                                   releaseSeen();
+                                                 });
     }
   }
 

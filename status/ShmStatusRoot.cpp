@@ -11,7 +11,7 @@ ShmRootBase::ShmRootBase(std::string name, Oro::ShmStoreSchema schema,
                Oro::ShmBinding::Callbacks{[this] { notifyMountStatus(); },
                                           [this](bool q) { notifyQuiesced(q); }}),
       control_(new TylKetab::CollectionControl()) {
-  binding_.ownerIs(this);
+  binding_.ownerIs(this, this);
   for (const Oro::ShmCollectionSchema& c : binding_.schema().collections) {
     counters_.push_back(std::make_unique<MutatorCounters>(c.name, name_));
   }

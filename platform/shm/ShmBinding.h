@@ -214,7 +214,11 @@ class ShmBinding : private ShmReader::Sink {
 
   // The object that owns the binding (the root entity), for its proxies.
   void* owner() const { return owner_; }
-  void ownerIs(void* owner) { owner_ = owner; }
+  // `counted`: the owner's reference count, which a reader's dispatch holds while it runs.
+  void ownerIs(void* owner, const RefCounted* counted = nullptr) {
+    owner_ = owner;
+    countedOwner_ = counted;
+  }
 
  private:
   // ShmReader::Sink.
@@ -226,6 +230,11 @@ class ShmBinding : private ShmReader::Sink {
     if (mergeStateHandler_) mergeStateHandler_(bits);
   }
   void readerFailed(const std::string& message, bool replaced) override;
+  // An owner being built or destroyed (no references) is not held.
+  Ptr<const RefCounted> dispatchHold() override {
+    return countedOwner_ && countedOwner_->refs() > 0 ? Ptr<const RefCounted>(countedOwner_)
+                                                      : nullptr;
+  }
   // Dispatch by hand from now on; the pending retry went with the scheduler's timers.
   void readerSchedulerGone() override {
     scheduler_ = nullptr;
@@ -258,6 +267,7 @@ class ShmBinding : private ShmReader::Sink {
   uint64_t retryTimer_ = 0;
   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
   void* owner_ = nullptr;
+  const RefCounted* countedOwner_ = nullptr;
 };
 
 inline uint32_t ShmHandleBase::firstSlot(uint32_t from, ShmStore::Record* rec) const {

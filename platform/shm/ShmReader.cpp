@@ -173,6 +173,8 @@ void ShmReader::fail(const std::string& message, bool replaced) {
 
 void ShmReader::dispatch() {
   if (failed_) return;
+  // Released last: the owner may go with it, and this reader with the owner.
+  const Ptr<const RefCounted> hold = sink_.dispatchHold();
   try {
     deliver();
   } catch (const ShmCorruptionException& e) {

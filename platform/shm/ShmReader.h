@@ -24,6 +24,7 @@
 
 #include <absl/container/flat_hash_set.h>
 
+#include "platform/runtime/Ptr.h"
 #include "platform/runtime/WaitSource.h"
 #include "platform/shm/ShmBell.h"
 #include "platform/shm/ShmStore.h"
@@ -68,6 +69,9 @@ class ShmReader : public WaitSource {
     virtual void readerFailed(const std::string& message, bool replaced) = 0;
     // The reader's scheduler is being destroyed.
     virtual void readerSchedulerGone() {}
+    // A reference that keeps the reader's owner (and so the reader) alive for one dispatch: a
+    // subscriber may let go of the owner's last reference from inside a notification.
+    virtual Ptr<const RefCounted> dispatchHold() { return nullptr; }
   };
 
   ShmReader(Sink& sink, const ShmStore& store, TaskScheduler* scheduler);

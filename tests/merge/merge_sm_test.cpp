@@ -440,6 +440,30 @@ TEST(VrfMergeReconciliation, SeenMemoryIsGivenBackAfterReadyOverSeveralRuns) {
   EXPECT_EQ(rig.mergedMap(), rig.expected());
 }
 
+// A subscriber of the output may let go of the machine's last reference inside a merge, during
+// the scans or in a later notification, in either mode: the machine ends that step, then goes.
+TEST(VrfMergeLifetime, TheLastReferenceMayGoFromInsideAMerge) {
+  for (bool synchronous : {false, true}) {
+    for (uint32_t dropAt : {3u, 8u}) {
+      SCOPED_TRACE(fmt::format("synchronous {} drop at {}", synchronous, dropAt));
+      Rig rig;
+      for (uint32_t v = 1; v <= 5; ++v) rig.put(static_cast<int>(v % 4), v);
+      Oro::KeyReactor<VrfId> drop(MvpnVrfStatus::mvpnVrfAttr, [&](const VrfId& k) {
+        if (k == VrfId(dropAt)) rig.sm = nullptr;
+      });
+      drop.notifierIs(rig.merged.get());
+      rig.start(synchronous);
+      rig.scheduler.runUntilIdle();
+      rig.put(0, 8);
+      rig.scheduler.runUntilIdle();
+      EXPECT_FALSE(rig.sm);
+      rig.put(1, 9);  // nobody merges any more
+      rig.scheduler.runUntilIdle();
+      EXPECT_FALSE(rig.merged->mvpnVrf(VrfId(9)));
+    }
+  }
+}
+
 }  // namespace vrfMerge
 
 namespace tunnelMerge {
@@ -854,6 +878,28 @@ TEST(TunnelMergeDeathTest, NullArgumentsIntoKeyMismatchAndAVrfLeavingWithAnUnsee
                  HasSubstr(std::string("We missed notifications that happened to ") +
                            (intfColl ? "encapIntfTunnel" : "encapTunnel") +
                            " before the enclosing entity got deleted"));
+  }
+}
+
+TEST(TunnelMergeLifetime, TheLastReferenceMayGoFromInsideAMerge) {
+  for (bool synchronous : {false, true}) {
+    for (uint32_t dropAt : {2u, 8u}) {
+      SCOPED_TRACE(fmt::format("synchronous {} drop at {}", synchronous, dropAt));
+      Rig rig;
+      for (uint32_t v = 1; v <= 4; ++v) rig.putRoute(kMvpn, v, 1, "m");
+      Oro::KeyReactor<VrfId> drop(MvpnTunnelEncapStatus::vrfStatusAttr, [&](const VrfId& k) {
+        if (k == VrfId(dropAt)) rig.sm = nullptr;
+      });
+      drop.notifierIs(rig.merged.get());
+      rig.start(synchronous);
+      rig.scheduler.runUntilIdle();
+      rig.putRoute(kStatic, 8, 1, "s");
+      rig.scheduler.runUntilIdle();
+      EXPECT_FALSE(rig.sm);
+      rig.putRoute(kMvpn, 9, 1, "m");
+      rig.scheduler.runUntilIdle();
+      EXPECT_FALSE(rig.merged->vrfStatus(VrfId(9)));
+    }
   }
 }
 

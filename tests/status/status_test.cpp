@@ -234,6 +234,26 @@ TEST_F(VrfStatusTest, CreationByFactoryAndDirectoryAndTheLastReferenceHandingThe
   { auto s = mvpnVrfStatusFactory("alone"); }
   EXPECT_FALSE(ownerListed("alone"));
 
+  // A subscriber letting go of a reader's last reference inside a notification: the dispatch
+  // ends first, then the root goes (to its control, when someone holds that).
+  auto w = shmtest::mounted(mvpnVrfStatusFactory("w"), {"test/handover", ShmRole::writer});
+  for (uint32_t v = 1; v <= 5; ++v) w->mvpnVrfIs(MvpnVrf(VrfId(v)));
+  for (const bool holdControl : {true, false}) {
+    Oro::TaskScheduler sched;
+    auto r = mvpnVrfStatusFactory("released");
+    Oro::Ptr<TylKetab::CollectionControl> held = holdControl ? r->mvpnVrfControl() : nullptr;
+    int heard = 0;
+    Oro::KeyReactor<VrfId> reactor(MvpnVrfStatus::mvpnVrfAttr, [&](const VrfId&) {
+      if (++heard == 2) r = nullptr;
+    });
+    reactor.notifierIs(r.get());
+    r->mount(ShmAttach{"test/handover", ShmRole::reader, &sched});
+    sched.runUntilIdle();
+    EXPECT_EQ(heard, 5) << holdControl;
+    EXPECT_EQ(held && held->entity(), holdControl);
+    if (held) held->entityIs(nullptr);
+  }
+
   // Creation by the factory and by the entity directory.
   auto& dir = Oro::EntityDirectory::global();
   Oro::Ptr<Oro::Entity> e = dir.create("Routing::Multicast::MvpnVrfStatus", {"evpn"});
