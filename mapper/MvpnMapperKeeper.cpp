@@ -64,13 +64,15 @@ template <class Key, class Coll>
 void tunnelKeysDel(MvpnMapper& m, const KeyFamily<Key, Coll>& f, TunnelId tunnelId) {
   const Oro::Ptr<Coll> coll = (m.*f.coll)(tunnelId);
   if (!coll) return;
-  // Removals are announced; a copy keeps the walk safe from what subscribers do.
+  // Removals are announced; a copy keeps the walk safe from what subscribers do. A subscriber
+  // may map another key to this tunnel through the keeper meanwhile: that key stays, in the
+  // collection, which then stays too (a key maps to the tunnel exactly when it holds it).
   const std::vector<Key> keys(coll->keyColl().begin(), coll->keyColl().end());
   for (const Key& key : keys) {
     if ((m.*f.get)(key) == tunnelId) (m.*f.del)(key);
   }
-  coll->keyCollDelAll();
-  (m.*f.collDel)(tunnelId);
+  for (const Key& key : keys) coll->keyCollDel(key);
+  if (coll->keyCollEmpty() && (m.*f.coll)(tunnelId) == coll) (m.*f.collDel)(tunnelId);
 }
 
 }  // namespace

@@ -13,7 +13,9 @@
 // reader instance, whose scheduler then calls the collection's Notify for the key.
 //
 // Ownership: when the last outside reference goes, the zero-references notifiee hands the
-// root to its collection-control object, which then keeps it alive.
+// root to its collection-control object, which keeps it alive as long as someone holds the
+// control; when nobody does, the root goes at once. A reader's dispatch holds the root while
+// it runs, so a subscriber may let go of the last reference from inside a notification.
 //
 // Corruption: a damaged store met while writing, committing or removing is handed to the
 // corruption handler, then the process stops (fatal assertion); met while walking (DelAll,

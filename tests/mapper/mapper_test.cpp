@@ -404,6 +404,27 @@ TEST(KeeperAudit, RandomEventSequencesKeepTheAuditClean) {
   }
 }
 
+// An agent that maps a route to a tunnel from a mapper notification while that tunnel goes:
+// the route stays mapped, and in the tunnel's collection.
+TEST(KeeperAudit, ARouteMappedWhileItsTunnelGoesKeepsItsCollection) {
+  auto mapper = newMapper();
+  MvpnMapperKeeper keeper(mapper);
+  const TunnelId t(30);
+  keeper.routeIs(routeKey(1), t);
+  Oro::KeyReactor<MvpnVrfRouteKey> agent(
+      MvpnMapper::routeKeyToTunnelIdAttr, [&](const MvpnVrfRouteKey& k) {
+        if (k == routeKey(1) && mapper->routeKeyToTunnelId(k) == TunnelId()) {
+          keeper.routeIs(routeKey(2), t);
+        }
+      });
+  agent.notifierIs(mapper.get());
+  keeper.tunnelDel(t);
+  EXPECT_TRUE(auditMvpnMapper(*mapper).clean()) << issuesText(auditMvpnMapper(*mapper));
+  EXPECT_EQ(mapper->routeKeyToTunnelId(routeKey(2)), t);
+  ASSERT_TRUE(mapper->tunnelIdToRouteKeys(t));
+  EXPECT_TRUE(mapper->tunnelIdToRouteKeys(t)->keyCollHas(routeKey(2)));
+}
+
 const TunnelId kStranger(77);  // a tunnel the random events never use
 
 // A mistake made by hand on a mapper the keeper has kept so far, and the issues it must raise
