@@ -658,6 +658,7 @@ class ShmEntities : public ShmHandleBase {
         unlist(*gone);
         gone->shmDepart();
       }
+      marks_.erase(key);  // told: a later resynchronisation has nothing to report of it
       // The writer may have created the key again since the look above; subscribers of
       // this change must still find it absent (the creation is a change of its own).
       tellAbsent(key);

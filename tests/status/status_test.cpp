@@ -664,6 +664,41 @@ TEST_F(RouteStatusDeathTest, CorruptionDuringANestedWriteIsFatalAfterTheHandlerD
       "handler saw: .*parent entity is gone(.|\n)*write of sourceTree met a corrupt shared memory");
 }
 
+// A tree removed with its dead writer: its reader is told once that each VRF went, and then
+// follows the tree a new writer builds at the path.
+TEST_F(RouteStatusTest, AReaderOfARemovedTreeHearsEachVrfGoOnceAndFollowsTheNextTree) {
+  {
+    auto w = shmtest::mounted(mvpnRouteStatusFactory("w"), {"t/removed", ShmRole::writer});
+    for (uint32_t v : {7u, 8u}) {
+      w->vrfRouteStatusIs(VrfId(v))->mvpnSourceIs(v4(0xef000001), v4(0x0a000001), prefix(0, 0),
+                                                  true, Flags());
+    }
+    w->unmount();
+  }
+  Oro::TaskScheduler sched;
+  auto r = shmtest::mounted(mvpnRouteStatusFactory("r"), {"t/removed", ShmRole::reader, &sched});
+  shmtest::KeyLog<VrfId> vrfs(r.get(), MvpnRouteStatus::vrfRouteStatusAttr);
+  sched.runUntilIdle();
+  ASSERT_EQ(vrfs.keys.size(), 2u);
+  EXPECT_GE(Oro::ShmStore::remove("t/removed"), 1u);
+  const auto heard = [&](size_t n) {
+    return sched.runUntil([&] { return vrfs.keys.size() >= n; },
+                          Oro::TaskScheduler::Clock::now() + 20s);
+  };
+  ASSERT_TRUE(heard(4));
+  EXPECT_EQ(r->vrfRouteStatusSize(), 0u);
+  auto w = shmtest::mounted(mvpnRouteStatusFactory("w"), {"t/removed", ShmRole::writer});
+  w->vrfRouteStatusIs(VrfId(9));
+  ASSERT_TRUE(heard(5));
+  sched.runUntilIdle();
+  // Present, gone, each once; then the new tree's VRF.
+  ASSERT_EQ(vrfs.keys.size(), 5u);
+  EXPECT_EQ(std::count(vrfs.keys.begin(), vrfs.keys.end(), VrfId(7)), 2);
+  EXPECT_EQ(std::count(vrfs.keys.begin(), vrfs.keys.end(), VrfId(8)), 2);
+  EXPECT_EQ(vrfs.keys.back(), VrfId(9));
+  EXPECT_TRUE(r->vrfRouteStatus(VrfId(9)));
+}
+
 TEST_F(RouteStatusTest, CountingThatMeetsDamageReportsItAndRaisesNothing) {
   auto root = shmtest::mounted(mvpnRouteStatusFactory("bgp"), {"t/counting", ShmRole::writer});
   std::vector<std::string> reports;
