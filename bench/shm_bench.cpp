@@ -304,8 +304,7 @@ void BM_TableNotificationLatency(benchmark::State& state) {
                   if (k == expect && back->find(k)) sched.stop();
                 }});
     back = &reader;
-    for (int attempt = 0;
-         attempt < 1000 && !Oro::ShmSegment::exists(Oro::shmStoreName("bench/pong")); ++attempt) {
+    for (int attempt = 0; attempt < 1000 && !Oro::shmStoreExists("bench/pong"); ++attempt) {
       ::usleep(1000);
     }
     reader.attach(Oro::ShmAttach{"bench/pong", Oro::ShmRole::reader, &sched});

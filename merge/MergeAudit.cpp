@@ -32,7 +32,7 @@ struct Attached {
   Attached(Oro::Ptr<Root> (*factory)(const std::string&), const std::string& path,
            bool absentIsEmpty = false)
       : root(factory(path)) {
-    if (absentIsEmpty && !Oro::ShmSegment::exists(Oro::shmStoreName(path))) return;
+    if (absentIsEmpty && !Oro::shmStoreExists(path)) return;
     root->mount(Oro::ShmAttach{path, Oro::ShmRole::reader, nullptr});
     mounted = true;
   }
@@ -55,21 +55,31 @@ std::vector<std::unique_ptr<Attached<Root>>> openInputs(
     throw Oro::Exception(fmt::format("the merge record names {} inputs, {} has {}",
                                      m.desc.inputs.size(), d.shortName, d.inputs.size()));
   }
+  if (const std::string self = mergeRecordSelfInput(m, mergedPath); !self.empty()) {
+    // The audit would otherwise judge the merged status by itself.
+    throw Oro::ShmCorruptionException(
+        fmt::format("the merge record names the merged status itself as its input {}", self));
+  }
   std::vector<std::unique_ptr<Attached<Root>>> in;
   for (const Oro::ShmMergeInput& i : m.desc.inputs) {
     if (i.path.empty()) {
       throw Oro::Exception(fmt::format("input {} of the merger is not in shared memory", i.name));
     }
-    // No merger runs so (its machine refuses it at start): the record is damaged or forged,
-    // and the audit would otherwise judge the merged status by itself.
-    if (i.path == mergedPath) {
-      throw Oro::ShmCorruptionException(
-          fmt::format("the merge record names the merged status itself as its input {}", i.name));
-    }
     in.push_back(std::make_unique<Attached<Root>>(factory, i.path, /*absentIsEmpty=*/true));
   }
   return in;
 }
+
+}  // namespace
+
+std::string mergeRecordSelfInput(const Oro::ShmMergeState& m, const std::string& mergedPath) {
+  for (const Oro::ShmMergeInput& i : m.desc.inputs) {
+    if (i.path == mergedPath) return i.name;
+  }
+  return {};
+}
+
+namespace {
 
 template <class T>
 std::optional<std::string> textOf(const std::optional<T>& v) {

@@ -69,4 +69,8 @@ class MergeAudit {
 // The audit of the machine type, or null.
 const MergeAudit* mergeAuditFor(std::string_view machineType);
 
+// The input of a merge record whose path is the merged status's own, empty when none. No
+// merger runs so (its machine refuses it at start): such a record is damaged or forged.
+std::string mergeRecordSelfInput(const Oro::ShmMergeState& m, const std::string& mergedPath);
+
 }  // namespace Routing::Multicast

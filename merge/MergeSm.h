@@ -40,12 +40,9 @@ class MergeSm : public Oro::Entity {
   static constexpr Oro::AttrId initialScanDoneAttr = 1;
   static constexpr Oro::AttrId readyAttr = 2;
   static constexpr Oro::AttrId idleAttr = 3;
-  // A reference that keeps the machine alive while one of its entry points (a task, a
-  // notification, initializedIs) runs: a subscriber of the output may let go of the machine's
-  // last reference from inside a merge. Null while the machine is built or destroyed.
-  Oro::Ptr<const MergeSm> hold() const {
-    return refs() > 0 ? Oro::Ptr<const MergeSm>(this) : nullptr;
-  }
+  // Held by each entry point (a task, a notification, initializedIs) while it runs: a
+  // subscriber of the output may let go of the machine's last reference from inside a merge.
+  Oro::Ptr<const MergeSm> hold() const { return Oro::keepAlive(this); }
 
   ~MergeSm() override;
 

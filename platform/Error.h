@@ -92,6 +92,12 @@ class ShmException : public Exception {
   using Exception::Exception;
 };
 
+// The store's header was retired: a writer replaced the store, or a remover is taking it apart.
+class ShmReplacedException : public ShmException {
+ public:
+  using ShmException::ShmException;
+};
+
 // A shared-memory segment exists but this process may not open it (file permissions).
 class ShmPermissionException : public ShmException {
  public:

@@ -1,5 +1,7 @@
 #include "tools/Audit.h"
 
+#include <set>
+#include <string>
 #include <vector>
 
 #include <fmt/format.h>
@@ -20,9 +22,6 @@ using Routing::Multicast::Explanation;
 using Routing::Multicast::MergeAudit;
 
 namespace {
-
-// An input of a merged status with no table at its path.
-constexpr const char* kNoTable = "no status table (an input read as empty)";
 
 std::string orAbsent(const std::optional<std::string>& s) {
   return s ? displayText(*s) : std::string("absent");
@@ -94,24 +93,26 @@ void printNoTables() {
 
 bool check(const std::optional<std::string>& path, bool json) {
   std::vector<Oro::ShmStoreInfo> tables;
+  std::set<std::string> absent;  // inputs with no table at their path
   if (path) {
     // The merged status and, for its integrity, every input it names.
     tables.push_back(Oro::shmStoreInfo(*path));
     if (tables[0].merge) {
+      if (const std::string self =
+              Routing::Multicast::mergeRecordSelfInput(*tables[0].merge, *path);
+          !self.empty()) {
+        tables[0].problem = fmt::format("its merge record names it as its own input {}", self);
+        tables[0].damaged = true;
+      }
       for (const Oro::ShmMergeInput& in : tables[0].merge->desc.inputs) {
-        if (in.path.empty()) continue;
-        if (in.path == *path) {
-          // No merger runs so: the record is damaged or forged.
-          tables[0].problem = fmt::format("its merge record names it as its own input {}", in.name);
-          tables[0].damaged = true;
-          continue;
-        }
-        if (!Oro::ShmSegment::exists(Oro::shmStoreName(in.path))) {
+        if (in.path.empty() || in.path == *path) continue;
+        if (!Oro::shmStoreExists(in.path)) {
           // Removed with its dead writer: the merger reads it as empty, and so does the audit.
           Oro::ShmStoreInfo gone;
           gone.mountPath = in.path;
-          gone.problem = kNoTable;
+          gone.problem = "no status table (an input read as empty)";
           tables.push_back(std::move(gone));
+          absent.insert(in.path);
           continue;
         }
         try {
@@ -134,8 +135,8 @@ bool check(const std::optional<std::string>& path, bool json) {
     std::string line;
     std::string detail;
     std::string jsonMerge = "null";
-    if (t.problem == kNoTable) {
-      line = kNoTable;
+    if (absent.contains(t.mountPath)) {
+      line = t.problem;  // not a failure
     } else if (!t.problem.empty()) {
       ok = false;
       line = fmt::format("{}: {}", t.damaged ? "DAMAGED" : "unreadable", displayText(t.problem));

@@ -45,6 +45,17 @@ std::string jsonHead(const std::string& path, std::string_view type) {
                      m ? fmt::format("\"merger\": {}, ", mergerJson(*m)) : std::string());
 }
 
+}  // namespace
+
+void printDamagedDocument(FILE* out, const std::string& path, std::string_view type,
+                          std::string_view damage) {
+  fmt::print(out, "{{\"path\": {}, {}\"damaged\": {}}}\n", jsonQuote(path),
+             type.empty() ? std::string() : fmt::format("\"type\": {}, ", jsonQuote(type)),
+             jsonQuote(damage));
+}
+
+namespace {
+
 // A reader instance of Root attached to the table at `path`; unmounted when it goes. A root's
 // dump and walks end quietly once they have reported damage to its corruption handler: the
 // first report is kept here, and the command fails with it once it has printed what it read.
@@ -64,10 +75,8 @@ struct ReaderRoot {
     try {
       root->mount(Oro::ShmAttach{path, Oro::ShmRole::reader, scheduler});
     } catch (const Oro::ShmCorruptionException& e) {
-      if (json) {
-        fmt::print(json, "{{\"path\": {}, \"type\": {}, \"damaged\": {}}}\n", jsonQuote(path),
-                   jsonQuote(root->typeName()), jsonQuote(damage.empty() ? e.what() : damage));
-      }
+      if (json)
+        printDamagedDocument(json, path, root->typeName(), damage.empty() ? e.what() : damage);
       throw;
     }
   }

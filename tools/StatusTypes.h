@@ -30,6 +30,11 @@ const StatusType* statusTypeOf(std::string_view rootType);
 // first damage met, "" when there is none (or when mvpnstat does not know the table's type).
 std::string recordDamage(const std::string& rootType, const std::string& path);
 
+// The whole JSON document of a show whose table was found damaged before anything was read:
+// its path, its type when known (not empty), and the damage.
+void printDamagedDocument(FILE* out, const std::string& path, std::string_view type,
+                          std::string_view damage);
+
 // Stops a running watch (async-signal-safe).
 void watchStop();
 

@@ -162,14 +162,12 @@ const StatusType& resolve(const std::string& path, bool jsonDamage) {
   try {
     info = Oro::shmStoreInfo(path);
   } catch (const Oro::ShmCorruptionException& e) {
-    if (jsonDamage) {
-      fmt::print("{{\"path\": {}, \"damaged\": {}}}\n", jsonQuote(path), jsonQuote(e.what()));
-    }
+    if (jsonDamage) Mvpnstat::printDamagedDocument(stdout, path, "", e.what());
     throw Failure{1, fmt::format("the store at {} is damaged: {}", path, e.what())};
   } catch (const Oro::ShmPermissionException& e) {
     throw Failure{1, e.what()};
   } catch (const Oro::ShmException& e) {
-    if (Oro::ShmSegment::exists(Oro::shmStoreName(path))) throw Failure{1, e.what()};
+    if (Oro::shmStoreExists(path)) throw Failure{1, e.what()};
     throw Failure{1, fmt::format("no status table at {} (shared-memory namespace '{}')", path,
                                  Oro::shmNamespace())};
   }
@@ -289,7 +287,7 @@ int run(int argc, char** argv) {
     } catch (const Oro::ShmCorruptionException& e) {
       throw Failure{1, fmt::format("the table at {} is damaged: {}", a.path, e.what())};
     } catch (const Oro::ShmException& e) {
-      if (!Oro::ShmSegment::exists(Oro::shmStoreName(a.path))) {
+      if (!Oro::shmStoreExists(a.path)) {
         throw Failure{1, fmt::format("no status table at {} (shared-memory namespace '{}')", a.path,
                                      Oro::shmNamespace())};
       }

@@ -92,4 +92,12 @@ Ptr<T> makePtr(Args&&... args) {
   return Ptr<T>(new T(std::forward<Args>(args)...));
 }
 
+// A reference that keeps `p` alive for the caller's scope: an object's own entry point holds
+// itself, so that a callback letting go of its last reference leaves it until the entry point
+// returns. Null for an object without references (being built or destroyed).
+template <class T>
+Ptr<const T> keepAlive(const T* p) {
+  return p && p->refs() > 0 ? Ptr<const T>(p) : nullptr;
+}
+
 }  // namespace Oro

@@ -1,7 +1,6 @@
 #include "platform/shm/ShmBinding.h"
 
 #include <algorithm>
-#include <string_view>
 #include <tuple>
 #include <utility>
 
@@ -257,14 +256,13 @@ void ShmBinding::retryReader() {
   } catch (const ShmCorruptionException& e) {
     readerFailed(e.what(), /*replaced=*/false);
     return;
+  } catch (const ShmReplacedException&) {
+    // A header retired and not yet unlinked (a removal under way) is not damage.
+    retryLater(false);
+    return;
   } catch (const ShmException& e) {
-    if (ShmSegment::exists(shmStoreName(mountPath_))) {
-      // A header retired and not yet unlinked (a removal under way) is not damage either.
-      if (std::string_view(e.what()).find("was replaced") != std::string_view::npos) {
-        retryLater(false);
-      } else {
-        readerFailed(e.what(), /*replaced=*/false);
-      }
+    if (shmStoreExists(mountPath_)) {
+      readerFailed(e.what(), /*replaced=*/false);
       return;
     }
     // The store was removed (its writer dead, see ShmStore::remove): nothing is at the path.

@@ -230,11 +230,7 @@ class ShmBinding : private ShmReader::Sink {
     if (mergeStateHandler_) mergeStateHandler_(bits);
   }
   void readerFailed(const std::string& message, bool replaced) override;
-  // An owner being built or destroyed (no references) is not held.
-  Ptr<const RefCounted> dispatchHold() override {
-    return countedOwner_ && countedOwner_->refs() > 0 ? Ptr<const RefCounted>(countedOwner_)
-                                                      : nullptr;
-  }
+  Ptr<const RefCounted> dispatchHold() override { return keepAlive(countedOwner_); }
   // Dispatch by hand from now on; the pending retry went with the scheduler's timers.
   void readerSchedulerGone() override {
     scheduler_ = nullptr;

@@ -123,4 +123,9 @@ class ShmSegment {
   std::string name_;
 };
 
+// Whether a store's header segment exists at `mountPath` (whatever state it is in).
+inline bool shmStoreExists(std::string_view mountPath) {
+  return ShmSegment::exists(shmStoreName(mountPath));
+}
+
 }  // namespace Oro

@@ -740,7 +740,7 @@ void ShmStore::attach(ShmSegment seg, const ShmStoreSchema* schema, bool writabl
   if (bytes < sizeof(Header)) corrupt(fmt::format("header segment holds {} bytes", bytes));
   const uint64_t magic = h->magic.load(std::memory_order_acquire);
   if (magic == kRetiredMagic)
-    throw ShmException(fmt::format("shared memory store {} was replaced", mountPath_));
+    throw ShmReplacedException(fmt::format("shared memory store {} was replaced", mountPath_));
   if (magic != kMagic) corrupt("bad magic number in the header");
   if (h->layoutVersion != kLayoutVersion) {
     throw ShmException(fmt::format(
@@ -843,11 +843,9 @@ ShmStore ShmStore::openReader(const std::string& mountPath, const ShmStoreSchema
     try {
       s.attach(std::move(seg), schema, /*writable=*/false);
       return s;
-    } catch (const ShmException& e) {
+    } catch (const ShmReplacedException&) {
       // A writer replaced the store between our open and our read: open the new one.
-      if (attempt < kOpenAttempts &&
-          std::string_view(e.what()).find("was replaced") != std::string_view::npos)
-        continue;
+      if (attempt < kOpenAttempts) continue;
       throw;
     }
   }

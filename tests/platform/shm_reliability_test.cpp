@@ -275,7 +275,7 @@ TEST_F(ShmReliabilityTest, ReadersNeedNoWriteAccessAndCannotSilenceOthers) {
       },
       testing::ThrowsMessage<Oro::ShmException>(
           testing::HasSubstr("a change log of 2147483648 entries")));
-  EXPECT_FALSE(Oro::ShmSegment::exists(Oro::shmStoreName("r/mode")));
+  EXPECT_FALSE(Oro::shmStoreExists("r/mode"));
 }
 
 // The doorbell's registration word, driven step by step through the interleaving that once
