@@ -1,6 +1,7 @@
 #include "tools/StatusTypes.h"
 
 #include <atomic>
+#include <chrono>
 #include <map>
 #include <memory>
 #include <unordered_set>
@@ -15,6 +16,7 @@
 #include "status/MvpnIntfStatus.h"
 #include "status/MvpnRouteStatus.h"
 #include "status/MvpnVrfStatus.h"
+#include "tools/HangupWatch.h"
 #include "tools/MergerView.h"
 #include "tools/SafeText.h"
 
@@ -196,22 +198,55 @@ struct Watch {
                             jsonQuote(keys), jsonQuote(what))
               : fmt::format("{}: {}", displayText(keys), displayText(what)));
   }
-  // Reports the transitions of a merged status's merger ("merger: ready") as changes.
+  // Reports the transitions of a merged status's merger ("merger: ready") as changes,
+  // including its end: a merger killed between two writes changes nothing in its store, so
+  // its doorbell connection's hang-up tells instead.
   void followMerger(Oro::ShmBinding& b) {
-    auto state = [&b] {
-      return Oro::shmReadMergeState(*b.store().header(), b.store().writerAlive());
-    };
-    if (const auto m = state()) lastMergerPhase = m->phase();
-    b.mergeStateHandlerIs([this, state](uint32_t) {
-      const auto m = state();
-      if (!m || m->phase() == lastMergerPhase) return;
-      lastMergerPhase = m->phase();
-      line(json ? fmt::format("{{\"merger\": {}, \"progress\": {}}}", jsonQuote(m->phase()),
-                              jsonQuote(m->phaseText()))
-                : fmt::format("merger: {}", m->phaseText()));
+    binding = &b;
+    if (const auto m = mergerState()) lastMergerPhase = m->phase();
+    b.mergeStateHandlerIs([this](uint32_t) {
+      reportMerger();
+      followWriter();
     });
+    followWriter();
   }
+  std::optional<Oro::ShmMergeState> mergerState() const {
+    return Oro::shmReadMergeState(*binding->store().header(), binding->store().writerAlive());
+  }
+  void reportMerger() {
+    const auto m = mergerState();
+    if (!m || m->phase() == lastMergerPhase) return;
+    lastMergerPhase = m->phase();
+    line(json ? fmt::format("{{\"merger\": {}, \"progress\": {}}}", jsonQuote(m->phase()),
+                            jsonQuote(m->phaseText()))
+              : fmt::format("merger: {}", m->phaseText()));
+  }
+  // Listens for the hang-up of the merger writing the store now (none for a status no
+  // merger writes).
+  void followWriter() {
+    if (!mergerState() || !binding->store().writerAlive()) return;
+    std::string bell = binding->store().bellPath();
+    if (hangups && !hungUp && bell == followed) return;
+    if (!hangups) hangups = std::make_unique<HangupWatch>(scheduler, [this] { afterHangup(0); });
+    hangups->follow(bell);
+    followed = std::move(bell);
+    hungUp = false;
+  }
+  // The writer hung up; its process may hold its lock on the store a moment longer while it
+  // ends, so a merger still seen alive is looked at again shortly (for a second at most).
+  void afterHangup(int attempt) {
+    hungUp = true;
+    reportMerger();
+    if (attempt < 50 && binding->store().writerAlive()) {
+      scheduler.timerIs(std::chrono::milliseconds(20),
+                        [this, attempt] { afterHangup(attempt + 1); });
+    }
+  }
+  Oro::ShmBinding* binding = nullptr;
   std::string lastMergerPhase;
+  std::unique_ptr<HangupWatch> hangups;  // declared after the scheduler it posts to
+  std::string followed;                  // the doorbell it follows
+  bool hungUp = false;                   // and whether that one hung up since
 
   uint64_t run() {
     gWatching.store(&scheduler);

@@ -21,6 +21,7 @@
 
 #include <fmt/format.h>
 
+#include "common/mvpnstat_run.h"
 #include "merge/MergeTestRig.h"
 #include "merge/MvpnVrfStatusMergeSm.h"
 #include "merge/WriterProcesses.h"
@@ -333,14 +334,30 @@ TEST_F(TunnelMergeProcessTest, MergedStatusFollowsThreeWriterProcesses) {
   ASSERT_TRUE(settle()) << ::testing::PrintToString(contents(*merged));
   EXPECT_EQ(data(1, 1), "s1");
   EXPECT_EQ(contents(*merged).intfs.at({2, 1}), "s21");
+
+  // An operator's watch hears of the merger's death (nothing changes in the store then) and
+  // of its successor's progress. Its first lines are the records present when it attaches.
+  shmtest::Child watch({MVPNSTAT_PATH, "--namespace", Oro::shmNamespace(), "watch",
+                        MvpnTunnelEncapStatus::mountPath("merged")});
+  ASSERT_FALSE(watch.line().empty());
+  std::string watched;
+  const auto waitFor = [&](const std::string& want) {
+    for (std::string l = watch.line(); !l.empty(); l = watch.line()) {
+      watched += l + "\n";
+      if (l == want) return true;
+    }
+    return false;
+  };
   for (int phase = 1; phase < kPhases; ++phase) {
     SCOPED_TRACE(phase);
     if (phase == kMergerDown) {
       ASSERT_EQ(::kill(merger, SIGKILL), 0);
       EXPECT_EQ(shmtest::waitChild(merger), 128 + SIGKILL);
+      EXPECT_TRUE(waitFor("merger: not running")) << watched;
       runPhase(phase);
       merger = startMerger();
       runPhase(++phase);  // while the new merger scans and reconciles
+      EXPECT_TRUE(waitFor("merger: ready")) << watched;
     } else {
       if (phase == kStaticTakeOver) writers.restart(kStatic);
       runPhase(phase);
