@@ -113,6 +113,12 @@ P mounted(P status, const Oro::ShmAttach& attach) {
   return status;
 }
 
+// Delivers every change a reader (a table, or a status's binding) has pending.
+template <class T>
+void drain(T& t) {
+  while (t.reader()->hasPending()) t.reader()->dispatch();
+}
+
 // A one-byte signal between processes over a pipe.
 struct Pipe {
   int fd[2] = {-1, -1};

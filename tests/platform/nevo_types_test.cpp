@@ -7,8 +7,8 @@
 #include <string>
 #include <type_traits>
 #include <unordered_set>
-#include <vector>
 
+#include "common/wire_bytes.h"
 #include "platform/CharRange.h"
 #include "platform/Error.h"
 #include "platform/Hash.h"
@@ -202,17 +202,9 @@ TEST(Hash, MixesAllBitsAndSeedAndSipHashMatchesItsReference) {
   EXPECT_EQ(Oro::sipHash24(k0, k1, {}), 0x726fdb47dd0e0e31ull);
 }
 
-using Bytes = std::vector<uint8_t>;
-
-Bytes bytesOf(const Oro::PbWriteBuffer& w) {
-  return Bytes(w.data(), w.data() + w.size());
-}
-
-template <class F>
-void expectReadError(F&& f) {
-  EXPECT_THAT(f, ::testing::ThrowsMessage<Oro::ProtobufReadException>(
-                     ::testing::StrEq("Unexpected error when reading Protobuf bytes")));
-}
+using wiretest::Bytes;
+using wiretest::bytesOf;
+using wiretest::expectReadError;
 
 // Writes Outer{name, key, inner{counter}, client} in field-number order, as protobuf does.
 void writeOuter(Oro::PbWriteBuffer& w, const std::string& name, uint32_t key, uint64_t counter,

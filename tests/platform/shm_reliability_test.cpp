@@ -42,11 +42,6 @@ struct Attached : Table {
   explicit Attached(const ShmAttach& a) : Table("test::Rec", "recs", {}) { attach(a); }
 };
 
-// Delivers every change a reader has pending.
-void drain(Table& t) {
-  while (t.reader()->hasPending()) t.reader()->dispatch();
-}
-
 // A reader's view built from its notifications: each key it is told of is looked up.
 struct ViewReader {
   std::map<uint32_t, Rec> view;
@@ -61,7 +56,7 @@ struct ViewReader {
               }}) {
     table.attach(ShmAttach{path, ShmRole::reader, sched});
   }
-  void drain() { ::drain(table); }
+  void drain() { shmtest::drain(table); }
   std::map<uint32_t, Rec> truth() const {
     std::map<uint32_t, Rec> out;
     for (auto it = table.begin(); it.valid(); it.next()) out[it.key()] = it.value();

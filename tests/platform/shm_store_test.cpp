@@ -38,10 +38,6 @@ using Table = Oro::ShmTable<uint32_t, Rec>;
 
 class ShmStoreTest : public ShmTest {};
 
-void drain(Table& t) {
-  while (t.reader()->hasPending()) t.reader()->dispatch();
-}
-
 TEST_F(ShmStoreTest, NamesAreValidatedAndADetachedTableInsertsReplacesRemovesAndResumesWalks) {
   for (const char* bad : {"", "/a", "a/", "a//b", "a/b c", "a/b.c", "a/b@c", "../x"}) {
     EXPECT_THROW(Oro::shmStoreName(bad), Oro::ShmException) << bad;

@@ -17,6 +17,7 @@
 
 #include "common/notice_log.h"
 #include "common/shm_test_util.h"
+#include "common/wire_bytes.h"
 #include "platform/Error.h"
 #include "platform/Toggle.h"
 #include "platform/Trace.h"
@@ -172,7 +173,7 @@ TEST_F(VrfStatusTest, ControlCarriesMountStatusAndQuiesced) {
   std::vector<Oro::AttrId> rcChanges;
   Oro::AttrReactor onControl([&](Oro::AttrId a) { rcChanges.push_back(a); });
   onControl.notifierIs(rc.get());
-  while (r->binding().reader()->hasPending()) r->binding().reader()->dispatch();
+  shmtest::drain(r->binding());
   EXPECT_EQ(rc->mountStatus(), TylKetab::MountStatus::mounted);
   EXPECT_TRUE(rc->quiesced());
   EXPECT_EQ(rcChanges, (std::vector<Oro::AttrId>{TylKetab::CollectionControl::mountStatusAttr,
@@ -363,15 +364,10 @@ TEST_F(VrfStatusTest, ReaderInAnotherProcessPublishesTheWritersKeys) {
   EXPECT_GE(r->notifyCounter().value(), seen.size());
 }
 
-using Bytes = std::vector<uint8_t>;
 using ::testing::Property;
-using ::testing::StrEq;
 using ::testing::Throws;
-using ::testing::ThrowsMessage;
-
-Bytes bytesOf(const Oro::PbWriteBuffer& b) {
-  return Bytes(b.data(), b.data() + b.size());
-}
+using wiretest::Bytes;
+using wiretest::bytesOf;
 
 // Parses a value form as a record of type R; a range error must name `attribute`.
 template <class R>
@@ -383,11 +379,11 @@ void expectBadAttribute(const char* text, const char* attribute) {
 
 template <class R>
 void expectWireError(const Bytes& bytes) {
-  Oro::PbReadBuffer in(bytes);
-  R got;
-  EXPECT_THAT([&] { constructFromPbMessage(&got, in); },
-              ThrowsMessage<Oro::ProtobufReadException>(
-                  StrEq("Unexpected error when reading Protobuf bytes")));
+  wiretest::expectReadError([&] {
+    Oro::PbReadBuffer in(bytes);
+    R got;
+    constructFromPbMessage(&got, in);
+  });
 }
 
 // One embedded message holding a single field `number` of wire type `wireType`.
