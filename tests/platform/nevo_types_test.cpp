@@ -155,38 +155,17 @@ TEST(CharRange, CursorOperationsAndTheValueForm) {
   Oro::CharRange q(quoted);
   EXPECT_EQ(q.readQuoted(), s);
 
-  // The value form: written, read back, and its errors.
-  std::string text = Oro::ValueFormWriter("Test::Rec")
-                         .attr("key", VrfId(7).toStrep())
-                         .attr("on", true)
-                         .attr("intf", IntfId::vlan(3).toStrep())
-                         .done();
-  EXPECT_EQ(text, "Value('Test::Rec', ** {'key': 7, 'on': True, 'intf': Vlan3})");
-  Oro::CharRange form(text);
-  Oro::ValueFormReader r(form, "Test::Rec");
-  EXPECT_EQ(r.attr("key", VrfId::readFrom), VrfId(7));
-  EXPECT_TRUE(r.boolAttr("on"));
-  EXPECT_EQ(r.attr("intf", IntfId::readFrom), IntfId::vlan(3));
-  r.end();
-  EXPECT_TRUE(form.atEnd());
-
-  // A range error names the attribute; mismatched literals are parse errors.
+  // The value form is written, read back and rejected by the records' tests (types_test,
+  // status_test); none of those breaks its frame: "**" missing, a wrong bracket.
   auto readKey = [](const char* text) {
     Oro::CharRange in(text);
     Oro::ValueFormReader r(in, "Test::Rec");
     r.attr("key", VrfId::readFrom);
     r.end();
   };
-  using E = Oro::DeserializationException;
-  EXPECT_THAT([&] { readKey("Value('Test::Rec', ** {'key': 4294967296})"); },
-              ::testing::Throws<E>(::testing::Property(&E::attribute, "key")));
-  for (const char* bad :
-       {"Value('Test::Other', ** {'key': 1})", "Value('Test::Rec', {'key': 1})",
-        "Value('Test::Rec', ** {'kez': 1})", "Value('Test::Rec', ** {'key': 1]"}) {
+  for (const char* bad : {"Value('Test::Rec', {'key': 1})", "Value('Test::Rec', ** {'key': 1]"}) {
     EXPECT_THROW(readKey(bad), Oro::ParseException) << bad;
   }
-  Oro::CharRange maybe("Maybe");
-  EXPECT_THROW(Oro::readBool(maybe), Oro::ParseException);
 }
 
 // The seeded mixes, and SipHash-2-4 against its reference vectors (key 00..0f; messages

@@ -158,15 +158,13 @@ TEST(MvpnRouteIntfKey, DefaultsTextOrderAndTheVrfQualifiedKeys) {
   EXPECT_EQ((std::unordered_set<MvpnVrfRouteIntfKey>{i, j, i}.size()), 2u);
 }
 
+// A tree id's text form is the text itself, whatever it holds (fuzz/tree_id.cpp).
 TEST(MulticastTreeId, SameTextIsSameKeyAndMvpnConstsAreAlwaysEqualAndNotHashable) {
   MulticastTreeId a("P2MP:10.0.0.1:7");
   MulticastTreeId b(std::string("P2MP:10.0.0.1:7"));
   EXPECT_EQ(a, b);
-  EXPECT_EQ(a.hash(3), b.hash(3));
   EXPECT_LT(MulticastTreeId("a"), MulticastTreeId("b"));
   EXPECT_EQ((std::unordered_set<MulticastTreeId>{a, b, MulticastTreeId("other")}.size()), 2u);
-  EXPECT_EQ(strepToValue<MulticastTreeId>("any text, even ) this"),
-            MulticastTreeId("any text, even ) this"));
   EXPECT_EQ(fmt::format("{}", a), "P2MP:10.0.0.1:7");
 
   // MvpnConsts are always equal and not hashable.
@@ -211,12 +209,8 @@ TEST(FlagSet, BitsSettersRangeAndValueForm) {
   EXPECT_EQ(SourceFlags(2).toStrep(),
             "Value('Routing::Multicast::MvpnSource::SourceFlags', ** {'rptPrune': False, "
             "'sourceTreeJoin': True, 'discoveredSg': False})");
-  for (unsigned v = 0; v <= 7; ++v) {
-    EXPECT_EQ(strepToValue<RouteFlags>(RouteFlags(v).toStrep()), RouteFlags(v));
-    EXPECT_EQ(strepToValue<SourceFlags>(SourceFlags(v).toStrep()), SourceFlags(v));
-  }
-  // Each type reads only its own name; trailing text, bad booleans and reordered attributes
-  // are rejected.
+  // Every set reads back (fuzz/flag_sets.cpp). Each type reads only its own name; trailing
+  // text, bad booleans and reordered attributes are rejected.
   const std::string head = "Value('Routing::Multicast::MvpnRoute::RouteFlags', ** {";
   for (const std::string& text :
        {RouteFlags(1).toStrep() + " ",
@@ -262,7 +256,6 @@ TEST(MvpnRoute, DisplayFormOrderAndValueFormOfRoutesAndSources) {
   MvpnRoute c(kSg, pfx("11.0.0.0/8"), RouteFlags(4));
   MvpnRoute d(MvpnRouteKey(ip("10.0.0.2"), ip("239.0.0.1"), false), pfx("0.0.0.0/0"),
               RouteFlags(1));
-  EXPECT_EQ(a, MvpnRoute(kSg, kUmh, RouteFlags(2)));
   EXPECT_LT(a, b);  // only the prefix differs
   EXPECT_LT(b, c);  // then the flag byte
   EXPECT_LT(c, d);  // the key decides first
