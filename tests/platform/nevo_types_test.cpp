@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <string>
-#include <type_traits>
 #include <unordered_set>
 
 #include "common/wire_bytes.h"
@@ -27,11 +26,6 @@ using Nevo::IpGenAddr;
 using Nevo::IpGenPrefix;
 using Oro::strepToValue;
 using Vrf::VrfIdMap::VrfId;
-
-static_assert(std::is_trivially_copyable_v<IpGenAddr>);
-static_assert(std::is_trivially_copyable_v<IpGenPrefix>);
-static_assert(std::is_trivially_copyable_v<IntfId>);
-static_assert(std::is_trivially_copyable_v<VrfId>);
 
 IpGenAddr ip(const char* text) {
   return strepToValue<IpGenAddr>(text);

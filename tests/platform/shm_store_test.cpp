@@ -359,7 +359,6 @@ TEST_F(ShmStoreTest, TheIndexGrowsWithoutLongWritesOrLostKeysAndEqualKeysHaveOne
   // Equal keys have one image; bad images are damage.
   using Routing::Multicast::MvpnRouteIntfKey;
   using Routing::Multicast::MvpnVrfRouteIntfKey;
-  static_assert(std::has_unique_object_representations_v<MvpnVrfRouteIntfKey>);
   const auto group = Nevo::IpGenAddr::ipv4Addr(0xef010101);
   const auto src = Nevo::IpGenAddr::ipv4Addr(0x0a000001);
   MvpnVrfRouteIntfKey a(Vrf::VrfIdMap::VrfId(5),
