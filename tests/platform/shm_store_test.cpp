@@ -128,13 +128,10 @@ TEST_F(ShmStoreTest, ReaderSeesWriterChangesControlFlagsAndKeysItHeldBeforeAndDe
   EXPECT_THAT(reports[0], HasSubstr(chunk1));
 }
 
-TEST_F(ShmStoreTest, OneLiveWriterOneTypeOneRevision) {
+// (A second writer is refused: the reliability tests, ARefusedMountLeavesTheTableWhereItWas.)
+TEST_F(ShmStoreTest, AStoreRefusesATableOfAnotherTypeOrRevision) {
   Table w("test::Rec", "recs", {});
   w.attach(ShmAttach{"t/one", ShmRole::writer});
-  Table second("test::Rec", "recs", {});
-  const auto secondWriter = [&] { second.attach(ShmAttach{"t/one", ShmRole::writer}); };
-  EXPECT_THAT(secondWriter,
-              ThrowsMessage<Oro::ShmException>(HasSubstr("already has a live writer (pid ")));
   Oro::ShmTable<uint32_t, uint64_t> other("test::Other", "recs", {});
   EXPECT_THROW(other.attach(ShmAttach{"t/one", ShmRole::writer}), Oro::ShmException);
   EXPECT_THROW(other.attach(ShmAttach{"t/one", ShmRole::reader}), Oro::ShmException);
@@ -142,7 +139,6 @@ TEST_F(ShmStoreTest, OneLiveWriterOneTypeOneRevision) {
   Oro::ShmStoreSchema schema = Table::schema("test::Rec", "recs");
   schema.collections[0].valueFingerprint ^= 1;
   EXPECT_THROW(ShmStore::openReader("t/one", &schema), Oro::ShmException);
-  EXPECT_FALSE(second.attached());
 }
 
 // A store with entities (parents) whose members are values (kids) and strings (notes).
@@ -190,10 +186,9 @@ TEST_F(ShmStoreTest, NestedMembersLiveOnTheirParentsPagesCommittedAsTheyAreCarve
   }
   EXPECT_EQ(s.childCount(1, a), 100u);
   EXPECT_EQ(s.childCount(1, b), 200u);
-  EXPECT_EQ(members(s, 1, a).size(), 100u);
   // Carving a page leaves the index in place: 300 members need a handful of index builds.
   EXPECT_LT(s.indexGrowth(1).generationsPublished, 8u);
-  const uint32_t versionBefore = s.childVersion(1, a).value();
+  const uint32_t bVersion = s.childVersion(1, b).value();
   // A walk of one parent, stopped and resumed at a member's slot, visits every member present
   // throughout exactly as a full walk does (pages of a live parent never move).
   ShmStore::Record r;
@@ -218,8 +213,8 @@ TEST_F(ShmStoreTest, NestedMembersLiveOnTheirParentsPagesCommittedAsTheyAreCarve
   EXPECT_TRUE(members(reader, 1, a).empty());
   EXPECT_EQ(reader.count(1), 200u);
   EXPECT_EQ(reader.childCount(1, b), 200u);
-  EXPECT_NE(s.childVersion(1, b), versionBefore + 1000);  // b's counter is its own
-  EXPECT_FALSE(reader.childVersion(1, a).has_value());    // a's slot counts for no one now
+  EXPECT_EQ(reader.childVersion(1, b), bVersion);       // b's counter is its own
+  EXPECT_FALSE(reader.childVersion(1, a).has_value());  // a's slot counts for no one now
   // The space of the removed parent is reused: a new parent with as many members carves no
   // new slots.
   const uint32_t carved = s.header()->colls[1].slotHighWater.load();
