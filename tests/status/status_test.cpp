@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <map>
 #include <random>
-#include <regex>
 #include <set>
 #include <tuple>
 
@@ -40,11 +39,6 @@ using enum MvpnClient;
 using Vrf::VrfIdMap::VrfId;
 using namespace std::chrono_literals;
 
-std::string exactly(const std::string& text) {
-  static const std::regex special(R"([.^$|()\[\]{}*+?\\])");
-  return std::regex_replace(text, special, R"(\$&)");
-}
-
 class VrfStatusTest : public shmtest::ShmTest {};
 using VrfStatusDeathTest = VrfStatusTest;
 
@@ -57,14 +51,14 @@ TEST_F(VrfStatusDeathTest, MountPathsAndTheClientsAndFamiliesTheyRejectDeathTest
   EXPECT_EQ(MvpnVrfStatus::mountPath(Nevo::ipv6, staticEvpn_),
             "routing6/multicast/vpn/vrfStatus/staticEvpn");
   EXPECT_DEATH(MvpnVrfStatus::mountPath(Nevo::ipv4, pimBidir_),
-               exactly("( client == MvpnClient::bgp_ || client == MvpnClient::staticMvpn_ || "
-                       "client == MvpnClient::evpn_ || client == MvpnClient::staticEvpn_ ) && "
-                       "\"Unexpected writer agent\" (MvpnVrfStatus:22)"));
+               HasSubstr("( client == MvpnClient::bgp_ || client == MvpnClient::staticMvpn_ || "
+                         "client == MvpnClient::evpn_ || client == MvpnClient::staticEvpn_ ) && "
+                         "\"Unexpected writer agent\" (MvpnVrfStatus:22)"));
   // The client is checked before the family.
   EXPECT_DEATH(MvpnVrfStatus::mountPath(Nevo::ipunknown, static_cast<MvpnClient>(9)),
-               exactly("\"Unexpected writer agent\""));
+               HasSubstr("\"Unexpected writer agent\""));
   EXPECT_DEATH(MvpnVrfStatus::mountPath(static_cast<Nevo::AddressFamily>(3), evpn_),
-               exactly("false && \"Unsupported address family\" (MvpnVrfStatus:32)"));
+               HasSubstr("false && \"Unsupported address family\" (MvpnVrfStatus:32)"));
   EXPECT_DEATH(MvpnRouteStatus::mountPath(Nevo::ipunknown, bgp_),
                "false && \"Unsupported address family\"");
 }
