@@ -1,10 +1,10 @@
 // Both merge machines over in-process writer statuses, and the runtime parts they share.
 // - MergedMvpnVrfStatusSm: precedence, lifecycle, yielding scans, reconciliation (and the Seen
-//   set's memory given back after it), departures, trace lines and fatal checks.
-// - MergedMcastTunnelEncapStatusSm: static wins whole records, merged VRFs live with their
-//   records, input VRFs leave whole, child scans yield, reconciliation per output, trace lines
-//   and fatal checks.
+//   set's memory given back after it), trace lines and fatal checks.
+// - MergedMcastTunnelEncapStatusSm: static wins whole records, deletes of what the merged status
+//   lacks, child scans yield, reconciliation per output, trace lines and fatal checks.
 // - The companions' publications and the Seen set against a reference set.
+// Departures, withdrawals and input VRFs leaving, against a model: merge_model_test.cpp.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -70,23 +70,8 @@ TEST(VrfMerge, PrecedenceFollowsEveryChangeAndEveryRemergedKeyIsWritten) {
     rig.put(3, 7);  // a lower-ranked writer: the merged value stays evpn_
     EXPECT_EQ(changes.keys, (std::vector<VrfId>{7, 7}));
     EXPECT_EQ(rig.mergedMap().at(7), evpn_);
-
-    // Each change is merged at once; then EVPN leaves 7 (static MVPN remains) and BGP
-    // leaves 9 (EVPN ranks above static MVPN).
-    struct Step {
-      bool put;
-      int input;
-      uint32_t vrf;
-      std::optional<MvpnClient> merged;
-    } steps[] = {{true, 3, 11, staticEvpn_},  {true, 0, 11, bgp_},
-                 {false, 0, 11, staticEvpn_}, {false, 3, 11, std::nullopt},
-                 {false, 2, 7, staticMvpn_},  {false, 0, 9, evpn_}};
-    for (const Step& step : steps) {
-      step.put ? rig.put(step.input, step.vrf) : rig.del(step.input, step.vrf);
-      auto got = rig.merged->mvpnVrf(VrfId(step.vrf));
-      EXPECT_EQ(got ? std::optional(got->client()) : std::nullopt, step.merged) << step.vrf;
-    }
-    EXPECT_EQ(rig.mergedMap(), rig.expected());
+    rig.del(2, 7);  // the winner leaves: static MVPN's, at once
+    EXPECT_EQ(rig.mergedMap().at(7), staticMvpn_);
   }
 }
 
@@ -145,7 +130,7 @@ TEST(VrfMergeLifecycle, ScansStartWhenInitializedYieldByTheSliceAndTheFirstWrite
   }
 }
 
-TEST(VrfMergeReconcile, RestartDeletesExactlyTheUnsupportedEntriesAndDeparturesFallBack) {
+TEST(VrfMergeReconcile, RestartDeletesExactlyTheUnsupportedEntries) {
   // Over an earlier merged status: yielding, large slice, synchronous with the smallest slice;
   // then (3) over an empty one, which is not reconciled at all.
   for (auto mode : {0, 1, 2, 3}) {
@@ -168,32 +153,9 @@ TEST(VrfMergeReconcile, RestartDeletesExactlyTheUnsupportedEntriesAndDeparturesF
     EXPECT_FALSE(rig.sm->mergedVrfStatusMvpnVrfOutputReconciling());
     EXPECT_FALSE(rig.sm->mergedVrfStatusMvpnVrfOutputUseBookmark());
     EXPECT_TRUE(rig.sm->mergedVrfStatusMvpnVrfOutputSeen().empty());
+    rig.sm->doDeleteAll();  // every input still there: nothing changes
+    EXPECT_EQ(rig.mergedMap(), rig.expected());
   }
-
-  // A departed input falls back to the others.
-  Rig rig;
-  rig.put({{0, 5}, {0, 6}, {3, 5}});
-  rig.start();
-  rig.settle();
-  rig.sm->doDeleteAll();  // every input still there: nothing changes
-  EXPECT_EQ(rig.mergedMap(), rig.expected());
-
-  rig.sm->inputRootDel(0);
-  EXPECT_EQ(rig.mergedMap(), (Merged{{5, staticEvpn_}}));
-  rig.put(0, 7);  // no longer watched
-  EXPECT_FALSE(rig.merged->mvpnVrf(VrfId(7)).has_value());
-  rig.put(2, 5);
-  EXPECT_EQ(rig.mergedMap().at(5), evpn_);
-
-  // An input departing before its initial scan is done counts as empty.
-  Rig early(0ns);
-  early.put({{2, 4}, {2, 8}, {1, 8}});
-  early.start();
-  early.scheduler.runOnce();
-  early.sm->inputRootDel(2);
-  early.settle();
-  EXPECT_TRUE(early.sm->ready());
-  EXPECT_EQ(early.mergedMap(), (Merged{{8, staticMvpn_}}));
 }
 
 TEST(VrfMergeTrace, LifecycleLinesAndReconciliationLinesWithAndWithoutYields) {
@@ -497,40 +459,31 @@ TEST(TunnelMerge, StaticWinsWholeAndTheOtherWriterTakesOverOnDelete) {
       {"MVPN interface ignored", true, true, kMvpn, 3, 1, "x", ""},
       {"EVPN route ignored", true, false, kEvpn, 3, 1, "x", ""},
   };
-  for (bool synchronous : {false, true}) {
-    SCOPED_TRACE(synchronous ? "synchronous" : "asynchronous");
-    Rig rig;
-    rig.start(synchronous);
-    ASSERT_TRUE(rig.settle());
-    for (const Step& s : steps) {
-      SCOPED_TRACE(s.what);
-      if (s.intfColl) {
-        s.put ? rig.putIntf(s.writer, s.vrf, s.n, s.data) : rig.delIntf(s.writer, s.vrf, s.n);
-      } else {
-        s.put ? rig.putRoute(s.writer, s.vrf, s.n, s.data) : rig.delRoute(s.writer, s.vrf, s.n);
-      }
-      const Contents got = rig.mergedContents();
-      const auto& coll = s.intfColl ? got.intfs : got.routes;
-      auto it = coll.find({s.vrf, s.n});
-      EXPECT_EQ(it == coll.end() ? "" : it->second, s.merged);
-      EXPECT_EQ(got.vrfs.count(s.vrf) == 1, *s.merged != '\0');
-      EXPECT_EQ(got, rig.expected());
+  // Merged at once by an asynchronous machine that is ready (a synchronous one: TunnelMergeModel).
+  Rig rig;
+  rig.start();
+  ASSERT_TRUE(rig.settle());
+  for (const Step& s : steps) {
+    SCOPED_TRACE(s.what);
+    if (s.intfColl) {
+      s.put ? rig.putIntf(s.writer, s.vrf, s.n, s.data) : rig.delIntf(s.writer, s.vrf, s.n);
+    } else {
+      s.put ? rig.putRoute(s.writer, s.vrf, s.n, s.data) : rig.delRoute(s.writer, s.vrf, s.n);
     }
+    const Contents got = rig.mergedContents();
+    const auto& coll = s.intfColl ? got.intfs : got.routes;
+    auto it = coll.find({s.vrf, s.n});
+    EXPECT_EQ(it == coll.end() ? "" : it->second, s.merged);
+    EXPECT_EQ(got.vrfs.count(s.vrf) == 1, *s.merged != '\0');
   }
 }
 
-TEST(TunnelMerge, MergedVrfsLiveWithTheirRecordsAndInputVrfsLeaveWhole) {
+// Deleting what the merged VRF does not hold, or in a VRF it does not have, changes and creates
+// nothing. (Which records keep a merged VRF: the steps above, and TunnelMergeModel.)
+TEST(TunnelMerge, DeletingWhatTheMergedStatusDoesNotHoldChangesNothing) {
   Rig rig;
   rig.start(true);
   rig.putRoute(kMvpn, 4, 1, "r");
-  rig.putIntf(kEvpn, 4, 1, "i");
-  rig.delRoute(kMvpn, 4, 1);
-  EXPECT_EQ(rig.mergedContents().vrfs.count(4), 1u);  // the interface record keeps it
-  rig.putRoute(kStatic, 4, 2, "r");
-  rig.delIntf(kEvpn, 4, 1);
-  EXPECT_EQ(rig.mergedContents().vrfs.count(4), 1u);  // and the reverse
-  // Deleting what the merged VRF does not hold, or in a VRF it does not have, changes and
-  // creates nothing.
   const Contents before = rig.mergedContents();
   rig.putRoute(kMvpn, 9, 1, "x");
   rig.merged->vrfStatusDel(VrfId(9));  // as if the merged VRF were gone
@@ -540,29 +493,6 @@ TEST(TunnelMerge, MergedVrfsLiveWithTheirRecordsAndInputVrfsLeaveWhole) {
   rig.sm->intoMergedEncapVrfStatusEncapIntfTunnel(VrfId(8), intf(1), std::nullopt);
   EXPECT_TRUE(mergedChanges.keys.empty());
   EXPECT_EQ(rig.mergedContents(), before);
-  rig.delRoute(kStatic, 4, 2);
-  EXPECT_EQ(rig.mergedContents().vrfs.count(4), 0u);
-
-  // A whole input VRF leaving re-merges each of its keys.
-  for (bool synchronous : {false, true}) {
-    Rig rig;
-    for (uint32_t n = 1; n <= 4; ++n) rig.putRoute(kMvpn, 5, n, "m" + std::to_string(n));
-    rig.putRoute(kStatic, 5, 2, "s2");
-    rig.putIntfs({{kStatic, 5, 1, "si"}, {kEvpn, 5, 1, "ei"}, {kEvpn, 5, 3, "ei3"}});
-    rig.start(synchronous);
-    rig.settle();
-    rig.delVrf(kMvpn, 5);  // 1, 3, 4 disappear, 2 stays static
-    EXPECT_EQ(rig.mergedContents(), rig.expected());
-    rig.delVrf(kStatic, 5);  // static records fall back to EVPN's or go
-    EXPECT_EQ(rig.mergedContents(), rig.expected());
-    EXPECT_EQ(rig.mergedContents().intfs.at({5, 1}), "ei");
-    EXPECT_EQ(
-        rig.sm->staticEncapSm2()->childSmVrfStatusRoutingMulticastMvpnVrfTunnelEncapStatusPtrConst(
-            VrfId(5)),
-        nullptr);
-    rig.delVrf(kEvpn, 5);
-    EXPECT_TRUE(rig.mergedContents().vrfs.empty());
-  }
 }
 
 class TunnelMergeShm : public shmtest::ShmTest {};
@@ -725,6 +655,10 @@ TEST(TunnelMergeLifecycle, ChildScansYieldInTheInputsTaskAndWriteNothingBeforeTh
       sm0->childSmVrfStatusRoutingMulticastMvpnVrfTunnelEncapStatusPtrConstIs(same, sm0, VrfId(1))
           ->entity(),
       same.get());
+  // A child goes with its input VRF (whose keys are merged again: TunnelMergeModel).
+  rig.delVrf(kStatic, 2);
+  EXPECT_EQ(sm2->childSmVrfStatusRoutingMulticastMvpnVrfTunnelEncapStatusPtrConst(VrfId(2)),
+            nullptr);
 }
 
 TEST(TunnelMergeReconcile, RestartDeletesUnsupportedRecordsPerOutputAndEachIsReadyOnItsOwn) {
