@@ -76,8 +76,7 @@ TEST(VrfMergeDamage, ADamagedInputKeepsItsEntriesAtARestartAndAfterReadyUntilItI
   // BGP republishes without 3: every key follows its inputs again.
   rig.republish({4, 7});
   EXPECT_TRUE(rig.settle());
-  EXPECT_EQ(rig.mergedMap(), rig.expected());
-  EXPECT_EQ(rig.mergedMap().count(3), 0u);
+  EXPECT_EQ(rig.mergedMap(), rig.expected());  // 3 too goes
 }
 
 namespace tunnel {
@@ -112,8 +111,7 @@ TEST(TunnelMergeDamage, AnUnreadableStaticInputKeepsTheMergedRecordsUntilRepubli
     rig.delVrf(kStatic, 2);
     rig.putIntf(kStatic, 2, 1, "si2");
     EXPECT_TRUE(rig.settle());
-    EXPECT_EQ(rig.mergedContents(), rig.expected());
-    EXPECT_EQ(rig.mergedContents().vrfs.count(9), 0u);
+    EXPECT_EQ(rig.mergedContents(), rig.expected());  // VRF 9 too goes
   }
 
   // After ready, an unreadable static VRF neither loses nor yields its records.
@@ -143,8 +141,7 @@ TEST(TunnelMergeDamage, AnUnreadableStaticInputKeepsTheMergedRecordsUntilRepubli
   rig.delRoute(kStatic, 1, 1);
   rig.putRoute(kStatic, 1, 5, "s5");
   rig.settle();
-  EXPECT_EQ(rig.mergedContents(), rig.expected());
-  EXPECT_EQ(rig.mergedContents().routes.count({1, 1}), 0u);
+  EXPECT_EQ(rig.mergedContents(), rig.expected());  // (1, 1) too goes
 }
 
 }  // namespace tunnel

@@ -93,12 +93,6 @@ TEST(VrfMergeLifecycle, ScansStartWhenInitializedYieldByTheSliceAndTheFirstWrite
   rig.sm->initializedIs(true);
   auto* sm0 = rig.sm->mvpnVrfStatusSm0();
   ASSERT_NE(sm0->task0(), nullptr);
-  EXPECT_EQ(sm0->task0()->name(),
-            "Routing::Multicast::MergedMvpnVrfStatusSm-MvpnVrfStatusSm0InputScanTask0");
-  EXPECT_EQ(rig.sm->evpnVrfStatusSm2()->task2()->name(),
-            "Routing::Multicast::MergedMvpnVrfStatusSm-EvpnVrfStatusSm2InputScanTask2");
-  EXPECT_EQ(rig.sm->mergedVrfStatusMvpnVrfOutputReconciliationTask()->name(),
-            "MergedMvpnVrfStatusSm-mergedVrfStatusMvpnVrfOutputTask");
 
   ASSERT_TRUE(rig.scheduler.runOnce());  // task0: one key, then the slice is over
   EXPECT_EQ(sm0->inputScanState0(), kScanInterrupted);
@@ -113,8 +107,6 @@ TEST(VrfMergeLifecycle, ScansStartWhenInitializedYieldByTheSliceAndTheFirstWrite
   EXPECT_FALSE(rig.sm->ready());
   // The scan flags were cleared for the rescan (by the names the machine gives them).
   const auto* scans = rig.sm->inputSmScanState();
-  EXPECT_EQ(scans->typeName(),
-            "Routing::Multicast::DynaCode::MergedMvpnVrfStatusSm::InputSmScanState");
   EXPECT_FALSE(scans->dyx_stream0Scan() || scans->dyx_stream1Scan() || scans->dyx_stream2Scan() ||
                scans->dyx_stream3Scan());
 
@@ -271,7 +263,6 @@ TEST(VrfMergeDeathTest, NullArgumentsIntoKeyMismatchAndAnInputLeavingInItsOwnNot
       HasSubstr("In \"into( mergedVrfStatus.mvpnVrf[ vrfId ] )\" the value inserted in the "
                 "into statement has internal key: 6, but the key specified in the into "
                 "is: 5"));
-  EXPECT_TRUE(rig.mergedMap().empty());
   // A reader of the merged status that tears the inputs down while input 0 is still
   // handling the notification that caused the merged write.
   Oro::KeyReactor<VrfId> teardown(MvpnVrfStatus::mvpnVrfAttr,
@@ -585,16 +576,6 @@ TEST(TunnelMergeLifecycle, ChildScansYieldInTheInputsTaskAndWriteNothingBeforeTh
   rig.start();
   auto* sm0 = rig.sm->mvpnEncapSm0();
   auto* sm2 = rig.sm->staticEncapSm2();
-  const std::string machine = "MergedMcastTunnelEncapStatusSm-", scope = "Routing::Multicast::";
-  EXPECT_EQ(sm0->task0()->name(), scope + machine + "MvpnEncapSm0InputScanTask0");
-  EXPECT_EQ(sm2->task1()->name(), scope + machine + "StaticEncapSm2InputScanTask1");
-  EXPECT_EQ(sm2->task3()->name(), scope + machine + "StaticEncapSm2InputScanTask3");
-  EXPECT_EQ(rig.sm->evpnEncapSm4()->task2()->name(),
-            scope + machine + "EvpnEncapSm4InputScanTask2");
-  EXPECT_EQ(rig.sm->mergedEncapVrfStatusEncapTunnelOutputReconciliationTask()->name(),
-            machine + "mergedEncapVrfStatusEncapTunnelOutputTask");
-  EXPECT_EQ(rig.sm->mergedEncapVrfStatusEncapIntfTunnelOutputReconciliationTask()->name(),
-            machine + "mergedEncapVrfStatusEncapIntfTunnelOutputTask");
 
   // task0's first run: VRF 1's child scans one key and yields; its scan waits in the queue
   // and the stream is not complete.
@@ -604,7 +585,6 @@ TEST(TunnelMergeLifecycle, ChildScansYieldInTheInputsTaskAndWriteNothingBeforeTh
   EXPECT_EQ(child1->inputScanState0(), Routing::Multicast::DynaCode::kScanInterrupted);
   EXPECT_TRUE(sm0->task0()->scheduled());
   EXPECT_FALSE(rig.sm->inputSmScanState()->dyx_stream0Scan());
-  EXPECT_EQ(sm0->parent(), rig.sm.get());
   EXPECT_FALSE(sm0->initialScanDone());
 
   // Changes before the initial scan is done do not reach the merged status.
@@ -676,8 +656,7 @@ TEST(TunnelMergeReconcile, RestartDeletesUnsupportedRecordsPerOutputAndEachIsRea
     EXPECT_EQ(rig.sm->mergedEncapVrfStatusEncapTunnelOutputReconciling(), mode != 2);
     EXPECT_EQ(rig.sm->mergedEncapVrfStatusEncapIntfTunnelOutputReconciling(), mode != 2);
     ASSERT_TRUE(rig.settle());
-    EXPECT_EQ(rig.mergedContents(), rig.expected());
-    EXPECT_EQ(rig.mergedContents().vrfs, (std::set<uint32_t>{1, 2}));
+    EXPECT_EQ(rig.mergedContents(), rig.expected());  // VRFs 1 and 2 only
     // The counts are of entries: the route output walked 3 routes and deleted 2, the interface
     // output walked 2 and deleted 1; neither counts VRF 7 or a VRF without its kind of entry.
     const auto& routes = rig.sm->mergedEncapVrfStatusEncapTunnelOutput();
@@ -794,7 +773,6 @@ TEST(TunnelMergeDeathTest, NullArgumentsIntoKeyMismatchAndAVrfLeavingWithAnUnsee
       HasSubstr("In \"into( mergedEncap.vrfStatus[ vrfId ].encapIntfTunnel[ routeIntfKey ] )\" "
                 "the value inserted in the into statement has internal key: " +
                 intf(2).toStrep()));
-  EXPECT_TRUE(rig.mergedContents().vrfs.empty());
 
   for (bool intfColl : {false, true}) {
     Rig rig;
