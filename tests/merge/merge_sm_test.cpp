@@ -49,6 +49,33 @@ void expectNullArgumentsFatal(const char* const (&names)[N], const auto& make) {
   }
 }
 
+// A subscriber of the output may let go of the machine's last reference inside a merge, during
+// the scans or in a later notification, in either mode: the machine ends that step, then goes.
+// `put(rig, n, v)` has input n (0 or 1) list VRF v; `merged(rig, v)`: the output lists VRF v.
+template <class R>
+void expectTheLastReferenceMayGoFromInsideAMerge(Oro::AttrId mergedVrfs, const auto& put,
+                                                 const auto& merged) {
+  for (bool synchronous : {false, true}) {
+    for (uint32_t dropAt : {3u, 8u}) {
+      SCOPED_TRACE(fmt::format("synchronous {} drop at {}", synchronous, dropAt));
+      R rig;
+      for (uint32_t v = 1; v <= 5; ++v) put(rig, static_cast<int>(v % 2), v);
+      Oro::KeyReactor<Vrf::VrfIdMap::VrfId> drop(mergedVrfs, [&](const Vrf::VrfIdMap::VrfId& k) {
+        if (k.value() == dropAt) rig.sm = nullptr;
+      });
+      drop.notifierIs(rig.merged.get());
+      rig.start(synchronous);
+      rig.scheduler.runUntilIdle();
+      put(rig, 0, 8);
+      rig.scheduler.runUntilIdle();
+      EXPECT_FALSE(rig.sm);
+      put(rig, 1, 9);  // nobody merges any more
+      rig.scheduler.runUntilIdle();
+      EXPECT_FALSE(merged(rig, 9));
+    }
+  }
+}
+
 namespace vrfMerge {
 
 using namespace MergeTest;
@@ -393,28 +420,10 @@ TEST(VrfMergeReconciliation, SeenMemoryIsGivenBackAfterReadyOverSeveralRuns) {
   EXPECT_EQ(rig.mergedMap(), rig.expected());
 }
 
-// A subscriber of the output may let go of the machine's last reference inside a merge, during
-// the scans or in a later notification, in either mode: the machine ends that step, then goes.
 TEST(VrfMergeLifetime, TheLastReferenceMayGoFromInsideAMerge) {
-  for (bool synchronous : {false, true}) {
-    for (uint32_t dropAt : {3u, 8u}) {
-      SCOPED_TRACE(fmt::format("synchronous {} drop at {}", synchronous, dropAt));
-      Rig rig;
-      for (uint32_t v = 1; v <= 5; ++v) rig.put(static_cast<int>(v % 4), v);
-      Oro::KeyReactor<VrfId> drop(MvpnVrfStatus::mvpnVrfAttr, [&](const VrfId& k) {
-        if (k == VrfId(dropAt)) rig.sm = nullptr;
-      });
-      drop.notifierIs(rig.merged.get());
-      rig.start(synchronous);
-      rig.scheduler.runUntilIdle();
-      rig.put(0, 8);
-      rig.scheduler.runUntilIdle();
-      EXPECT_FALSE(rig.sm);
-      rig.put(1, 9);  // nobody merges any more
-      rig.scheduler.runUntilIdle();
-      EXPECT_FALSE(rig.merged->mvpnVrf(VrfId(9)));
-    }
-  }
+  expectTheLastReferenceMayGoFromInsideAMerge<Rig>(
+      MvpnVrfStatus::mvpnVrfAttr, [](Rig& rig, int n, uint32_t v) { rig.put(n, v); },
+      [](Rig& rig, uint32_t v) { return rig.merged->mvpnVrf(VrfId(v)).has_value(); });
 }
 
 }  // namespace vrfMerge
@@ -794,25 +803,10 @@ TEST(TunnelMergeDeathTest, NullArgumentsIntoKeyMismatchAndAVrfLeavingWithAnUnsee
 }
 
 TEST(TunnelMergeLifetime, TheLastReferenceMayGoFromInsideAMerge) {
-  for (bool synchronous : {false, true}) {
-    for (uint32_t dropAt : {2u, 8u}) {
-      SCOPED_TRACE(fmt::format("synchronous {} drop at {}", synchronous, dropAt));
-      Rig rig;
-      for (uint32_t v = 1; v <= 4; ++v) rig.putRoute(kMvpn, v, 1, "m");
-      Oro::KeyReactor<VrfId> drop(MvpnTunnelEncapStatus::vrfStatusAttr, [&](const VrfId& k) {
-        if (k == VrfId(dropAt)) rig.sm = nullptr;
-      });
-      drop.notifierIs(rig.merged.get());
-      rig.start(synchronous);
-      rig.scheduler.runUntilIdle();
-      rig.putRoute(kStatic, 8, 1, "s");
-      rig.scheduler.runUntilIdle();
-      EXPECT_FALSE(rig.sm);
-      rig.putRoute(kMvpn, 9, 1, "m");
-      rig.scheduler.runUntilIdle();
-      EXPECT_FALSE(rig.merged->vrfStatus(VrfId(9)));
-    }
-  }
+  expectTheLastReferenceMayGoFromInsideAMerge<Rig>(
+      MvpnTunnelEncapStatus::vrfStatusAttr,
+      [](Rig& rig, int w, uint32_t v) { rig.putRoute(w, v, 1, "r"); },
+      [](Rig& rig, uint32_t v) { return rig.merged->vrfStatus(VrfId(v)) != nullptr; });
 }
 
 }  // namespace tunnelMerge
