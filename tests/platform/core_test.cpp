@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "platform/Assert.h"
@@ -246,28 +247,21 @@ TEST(AssertDeathTest, PrintsConditionAndExplanation) {
                "Assertion failed: key 1 but 2");
 }
 
-struct WithStrep {
-  int v;
-  std::string toStrep() const { return "vrf-" + std::to_string(v); }
-};
-
-TEST(OptionalStrep, UsesToStrepOrFmtAndPrintsNoneWhenAbsent) {
-  EXPECT_EQ(Oro::optionalStrep(std::optional<WithStrep>(WithStrep{5})), "Optional(vrf-5)");
-  EXPECT_EQ(Oro::optionalStrep(std::optional<WithStrep>()), "None");
+// Values with a toStrep, and absent ones, as the VRF merge traces them (VrfMergeTrace).
+TEST(OptionalStrep, PrintsValuesWithoutToStrepWithFmt) {
   EXPECT_EQ(Oro::optionalStrep(std::optional<uint32_t>(16777215)), "Optional(16777215)");
   EXPECT_EQ(Oro::optionalStrep(std::optional<std::string>("bgp_")), "Optional(bgp_)");
   EXPECT_EQ(Oro::optionalStrep(std::optional<int>()), "None");
 }
 
 TEST(Toggle, ReadsTheEnvironmentOnceAndCachesIt) {
-  setenv("MVPN_TOGGLE_ToggleTestOn", "TRUE", 1);
-  setenv("MVPN_TOGGLE_ToggleTestOne", "1", 1);
-  setenv("MVPN_TOGGLE_ToggleTestOff", "false", 1);
-  setenv("MVPN_TOGGLE_ToggleTestJunk", "yes", 1);
-  EXPECT_TRUE(Oro::toggleEnabled("ToggleTestOn"));
-  EXPECT_TRUE(Oro::toggleEnabled("ToggleTestOne"));
-  EXPECT_FALSE(Oro::toggleEnabled("ToggleTestOff"));
-  EXPECT_FALSE(Oro::toggleEnabled("ToggleTestJunk"));
+  for (auto [name, value, on] : {std::tuple{"On", "TRUE", true},
+                                 {"One", "1", true},
+                                 {"Off", "false", false},
+                                 {"Junk", "yes", false}}) {
+    setenv((std::string("MVPN_TOGGLE_ToggleTest") + name).c_str(), value, 1);
+    EXPECT_EQ(Oro::toggleEnabled(std::string("ToggleTest") + name), on) << value;
+  }
   EXPECT_FALSE(Oro::toggleEnabled("ToggleTestUnset"));
 
   // Later changes of the environment are not seen until the cache is reset.
@@ -304,7 +298,7 @@ std::vector<int> keysFrom(It it, It end) {
   return out;
 }
 
-TEST(KeyedCollection, InsertsReplacesRemovesAndCountsChanges) {
+TEST(KeyedCollection, InsertsReplacesRemovesCountsChangesAndIteratesInKeyOrder) {
   Oro::KeyedCollection<uint32_t, std::string> c;
   EXPECT_TRUE(c.empty());
   EXPECT_TRUE(c.insertOrReplace(5, "bgp_"));
@@ -326,20 +320,18 @@ TEST(KeyedCollection, InsertsReplacesRemovesAndCountsChanges) {
   c.clear();
   EXPECT_TRUE(c.empty());
   EXPECT_EQ(c.changeCount(), 7u);
-}
 
-TEST(KeyedCollection, IteratesInTheKeysOwnOrderAndResumesAfterRemovedKeys) {
-  Oro::KeyedCollection<int, int> c;
-  for (int k : {40, 10, 30, 20, 50}) c.insertOrReplace(k, k * 2);
-  EXPECT_EQ(keysFrom(c.begin(), c.end()), (std::vector<int>{10, 20, 30, 40, 50}));
+  Oro::KeyedCollection<int, int> n;
+  for (int k : {40, 10, 30, 20, 50}) n.insertOrReplace(k, k * 2);
+  EXPECT_EQ(keysFrom(n.begin(), n.end()), (std::vector<int>{10, 20, 30, 40, 50}));
 
   // A bookmark at 30; meanwhile 30 goes and 35 arrives: resume at 35.
-  EXPECT_EQ(keysFrom(c.iterFrom(30), c.end()), (std::vector<int>{30, 40, 50}));
-  c.remove(30);
-  c.insertOrReplace(35, 0);
-  EXPECT_EQ(keysFrom(c.iterFrom(30), c.end()), (std::vector<int>{35, 40, 50}));
-  EXPECT_EQ(c.iterFrom(51), c.end());
-  EXPECT_EQ(c.iterFrom(0), c.begin());
+  EXPECT_EQ(keysFrom(n.iterFrom(30), n.end()), (std::vector<int>{30, 40, 50}));
+  n.remove(30);
+  n.insertOrReplace(35, 0);
+  EXPECT_EQ(keysFrom(n.iterFrom(30), n.end()), (std::vector<int>{35, 40, 50}));
+  EXPECT_EQ(n.iterFrom(51), n.end());
+  EXPECT_EQ(n.iterFrom(0), n.begin());
 
   // A key ordered by its own operator<=>.
   Oro::KeyedCollection<PrioKey, int> p;

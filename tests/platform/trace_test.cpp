@@ -179,7 +179,7 @@ TEST(TraceEnvDeathTest, SettingsAndFileComeFromTheEnvironmentAtStartup) {
   EXPECT_EQ(readFile(path), "EnvComp/3: from env\n");
 }
 
-TEST(DumpContext, PrintsIndentedLinesAndCompletesOnlyAnUnfinishedOne) {
+TEST(DumpContext, PrintsLinesAndReportsDuplicatesAndNullsInMemoryAndToAFile) {
   Oro::DumpContext dc;
   dc.print("MvpnVrfStatus #%u:\n", 2u);
   dc.print("%*cVRF %s\n", 2, ' ', "5");
@@ -203,19 +203,18 @@ TEST(DumpContext, PrintsIndentedLinesAndCompletesOnlyAnUnfinishedOne) {
   line.ensureNewline();
   line.ensureNewline();
   EXPECT_EQ(line.str(), "partial\n");
-}
 
-TEST(DumpContext, ReportsDuplicatesAndNullChildrenAndWritesToAFile) {
-  Oro::DumpContext dc;
+  // Duplicates and null children are reported.
+  Oro::DumpContext marks;
   int a = 0, b = 0;
-  EXPECT_TRUE(dc.markPrinted(&a, 2, "MvpnVrfRouteStatus"));
-  EXPECT_TRUE(dc.markPrinted(&b, 2, "MvpnVrfRouteStatus"));
-  EXPECT_EQ(dc.str(), "");
-  EXPECT_FALSE(dc.markPrinted(&a, 4, "MvpnGroup"));
-  EXPECT_FALSE(dc.markPrinted(&a, 0, "MvpnRouteStatus"));
-  dc.reportNull(2, "MvpnVrfRouteStatus");
-  dc.reportNull(0, "MvpnRouteStatus");
-  EXPECT_EQ(dc.str(),
+  EXPECT_TRUE(marks.markPrinted(&a, 2, "MvpnVrfRouteStatus"));
+  EXPECT_TRUE(marks.markPrinted(&b, 2, "MvpnVrfRouteStatus"));
+  EXPECT_EQ(marks.str(), "");
+  EXPECT_FALSE(marks.markPrinted(&a, 4, "MvpnGroup"));
+  EXPECT_FALSE(marks.markPrinted(&a, 0, "MvpnRouteStatus"));
+  marks.reportNull(2, "MvpnVrfRouteStatus");
+  marks.reportNull(0, "MvpnRouteStatus");
+  EXPECT_EQ(marks.str(),
             "    MvpnGroup (already printed)\n"
             "MvpnRouteStatus (already printed)\n"
             "  MvpnVrfRouteStatus (null)\n"
