@@ -174,9 +174,10 @@ size_t MvpnTunnelEncapStatus::encapIntfTunnelTotal() const {
                            &MvpnVrfTunnelEncapStatus::encapIntfTunnelSize);
 }
 
+// Every call counts, as every call of a record's Is does; only a new VRF is announced.
 Oro::Ptr<MvpnVrfTunnelEncapStatus> MvpnTunnelEncapStatus::vrfStatusIs(VrfId vrfId) {
-  if (Oro::Ptr<MvpnVrfTunnelEncapStatus> v = vrfs_.find(vrfId)) return v;
   counters(TunnelEncapStore::kVrfStatus).is.inc();
+  if (Oro::Ptr<MvpnVrfTunnelEncapStatus> v = vrfs_.find(vrfId)) return v;
   Oro::Ptr<MvpnVrfTunnelEncapStatus> v =
       writeOrStop("write", "vrfStatus", *this, [&] { return vrfs_.insert(vrfId); });
   publishKey(vrfStatusAttr, vrfId);

@@ -268,9 +268,10 @@ void MvpnVrfRouteStatus::mvpnRouteNotify(const MvpnRouteKey& key, const MvpnRout
   if (auto* c = counters(RouteStatusStore::kMvpnRoute)) c->notify.inc();
 }
 
+// Every call counts, as every call of a record's Is does; only a new group is announced.
 Oro::Ptr<MvpnGroup> MvpnVrfRouteStatus::mvpnGroupIs(const IpGenAddr& group) {
-  if (Oro::Ptr<MvpnGroup> g = groups_.find(group)) return g;
   if (auto* c = counters(RouteStatusStore::kMvpnGroup)) c->is.inc();
+  if (Oro::Ptr<MvpnGroup> g = groups_.find(group)) return g;
   Oro::Ptr<MvpnGroup> g =
       writeOrStop("write", "mvpnGroup", *this, [&] { return groups_.insert(group); });
   mvpnGroupNotify(group);
@@ -402,9 +403,10 @@ std::string MvpnRouteStatus::mountPath(Nevo::AddressFamily af, MvpnClient client
   return {};
 }
 
+// Every call counts, as every call of a record's Is does; only a new VRF is announced.
 Oro::Ptr<MvpnVrfRouteStatus> MvpnRouteStatus::vrfRouteStatusIs(VrfId vrfId) {
-  if (Oro::Ptr<MvpnVrfRouteStatus> v = vrfs_.find(vrfId)) return v;
   counters(RouteStatusStore::kVrfRouteStatus).is.inc();
+  if (Oro::Ptr<MvpnVrfRouteStatus> v = vrfs_.find(vrfId)) return v;
   Oro::Ptr<MvpnVrfRouteStatus> v =
       writeOrStop("write", "vrfRouteStatus", *this, [&] { return vrfs_.insert(vrfId); });
   vrfRouteStatusNotify(vrfId);

@@ -495,7 +495,11 @@ TEST_F(RouteStatusTest, LookupsOfWhatIsAbsentAndUncheckedRoutes) {
   EXPECT_EQ(vrf->mvpnRoute(rk), bad);
   EXPECT_EQ(vrf->mvpnRouteDel(rk), bad);
   EXPECT_EQ(vrf->mvpnRouteDel(rk), MvpnRoute());
+  // Every call of a mutator counts, also one that finds its entity or record there already
+  // or absent.
   EXPECT_EQ(root->counters(RouteStatusStore::kMvpnRoute).del.value(), 2u);
+  EXPECT_EQ(root->counters(RouteStatusStore::kVrfRouteStatus).is.value(), 2u);
+  EXPECT_EQ(root->counters(RouteStatusStore::kMvpnGroup).is.value(), 2u);
 }
 
 TEST_F(RouteStatusTest, DumpsInBothModels) {
