@@ -207,8 +207,9 @@ void MergedMcastTunnelEncapStatusSm::merge(const VrfId& vrfId, const typename Ru
   }
   const std::optional<typename Rule::Value> value = staticWins(stat.value, other.value);
   const typename Rule::OutKey outKey(vrfId, key);
+  // Seen records every key merged while reconciling, whether it ends in a write or a delete.
+  output.keyMerged(outKey);
   if (stat.unreadable || (!stat.present() && other.unreadable)) {
-    output.keyMerged(outKey);
     // The static record may exist unseen (see merge/InputRead.h): an existing merged record
     // may be right and stays; a missing one is created from the readable candidate, since
     // some writer holds the key.
@@ -227,7 +228,6 @@ void MergedMcastTunnelEncapStatusSm::merge(const VrfId& vrfId, const typename Ru
     }
     return;
   }
-  if (value) output.keyMerged(outKey);
   into<Rule>(vrfId, key, value);
 }
 

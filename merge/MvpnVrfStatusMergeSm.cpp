@@ -128,14 +128,12 @@ void MergedMvpnVrfStatusSm::merge(const VrfId& vrfId, size_t heldBy) {
       if (read.unreadable && unreadable == kInputs) unreadable = stream;
       return read.present();
     });
+    output_.keyMerged(vrfId);
     if (unreadable != kInputs) {
-      output_.keyMerged(vrfId);
       keepOrUpgrade(*this, vrfId, w, unreadable);
       return;
     }
-    const std::optional<MvpnVrf> value = DynaCode::MergedMvpnVrfStatusSm::mergedVrfOf(vrfId, w);
-    if (value) output_.keyMerged(vrfId);
-    intoMergedVrfStatusMvpnVrf(vrfId, value);
+    intoMergedVrfStatusMvpnVrf(vrfId, DynaCode::MergedMvpnVrfStatusSm::mergedVrfOf(vrfId, w));
     return;
   }
   // Every input, in argument order; only presence counts, the winner's own client field is
@@ -161,12 +159,12 @@ void MergedMvpnVrfStatusSm::merge(const VrfId& vrfId, size_t heldBy) {
             Oro::optionalStrep(valMyVrf), vrfId, Oro::optionalStrep(in[0].value),
             Oro::optionalStrep(in[1].value), Oro::optionalStrep(in[2].value),
             Oro::optionalStrep(in[3].value));
+  // Seen records every key merged while reconciling, whether it ends in a write or a delete.
+  output_.keyMerged(vrfId);
   if (unreadable != kInputs) {
-    output_.keyMerged(vrfId);
     keepOrUpgrade(*this, vrfId, w, unreadable);
     return;
   }
-  if (valMyVrf) output_.keyMerged(vrfId);
   intoMergedVrfStatusMvpnVrf(vrfId, valMyVrf);
 }
 

@@ -1,12 +1,13 @@
-// Bookkeeping of one output collection of a merge machine: the Seen set of keys written while
+// Bookkeeping of one output collection of a merge machine: the Seen set of keys merged while
 // reconciling, the walk that deletes stale entries after the merging scans, with its bookmark
 // and its own task, the output's ready flag, and a task that gives Seen's memory back in
 // slices once the walk is done.
 //
 // Reconciling is decided once, at initialisation: it is set exactly when the output already
 // holds entries (a restart over a surviving output). While it is set every key the merge
-// writes (or keeps, see below) is recorded in Seen; the walk deletes every output entry not in
-// Seen, then clears Seen and marks the output ready. With an empty output the walk is skipped.
+// decides is recorded in Seen, whether it writes, deletes or keeps it (see below); the walk
+// deletes every output entry not in Seen, then clears Seen and marks the output ready. With an
+// empty output the walk is skipped.
 //
 // Damaged input: while the last scan of one of the output's streams ended on damage, the keys
 // of that input are not all known, so the output is not reconciled and not ready: nothing is
@@ -73,8 +74,7 @@ class OutputReconciler : public OutputBase {
   uint64_t processedTotal() const { return processedTotal_; }
   uint64_t deletedTotal() const { return deletedTotal_; }
 
-  // Called by the merge before it writes a key into this output, or keeps the key's entry
-  // because an input could not be read.
+  // Called by the merge for every key it decides, before it writes, deletes or keeps it.
   void keyMerged(const Key& key) {
     if (reconciling_) seen_.insert(KeyType(key));
   }

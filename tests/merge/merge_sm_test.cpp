@@ -162,6 +162,13 @@ TEST(VrfMergeReconcile, RestartDeletesExactlyTheUnsupportedEntries) {
     rig.put({{0, 5}, {3, 6}});
     rig.start(mode == 2);
     EXPECT_EQ(rig.sm->mergedVrfStatusMvpnVrfOutputReconciling(), mode < 2);
+    if (mode == 0) {
+      // Every key merged while reconciling is seen, also one whose merge deletes it.
+      while (!rig.sm->initialScanDone()) ASSERT_TRUE(rig.scheduler.runOnce());
+      rig.sm->eventToDyx_pipeline0(VrfId(200));
+      EXPECT_TRUE(rig.sm->mergedVrfStatusMvpnVrfOutputSeen().contains(
+          MergedMvpnVrfStatusSm::MergedVrfStatusMvpnVrfOutputKeyType(VrfId(200))));
+    }
     // A synchronous machine did everything inside initializedIs, however short the slice.
     EXPECT_EQ(rig.scheduler.runUntilIdle() == 0, mode == 2);
     ASSERT_TRUE(rig.sm->ready() && rig.sm->idle());
@@ -661,6 +668,14 @@ TEST(TunnelMergeReconcile, RestartDeletesUnsupportedRecordsPerOutputAndEachIsRea
     rig.putRoute(kMvpn, 1, 1, "new");
     rig.putIntf(kEvpn, 2, 1, "new");
     rig.start(mode == 2);
+    if (mode == 0) {
+      // Every key merged while reconciling is seen, also one whose merge deletes it.
+      while (!rig.sm->initialScanDone()) ASSERT_TRUE(rig.scheduler.runOnce());
+      rig.sm->eventToDyx_pipeline0(VrfId(9), route(9));
+      EXPECT_TRUE(rig.sm->mergedEncapVrfStatusEncapTunnelOutputSeen().contains(
+          Routing::Multicast::DynaCode::MergedMcastTunnelEncapStatusSm::
+              MergedEncapVrfStatusEncapTunnelOutputKeyType(VrfId(9), route(9))));
+    }
     // A synchronous machine has reconciled inside initializedIs.
     EXPECT_EQ(rig.sm->mergedEncapVrfStatusEncapTunnelOutputReconciling(), mode != 2);
     EXPECT_EQ(rig.sm->mergedEncapVrfStatusEncapIntfTunnelOutputReconciling(), mode != 2);
