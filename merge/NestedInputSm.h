@@ -451,6 +451,10 @@ class NestedInputSm : public InputSmBase {
   template <size_t k>
   void doInputScan() {
     if (!initialized_) return;
+    if (nothingToScan<k>()) {
+      if (stream<k>().scan.state() == kScanComplete) taskDel<k>();
+      return;
+    }
     MVPN_ASSERT_MSG(en(),
                     "Sm args can only be null if marked as Optional in the SM type declaration");
     Stream& st = stream<k>();
@@ -634,6 +638,15 @@ class NestedInputSm : public InputSmBase {
   bool outerComplete() const {
     return stream<k>().scan.complete(machine_->initialScanDone());
   }
+  // Stream k's scan is complete (for now, when only its initial scan is and the parent's is
+  // not) and has said so, no child scan waits and no damage is to be recovered from: a scan
+  // of the stream has nothing new to do.
+  template <size_t k>
+  bool nothingToScan() const {
+    const Stream& st = stream<k>();
+    return st.queue.empty() && outerComplete<k>() && !st.damage.damaged() &&
+           machine_->inputSmScanState()->streamScan(streamNumber(k));
+  }
   template <size_t k>
   ScanEnv env() const {
     return ScanEnv{machine_->initialScanDonePtr(), stream<k>().task.get(), synchronous_,
@@ -695,8 +708,11 @@ class NestedInputSm : public InputSmBase {
   void scheduleChildScan(Child* c) {
     Stream& st = stream<k>();
     if (synchronous_ || !machine_->dynaControl().taskScheduler) {
+      // The stream was complete and said so before this child came: it stays so, as when the
+      // child's scan runs in the task.
+      const bool complete = nothingToScan<k>();
       c->template runScan<k>(env<k>());
-      if (outerComplete<k>() && st.queue.empty()) streamComplete<k>();
+      if (!complete && outerComplete<k>() && st.queue.empty()) streamComplete<k>();
       return;
     }
     st.queue.push_back(c);

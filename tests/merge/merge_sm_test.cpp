@@ -32,6 +32,7 @@ namespace {
 using namespace std::chrono_literals;
 using MergeTest::TraceCapture;
 using Routing::Multicast::DynaCode::kScanComplete;
+using Routing::Multicast::DynaCode::kScanInitialComplete;
 using Routing::Multicast::DynaCode::kScanInterrupted;
 using ::testing::HasSubstr;
 
@@ -771,6 +772,42 @@ TEST(TunnelMergeTrace, LifecycleLines) {
   // traces the initial-scan wait, route 1 is merged again when the static writer comes).
   EXPECT_EQ(trace.firstAppearances(lines), lines);
   trace.expectOnlyOwnLines();
+}
+
+// An input's scan is announced complete once: not again by a scan that has nothing new to do
+// (before the parent's initial scan is done), nor after a later VRF's child scan, whether the
+// machine is synchronous or not.
+TEST(TunnelMergeTrace, AStreamIsAnnouncedCompleteOnce) {
+  for (bool synchronous : {false, true}) {
+    SCOPED_TRACE(synchronous);
+    Rig rig;
+    rig.putRoute(kMvpn, 1, 1, "a");
+    TraceCapture trace("MergedMcastTunnelEncapStatusSm");
+    const auto announced = [&] {
+      return std::ranges::count_if(trace.sink.messages(), [](const std::string& m) {
+        return m.ends_with("scan, and parent scan, complete.");
+      });
+    };
+    rig.sm = rig.make(synchronous);
+    if (!synchronous) {
+      rig.sm->initializedIs(true);
+      auto* sm0 = rig.sm->mvpnEncapSm0();
+      while (sm0->inputScanState0() != kScanInitialComplete) ASSERT_TRUE(rig.scheduler.runOnce());
+      ASSERT_FALSE(rig.sm->initialScanDone());
+      const auto before = announced();
+      sm0->doInputScan0();
+      EXPECT_EQ(announced(), before);
+    } else {
+      rig.sm->initializedIs(true);
+    }
+    ASSERT_TRUE(rig.settle());
+    const auto atReady = announced();
+    rig.putRoute(kMvpn, 2, 1, "b");
+    rig.putIntf(kStatic, 3, 1, "c");
+    ASSERT_TRUE(rig.settle());
+    EXPECT_EQ(rig.mergedContents(), rig.expected());
+    EXPECT_EQ(announced(), atReady);
+  }
 }
 
 TEST(TunnelMergeDeathTest, NullArgumentsIntoKeyMismatchAndAVrfLeavingWithAnUnseenChange) {
