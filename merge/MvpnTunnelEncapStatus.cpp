@@ -101,13 +101,16 @@ void MvpnVrfTunnelEncapStatus::encapTunnelIs(const MvpnEncapTunnel& record) {
   publishKey(encapTunnelAttr, record.routeKey());
 }
 
-void MvpnVrfTunnelEncapStatus::encapTunnelDel(const MvpnRouteKey& key) {
+MvpnEncapTunnel MvpnVrfTunnelEncapStatus::encapTunnelDel(const MvpnRouteKey& key) {
   if (auto* c = counters(TunnelEncapStore::kEncapTunnel)) c->del.inc();
   const MvpnRouteKey k = key;  // `key` may live in the caller's copy of the removed record
-  if (writeOrStop("removal", "encapTunnel", encapTunnelReporter(),
-                  [&] { return encapTunnel_.remove(k); })) {
-    publishKey(encapTunnelAttr, k);
+  MvpnEncapTunnel removed;
+  if (!writeOrStop("removal", "encapTunnel", encapTunnelReporter(),
+                   [&] { return encapTunnel_.remove(k, &removed); })) {
+    return MvpnEncapTunnel();
   }
+  publishKey(encapTunnelAttr, k);
+  return removed;
 }
 
 void MvpnVrfTunnelEncapStatus::encapTunnelHandleCorruption(const std::string& message) const {
@@ -126,13 +129,16 @@ void MvpnVrfTunnelEncapStatus::encapIntfTunnelIs(const MvpnEncapIntfTunnel& reco
   publishKey(encapIntfTunnelAttr, key);
 }
 
-void MvpnVrfTunnelEncapStatus::encapIntfTunnelDel(const MvpnRouteIntfKey& key) {
+MvpnEncapIntfTunnel MvpnVrfTunnelEncapStatus::encapIntfTunnelDel(const MvpnRouteIntfKey& key) {
   if (auto* c = counters(TunnelEncapStore::kEncapIntfTunnel)) c->del.inc();
   const MvpnRouteIntfKey k = key;
-  if (writeOrStop("removal", "encapIntfTunnel", encapIntfTunnelReporter(),
-                  [&] { return encapIntfTunnel_.remove(k); })) {
-    publishKey(encapIntfTunnelAttr, k);
+  MvpnEncapIntfTunnel removed;
+  if (!writeOrStop("removal", "encapIntfTunnel", encapIntfTunnelReporter(),
+                   [&] { return encapIntfTunnel_.remove(k, &removed); })) {
+    return MvpnEncapIntfTunnel();
   }
+  publishKey(encapIntfTunnelAttr, k);
+  return removed;
 }
 
 void MvpnVrfTunnelEncapStatus::encapIntfTunnelHandleCorruption(const std::string& message) const {

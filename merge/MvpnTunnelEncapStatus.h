@@ -112,8 +112,9 @@ class MvpnVrfTunnelEncapStatus : public Oro::Entity, public Oro::ShmNode {
   }
   // Inserts the record under its own routeKey, or replaces the one stored there.
   void encapTunnelIs(const MvpnEncapTunnel& record);
-  // Removes the record of `key`; an absent key changes and publishes nothing.
-  void encapTunnelDel(const MvpnRouteKey& key);
+  // Removes the record of `key` and returns it; an absent key changes and publishes nothing
+  // and returns the default record.
+  MvpnEncapTunnel encapTunnelDel(const MvpnRouteKey& key);
   void encapTunnelHandleCorruption(const std::string& message) const;
   void encapTunnelCorruptionHandlerIs(std::function<void(const std::string&)> handler) {
     encapTunnelHandler_ = std::move(handler);
@@ -129,7 +130,7 @@ class MvpnVrfTunnelEncapStatus : public Oro::Entity, public Oro::ShmNode {
     return encapIntfTunnel_.at(b);
   }
   void encapIntfTunnelIs(const MvpnEncapIntfTunnel& record);
-  void encapIntfTunnelDel(const MvpnRouteIntfKey& key);
+  MvpnEncapIntfTunnel encapIntfTunnelDel(const MvpnRouteIntfKey& key);
   void encapIntfTunnelHandleCorruption(const std::string& message) const;
   void encapIntfTunnelCorruptionHandlerIs(std::function<void(const std::string&)> handler) {
     encapIntfTunnelHandler_ = std::move(handler);

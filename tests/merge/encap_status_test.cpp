@@ -42,15 +42,18 @@ TEST(EncapStatus, MutatorsPublishEveryChangedKeyAndCountMembersAndWalksResumeAtA
   const uint32_t v0 = vrf->encapTunnelVersion();
   vrf->encapTunnelIs(MvpnEncapTunnel(route(1), "a"));
   vrf->encapTunnelIs(MvpnEncapTunnel(route(1), "b"));  // replaced: same member count
-  vrf->encapTunnelDel(route(2));                       // absent: nothing
+  EXPECT_EQ(vrf->encapTunnelDel(route(2)), MvpnEncapTunnel());  // absent: nothing
   EXPECT_EQ(vrf->encapTunnelSize(), 1u);
   EXPECT_EQ(vrf->encapTunnel(route(1))->encapData(), "b");
   EXPECT_EQ(vrf->encapTunnelVersion(), v0 + 2);
-  vrf->encapTunnelDel(route(1));  // the last record: the entity stays
+  EXPECT_EQ(vrf->encapTunnelDel(route(1)).encapData(), "b");  // the last record: entity stays
   EXPECT_EQ(root->vrfStatus(VrfId(7)), vrf);
   EXPECT_EQ(routeChanges.keys, (std::vector<MvpnRouteKey>{route(1), route(1), route(1)}));
 
   vrf->encapIntfTunnelIs(MvpnEncapIntfTunnel(intf(3)));
+  vrf->encapIntfTunnelIs(MvpnEncapIntfTunnel(intf(4), "d"));
+  EXPECT_EQ(vrf->encapIntfTunnelDel(intf(4)), MvpnEncapIntfTunnel(intf(4), "d"));
+  EXPECT_EQ(vrf->encapIntfTunnelDel(intf(5)), MvpnEncapIntfTunnel());
   root->vrfStatusIs(VrfId(7));
   EXPECT_EQ(vrf->encapIntfTunnelSize(), 1u);  // vrfStatusIs on an existing VRF keeps records
   root->vrfStatusDel(VrfId(7));
