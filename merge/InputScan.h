@@ -108,8 +108,11 @@ class InputScan {
         onKey(key, it);
         ++handled;
         it.next();
+        // The verdict is asked after every key; one that comes after the last key does not
+        // yield (there is nothing left to resume).
+        const bool yield = env.shouldYield();
         if (!it.valid()) break;
-        if (env.shouldYield()) {
+        if (yield) {
           const size_t total = coll.size();
           ORO_TRACE(*env.trace, kTraceScan, "{} {} yielding after {} iterations ({} total items)",
                     env.machineName, env.inputName, handled, total);

@@ -103,6 +103,24 @@ TEST(VrfMerge, PrecedenceFollowsEveryChangeAndEveryRemergedKeyIsWritten) {
   }
 }
 
+// A scan asks for the scheduler's verdict after every key, the last one too (which cannot
+// yield: nothing is left to resume).
+TEST(VrfMergeLifecycle, AScanAsksForAVerdictAfterEveryKey) {
+  Rig rig;
+  for (uint32_t v = 1; v <= 3; ++v) rig.put(0, v);
+  rig.start();
+  const Oro::Task* task0 = rig.sm->mvpnVrfStatusSm0()->task0();
+  int asked = 0;
+  rig.scheduler.yieldPolicyIs([&](const Oro::Task& t) {
+    if (&t == task0) ++asked;
+    return asked == 3;  // the verdict after the last key
+  });
+  while (rig.sm->mvpnVrfStatusSm0()->inputScanState0() != kScanInitialComplete) {
+    ASSERT_TRUE(rig.scheduler.runOnce());
+  }
+  EXPECT_EQ(asked, 3);
+}
+
 TEST(VrfMergeLifecycle, ScansStartWhenInitializedYieldByTheSliceAndTheFirstWritesNothing) {
   Rig rig(0ns);  // every slice is used up after one key
   for (uint32_t v = 1; v <= 3; ++v) rig.put(0, v);
