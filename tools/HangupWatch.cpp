@@ -1,6 +1,8 @@
 #include "tools/HangupWatch.h"
 
 #include <poll.h>
+#include <pthread.h>
+#include <signal.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -55,7 +57,19 @@ HangupWatch::HangupWatch(Oro::TaskScheduler& scheduler, std::function<void()> on
     : scheduler_(scheduler), onHangup_(std::move(onHangup)) {
   event_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   if (event_ < 0) throw std::system_error(errno, std::generic_category(), "eventfd");
-  thread_ = std::thread([this] { run(); });
+  // The thread takes no signals: an operator's SIGINT or SIGTERM must reach the main thread,
+  // the one that may be blocked writing to a full pipe (the signal ends that write).
+  sigset_t all, before;
+  sigfillset(&all);
+  pthread_sigmask(SIG_BLOCK, &all, &before);
+  try {
+    thread_ = std::thread([this] { run(); });
+  } catch (...) {
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    ::close(event_);
+    throw;
+  }
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
 HangupWatch::~HangupWatch() {

@@ -1,9 +1,12 @@
 #include "tools/StatusTypes.h"
 
+#include <unistd.h>
+
 #include <atomic>
 #include <chrono>
 #include <map>
 #include <memory>
+#include <system_error>
 #include <unordered_set>
 
 #include <fmt/format.h>
@@ -28,6 +31,23 @@ using Vrf::VrfIdMap::VrfId;
 namespace {
 
 std::atomic<Oro::TaskScheduler*> gWatching{nullptr};
+std::atomic<bool> gStopRequested{false};
+
+// Writes `text` to `out` at once, bypassing its buffer. A write blocked on a full pipe or
+// terminal is ended by SIGINT or SIGTERM (the handler asks the watch to stop; the signal
+// interrupts the write, stdio would have written on): the rest of the text is dropped then.
+void writeNow(FILE* out, std::string_view text) {
+  if (std::fflush(out) != 0) throw std::system_error(errno, std::generic_category(), "write");
+  const int fd = fileno(out);
+  while (!text.empty() && !gStopRequested.load()) {
+    const ssize_t n = ::write(fd, text.data(), text.size());
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      throw std::system_error(errno, std::generic_category(), "write");
+    }
+    text.remove_prefix(static_cast<size_t>(n));
+  }
+}
 
 std::string recordJson(const MvpnVrf& r) {
   return fmt::format("{{\"key\": {}, \"client\": {}}}", r.key().value(),
@@ -188,8 +208,9 @@ struct Watch {
 
   // One change printed as it is (a line of text or one JSON object).
   void line(const std::string& text) {
-    fmt::print(out, "{}\n", text);
-    std::fflush(out);
+    // Changes delivered together with the last one wanted are not printed.
+    if (maxChanges != 0 && printed == maxChanges) return;
+    writeNow(out, text + "\n");
     if (++printed == maxChanges) scheduler.stop();
   }
   // A change of a nested status: its level, the keys from the VRF down, the new value.
@@ -250,7 +271,8 @@ struct Watch {
 
   uint64_t run() {
     gWatching.store(&scheduler);
-    scheduler.run();
+    // A signal that came before the scheduler could be stopped ends the watch here.
+    if (!gStopRequested.load()) scheduler.run();
     gWatching.store(nullptr);
     return printed;
   }
@@ -563,6 +585,7 @@ std::string recordDamage(const std::string& rootType, const std::string& path) {
 }
 
 void watchStop() {
+  gStopRequested.store(true);
   if (Oro::TaskScheduler* s = gWatching.load()) s->stop();
 }
 

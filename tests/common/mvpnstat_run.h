@@ -85,11 +85,12 @@ struct Child {
     out = p[0];
   }
   ~Child() {
+    // The pipe goes first: a child blocked writing to it unread is then ended by the write.
+    if (out >= 0) ::close(out);
     if (pid > 0) {
       ::kill(pid, SIGTERM);
       ::waitpid(pid, nullptr, 0);
     }
-    if (out >= 0) ::close(out);
   }
   // The next line of output; empty when the child ends or nothing comes within `guardMs`.
   std::string line(int guardMs = 60000) {

@@ -149,6 +149,29 @@ TEST_F(MvpnstatToolTest, ShowsListsAndWatchesTablesAndNestedStatuses) {
                 "vrf 2: present"}));
 }
 
+// A watch prints no more changes than asked for, even when more arrive in one delivery; and an
+// operator's SIGTERM ends a watch whose output nobody reads (blocked writing to a full pipe).
+TEST_F(MvpnstatToolTest, AWatchStopsAtItsCountAndOnSigtermWhileItsOutputIsBlocked) {
+  const std::string path = MvpnVrfStatus::mountPath(Nevo::ipv4, bgp_);
+  auto vrfs = shmtest::mounted(mvpnVrfStatusFactory(path), {path, Oro::ShmRole::writer});
+  for (uint32_t v = 0; v < 3000; ++v) vrfs->mvpnVrfIs(MvpnVrf(Vrf::VrfIdMap::VrfId(v), bgp_));
+  EXPECT_EQ(sortedLines(mvpnstatExpect("watch " + path + " --count 5", 0).out).size(), 5u);
+
+  shmtest::Child watch({MVPNSTAT_PATH, "--namespace", Oro::shmNamespace(), "watch", path});
+  ASSERT_GT(watch.pid, 0);
+  // 3000 lines are more than a pipe holds: the watch ends up asleep in its write.
+  const auto blockedInWrite = [&] {
+    std::ifstream wchan(fmt::format("/proc/{}/wchan", watch.pid));
+    std::string w;
+    std::getline(wchan, w);
+    return w.find("pipe") != std::string::npos;
+  };
+  while (!blockedInWrite()) sched_yield();
+  ASSERT_EQ(::kill(watch.pid, SIGTERM), 0);
+  EXPECT_EQ(shmtest::waitChild(watch.pid), 0);
+  watch.pid = -1;
+}
+
 TEST_F(MvpnstatToolTest, ReportsUnknownDamagedAndForeignTablesAndBadUsage) {
   mvpnstatExpect("show routing/multicast/vpn/vrfStatus/bgp", 1,
                  {"no status table at routing/multicast/vpn/vrfStatus/bgp"});
