@@ -92,6 +92,17 @@ struct Child {
       ::waitpid(pid, nullptr, 0);
     }
   }
+  // Reads lines until one equals `want` (true) or the output ends (false); `seen` keeps every
+  // line read this way, for the failure message.
+  bool waitFor(const std::string& want) {
+    for (std::string l = line(); !l.empty(); l = line()) {
+      seen += l + "\n";
+      if (l == want) return true;
+    }
+    return false;
+  }
+  std::string seen;
+
   // The next line of output; empty when the child ends or nothing comes within `guardMs`.
   std::string line(int guardMs = 60000) {
     for (;;) {

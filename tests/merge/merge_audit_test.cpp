@@ -60,17 +60,9 @@ TEST_F(MergeAuditTest, VrfMergeExplainsEveryPrecedenceAndChecksAgainstWriterProc
 
   // A watch attached before the machine starts reports its transitions.
   shmtest::Child watch({MVPNSTAT_PATH, "--namespace", Oro::shmNamespace(), "watch", kMerged});
-  std::string watched;
-  // Reads the watch's lines until one equals `want`; false when its output ends.
-  const auto waitFor = [&](const std::string& want) {
-    for (std::string l = watch.line(); !l.empty(); l = watch.line()) {
-      watched += l + "\n";
-      if (l == want) return true;
-    }
-    return false;
-  };
-  ASSERT_TRUE(waitFor("99: Value('Routing::Multicast::MvpnVrf', ** {'key': 99, 'client': bgp})"))
-      << watched;
+  ASSERT_TRUE(
+      watch.waitFor("99: Value('Routing::Multicast::MvpnVrf', ** {'key': 99, 'client': bgp})"))
+      << watch.seen;
 
   sm->initializedIs(true);
   const auto started = Oro::shmStoreInfo(kMerged).merge;
@@ -81,8 +73,8 @@ TEST_F(MergeAuditTest, VrfMergeExplainsEveryPrecedenceAndChecksAgainstWriterProc
 
   ASSERT_TRUE(
       scheduler.runUntil([&] { return sm->ready(); }, Oro::TaskScheduler::Clock::now() + 60s));
-  EXPECT_TRUE(waitFor("merger: ready")) << watched;
-  EXPECT_THAT(watched, HasSubstr("99: deleted"));
+  EXPECT_TRUE(watch.waitFor("merger: ready")) << watch.seen;
+  EXPECT_THAT(watch.seen, HasSubstr("99: deleted"));
   const auto done = Oro::shmStoreInfo(kMerged).merge;
   EXPECT_EQ(done->outputs[0].deleted, 1u);  // VRF 99, reconciled away
   EXPECT_EQ(done->streams[0].done, 8u);     // the BGP writer's eight VRFs, scanned

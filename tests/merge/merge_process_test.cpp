@@ -334,24 +334,16 @@ TEST_F(TunnelMergeProcessTest, MergedStatusFollowsThreeWriterProcesses) {
   shmtest::Child watch({MVPNSTAT_PATH, "--namespace", Oro::shmNamespace(), "watch",
                         MvpnTunnelEncapStatus::mountPath("merged")});
   ASSERT_FALSE(watch.line().empty());
-  std::string watched;
-  const auto waitFor = [&](const std::string& want) {
-    for (std::string l = watch.line(); !l.empty(); l = watch.line()) {
-      watched += l + "\n";
-      if (l == want) return true;
-    }
-    return false;
-  };
   for (int phase = 1; phase < kPhases; ++phase) {
     SCOPED_TRACE(phase);
     if (phase == kMergerDown) {
       ASSERT_EQ(::kill(merger, SIGKILL), 0);
       EXPECT_EQ(shmtest::waitChild(merger), 128 + SIGKILL);
-      EXPECT_TRUE(waitFor("merger: not running")) << watched;
+      EXPECT_TRUE(watch.waitFor("merger: not running")) << watch.seen;
       runPhase(phase);
       merger = startMerger();
       runPhase(++phase);  // while the new merger scans and reconciles
-      EXPECT_TRUE(waitFor("merger: ready")) << watched;
+      EXPECT_TRUE(watch.waitFor("merger: ready")) << watch.seen;
     } else {
       if (phase == kStaticTakeOver) writers.restart(kStatic);
       runPhase(phase);
