@@ -101,16 +101,25 @@ void MvpnVrfTunnelEncapStatus::encapTunnelIs(const MvpnEncapTunnel& record) {
   publishKey(encapTunnelAttr, record.routeKey());
 }
 
-MvpnEncapTunnel MvpnVrfTunnelEncapStatus::encapTunnelDel(const MvpnRouteKey& key) {
-  if (auto* c = counters(TunnelEncapStore::kEncapTunnel)) c->del.inc();
-  const MvpnRouteKey k = key;  // `key` may live in the caller's copy of the removed record
-  MvpnEncapTunnel removed;
-  if (!writeOrStop("removal", "encapTunnel", encapTunnelReporter(),
-                   [&] { return encapTunnel_.remove(k, &removed); })) {
-    return MvpnEncapTunnel();
+template <class Coll, class Reporter>
+typename Coll::Record MvpnVrfTunnelEncapStatus::removeRecord(Oro::ShmValues<Coll>& values,
+                                                             const typename Coll::Key& key,
+                                                             uint32_t coll, const char* name,
+                                                             const Reporter& reporter,
+                                                             Oro::AttrId attr) {
+  if (auto* c = counters(coll)) c->del.inc();
+  const typename Coll::Key k = key;  // `key` may live in the caller's copy of the record
+  typename Coll::Record removed;
+  if (!writeOrStop("removal", name, reporter, [&] { return values.remove(k, &removed); })) {
+    return typename Coll::Record();
   }
-  publishKey(encapTunnelAttr, k);
+  publishKey(attr, k);
   return removed;
+}
+
+MvpnEncapTunnel MvpnVrfTunnelEncapStatus::encapTunnelDel(const MvpnRouteKey& key) {
+  return removeRecord(encapTunnel_, key, TunnelEncapStore::kEncapTunnel, "encapTunnel",
+                      encapTunnelReporter(), encapTunnelAttr);
 }
 
 void MvpnVrfTunnelEncapStatus::encapTunnelHandleCorruption(const std::string& message) const {
@@ -130,15 +139,8 @@ void MvpnVrfTunnelEncapStatus::encapIntfTunnelIs(const MvpnEncapIntfTunnel& reco
 }
 
 MvpnEncapIntfTunnel MvpnVrfTunnelEncapStatus::encapIntfTunnelDel(const MvpnRouteIntfKey& key) {
-  if (auto* c = counters(TunnelEncapStore::kEncapIntfTunnel)) c->del.inc();
-  const MvpnRouteIntfKey k = key;
-  MvpnEncapIntfTunnel removed;
-  if (!writeOrStop("removal", "encapIntfTunnel", encapIntfTunnelReporter(),
-                   [&] { return encapIntfTunnel_.remove(k, &removed); })) {
-    return MvpnEncapIntfTunnel();
-  }
-  publishKey(encapIntfTunnelAttr, k);
-  return removed;
+  return removeRecord(encapIntfTunnel_, key, TunnelEncapStore::kEncapIntfTunnel, "encapIntfTunnel",
+                      encapIntfTunnelReporter(), encapIntfTunnelAttr);
 }
 
 void MvpnVrfTunnelEncapStatus::encapIntfTunnelHandleCorruption(const std::string& message) const {

@@ -151,6 +151,12 @@ class MvpnVrfTunnelEncapStatus : public Oro::Entity, public Oro::ShmNode {
   auto encapIntfTunnelReporter() const {
     return [this](const std::string& message) { encapIntfTunnelHandleCorruption(message); };
   }
+  // Both collections' Del: counts the call, removes `key` from `values` and announces it on
+  // `attr`; returns the removed record, or the default one when the key was absent.
+  template <class Coll, class Reporter>
+  typename Coll::Record removeRecord(Oro::ShmValues<Coll>& values, const typename Coll::Key& key,
+                                     uint32_t coll, const char* name, const Reporter& reporter,
+                                     Oro::AttrId attr);
 
   VrfId vrfId_;
   Oro::ShmValues<EncapTunnelColl> encapTunnel_;

@@ -5,14 +5,13 @@
 #include <signal.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
 #include <system_error>
 
 #include "platform/runtime/TaskScheduler.h"
+#include "platform/shm/ShmBell.h"
 
 namespace Mvpnstat {
 
@@ -21,23 +20,13 @@ namespace {
 enum class Connect { connected, gone, busy };
 
 // A connection to the doorbell at `path` in `*fd`; `gone` when nobody serves it, `busy` when
-// its queue of waiting connections is full (try again later).
+// it cannot be made now (a full queue of waiting connections, no descriptor left).
 Connect connectTo(const std::string& path, int* fd) {
-  *fd = -1;
-  sockaddr_un a{};
-  a.sun_family = AF_UNIX;
-  if (path.empty() || path.size() >= sizeof a.sun_path) return Connect::gone;
-  std::memcpy(a.sun_path, path.c_str(), path.size() + 1);
-  const int s = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-  if (s < 0) return Connect::busy;
-  if (::connect(s, reinterpret_cast<const sockaddr*>(&a), sizeof a) != 0) {
-    const int err = errno;
-    ::close(s);
-    return err == EAGAIN || err == EMFILE || err == ENFILE || err == ENOBUFS ? Connect::busy
-                                                                             : Connect::gone;
-  }
-  *fd = s;
-  return Connect::connected;
+  *fd = Oro::shmBellConnect(path);
+  if (*fd >= 0) return Connect::connected;
+  const int err = -*fd;
+  return err == EAGAIN || err == EMFILE || err == ENFILE || err == ENOBUFS ? Connect::busy
+                                                                           : Connect::gone;
 }
 
 // Whether the peer of `fd` closed its end: the writer never sends, so anything readable is

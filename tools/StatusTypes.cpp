@@ -224,18 +224,19 @@ struct Watch {
   // its doorbell connection's hang-up tells instead.
   void followMerger(Oro::ShmBinding& b) {
     binding = &b;
-    if (const auto m = mergerState()) lastMergerPhase = m->phase();
+    const auto m = mergerState();
+    if (m) lastMergerPhase = m->phase();
     b.mergeStateHandlerIs([this](uint32_t) {
-      reportMerger();
-      followWriter();
+      const auto now = mergerState();
+      reportMerger(now);
+      followWriter(now);
     });
-    followWriter();
+    followWriter(m);
   }
   std::optional<Oro::ShmMergeState> mergerState() const {
     return Oro::shmReadMergeState(*binding->store().header(), binding->store().writerAlive());
   }
-  void reportMerger() {
-    const auto m = mergerState();
+  void reportMerger(const std::optional<Oro::ShmMergeState>& m) {
     if (!m || m->phase() == lastMergerPhase) return;
     lastMergerPhase = m->phase();
     line(json ? fmt::format("{{\"merger\": {}, \"progress\": {}}}", jsonQuote(m->phase()),
@@ -243,22 +244,22 @@ struct Watch {
               : fmt::format("merger: {}", m->phaseText()));
   }
   // Listens for the hang-up of the merger writing the store now (none for a status no
-  // merger writes).
-  void followWriter() {
-    if (!mergerState() || !binding->store().writerAlive()) return;
+  // merger writes, or whose merger is not running).
+  void followWriter(const std::optional<Oro::ShmMergeState>& m) {
+    if (!m || !m->running) return;
     std::string bell = binding->store().bellPath();
-    if (hangups && !hungUp && bell == followed) return;
+    if (bell == followed) return;
     if (!hangups) hangups = std::make_unique<HangupWatch>(scheduler, [this] { afterHangup(0); });
     hangups->follow(bell);
     followed = std::move(bell);
-    hungUp = false;
   }
   // The writer hung up; its process may hold its lock on the store a moment longer while it
   // ends, so a merger still seen alive is looked at again shortly (for a second at most).
   void afterHangup(int attempt) {
-    hungUp = true;
-    reportMerger();
-    if (attempt < 50 && binding->store().writerAlive()) {
+    followed.clear();  // a successor at the same doorbell is followed anew
+    const auto m = mergerState();
+    reportMerger(m);
+    if (attempt < 50 && m && m->running) {
       scheduler.timerIs(std::chrono::milliseconds(20),
                         [this, attempt] { afterHangup(attempt + 1); });
     }
@@ -266,8 +267,7 @@ struct Watch {
   Oro::ShmBinding* binding = nullptr;
   std::string lastMergerPhase;
   std::unique_ptr<HangupWatch> hangups;  // declared after the scheduler it posts to
-  std::string followed;                  // the doorbell it follows
-  bool hungUp = false;                   // and whether that one hung up since
+  std::string followed;                  // the doorbell followed, "" after its hang-up
 
   uint64_t run() {
     gWatching.store(&scheduler);

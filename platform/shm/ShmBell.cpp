@@ -344,23 +344,29 @@ void ShmBellClient::reset() {
   sent_ = false;
 }
 
-int ShmBellClient::connectNow() {
+int shmBellConnect(const std::string& path) {
   // Non-blocking: a connect to a doorbell whose queue of waiting connections is full fails at
-  // once (EAGAIN: ring again later) instead of blocking the reader's scheduler.
-  const int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-  if (fd < 0) return errno;
+  // once (EAGAIN: try again later) instead of blocking the caller.
+  if (path.empty()) return -ENOENT;
   sockaddr_un addr{};
   try {
-    addr = addressOf(path_);
+    addr = addressOf(path);
   } catch (const ShmException&) {
-    ::close(fd);
-    return ENAMETOOLONG;
+    return -ENAMETOOLONG;
   }
+  const int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  if (fd < 0) return -errno;
   if (::connect(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) != 0) {
     const int err = errno;
     ::close(fd);
-    return err;
+    return -err;
   }
+  return fd;
+}
+
+int ShmBellClient::connectNow() {
+  const int fd = shmBellConnect(path_);
+  if (fd < 0) return -fd;
   fd_ = fd;
   sent_ = false;
   return 0;

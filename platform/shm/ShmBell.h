@@ -41,6 +41,13 @@ namespace Oro {
 // secret name key (whoever cannot read the store cannot bind it first).
 std::string shmBellPath(uint64_t instance, uint64_t nameKey);
 
+// A connection to the doorbell at `path`, as a reader makes one: a non-blocking descriptor,
+// or minus the errno of the failure (-ENOENT or -ECONNREFUSED: nobody serves it; -EAGAIN: its
+// queue of waiting connections is full). The writer never sends on it, so the connection
+// becomes readable only when the writer's end closes (its process ended, or it let the store
+// go).
+int shmBellConnect(const std::string& path);
+
 class ShmBellServer {
  public:
   // Binds the socket at `path` (replacing a leftover) with write permission for those who may
