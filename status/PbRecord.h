@@ -20,15 +20,19 @@ void writePbMessage(Oro::PbWriteBuffer& out, const Record& record) {
 }
 
 // Reads a varint length L, then every field of the L bytes (which must lie within `in`);
-// `in` is left just behind them. Unknown fields are skipped by readMessageField.
+// `in` is left just behind them. Unknown fields are skipped by readMessageField. The fields
+// are read into a copy: bytes that turn out malformed after some good fields leave `record`
+// as it was, never half read.
 template <class Record>
 void readMessage(Oro::PbReadBuffer& in, Record& record) {
   const uint64_t length = in.readVarint();
   Oro::PbReadBuffer fields = in.readSection(length);
+  Record read = record;
   while (!fields.atEnd()) {
     const Oro::PbReadBuffer::Tag tag = fields.readTag();
-    readMessageField(fields, tag.field, tag.wireType, record);
+    readMessageField(fields, tag.field, tag.wireType, read);
   }
+  record = read;
 }
 
 }  // namespace Routing::Multicast
