@@ -156,7 +156,8 @@ bool check(const std::optional<std::string>& path, bool json) {
         }
         if (r.problems) ok = false;
         line = fmt::format(
-            "merger {} ready: {} keys checked, {}", displayText(m.desc.machineType), r.keysChecked,
+            "merger {} ready: {} checked, {}", displayText(m.desc.machineType),
+            counted(r.keysChecked, "key"),
             r.problems ? fmt::format("{} inconsistent", r.problems) : std::string("consistent"));
         std::string findings;
         for (const auto& f : r.findings) {
@@ -206,10 +207,9 @@ bool check(const std::optional<std::string>& path, bool json) {
             fmt::format("{}{{\"collection\": {}, \"problem\": {}}}", problems.empty() ? "" : ", ",
                         jsonQuote(p.collection), jsonQuote(p.what));
       }
-      line +=
-          fmt::format("; integrity {} ({} records)",
-                      integrity.ok() ? "ok" : fmt::format("{} problems", integrity.problems.size()),
-                      integrity.recordsChecked);
+      line += fmt::format("; integrity {} ({})",
+                          integrity.ok() ? "ok" : counted(integrity.problems.size(), "problem"),
+                          counted(integrity.recordsChecked, "record"));
       jsonIntegrity = fmt::format("{{\"records\": {}, \"ok\": {}, \"problems\": [{}]}}",
                                   integrity.recordsChecked, integrity.ok(), problems);
     }

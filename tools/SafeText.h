@@ -7,6 +7,7 @@
 // byte that does not start a valid sequence is an invalid byte on its own.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -22,5 +23,10 @@ std::string jsonQuote(std::string_view s);
 // control character (C0, DEL) or an invalid byte is shown as \xNN, a C1 control as \u00NN.
 // With keepNewlines, '\n' passes through, so that multi-line dumps keep their lines.
 std::string displayText(std::string_view s, bool keepNewlines = false);
+
+// A count with its noun, singular for one: "1 record", "3 records".
+inline std::string counted(uint64_t n, std::string_view noun) {
+  return std::to_string(n) + " " + std::string(noun) + (n == 1 ? "" : "s");
+}
 
 }  // namespace Mvpnstat

@@ -225,8 +225,8 @@ void list(bool json) {
     fmt::print("{}  {}  {}  {}\n", displayText(t.mountPath), displayText(t.rootType), writer,
                TylKetab::mountStatusName(t.mountStatus));
     for (const auto& c : t.collections) {
-      fmt::print("    {}  {}  {} records\n", displayText(c.name), displayText(c.typeName),
-                 c.records);
+      fmt::print("    {}  {}  {}\n", displayText(c.name), displayText(c.typeName),
+                 Mvpnstat::counted(c.records, "record"));
     }
     for (const auto& c : t.counters) fmt::print("    {} {}\n", displayText(c.name), c.value);
     if (t.merge) fmt::print("{}", Mvpnstat::mergerText(*t.merge, "    "));

@@ -80,7 +80,7 @@ TEST_F(MvpnstatToolTest, ShowsListsAndWatchesTablesAndNestedStatuses) {
                  {"{\"key\": 7, \"pmsiIntfId\": \"Vlan107\"}"});
   mvpnstatExpect("list", 0,
                  {path + "  Routing::Multicast::MvpnVrfStatus  writer pid ",
-                  "    mvpnVrf  Routing::Multicast::MvpnVrf  1 records", "mvpnVrfIs 1"});
+                  "    mvpnVrf  Routing::Multicast::MvpnVrf  1 record", "mvpnVrfIs 1"});
   // A reader reports what is present when it attaches: one change is enough to end the watch.
   EXPECT_EQ(mvpnstatExpect("watch " + path + " --count 1", 0).out,
             "7: Value('Routing::Multicast::MvpnVrf', ** {'key': 7, 'client': evpn})\n");
