@@ -268,13 +268,17 @@ void MvpnVrfRouteStatus::mvpnRouteNotify(const MvpnRouteKey& key, const MvpnRout
   if (auto* c = counters(RouteStatusStore::kMvpnRoute)) c->notify.inc();
 }
 
-// Every call counts, as every call of a record's Is does; only a new group is announced.
+// Every call counts, as every call of a record's Is does; only a new group is announced. The
+// lookup is part of the write: damage it meets stops the process as the write's would.
 Oro::Ptr<MvpnGroup> MvpnVrfRouteStatus::mvpnGroupIs(const IpGenAddr& group) {
   if (auto* c = counters(RouteStatusStore::kMvpnGroup)) c->is.inc();
-  if (Oro::Ptr<MvpnGroup> g = groups_.find(group)) return g;
-  Oro::Ptr<MvpnGroup> g =
-      writeOrStop("write", "mvpnGroup", *this, [&] { return groups_.insert(group); });
-  mvpnGroupNotify(group);
+  bool added = false;
+  Oro::Ptr<MvpnGroup> g = writeOrStop("write", "mvpnGroup", *this, [&] {
+    if (Oro::Ptr<MvpnGroup> found = groups_.find(group)) return found;
+    added = true;
+    return groups_.insert(group);
+  });
+  if (added) mvpnGroupNotify(group);
   return g;
 }
 
@@ -309,11 +313,17 @@ MvpnSource MvpnVrfRouteStatus::mvpnSourceIs(const IpGenAddr& group, const IpGenA
 
 MvpnSource MvpnVrfRouteStatus::mvpnSourceDel(const IpGenAddr& group, const IpGenAddr& source,
                                              bool sharedTree) {
-  Oro::Ptr<MvpnGroup> g = mvpnGroup(group);
+  // The lookup and the emptiness check belong to the removal: damage they meet stops the
+  // process as the removal's would, rather than leaving the caller an exception.
+  Oro::Ptr<MvpnGroup> g =
+      writeOrStop("removal", "mvpnGroup", *this, [&] { return mvpnGroup(group); });
   if (!g) return MvpnSource();
   const MvpnSource removed = sharedTree ? g->sharedTreeDel(source) : g->sourceTreeDel(source);
   // Also when nothing was removed: an empty group goes.
-  if (g->sharedTreeSize() == 0 && g->sourceTreeSize() == 0) mvpnGroupDel(group);
+  if (writeOrStop("removal", "mvpnGroup", *this,
+                  [&] { return g->sharedTreeSize() == 0 && g->sourceTreeSize() == 0; })) {
+    mvpnGroupDel(group);
+  }
   return removed;
 }
 
@@ -403,13 +413,17 @@ std::string MvpnRouteStatus::mountPath(Nevo::AddressFamily af, MvpnClient client
   return {};
 }
 
-// Every call counts, as every call of a record's Is does; only a new VRF is announced.
+// Every call counts, as every call of a record's Is does; only a new VRF is announced. The
+// lookup is part of the write, as in mvpnGroupIs.
 Oro::Ptr<MvpnVrfRouteStatus> MvpnRouteStatus::vrfRouteStatusIs(VrfId vrfId) {
   counters(RouteStatusStore::kVrfRouteStatus).is.inc();
-  if (Oro::Ptr<MvpnVrfRouteStatus> v = vrfs_.find(vrfId)) return v;
-  Oro::Ptr<MvpnVrfRouteStatus> v =
-      writeOrStop("write", "vrfRouteStatus", *this, [&] { return vrfs_.insert(vrfId); });
-  vrfRouteStatusNotify(vrfId);
+  bool added = false;
+  Oro::Ptr<MvpnVrfRouteStatus> v = writeOrStop("write", "vrfRouteStatus", *this, [&] {
+    if (Oro::Ptr<MvpnVrfRouteStatus> found = vrfs_.find(vrfId)) return found;
+    added = true;
+    return vrfs_.insert(vrfId);
+  });
+  if (added) vrfRouteStatusNotify(vrfId);
   return v;
 }
 
