@@ -630,17 +630,18 @@ TEST_F(RouteStatusTest, CountingThatMeetsDamageReportsItAndRaisesNothing) {
   std::vector<std::string> reports;
   root->corruptionHandlerIs([&](const std::string& m) { reports.push_back(m); });
   auto vrf = root->vrfRouteStatusIs(VrfId(1));
-  for (uint32_t g = 1; g <= 3; ++g) {
-    vrf->mvpnSourceIs(v4(0xef000000 + g), v4(0x0a000001), prefix(0, 0), true, Flags());
-  }
+  for (uint32_t g = 1; g <= 3; ++g) vrf->mvpnSourceIs(v4(g), v4(1), prefix(0, 0), true, Flags());
+  // A group whose collection is damaged is reported and counts 0; the others still count.
+  vrf->mvpnGroup(v4(2))->childHandle(RouteStatusStore::kSharedTree)->faultyIs(true);
+  EXPECT_EQ(vrf->mvpnSharedTrees(), 2u);
   // The walk of the groups meets the damage: it is reported and the count ends there.
   ASSERT_TRUE(shmtest::damageTable("t/counting", "mvpnGroup"));
   EXPECT_EQ(vrf->mvpnSharedTrees(), 0u);
   EXPECT_EQ(vrf->mvpnSourceTrees(), 0u);
-  EXPECT_EQ(reports.size(), 2u);
+  EXPECT_EQ(reports.size(), 3u);
   // So does the walk of a DelAll, which then removes what it walked (nothing here).
   EXPECT_NO_THROW(vrf->mvpnGroupDelAll());
-  EXPECT_EQ(reports.size(), 3u);
+  EXPECT_EQ(reports.size(), 4u);
 }
 
 TEST_F(RouteStatusTest, ADeletedVrfKeepsItsRecordsForWhoeverHoldsIt) {
