@@ -459,10 +459,11 @@ class NestedInputSm : public InputSmBase {
                     "Sm args can only be null if marked as Optional in the SM type declaration");
     Stream& st = stream<k>();
     const ScanEnv e = env<k>();
-    // Once the stream is complete after the initial scan, and said so, a run only works off
-    // the scans of children that came later: the stream stays complete, not announced again.
-    const bool followUp = st.scan.state() == kScanComplete &&
-                          machine_->inputSmScanState()->streamScan(streamNumber(k));
+    // Once the stream is complete (for now, when only its initial scan is and the parent's is
+    // not), and said so, a run only works off the scans of children that came later: the
+    // stream stays complete, not announced again.
+    const bool followUp =
+        outerComplete<k>() && machine_->inputSmScanState()->streamScan(streamNumber(k));
     while (!st.queue.empty()) {
       Oro::Ptr<Child> child = st.queue.front();
       if (!child->departed() && child->template runScan<k>(e) == Result::yielded) return;
@@ -472,8 +473,9 @@ class NestedInputSm : public InputSmBase {
         return;
       }
     }
-    if (followUp && st.scan.state() == kScanComplete) {
-      taskDel<k>();
+    if (followUp && outerComplete<k>()) {
+      // The task stays for the rescan that follows the parent's initial scan.
+      if (st.scan.state() == kScanComplete) taskDel<k>();
       return;
     }
     if (!outerComplete<k>()) {

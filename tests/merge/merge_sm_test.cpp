@@ -793,8 +793,8 @@ TEST(TunnelMergeTrace, LifecycleLines) {
 }
 
 // An input's scan is announced complete once: not again by a scan that has nothing new to do
-// (before the parent's initial scan is done), nor after a later VRF's child scan, whether the
-// machine is synchronous or not.
+// (before the parent's initial scan is done), nor after a later VRF's child scan (before the
+// parent's initial scan is done or after), whether the machine is synchronous or not.
 TEST(TunnelMergeTrace, AStreamIsAnnouncedCompleteOnce) {
   for (bool synchronous : {false, true}) {
     SCOPED_TRACE(synchronous);
@@ -814,6 +814,9 @@ TEST(TunnelMergeTrace, AStreamIsAnnouncedCompleteOnce) {
       ASSERT_FALSE(rig.sm->initialScanDone());
       const auto before = announced();
       sm0->doInputScan0();
+      rig.putRoute(kMvpn, 4, 1, "d");  // a later VRF: its child's scan waits for task0
+      sm0->doInputScan0();
+      ASSERT_EQ(sm0->queuedChildScans<0>(), 0u);
       EXPECT_EQ(announced(), before);
     } else {
       rig.sm->initializedIs(true);
