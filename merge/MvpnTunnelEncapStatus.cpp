@@ -57,12 +57,10 @@ MvpnVrfTunnelEncapStatus::MvpnVrfTunnelEncapStatus(Oro::ShmBinding* binding, uin
     : vrfId_(vrfId),
       encapTunnel_(binding, ref,
                    [this](const MvpnRouteKey& k) {
-                     publishKey(encapTunnelAttr, k);
-                     if (auto* c = counters(TunnelEncapStore::kEncapTunnel)) c->notify.inc();
+                     announce(TunnelEncapStore::kEncapTunnel, encapTunnelAttr, k);
                    }),
       encapIntfTunnel_(binding, ref, [this](const MvpnRouteIntfKey& k) {
-        publishKey(encapIntfTunnelAttr, k);
-        if (auto* c = counters(TunnelEncapStore::kEncapIntfTunnel)) c->notify.inc();
+        announce(TunnelEncapStore::kEncapIntfTunnel, encapIntfTunnelAttr, k);
       }) {
   if (binding) shmBind(binding, collection, ref);
 }
@@ -94,11 +92,17 @@ ShmRootBase::MutatorCounters* MvpnVrfTunnelEncapStatus::counters(uint32_t coll) 
   return rootCounters(shmBinding(), coll);
 }
 
+template <class K>
+void MvpnVrfTunnelEncapStatus::announce(uint32_t coll, Oro::AttrId attr, const K& key) {
+  publishKey(attr, key);
+  if (auto* c = counters(coll)) c->notify.inc();
+}
+
 void MvpnVrfTunnelEncapStatus::encapTunnelIs(const MvpnEncapTunnel& record) {
   if (auto* c = counters(TunnelEncapStore::kEncapTunnel)) c->is.inc();
   record.routeKey().handleInit();  // the key goes into a slot of its own
   writeOrStop("write", "encapTunnel", encapTunnelReporter(), [&] { encapTunnel_.insert(record); });
-  publishKey(encapTunnelAttr, record.routeKey());
+  announce(TunnelEncapStore::kEncapTunnel, encapTunnelAttr, record.routeKey());
 }
 
 template <class Coll, class Reporter>
@@ -113,7 +117,7 @@ typename Coll::Record MvpnVrfTunnelEncapStatus::removeRecord(Oro::ShmValues<Coll
   if (!writeOrStop("removal", name, reporter, [&] { return values.remove(k, &removed); })) {
     return typename Coll::Record();
   }
-  publishKey(attr, k);
+  announce(coll, attr, k);
   return removed;
 }
 
@@ -135,7 +139,7 @@ void MvpnVrfTunnelEncapStatus::encapIntfTunnelIs(const MvpnEncapIntfTunnel& reco
   const MvpnRouteIntfKey key = record.routeIntfKey();
   writeOrStop("write", "encapIntfTunnel", encapIntfTunnelReporter(),
               [&] { encapIntfTunnel_.insert(record); });
-  publishKey(encapIntfTunnelAttr, key);
+  announce(TunnelEncapStore::kEncapIntfTunnel, encapIntfTunnelAttr, key);
 }
 
 MvpnEncapIntfTunnel MvpnVrfTunnelEncapStatus::encapIntfTunnelDel(const MvpnRouteIntfKey& key) {
@@ -160,10 +164,12 @@ Oro::TraceHandle& MvpnTunnelEncapStatus::trace() {
 
 MvpnTunnelEncapStatus::MvpnTunnelEncapStatus(std::string name)
     : ShmRootBase(std::move(name), TunnelEncapStore::schema(), trace(), vrfStatusControlAttr),
-      vrfs_(&binding(), 0, [this](const VrfId& v) {
-        publishKey(vrfStatusAttr, v);
-        counters(TunnelEncapStore::kVrfStatus).notify.inc();
-      }) {}
+      vrfs_(&binding(), 0, [this](const VrfId& v) { vrfStatusAnnounce(v); }) {}
+
+void MvpnTunnelEncapStatus::vrfStatusAnnounce(VrfId vrfId) {
+  publishKey(vrfStatusAttr, vrfId);
+  counters(TunnelEncapStore::kVrfStatus).notify.inc();
+}
 
 MvpnTunnelEncapStatus::~MvpnTunnelEncapStatus() = default;
 
@@ -182,13 +188,17 @@ size_t MvpnTunnelEncapStatus::encapIntfTunnelTotal() const {
                            &MvpnVrfTunnelEncapStatus::encapIntfTunnelSize);
 }
 
-// Every call counts, as every call of a record's Is does; only a new VRF is announced.
+// Every call counts, as every call of a record's Is does; only a new VRF is announced. The
+// lookup is part of the write: damage it meets stops the process as the write's would.
 Oro::Ptr<MvpnVrfTunnelEncapStatus> MvpnTunnelEncapStatus::vrfStatusIs(VrfId vrfId) {
   counters(TunnelEncapStore::kVrfStatus).is.inc();
-  if (Oro::Ptr<MvpnVrfTunnelEncapStatus> v = vrfs_.find(vrfId)) return v;
-  Oro::Ptr<MvpnVrfTunnelEncapStatus> v =
-      writeOrStop("write", "vrfStatus", *this, [&] { return vrfs_.insert(vrfId); });
-  publishKey(vrfStatusAttr, vrfId);
+  bool added = false;
+  Oro::Ptr<MvpnVrfTunnelEncapStatus> v = writeOrStop("write", "vrfStatus", *this, [&] {
+    if (Oro::Ptr<MvpnVrfTunnelEncapStatus> found = vrfs_.find(vrfId)) return found;
+    added = true;
+    return vrfs_.insert(vrfId);
+  });
+  if (added) vrfStatusAnnounce(vrfId);
   return v;
 }
 
@@ -196,7 +206,7 @@ void MvpnTunnelEncapStatus::vrfStatusDel(VrfId vrfId) {
   counters(TunnelEncapStore::kVrfStatus).del.inc();
   // Subscribers told of the removal may still read the departing entity: it keeps its records.
   if (writeOrStop("removal", "vrfStatus", *this, [&] { return vrfs_.remove(vrfId); })) {
-    publishKey(vrfStatusAttr, vrfId);
+    vrfStatusAnnounce(vrfId);
   }
 }
 

@@ -144,6 +144,10 @@ class MvpnVrfTunnelEncapStatus : public Oro::Entity, public Oro::ShmNode {
   friend struct EncapStatusFaults;
   MvpnVrfTunnelEncapStatus(Oro::ShmBinding* binding, uint64_t ref, const VrfId& vrfId);
   ShmRootBase::MutatorCounters* counters(uint32_t coll) const;
+  // Tells subscribers of `key` on `attr` and counts it in the collection's Notify counter:
+  // a writer's own changes and a reader's deliveries alike.
+  template <class K>
+  void announce(uint32_t coll, Oro::AttrId attr, const K& key);
   // A write's corruption report goes to the collection's handler.
   auto encapTunnelReporter() const {
     return [this](const std::string& message) { encapTunnelHandleCorruption(message); };
@@ -207,6 +211,8 @@ class MvpnTunnelEncapStatus : public ShmRootBase, public Oro::HeapAllocated {
 
  private:
   friend struct EncapStatusFaults;
+  // Tells subscribers of the VRF and counts it in the vrfStatus Notify counter.
+  void vrfStatusAnnounce(VrfId vrfId);
   Oro::ShmEntities<MvpnVrfTunnelEncapStatus> vrfs_;
 };
 

@@ -61,10 +61,13 @@ TEST(EncapStatus, MutatorsPublishEveryChangedKeyAndCountMembersAndWalksResumeAtA
   EXPECT_EQ(root->vrfStatus(VrfId(7)), nullptr);
   EXPECT_EQ(vrf->encapIntfTunnelSize(), 1u);  // kept for whoever still holds it
   EXPECT_EQ(vrfChanges.keys, (std::vector<VrfId>{VrfId(7), VrfId(7)}));
-  // Every call counts, also one that finds the VRF there or absent.
-  const auto& vrfCounters = root->counters(Routing::Multicast::TunnelEncapStore::kVrfStatus);
-  EXPECT_EQ(vrfCounters.is.value(), 3u);
-  EXPECT_EQ(vrfCounters.del.value(), 2u);
+  // Every call counts, also one that finds the VRF there or absent; every announcement counts.
+  using Routing::Multicast::TunnelEncapStore::kEncapTunnel;
+  using Routing::Multicast::TunnelEncapStore::kVrfStatus;
+  EXPECT_EQ(root->counters(kVrfStatus).is.value(), 3u);
+  EXPECT_EQ(root->counters(kVrfStatus).del.value(), 2u);
+  EXPECT_EQ(root->counters(kVrfStatus).notify.value(), vrfChanges.keys.size());
+  EXPECT_EQ(root->counters(kEncapTunnel).notify.value(), routeChanges.keys.size());
 
   // Walks resume at a bookmark and survive changes.
   auto walked = Oro::makePtr<MvpnVrfTunnelEncapStatus>(VrfId(1));
