@@ -601,8 +601,19 @@ class ShmEntities : public ShmHandleBase {
     shmKeyImage(s, kColl, parent_, key, words);
     s.put(kColl, words, {});
     const uint64_t ref = s.refOf(kColl, s.find(kColl, words, nullptr));
-    Oro::Ptr<E> e = E::make(binding_, ref, key);
-    memberAdd(key, e);
+    Oro::Ptr<E> e;
+    try {
+      e = E::make(binding_, ref, key);
+      memberAdd(key, e);
+    } catch (...) {
+      // No proxy (out of memory): the entity goes again rather than stay unannounced and
+      // unreachable; a reader whose walk met it hears of the key and finds it gone.
+      e = nullptr;
+      members_.erase(key);
+      s.remove(kColl, words, nullptr);
+      binding_->publishKey(kColl, words);
+      throw;
+    }
     binding_->publishKey(kColl, words);
     return e;
   }

@@ -542,7 +542,10 @@ TEST_F(RouteStatusDeathTest, RootsAreMadeInTheStoresHeapByItsCreatorGivenAnIniti
   EXPECT_EQ(&Oro::EntityHeap::current(), &Oro::EntityHeap::process());
   heap.failIs(true);
   EXPECT_THROW(mvpnRouteStatusFactory("y"), Oro::NullPointerException);
+  EXPECT_THROW(root->vrfRouteStatusIs(VrfId(2)), std::bad_alloc);  // leaves no VRF behind
   heap.failIs(false);
+  EXPECT_EQ(root->vrfRouteStatusSize(), 1u);
+  EXPECT_FALSE(root->vrfRouteStatus(VrfId(2)));
   EXPECT_EQ(&Oro::EntityHeap::current(), &Oro::EntityHeap::process());
   const Oro::ShmEntityStore::Initializer init{"t/created", ShmRole::writer};
   Oro::Ptr<Oro::Entity> made =
