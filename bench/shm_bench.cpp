@@ -126,6 +126,35 @@ void BM_FlatHashMapReplace(benchmark::State& state) {
 }
 BENCHMARK(BM_FlatHashMapReplace)->Arg(kRecords)->Arg(10 * kRecords);
 
+// The same replaces through the store alone (no typed handle, no root, no counters), without
+// and with the publication of the key (change-log entry and wake word): where a replace's
+// time goes between the store's write, its publication and the layers above.
+void BM_StorePutReplace(benchmark::State& state) {
+  BenchNamespace ns;
+  const auto n = static_cast<uint32_t>(state.range(0));
+  const bool publish = state.range(1) != 0;
+  auto s = filledWriter("bench/storeput", n);
+  Oro::ShmStore& store = s->binding().store();
+  uint32_t words[Oro::ShmStore::kMaxRecordWords] = {};
+  Routing::Multicast::MvpnVrfStatusTraits::writeValue(
+      MvpnVrf(VrfId(0), MvpnClient::staticMvpn_),
+      reinterpret_cast<std::byte*>(words + store.keyWords(0)));
+  uint32_t i = 0;
+  for (auto _ : state) {
+    Oro::shmKeyImage(store, 0, 0, VrfId(i), words);
+    store.put(0, words, {}, nullptr);
+    if (publish) store.publishKey(0, words);
+    i = (i + 7919) % n;
+  }
+  state.SetItemsProcessed(state.iterations());
+  s->unmount();
+}
+BENCHMARK(BM_StorePutReplace)
+    ->Args({kRecords, 0})
+    ->Args({kRecords, 1})
+    ->Args({10 * kRecords, 0})
+    ->Args({10 * kRecords, 1});
+
 // The longest single mvpnVrfIs while a table grows from empty to 1M records: index growth and
 // new chunks must not make any one write pay for the whole table.
 void BM_LongestMvpnVrfIsUpTo1M(benchmark::State& state) {
