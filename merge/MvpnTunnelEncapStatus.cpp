@@ -193,11 +193,8 @@ size_t MvpnTunnelEncapStatus::encapIntfTunnelTotal() const {
 Oro::Ptr<MvpnVrfTunnelEncapStatus> MvpnTunnelEncapStatus::vrfStatusIs(VrfId vrfId) {
   counters(TunnelEncapStore::kVrfStatus).is.inc();
   bool added = false;
-  Oro::Ptr<MvpnVrfTunnelEncapStatus> v = writeOrStop("write", "vrfStatus", *this, [&] {
-    if (Oro::Ptr<MvpnVrfTunnelEncapStatus> found = vrfs_.find(vrfId)) return found;
-    added = true;
-    return vrfs_.insert(vrfId);
-  });
+  Oro::Ptr<MvpnVrfTunnelEncapStatus> v =
+      writeOrStop("write", "vrfStatus", *this, [&] { return vrfs_.insert(vrfId, &added); });
   if (added) vrfStatusAnnounce(vrfId);
   return v;
 }

@@ -273,11 +273,8 @@ void MvpnVrfRouteStatus::mvpnRouteNotify(const MvpnRouteKey& key, const MvpnRout
 Oro::Ptr<MvpnGroup> MvpnVrfRouteStatus::mvpnGroupIs(const IpGenAddr& group) {
   if (auto* c = counters(RouteStatusStore::kMvpnGroup)) c->is.inc();
   bool added = false;
-  Oro::Ptr<MvpnGroup> g = writeOrStop("write", "mvpnGroup", *this, [&] {
-    if (Oro::Ptr<MvpnGroup> found = groups_.find(group)) return found;
-    added = true;
-    return groups_.insert(group);
-  });
+  Oro::Ptr<MvpnGroup> g =
+      writeOrStop("write", "mvpnGroup", *this, [&] { return groups_.insert(group, &added); });
   if (added) mvpnGroupNotify(group);
   return g;
 }
@@ -418,11 +415,8 @@ std::string MvpnRouteStatus::mountPath(Nevo::AddressFamily af, MvpnClient client
 Oro::Ptr<MvpnVrfRouteStatus> MvpnRouteStatus::vrfRouteStatusIs(VrfId vrfId) {
   counters(RouteStatusStore::kVrfRouteStatus).is.inc();
   bool added = false;
-  Oro::Ptr<MvpnVrfRouteStatus> v = writeOrStop("write", "vrfRouteStatus", *this, [&] {
-    if (Oro::Ptr<MvpnVrfRouteStatus> found = vrfs_.find(vrfId)) return found;
-    added = true;
-    return vrfs_.insert(vrfId);
-  });
+  Oro::Ptr<MvpnVrfRouteStatus> v =
+      writeOrStop("write", "vrfRouteStatus", *this, [&] { return vrfs_.insert(vrfId, &added); });
   if (added) vrfRouteStatusNotify(vrfId);
   return v;
 }

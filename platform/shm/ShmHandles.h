@@ -583,8 +583,10 @@ class ShmEntities : public ShmHandleBase {
   }
 
   // Writer (or detached): the member of `key`, created (and published) when absent; an
-  // existing member is returned as it is, without a publication.
-  Oro::Ptr<E> insert(const Key& key) {
+  // existing member is returned as it is, without a publication. `added`: whether it was
+  // created.
+  Oro::Ptr<E> insert(const Key& key, bool* added = nullptr) {
+    if (added) *added = false;
     if (auto it = members_.find(key); it != members_.end()) return it->second;
     if (!departed_) {
       if (Oro::Ptr<E> e = find(key)) return e;
@@ -592,6 +594,7 @@ class ShmEntities : public ShmHandleBase {
     if (departed_) {
       Oro::Ptr<E> e = E::make(nullptr, 0, key);
       members_.emplace(key, e);
+      if (added) *added = true;
       return e;
     }
     binding_->assertWritable();
@@ -615,6 +618,7 @@ class ShmEntities : public ShmHandleBase {
       throw;
     }
     binding_->publishKey(kColl, words);
+    if (added) *added = true;
     return e;
   }
 
