@@ -164,9 +164,9 @@ Oro::TraceHandle& MvpnTunnelEncapStatus::trace() {
 
 MvpnTunnelEncapStatus::MvpnTunnelEncapStatus(std::string name)
     : ShmRootBase(std::move(name), TunnelEncapStore::schema(), trace(), vrfStatusControlAttr),
-      vrfs_(&binding(), 0, [this](const VrfId& v) { vrfStatusAnnounce(v); }) {}
+      vrfs_(&binding(), 0, [this](const VrfId& v) { vrfStatusNotify(v); }) {}
 
-void MvpnTunnelEncapStatus::vrfStatusAnnounce(VrfId vrfId) {
+void MvpnTunnelEncapStatus::vrfStatusNotify(VrfId vrfId) {
   publishKey(vrfStatusAttr, vrfId);
   counters(TunnelEncapStore::kVrfStatus).notify.inc();
 }
@@ -195,7 +195,7 @@ Oro::Ptr<MvpnVrfTunnelEncapStatus> MvpnTunnelEncapStatus::vrfStatusIs(VrfId vrfI
   bool added = false;
   Oro::Ptr<MvpnVrfTunnelEncapStatus> v =
       writeOrStop("write", "vrfStatus", *this, [&] { return vrfs_.insert(vrfId, &added); });
-  if (added) vrfStatusAnnounce(vrfId);
+  if (added) vrfStatusNotify(vrfId);
   return v;
 }
 
@@ -203,7 +203,7 @@ void MvpnTunnelEncapStatus::vrfStatusDel(VrfId vrfId) {
   counters(TunnelEncapStore::kVrfStatus).del.inc();
   // Subscribers told of the removal may still read the departing entity: it keeps its records.
   if (writeOrStop("removal", "vrfStatus", *this, [&] { return vrfs_.remove(vrfId); })) {
-    vrfStatusAnnounce(vrfId);
+    vrfStatusNotify(vrfId);
   }
 }
 

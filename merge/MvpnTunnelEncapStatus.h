@@ -194,6 +194,9 @@ class MvpnTunnelEncapStatus : public ShmRootBase, public Oro::HeapAllocated {
   Oro::Ptr<MvpnVrfTunnelEncapStatus> vrfStatusIs(VrfId vrfId);
   // Removes the VRF's entity; an absent VRF changes and publishes nothing.
   void vrfStatusDel(VrfId vrfId);
+  // Announces the VRF to subscribers and counts it in the vrfStatus Notify counter (the
+  // <attr>Notify of the other status roots).
+  void vrfStatusNotify(VrfId vrfId);
   size_t vrfStatusSize() const { return vrfs_.size(); }
   // Records of each collection over every VRF.
   size_t encapTunnelTotal() const;
@@ -211,8 +214,6 @@ class MvpnTunnelEncapStatus : public ShmRootBase, public Oro::HeapAllocated {
 
  private:
   friend struct EncapStatusFaults;
-  // Tells subscribers of the VRF and counts it in the vrfStatus Notify counter.
-  void vrfStatusAnnounce(VrfId vrfId);
   Oro::ShmEntities<MvpnVrfTunnelEncapStatus> vrfs_;
 };
 
