@@ -48,6 +48,8 @@ struct VrfStatusSource {
   static Iterator iter(const Root& r) { return r.vrfStatusIter(); }
   static Iterator iterAt(const Root& r, const Bookmark& b) { return r.vrfStatusIterAt(b); }
   static size_t size(const Root& r) { return r.vrfStatusSize(); }
+  // Records in every VRF's collections.
+  static size_t records(const Root& r) { return r.encapTunnelTotal() + r.encapIntfTunnelTotal(); }
   static void handleCorruption(const Root& r, const Oro::ShmCorruptionException& e) {
     r.vrfStatusHandleCorruption(e.what());
   }

@@ -61,7 +61,8 @@ struct OutputKeyHash {
   size_t operator()(const K& k) const { return k.hash(Oro::kFixedHashSeed); }
 };
 
-// RootSource and InnerSource as in merge/NestedInputSm.h (over the writable merged root); Key
+// RootSource and InnerSource as in merge/NestedInputSm.h (over the writable merged root), and
+// RootSource::records(root), the records of all its entities' collections together; Key
 // is built from (vrfId, inner key), or from the vrfId alone, and has vrfId(), inner() and
 // k1Valid(). The walk visits every pair, and each entity that holds none as a key of its VRF
 // alone, so that a reconciliation can drop empty merged VRFs and every step of the walk, also
@@ -142,9 +143,17 @@ class TwoLevelOutputColl {
     it.enter(same && b.inner ? &*b.inner : nullptr);
     return it;
   }
-  // How many pairs there are, over every entity (the inner source counts them all at once:
-  // no walk of a hundred thousand entities outside any task).
-  size_t size() const { return InnerSource::total(*root_); }
+  // How many keys the walk visits, counted without walking (no walk of a hundred thousand
+  // entities outside any task): every pair, over every entity. When the root holds no record
+  // of any of its collections, its entities are all empty (an earlier life stopped between an
+  // entity's last record and the entity): then they are what the walk visits and drops. With
+  // records anywhere, an empty entity is walked by an output that holds pairs, and an output
+  // without pairs has nothing to walk.
+  size_t size() const {
+    const size_t pairs = InnerSource::total(*root_);
+    if (pairs != 0 || RootSource::records(*root_) != 0) return pairs;
+    return RootSource::size(*root_);
+  }
   bool del(const Key& key) const { return del_(key); }
   void handleCorruption(const Oro::ShmCorruptionException& e) const {
     RootSource::handleCorruption(*root_, e);

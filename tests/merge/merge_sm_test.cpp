@@ -744,6 +744,17 @@ TEST(TunnelMergeReconcile, RestartDeletesUnsupportedRecordsPerOutputAndEachIsRea
   EXPECT_FALSE(many.sm->mergedEncapVrfStatusEncapIntfTunnelOutputReconciling());
   many.settle();
   EXPECT_TRUE(many.mergedContents().vrfs.empty());
+
+  // Merged VRFs without a record (an earlier life stopped between a VRF's last record and the
+  // VRF): no output holds records, yet the walks drop them.
+  Rig empty(0ns);
+  for (uint32_t v = 0; v < 3; ++v) empty.merged->vrfStatusIs(VrfId(v));
+  empty.putIntf(kEvpn, 1, 1, "new");
+  empty.start();
+  EXPECT_TRUE(empty.sm->mergedEncapVrfStatusEncapTunnelOutputReconciling());
+  ASSERT_TRUE(empty.settle());
+  EXPECT_EQ(empty.mergedContents(), empty.expected());
+  EXPECT_EQ(empty.mergedContents().vrfs, std::set<uint32_t>{1});
 }
 
 TEST(TunnelMergeTrace, LifecycleLines) {
