@@ -496,6 +496,12 @@ void BM_MvpnSourceIs1M(benchmark::State& state) {
     state.counters["shm_bytes_per_source"] =
         static_cast<double>(root->binding().committedBytes()) / (kVrfs * kGroups * kSources);
     state.counters["goal_bytes"] = 2.0 * (sizeof(MvpnSource) + sizeof(Nevo::IpGenAddr));
+    // The most slots one insert moved into a next index generation, over the tree's collections.
+    const Oro::ShmStore& store = root->binding().store();
+    uint32_t moved = 0;
+    for (uint32_t c = 0; c < store.collections(); ++c)
+      moved = std::max(moved, store.indexGrowth(c).maxSlotsPerWrite);
+    state.counters["max_slots_moved_by_one_write"] = moved;
     root->unmount();
     root = nullptr;  // its teardown is not part of the inserts
     Oro::shmUnlinkNamespace();

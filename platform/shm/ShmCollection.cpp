@@ -55,11 +55,13 @@ uint32_t indexCapacityFor(uint64_t live) {
 
 // Width of the slot field for a generation built while `chunks` chunks exist: room for the
 // next chunk too, so that growing by one chunk does not force a rebuild. A nested insert may
-// carve a whole page above the high-water mark: room for the largest page above the chunks
-// too, else a small nested collection would rebuild its index on every insert.
+// carve a whole page above the high-water mark, so a nested collection gets room for the two
+// next chunks and a page: with one, a collection of a few thousand slots came within a page
+// of the field's end before its growth (started at 4/5 of the field) could finish, and one
+// insert then moved every slot at once.
 uint32_t slotBitsFor(uint32_t chunks, bool nested) {
-  uint64_t slots = slotCapacity(std::min(chunks + 1, kMaxChunks));
-  if (nested) slots = std::max<uint64_t>(slots, slotCapacity(chunks) + pageSlots(kMaxPageClass));
+  uint64_t slots = slotCapacity(std::min(chunks + (nested ? 2 : 1), kMaxChunks));
+  if (nested) slots += pageSlots(kMaxPageClass);
   return std::min<uint32_t>(static_cast<uint32_t>(std::bit_width(slots + 1)), kMaxSlotBits);
 }
 

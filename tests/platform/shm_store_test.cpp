@@ -246,6 +246,8 @@ TEST_F(ShmStoreTest, NestedMembersLiveOnTheirParentsPagesCommittedAsTheyAreCarve
     }
   }
   EXPECT_EQ(opened, 2u);
+  // Nor does any insert move the collection into a new index all at once.
+  EXPECT_LE(big.indexGrowth(1).maxSlotsPerWrite, 64u);
 }
 
 // A value whose every 64 KiB piece differs, so that pieces read out of order show.
