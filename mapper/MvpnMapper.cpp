@@ -66,6 +66,7 @@ Oro::Ptr<MvpnMapper> mvpnMapperFactory(Oro::Ptr<const MvpnIntfStatus> intfStatus
 template <class Map>
 void MvpnMapper::valueIs(Oro::AttrId attr, Map& map, const typename Map::key_type& key,
                          const typename Map::mapped_type& value) {
+  const auto held = holdForMutation();
   using K = typename Map::key_type;
   using V = typename Map::mapped_type;
   const auto [it, inserted] = map.try_emplace(key, value);
@@ -82,6 +83,7 @@ void MvpnMapper::valueIs(Oro::AttrId attr, Map& map, const typename Map::key_typ
 template <class Map>
 typename Map::mapped_type MvpnMapper::valueDel(Oro::AttrId attr, Map& map,
                                                const typename Map::key_type& key) {
+  const auto held = holdForMutation();
   using K = typename Map::key_type;
   using V = typename Map::mapped_type;
   const auto it = map.find(key);
@@ -95,6 +97,7 @@ typename Map::mapped_type MvpnMapper::valueDel(Oro::AttrId attr, Map& map,
 
 template <class Map>
 void MvpnMapper::valueDelAll(Oro::AttrId attr, Map& map) {
+  const auto held = holdForMutation();
   using K = typename Map::key_type;
   if (!hasNotifiees()) {
     map.clear();
@@ -111,6 +114,7 @@ void MvpnMapper::valueDelAll(Oro::AttrId attr, Map& map) {
 template <class Map>
 auto MvpnMapper::collIs(Oro::AttrId attr, Map& map, TunnelId tunnelId) ->
     typename Map::mapped_type {
+  const auto held = holdForMutation();
   using Coll = CollOf<Map>;
   if (const auto it = map.find(tunnelId); it != map.end()) return it->second;
   Oro::Ptr<Coll> coll = Oro::makePtr<Coll>(tunnelId);
@@ -122,6 +126,7 @@ auto MvpnMapper::collIs(Oro::AttrId attr, Map& map, TunnelId tunnelId) ->
 template <class Map>
 auto MvpnMapper::collDel(Oro::AttrId attr, Map& map, TunnelId tunnelId) ->
     typename Map::mapped_type {
+  const auto held = holdForMutation();
   using Coll = CollOf<Map>;
   const auto it = map.find(tunnelId);
   if (it == map.end()) return nullptr;
@@ -133,6 +138,7 @@ auto MvpnMapper::collDel(Oro::AttrId attr, Map& map, TunnelId tunnelId) ->
 
 template <class Map>
 void MvpnMapper::collDelAll(Oro::AttrId attr, Map& map) {
+  const auto held = holdForMutation();
   if (!hasNotifiees()) {
     map.clear();
     return;
@@ -287,6 +293,7 @@ Bridging::VlanIdOrNone MvpnMapper::tunnelIdToPmsiVlan(const TunnelId& tunnelId) 
 }
 
 void MvpnMapper::readyIs(bool ready) {
+  const auto held = holdForMutation();
   if (ready == ready_) return;
   const bool old = std::exchange(ready_, ready);
   publishOldNew(readyAttr, ready_, &old, &ready_);

@@ -99,6 +99,7 @@ void MvpnVrfTunnelEncapStatus::announce(uint32_t coll, Oro::AttrId attr, const K
 }
 
 void MvpnVrfTunnelEncapStatus::encapTunnelIs(const MvpnEncapTunnel& record) {
+  const auto held = holdForMutation();
   if (auto* c = counters(TunnelEncapStore::kEncapTunnel)) c->is.inc();
   record.routeKey().handleInit();  // the key goes into a slot of its own
   writeOrStop("write", "encapTunnel", encapTunnelReporter(), [&] { encapTunnel_.insert(record); });
@@ -111,6 +112,7 @@ typename Coll::Record MvpnVrfTunnelEncapStatus::removeRecord(Oro::ShmValues<Coll
                                                              uint32_t coll, const char* name,
                                                              const Reporter& reporter,
                                                              Oro::AttrId attr) {
+  const auto held = holdForMutation();
   if (auto* c = counters(coll)) c->del.inc();
   const typename Coll::Key k = key;  // `key` may live in the caller's copy of the record
   typename Coll::Record removed;
@@ -135,6 +137,7 @@ void MvpnVrfTunnelEncapStatus::encapTunnelHandleCorruption(const std::string& me
 }
 
 void MvpnVrfTunnelEncapStatus::encapIntfTunnelIs(const MvpnEncapIntfTunnel& record) {
+  const auto held = holdForMutation();
   if (auto* c = counters(TunnelEncapStore::kEncapIntfTunnel)) c->is.inc();
   const MvpnRouteIntfKey key = record.routeIntfKey();
   writeOrStop("write", "encapIntfTunnel", encapIntfTunnelReporter(),
@@ -191,6 +194,7 @@ size_t MvpnTunnelEncapStatus::encapIntfTunnelTotal() const {
 // Every call counts, as every call of a record's Is does; only a new VRF is announced. The
 // lookup is part of the write: damage it meets stops the process as the write's would.
 Oro::Ptr<MvpnVrfTunnelEncapStatus> MvpnTunnelEncapStatus::vrfStatusIs(VrfId vrfId) {
+  const auto held = holdForMutation();
   counters(TunnelEncapStore::kVrfStatus).is.inc();
   bool added = false;
   Oro::Ptr<MvpnVrfTunnelEncapStatus> v =
@@ -200,6 +204,7 @@ Oro::Ptr<MvpnVrfTunnelEncapStatus> MvpnTunnelEncapStatus::vrfStatusIs(VrfId vrfI
 }
 
 void MvpnTunnelEncapStatus::vrfStatusDel(VrfId vrfId) {
+  const auto held = holdForMutation();
   counters(TunnelEncapStore::kVrfStatus).del.inc();
   // Subscribers told of the removal may still read the departing entity: it keeps its records.
   if (writeOrStop("removal", "vrfStatus", *this, [&] { return vrfs_.remove(vrfId); })) {

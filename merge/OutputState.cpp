@@ -12,6 +12,7 @@ bool OutputState::derivedReady() const {
 }
 
 void OutputState::outputReadyIs(size_t output, bool ready) {
+  const auto held = holdForMutation();
   if (outputReady_.at(output) == ready) return;
   outputReady_[output] = ready;
   if (derivedReady() != ready_) {

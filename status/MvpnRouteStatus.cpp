@@ -140,12 +140,14 @@ ShmRootBase::MutatorCounters* MvpnGroup::counters(uint32_t coll) const {
 }
 
 void MvpnGroup::sharedTreeIs(const MvpnSource& record) {
+  const auto held = holdForMutation();
   if (auto* c = counters(RouteStatusStore::kSharedTree)) c->is.inc();
   writeOrStop("write", "sharedTree", *this, [&] { sharedTree_.insert(record); });
   sharedTreeNotify(record.source(), record);
 }
 
 MvpnSource MvpnGroup::sharedTreeDel(const IpGenAddr& source) {
+  const auto held = holdForMutation();
   if (auto* c = counters(RouteStatusStore::kSharedTree)) c->del.inc();
   MvpnSource removed;
   if (!writeOrStop("removal", "sharedTree", *this,
@@ -157,6 +159,7 @@ MvpnSource MvpnGroup::sharedTreeDel(const IpGenAddr& source) {
 }
 
 void MvpnGroup::sharedTreeDelAll() {
+  const auto held = holdForMutation();
   for (const IpGenAddr& k : keysOrReport(sharedTree_, *this)) sharedTreeDel(k);
 }
 
@@ -166,12 +169,14 @@ void MvpnGroup::sharedTreeNotify(const IpGenAddr& source, const MvpnSource& /*re
 }
 
 void MvpnGroup::sourceTreeIs(const MvpnSource& record) {
+  const auto held = holdForMutation();
   if (auto* c = counters(RouteStatusStore::kSourceTree)) c->is.inc();
   writeOrStop("write", "sourceTree", *this, [&] { sourceTree_.insert(record); });
   sourceTreeNotify(record.source(), record);
 }
 
 MvpnSource MvpnGroup::sourceTreeDel(const IpGenAddr& source) {
+  const auto held = holdForMutation();
   if (auto* c = counters(RouteStatusStore::kSourceTree)) c->del.inc();
   MvpnSource removed;
   if (!writeOrStop("removal", "sourceTree", *this,
@@ -183,6 +188,7 @@ MvpnSource MvpnGroup::sourceTreeDel(const IpGenAddr& source) {
 }
 
 void MvpnGroup::sourceTreeDelAll() {
+  const auto held = holdForMutation();
   for (const IpGenAddr& k : keysOrReport(sourceTree_, *this)) sourceTreeDel(k);
 }
 
@@ -243,6 +249,7 @@ ShmRootBase::MutatorCounters* MvpnVrfRouteStatus::counters(uint32_t coll) const 
 }
 
 void MvpnVrfRouteStatus::mvpnRouteIs(const MvpnRoute& route) {
+  const auto held = holdForMutation();
   if (auto* c = counters(RouteStatusStore::kMvpnRoute)) c->is.inc();
   route.key().handleInit();  // the key goes into a slot of its own
   writeOrStop("write", "mvpnRoute", *this, [&] { routes_.insert(route); });
@@ -250,6 +257,7 @@ void MvpnVrfRouteStatus::mvpnRouteIs(const MvpnRoute& route) {
 }
 
 MvpnRoute MvpnVrfRouteStatus::mvpnRouteDel(const MvpnRouteKey& key) {
+  const auto held = holdForMutation();
   if (auto* c = counters(RouteStatusStore::kMvpnRoute)) c->del.inc();
   MvpnRoute removed;
   if (!writeOrStop("removal", "mvpnRoute", *this, [&] { return routes_.remove(key, &removed); })) {
@@ -260,6 +268,7 @@ MvpnRoute MvpnVrfRouteStatus::mvpnRouteDel(const MvpnRouteKey& key) {
 }
 
 void MvpnVrfRouteStatus::mvpnRouteDelAll() {
+  const auto held = holdForMutation();
   for (const MvpnRouteKey& k : keysOrReport(routes_, *this)) mvpnRouteDel(k);
 }
 
@@ -271,6 +280,7 @@ void MvpnVrfRouteStatus::mvpnRouteNotify(const MvpnRouteKey& key, const MvpnRout
 // Every call counts, as every call of a record's Is does; only a new group is announced. The
 // lookup is part of the write: damage it meets stops the process as the write's would.
 Oro::Ptr<MvpnGroup> MvpnVrfRouteStatus::mvpnGroupIs(const IpGenAddr& group) {
+  const auto held = holdForMutation();
   if (auto* c = counters(RouteStatusStore::kMvpnGroup)) c->is.inc();
   bool added = false;
   Oro::Ptr<MvpnGroup> g =
@@ -280,6 +290,7 @@ Oro::Ptr<MvpnGroup> MvpnVrfRouteStatus::mvpnGroupIs(const IpGenAddr& group) {
 }
 
 void MvpnVrfRouteStatus::mvpnGroupDel(const IpGenAddr& group) {
+  const auto held = holdForMutation();
   if (auto* c = counters(RouteStatusStore::kMvpnGroup)) c->del.inc();
   if (writeOrStop("removal", "mvpnGroup", *this, [&] { return groups_.remove(group); })) {
     mvpnGroupNotify(group);
@@ -287,6 +298,7 @@ void MvpnVrfRouteStatus::mvpnGroupDel(const IpGenAddr& group) {
 }
 
 void MvpnVrfRouteStatus::mvpnGroupDelAll() {
+  const auto held = holdForMutation();
   for (const IpGenAddr& k : keysOrReport(groups_, *this)) mvpnGroupDel(k);
 }
 
@@ -298,6 +310,7 @@ void MvpnVrfRouteStatus::mvpnGroupNotify(const IpGenAddr& group) {
 MvpnSource MvpnVrfRouteStatus::mvpnSourceIs(const IpGenAddr& group, const IpGenAddr& source,
                                             const IpGenPrefix& umhPrefix, bool sharedTree,
                                             MvpnSource::SourceFlags sourceFlags) {
+  const auto held = holdForMutation();
   Oro::Ptr<MvpnGroup> g = mvpnGroupIs(group);
   const MvpnSource record(source, umhPrefix, sourceFlags);
   if (sharedTree) {
@@ -310,6 +323,7 @@ MvpnSource MvpnVrfRouteStatus::mvpnSourceIs(const IpGenAddr& group, const IpGenA
 
 MvpnSource MvpnVrfRouteStatus::mvpnSourceDel(const IpGenAddr& group, const IpGenAddr& source,
                                              bool sharedTree) {
+  const auto held = holdForMutation();
   // The lookup and the emptiness check belong to the removal: damage they meet stops the
   // process as the removal's would, rather than leaving the caller an exception.
   Oro::Ptr<MvpnGroup> g =
@@ -413,6 +427,7 @@ std::string MvpnRouteStatus::mountPath(Nevo::AddressFamily af, MvpnClient client
 // Every call counts, as every call of a record's Is does; only a new VRF is announced. The
 // lookup is part of the write, as in mvpnGroupIs.
 Oro::Ptr<MvpnVrfRouteStatus> MvpnRouteStatus::vrfRouteStatusIs(VrfId vrfId) {
+  const auto held = holdForMutation();
   counters(RouteStatusStore::kVrfRouteStatus).is.inc();
   bool added = false;
   Oro::Ptr<MvpnVrfRouteStatus> v =
@@ -422,6 +437,7 @@ Oro::Ptr<MvpnVrfRouteStatus> MvpnRouteStatus::vrfRouteStatusIs(VrfId vrfId) {
 }
 
 void MvpnRouteStatus::vrfRouteStatusDel(VrfId vrfId) {
+  const auto held = holdForMutation();
   counters(RouteStatusStore::kVrfRouteStatus).del.inc();
   if (writeOrStop("removal", "vrfRouteStatus", *this, [&] { return vrfs_.remove(vrfId); })) {
     vrfRouteStatusNotify(vrfId);
@@ -429,6 +445,7 @@ void MvpnRouteStatus::vrfRouteStatusDel(VrfId vrfId) {
 }
 
 void MvpnRouteStatus::vrfRouteStatusDelAll() {
+  const auto held = holdForMutation();
   for (VrfId v : keysOrReport(vrfs_, *this)) vrfRouteStatusDel(v);
 }
 

@@ -286,6 +286,7 @@ class ShmStatusRoot : public ShmRootBase {
 
 template <class Traits>
 void ShmStatusRoot<Traits>::recordIs(const Record& value) {
+  const auto held = holdForMutation();
   counters(0).is.inc();
   const Key key = Traits::keyOf(value);
   std::optional<Record> old;
@@ -303,6 +304,7 @@ void ShmStatusRoot<Traits>::recordIs(const Record& value) {
 
 template <class Traits>
 void ShmStatusRoot<Traits>::recordCommit(const Record* value) {
+  const auto held = holdForMutation();
   counters(0).is.inc();
   const Key key = Traits::keyOf(*value);
   writeOrStop("commit", Traits::collection, *this, [&] { values_.insert(*value); });
@@ -312,6 +314,7 @@ void ShmStatusRoot<Traits>::recordCommit(const Record* value) {
 
 template <class Traits>
 auto ShmStatusRoot<Traits>::recordDel(const Key& key) -> Record {
+  const auto held = holdForMutation();
   counters(0).del.inc();
   Record removed;
   if (!writeOrStop("removal", Traits::collection, *this,
@@ -329,6 +332,7 @@ auto ShmStatusRoot<Traits>::recordDel(const Key& key) -> Record {
 
 template <class Traits>
 void ShmStatusRoot<Traits>::recordDelAll() {
+  const auto held = holdForMutation();
   Iterator it;
   try {
     it = values_.begin();

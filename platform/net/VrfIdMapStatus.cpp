@@ -12,6 +12,7 @@ std::string Status::vrfName(VrfId vrfId) const {
 }
 
 void Status::vrfNameIs(VrfId vrfId, const std::string& name) {
+  const auto held = holdForMutation();
   MVPN_ASSERT_MSG(vrfId.isValid(), "The invalid VRF id has no name");
   std::optional<std::string> old = names_.lookup(vrfId);
   if (old && *old == name) return;
@@ -20,6 +21,7 @@ void Status::vrfNameIs(VrfId vrfId, const std::string& name) {
 }
 
 std::string Status::vrfNameDel(VrfId vrfId) {
+  const auto held = holdForMutation();
   std::optional<std::string> old = names_.remove(vrfId);
   if (!old) return std::string();
   publishOldNew<VrfId, std::string>(vrfNameAttr, vrfId, &*old, nullptr);
@@ -27,6 +29,7 @@ std::string Status::vrfNameDel(VrfId vrfId) {
 }
 
 void Status::vrfNameDelAll() {
+  const auto held = holdForMutation();
   if (!hasNotifiees()) {
     names_.clear();
     return;

@@ -56,8 +56,11 @@ void Entity::compact() {
   }
 }
 
+// Each publication holds the entity: a notifiee may let go of its last reference, and the
+// loop still reads the list of notifiees afterwards.
 void Entity::publish(AttrId attr) {
   if (liveNotifiees_ == 0) return;
+  const auto held = holdForMutation();
   ++publishing_;
   for (size_t i = 0; i < notifiees_.size(); ++i) {
     if (Notifiee* n = notifiees_[i]) n->onAttribute(attr);
@@ -67,6 +70,7 @@ void Entity::publish(AttrId attr) {
 }
 
 void Entity::publishKeyErased(AttrId attr, const void* key) {
+  const auto held = holdForMutation();
   ++publishing_;
   for (size_t i = 0; i < notifiees_.size(); ++i) {
     if (Notifiee* n = notifiees_[i]) n->onAttributeKey(attr, key);
@@ -77,6 +81,7 @@ void Entity::publishKeyErased(AttrId attr, const void* key) {
 
 void Entity::publishOldNewErased(AttrId attr, const void* key, const void* oldValue,
                                  const void* newValue) {
+  const auto held = holdForMutation();
   ++publishing_;
   for (size_t i = 0; i < notifiees_.size(); ++i) {
     if (Notifiee* n = notifiees_[i]) n->onAttributeOldNew(attr, key, oldValue, newValue);

@@ -70,6 +70,14 @@ class Entity : public RefCounted {
   bool hasNotifiees() const { return liveNotifiees_ != 0; }
 
  protected:
+  // Taken first by every mutator that publishes: keeps this entity alive until the mutator
+  // returns, so that a notifiee letting go of the last reference while it is told of the
+  // change frees the entity only then, not under the publication or the mutator's remaining
+  // work. Null, at no cost, while nobody is subscribed: then nobody can be told.
+  Ptr<const Entity> holdForMutation() const {
+    return liveNotifiees_ == 0 ? nullptr : keepAlive(this);
+  }
+
   void publish(AttrId attr);
   template <class K>
   void publishKey(AttrId attr, const K& key) {

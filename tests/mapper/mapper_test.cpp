@@ -97,6 +97,19 @@ TEST(Mapper, ValueMapPublishesChangesWithTheOldValueAndDelAllEachRemovalToSubscr
   std::vector<MvpnVrfRouteKey> announced;
   for (const auto& c : removals.changes) announced.push_back(std::get<0>(c));
   EXPECT_EQ(announced, want);
+
+  // A subscriber letting go of the last reference inside the first announcement of a DelAll:
+  // the mapper goes when the DelAll returns, every removal announced.
+  removals.onChange = nullptr;
+  for (int i = 0; i < 3; ++i) d->routeKeyToTunnelIdIs(routeKey(i), TunnelId(1));
+  size_t told = 0;
+  removals.onChange = [&](const MvpnVrfRouteKey&) {
+    if (++told == 1) d = nullptr;
+  };
+  MvpnMapper* raw = d.get();
+  raw->routeKeyToTunnelIdDelAll();
+  EXPECT_EQ(told, 3u);
+  EXPECT_FALSE(d);
 }
 
 TEST(Mapper, CollectionsAndTheirKeysEachMapsAttributeAndReady) {

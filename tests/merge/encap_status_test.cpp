@@ -93,6 +93,18 @@ TEST(EncapStatus, MutatorsPublishEveryChangedKeyAndCountMembersAndWalksResumeAtA
   EXPECT_EQ(keys(stored->encapTunnelIterAt(EncapTunnelBookmark{route(9)})).size(), 5u);
   // A position past every page (a bookmark from before the store was rebuilt) ends the walk.
   EXPECT_TRUE(keys(stored->encapTunnelIterAt(EncapTunnelBookmark{route(1), 1u << 20})).empty());
+
+  // A subscriber that deletes the VRF it is told of a change in and lets go of the last
+  // reference to it: the entity goes when the mutator returns.
+  Oro::KeyReactor<MvpnRouteKey> leaving(MvpnVrfTunnelEncapStatus::encapTunnelAttr,
+                                        [&](const MvpnRouteKey&) {
+                                          root->vrfStatusDel(VrfId(2));
+                                          stored = nullptr;
+                                        });
+  leaving.notifierIs(stored.get());
+  MvpnVrfTunnelEncapStatus* raw = stored.get();
+  raw->encapTunnelIs(MvpnEncapTunnel(route(6)));
+  EXPECT_FALSE(stored);
 }
 
 TEST(EncapStatus, DamagedCollectionsRaiseOnEveryRead) {

@@ -242,6 +242,22 @@ TEST_F(VrfStatusTest, CreationByFactoryAndDirectoryAndTheLastReferenceHandingThe
     EXPECT_EQ(held && held->entity(), holdControl);
     if (held) held->entityIs(nullptr);
   }
+  // The same inside a writer's mutator: the root goes when the mutator returns (run under the
+  // address sanitizer, a mutator that went on with a freed root fails).
+  for (int op = 0; op < 3; ++op) {
+    auto s = mvpnVrfStatusFactory("released");
+    s->mvpnVrfIs(MvpnVrf(VrfId(1)));
+    s->mvpnVrfIs(MvpnVrf(VrfId(2)));
+    Oro::KeyReactor<VrfId> reactor(MvpnVrfStatus::mvpnVrfAttr, [&](const VrfId&) { s = nullptr; });
+    reactor.notifierIs(s.get());
+    MvpnVrfStatus* root = s.get();
+    if (op == 0) root->mvpnVrfIs(MvpnVrf(VrfId(3)));
+    if (op == 1) {
+      EXPECT_EQ(root->mvpnVrfDel(VrfId(1)), MvpnVrf(VrfId(1)));
+    }
+    if (op == 2) root->mvpnVrfDelAll();
+    EXPECT_FALSE(s);
+  }
 
   // Creation by the factory and by the entity directory.
   auto& dir = Oro::EntityDirectory::global();
@@ -662,6 +678,22 @@ TEST_F(RouteStatusTest, ADeletedVrfKeepsItsRecordsForWhoeverHoldsIt) {
   auto again = root->vrfRouteStatusIs(VrfId(9));
   EXPECT_NE(again, vrf);
   EXPECT_EQ(again->mvpnRouteSize(), 0u);
+
+  // A subscriber may delete the VRF it is told of a change in and let go of the last
+  // reference to it, or to the root: each goes when its mutator returns.
+  Oro::KeyReactor<MvpnRouteKey> onRoute(MvpnVrfRouteStatus::mvpnRouteAttr, [&](const auto&) {
+    root->vrfRouteStatusDel(VrfId(9));
+    again = nullptr;
+  });
+  onRoute.notifierIs(again.get());
+  MvpnVrfRouteStatus* raw = again.get();
+  raw->mvpnRouteIs(route);
+  EXPECT_FALSE(again);
+  Oro::KeyReactor<VrfId> onVrf(MvpnRouteStatus::vrfRouteStatusAttr, [&](VrfId) { root = nullptr; });
+  onVrf.notifierIs(root.get());
+  MvpnRouteStatus* rawRoot = root.get();
+  EXPECT_TRUE(rawRoot->vrfRouteStatusIs(VrfId(10)));
+  EXPECT_FALSE(root);
 }
 
 // Random source and group operations against a plain model of the trees.
