@@ -46,6 +46,11 @@ Oro::Ptr<Root> mounted(Factory factory, const std::string& path, Oro::ShmRole ro
   return root;
 }
 
+void stopping(bool ready, size_t vrfs) {
+  std::fprintf(stderr, "mvpn_merger: stopping, merged status %s ready, %zu VRF%s\n",
+               ready ? "was" : "was not", vrfs, vrfs == 1 ? "" : "s");
+}
+
 int mergeVrfs(const std::string& mergedPath, Oro::TaskScheduler& scheduler) {
   auto reader = [&](MvpnClient client) -> Oro::Ptr<const MvpnVrfStatus> {
     return mounted<MvpnVrfStatus>(mvpnVrfStatusFactory,
@@ -70,8 +75,7 @@ int mergeVrfs(const std::string& mergedPath, Oro::TaskScheduler& scheduler) {
       Dyx::SmControl{&scheduler, Oro::TaskPriority::normal, false});
   sm->initializedIs(true);
   scheduler.run();
-  std::fprintf(stderr, "mvpn_merger: stopping, merged status %s ready, %zu VRFs\n",
-               sm->ready() ? "was" : "was not", merged->mvpnVrfSize());
+  stopping(sm->ready(), merged->mvpnVrfSize());
   return 0;
 }
 
@@ -89,8 +93,7 @@ int mergeEncaps(Oro::TaskScheduler& scheduler) {
       Dyx::SmControl{&scheduler, Oro::TaskPriority::normal, false});
   sm->initializedIs(true);
   scheduler.run();
-  std::fprintf(stderr, "mvpn_merger: stopping, merged status %s ready, %zu VRFs\n",
-               sm->ready() ? "was" : "was not", merged->vrfStatusSize());
+  stopping(sm->ready(), merged->vrfStatusSize());
   return 0;
 }
 
