@@ -112,10 +112,15 @@ void BM_MvpnVrfIsReplace(benchmark::State& state) {
 }
 BENCHMARK(BM_MvpnVrfIsReplace)->Arg(kRecords)->Arg(10 * kRecords);
 
-void BM_FlatHashMapReplace(benchmark::State& state) {
-  const auto n = static_cast<uint32_t>(state.range(0));
+absl::flat_hash_map<uint32_t, MvpnVrf> filledFlatMap(uint32_t n) {
   absl::flat_hash_map<uint32_t, MvpnVrf> m;
   for (uint32_t k = 0; k < n; ++k) m[k] = MvpnVrf(VrfId(k));
+  return m;
+}
+
+void BM_FlatHashMapReplace(benchmark::State& state) {
+  const auto n = static_cast<uint32_t>(state.range(0));
+  auto m = filledFlatMap(n);
   uint32_t i = 0;
   for (auto _ : state) {
     m[i] = MvpnVrf(VrfId(i), MvpnClient::staticMvpn_);
@@ -133,8 +138,7 @@ BENCHMARK(BM_FlatHashMapReplace)->Arg(kRecords)->Arg(10 * kRecords);
 // many instructions in flight to overlap consecutive replaces either way.
 void BM_FlatHashMapReplaceDependent(benchmark::State& state) {
   const auto n = static_cast<uint32_t>(state.range(0));
-  absl::flat_hash_map<uint32_t, MvpnVrf> m;
-  for (uint32_t k = 0; k < n; ++k) m[k] = MvpnVrf(VrfId(k));
+  auto m = filledFlatMap(n);
   uint32_t i = 0;
   for (auto _ : state) {
     MvpnVrf& v = m[i];
