@@ -66,7 +66,6 @@ Oro::Ptr<MvpnMapper> mvpnMapperFactory(Oro::Ptr<const MvpnIntfStatus> intfStatus
 template <class Map>
 void MvpnMapper::valueIs(Oro::AttrId attr, Map& map, const typename Map::key_type& key,
                          const typename Map::mapped_type& value) {
-  const auto held = holdForMutation();
   using K = typename Map::key_type;
   using V = typename Map::mapped_type;
   const auto [it, inserted] = map.try_emplace(key, value);
@@ -83,7 +82,6 @@ void MvpnMapper::valueIs(Oro::AttrId attr, Map& map, const typename Map::key_typ
 template <class Map>
 typename Map::mapped_type MvpnMapper::valueDel(Oro::AttrId attr, Map& map,
                                                const typename Map::key_type& key) {
-  const auto held = holdForMutation();
   using K = typename Map::key_type;
   using V = typename Map::mapped_type;
   const auto it = map.find(key);
@@ -114,7 +112,6 @@ void MvpnMapper::valueDelAll(Oro::AttrId attr, Map& map) {
 template <class Map>
 auto MvpnMapper::collIs(Oro::AttrId attr, Map& map, TunnelId tunnelId) ->
     typename Map::mapped_type {
-  const auto held = holdForMutation();
   using Coll = CollOf<Map>;
   if (const auto it = map.find(tunnelId); it != map.end()) return it->second;
   Oro::Ptr<Coll> coll = Oro::makePtr<Coll>(tunnelId);
@@ -126,7 +123,6 @@ auto MvpnMapper::collIs(Oro::AttrId attr, Map& map, TunnelId tunnelId) ->
 template <class Map>
 auto MvpnMapper::collDel(Oro::AttrId attr, Map& map, TunnelId tunnelId) ->
     typename Map::mapped_type {
-  const auto held = holdForMutation();
   using Coll = CollOf<Map>;
   const auto it = map.find(tunnelId);
   if (it == map.end()) return nullptr;

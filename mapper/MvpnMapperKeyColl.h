@@ -62,12 +62,10 @@ class TunnelKeyColl : public Oro::Entity {
   const K* keyCollFirst() const { return keys_.empty() ? nullptr : &*keys_.begin(); }
 
   void keyCollIs(const K& key) {
-    const auto held = this->holdForMutation();
     if (!keys_.insert(key).second) return;
     if constexpr (kPublishes) publishKey(keyCollAttr, key);
   }
   void keyCollDel(const K& key) {
-    const auto held = this->holdForMutation();
     const auto it = keys_.find(key);
     if (it == keys_.end()) return;
     if constexpr (kPublishes) {

@@ -12,7 +12,6 @@ std::string Status::vrfName(VrfId vrfId) const {
 }
 
 void Status::vrfNameIs(VrfId vrfId, const std::string& name) {
-  const auto held = holdForMutation();
   MVPN_ASSERT_MSG(vrfId.isValid(), "The invalid VRF id has no name");
   std::optional<std::string> old = names_.lookup(vrfId);
   if (old && *old == name) return;
@@ -21,7 +20,6 @@ void Status::vrfNameIs(VrfId vrfId, const std::string& name) {
 }
 
 std::string Status::vrfNameDel(VrfId vrfId) {
-  const auto held = holdForMutation();
   std::optional<std::string> old = names_.remove(vrfId);
   if (!old) return std::string();
   publishOldNew<VrfId, std::string>(vrfNameAttr, vrfId, &*old, nullptr);

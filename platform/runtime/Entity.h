@@ -70,10 +70,11 @@ class Entity : public RefCounted {
   bool hasNotifiees() const { return liveNotifiees_ != 0; }
 
  protected:
-  // Taken first by every mutator that publishes: keeps this entity alive until the mutator
-  // returns, so that a notifiee letting go of the last reference while it is told of the
-  // change frees the entity only then, not under the publication or the mutator's remaining
-  // work. Null, at no cost, while nobody is subscribed: then nobody can be told.
+  // A notifiee may let go of the last reference while it is told of a change. Each
+  // publication holds the entity for its own loop; a mutator that still touches the entity
+  // after publishing (counters, a second publication, the next key of a DelAll) takes this
+  // first, so that the entity is freed only when the mutator returns. Null, at no cost, while
+  // nobody is subscribed: then nobody can be told.
   Ptr<const Entity> holdForMutation() const {
     return liveNotifiees_ == 0 ? nullptr : keepAlive(this);
   }
