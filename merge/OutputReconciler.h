@@ -193,11 +193,16 @@ class OutputReconciler : public OutputBase {
   // Deletes unseen entries from the bookmark on; returns true when it stopped to yield.
   bool walk(uint64_t& processed, uint64_t& deleted) {
     const bool synchronous = parent_->synchronous() || !task_;
-    uint64_t steps = 0;  // entries and entity steps: a run of empty entities yields too
+    // A run stops only after it handled an entry, so that every run makes visible progress;
+    // a long run of empty entities (all the merged VRFs that hold only the other output's
+    // records, say) may stop after kEmptyStepsBeforeYield steps without one, so that the
+    // run stays within its slice.
+    constexpr uint64_t kEmptyStepsBeforeYield = 256;
+    uint64_t steps = 0;  // entries and entity steps
     try {
       auto it = useBookmark_ ? coll_.iterAt(*bookmark_) : coll_.iter();
       while (it.valid()) {
-        if (!synchronous && steps > 0 &&
+        if (!synchronous && (processed > 0 || steps >= kEmptyStepsBeforeYield) &&
             (task_->scheduler()->taskCurrentlyRunning() != task_.get() || task_->shouldYield())) {
           bookmark_ = it.bookmark();
           useBookmark_ = true;

@@ -686,6 +686,7 @@ TEST(TunnelMergeReconcile, RestartDeletesUnsupportedRecordsPerOutputAndEachIsRea
     rig.merged->vrfStatusIs(VrfId(7));  // an empty merged VRF goes too
     rig.putRoute(kMvpn, 1, 1, "new");
     rig.putIntf(kEvpn, 2, 1, "new");
+    TraceCapture trace("MergedMcastTunnelEncapStatusSm");
     rig.start(mode == 2);
     if (mode == 0) {
       // Every key merged while reconciling is seen, also one whose merge deletes it.
@@ -700,6 +701,15 @@ TEST(TunnelMergeReconcile, RestartDeletesUnsupportedRecordsPerOutputAndEachIsRea
     EXPECT_EQ(rig.sm->mergedEncapVrfStatusEncapIntfTunnelOutputReconciling(), mode != 2);
     ASSERT_TRUE(rig.settle());
     EXPECT_EQ(rig.mergedContents(), rig.expected());  // VRFs 1 and 2 only
+    // A run of the walk stops only after an entry, also where it first steps on a VRF that
+    // holds none of its kind (2 and 7 for the routes, 1, 6 and 7 for the interfaces).
+    std::vector<std::string> stops;
+    for (const auto& m : trace.sink.messages()) {
+      if (m.starts_with("Yielding in reconciliation")) stops.push_back(m);
+    }
+    EXPECT_EQ(stops.empty(), mode == 2);
+    for (const auto& m : stops)
+      EXPECT_THAT(m, testing::Not(testing::HasSubstr("after processing 0")));
     // The counts are of entries: the route output walked 3 routes and deleted 2, the interface
     // output walked 2 and deleted 1; neither counts VRF 7 or a VRF without its kind of entry.
     const auto& routes = rig.sm->mergedEncapVrfStatusEncapTunnelOutput();
