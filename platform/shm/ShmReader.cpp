@@ -34,6 +34,36 @@ void ShmResync::add(uint32_t c, const uint32_t* keyWords, uint32_t slot, uint32_
   std::memcpy(queue->data() + at + 1, keyWords, 4 * kw);
   (*queue)[at + entryWords] = slot;
   (*queue)[at + entryWords + 1] = seq;
+  if (walkOf && slot != kNoSlot) walkOf->walked(entryKey(c, keyWords, kw), slot, seq);
+}
+
+void ShmReader::walked(const std::string& key, uint32_t slot, uint32_t seq) {
+  // Read after the slot: every entry logged before the walk's read is below this head.
+  const uint64_t until = store_.ringHead();
+  walked_.insert_or_assign(key, Walked{slot, seq, until});
+  walkedUntil_ = std::max(walkedUntil_, until);
+}
+
+bool ShmReader::walkedUnchanged(uint32_t c, const uint32_t* keyWords) {
+  const auto it = walked_.find(entryKey(c, keyWords, store_.keyWords(c)));
+  if (it == walked_.end()) return false;
+  const Walked w = it->second;
+  walked_.erase(it);
+  return store_.unchanged(c, keyWords, w.slot, w.seq);
+}
+
+void ShmReader::forgetWalked() {
+  // Called with the queue delivered: every entry below tail_ has been looked at.
+  if (walked_.empty()) return;
+  if (tail_ >= walkedUntil_) {
+    walked_.clear();
+    walkedSwept_ = 0;
+  } else if (walked_.size() > 2 * walkedSwept_ + 1024) {
+    // A reader behind a writer that keeps creating entities may never catch up with the
+    // last walk's head; the keys whose log window has passed go now and then.
+    absl::erase_if(walked_, [&](const auto& kv) { return kv.second.until <= tail_; });
+    walkedSwept_ = walked_.size();
+  }
 }
 
 ShmReader::ShmReader(Sink& sink, const ShmStore& store, TaskScheduler* scheduler)
@@ -96,6 +126,7 @@ ShmResync ShmReader::resyncQueue() {
   out.queue = &queue_;
   out.entryWords = entryWords_;
   out.store = &store_;
+  out.walkOf = this;
   return out;
 }
 
@@ -127,6 +158,9 @@ void ShmReader::resync() {
   ++resyncs_;
   queue_.clear();
   pos_ = 0;
+  walked_.clear();
+  walkedUntil_ = 0;
+  walkedSwept_ = 0;
   ShmResync out;
   out.queue = &queue_;
   out.entryWords = entryWords_;
@@ -142,6 +176,7 @@ void ShmReader::drainLog() {
     resync();
     return;
   }
+  forgetWalked();
   const uint64_t end = std::min<uint64_t>(head, tail_ + batch_);
   queue_.clear();
   pos_ = 0;
@@ -215,6 +250,8 @@ void ShmReader::deliver() {
   for (uint32_t n = 0; n < batch_ && queued() && !failed_; ++n) {
     std::copy_n(&queue_[pos_], stride_, key_.data());
     pos_ += stride_;
+    if (!walked_.empty() && key_[entryWords_] == kNoSlot && walkedUnchanged(key_[0], &key_[1]))
+      continue;  // reported by a walk in the state it still has
     ++delivered_;
     sink_.deliverKey(key_[0], key_.data() + 1, key_[entryWords_], key_[entryWords_ + 1]);
     if (!*alive) return;

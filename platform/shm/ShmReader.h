@@ -10,6 +10,11 @@
 // is such a resynchronisation, except that keys changed since the reader was created and still
 // in the log are left to the log (which reports them in the order they changed).
 //
+// An entity met for the first time reports its members right after it (a walk). Their own
+// log entries, written before the walk read them, would report them again: a log entry of a
+// key the walk reported is dropped while the key's slot is unchanged since (a later change
+// rewrites the slot, and is reported).
+//
 // Sleeping: before the scheduler sleeps on the store's wake word, the reader registers the
 // sleep with the writer's doorbell (ShmBell). It never writes shared memory.
 //
@@ -22,6 +27,7 @@
 #include <string>
 #include <vector>
 
+#include <absl/container/flat_hash_map.h>
 #include <absl/container/flat_hash_set.h>
 
 #include "platform/runtime/Ptr.h"
@@ -32,6 +38,7 @@
 namespace Oro {
 
 class TaskScheduler;
+class ShmReader;
 
 // Where a resynchronisation puts the keys to report.
 class ShmResync {
@@ -47,6 +54,7 @@ class ShmResync {
   uint32_t entryWords = 0;
   const ShmStore* store = nullptr;
   const absl::flat_hash_set<std::string>* skip = nullptr;  // keys the log will report
+  ShmReader* walkOf = nullptr;  // a new entity's walk: its reader remembers what it reported
 };
 
 class ShmReader : public WaitSource {
@@ -104,6 +112,10 @@ class ShmReader : public WaitSource {
   void resync();
   void drainLog();
   void fail(const std::string& message, bool replaced);
+  friend class ShmResync;
+  void walked(const std::string& key, uint32_t slot, uint32_t seq);
+  bool walkedUnchanged(uint32_t c, const uint32_t* keyWords);
+  void forgetWalked();
 
   Sink& sink_;
   const ShmStore& store_;
@@ -127,6 +139,16 @@ class ShmReader : public WaitSource {
   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
   uint64_t resyncs_ = 0;
   uint64_t delivered_ = 0;
+  // Keys a new entity's walk reported, with the slot and sequence word read and the log's
+  // head after the read: log entries before that head may report what the walk did.
+  struct Walked {
+    uint32_t slot;
+    uint32_t seq;
+    uint64_t until;
+  };
+  absl::flat_hash_map<std::string, Walked> walked_;
+  uint64_t walkedUntil_ = 0;  // the largest `until` in walked_
+  size_t walkedSwept_ = 0;    // walked_'s size after its last sweep
 };
 
 }  // namespace Oro

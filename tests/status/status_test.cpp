@@ -644,6 +644,54 @@ TEST_F(RouteStatusTest, AReaderOfARemovedTreeHearsEachVrfGoOnceAndFollowsTheNext
   EXPECT_TRUE(r->vrfRouteStatus(VrfId(9)));
 }
 
+TEST_F(RouteStatusTest, AReaderHearsEachMemberOfANewEntityOnce) {
+  auto w = shmtest::mounted(mvpnRouteStatusFactory("w"), {"t/once", ShmRole::writer});
+  Oro::TaskScheduler sched;
+  auto r = shmtest::mounted(mvpnRouteStatusFactory("r"), {"t/once", ShmRole::reader, &sched});
+  // Every notification at every level, subscribing to each entity as it appears.
+  std::map<std::string, int> heard;
+  struct Reactor : Oro::Notifiee {
+    std::function<void(Oro::AttrId, const void*)> fn;
+    void onAttributeKey(Oro::AttrId a, const void* k) override { fn(a, k); }
+  };
+  std::vector<std::pair<Oro::Ptr<Oro::Entity>, std::unique_ptr<Reactor>>> watches;
+  auto watch = [&](Oro::Ptr<Oro::Entity> e, std::function<void(Oro::AttrId, const void*)> fn) {
+    watches.emplace_back(e, std::make_unique<Reactor>());
+    watches.back().second->fn = std::move(fn);
+    watches.back().second->notifierIs(e.get());
+  };
+  Oro::KeyReactor<VrfId> onVrf(MvpnRouteStatus::vrfRouteStatusAttr, [&](const VrfId& v) {
+    if (heard["vrf " + v.toStrep()]++) return;
+    auto vrf = r->vrfRouteStatus(v);
+    watch(vrf, [&, vrf = vrf.get()](Oro::AttrId a, const void* k) {
+      if (a != MvpnVrfRouteStatus::mvpnGroupAttr) return;
+      const auto& g = *static_cast<const IpGenAddr*>(k);
+      if (heard["group " + g.toStrep()]++) return;
+      watch(vrf->mvpnGroup(g), [&](Oro::AttrId, const void* s) {
+        ++heard["source " + static_cast<const IpGenAddr*>(s)->toStrep()];
+      });
+    });
+  });
+  onVrf.notifierIs(r.get());
+  sched.runUntilIdle();
+  // A source that creates its VRF and group; then one that creates a group in a known VRF.
+  w->vrfRouteStatusIs(VrfId(5))->mvpnSourceIs(v4(0xef000001), v4(1), prefix(0, 0), true, Flags());
+  sched.runUntilIdle();
+  w->vrfRouteStatus(VrfId(5))->mvpnSourceIs(v4(0xef000002), v4(2), prefix(0, 0), false, Flags(1));
+  sched.runUntilIdle();
+  // The walk of a new entity reports its members; their log entries do not report them again.
+  EXPECT_EQ(heard, (std::map<std::string, int>{{"vrf 5", 1},
+                                               {"group 239.0.0.1", 1},
+                                               {"group 239.0.0.2", 1},
+                                               {"source 0.0.0.1", 1},
+                                               {"source 0.0.0.2", 1}}));
+  // A later change of a walked member is reported.
+  w->vrfRouteStatus(VrfId(5))->mvpnSourceIs(v4(0xef000002), v4(2), prefix(0, 0), false, Flags(2));
+  sched.runUntilIdle();
+  EXPECT_EQ(heard["source 0.0.0.2"], 2);
+  for (auto& [e, reactor] : watches) reactor->notifierIs(nullptr);
+}
+
 TEST_F(RouteStatusTest, CountingThatMeetsDamageReportsItAndRaisesNothing) {
   auto root = shmtest::mounted(mvpnRouteStatusFactory("bgp"), {"t/counting", ShmRole::writer});
   std::vector<std::string> reports;
