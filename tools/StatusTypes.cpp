@@ -6,6 +6,7 @@
 #include <chrono>
 #include <map>
 #include <memory>
+#include <set>
 #include <system_error>
 #include <unordered_set>
 
@@ -172,6 +173,17 @@ void printDump(const ReaderRoot<Root>& r, FILE* out) {
   r.failIfDamaged();
 }
 
+// A walk goes by slot while the writer may move a key (delete it, insert it again into a
+// later slot): the walk can then meet it twice. The first meeting is the one listed.
+template <class K>
+class Listed {
+ public:
+  bool first(const K& key) { return met_.insert(key).second; }
+
+ private:
+  std::set<K> met_;
+};
+
 template <class Root>
 void show(const std::string& path, bool json, FILE* out) {
   using Key = typename Root::Key;
@@ -181,9 +193,7 @@ void show(const std::string& path, bool json, FILE* out) {
     return;
   }
   JsonOut j(out);
-  // The walk goes by slot while the writer may move a key (delete it, insert it again into a
-  // later slot): the walk can then meet it twice. The first meeting is the one listed.
-  std::unordered_set<Key> listed;
+  std::unordered_set<Key> listed;  // as Listed, hashed: a flat table may hold millions
   const char* sep = "";
   j.document(r, [&] {
     j.open("{[", jsonHead(path, r.root->typeName()) + "\"records\": [");
@@ -331,32 +341,40 @@ void showTree(const std::string& path, bool json, FILE* out) {
   j.document(r, [&] {
     j.open("{[", jsonHead(path, r.root->typeName()) + "\"vrfs\": [");
     const char* vsep = "";
+    Listed<VrfId> vrfs;
     for (auto v = r.root->vrfRouteStatusIter(); v.valid(); v.next()) {
       Oro::Ptr<MvpnVrfRouteStatus> vrf = v.value();
-      if (!vrf) continue;
+      if (!vrf || !vrfs.first(vrf->vrfId())) continue;
       j.open("{[", fmt::format("{}\n  {{\"vrfId\": {}, \"routes\": [", vsep, vrf->vrfId().value()));
       const char* sep = "";
+      Listed<MvpnRouteKey> routes;
       for (auto it = vrf->mvpnRouteIter(); it.valid(); it.next()) {
+        if (!routes.first(it.value().key())) continue;
         j.put(fmt::format("{}{}", sep, routeJson(it.value())));
         sep = ", ";
       }
       j.close("");
       j.open("[", ", \"groups\": [");
       const char* gsep = "";
+      Listed<Nevo::IpGenAddr> groups;
       for (auto g = vrf->mvpnGroupIter(); g.valid(); g.next()) {
         Oro::Ptr<MvpnGroup> group = g.value();
-        if (!group) continue;
+        if (!group || !groups.first(group->group())) continue;
         j.open("{[", fmt::format("{}\n    {{\"group\": {}, \"sharedTree\": [", gsep,
                                  jsonQuote(group->group().toStrep())));
         sep = "";
+        Listed<Nevo::IpGenAddr> shared;
         for (auto it = group->sharedTreeIter(); it.valid(); it.next()) {
+          if (!shared.first(it.value().source())) continue;
           j.put(fmt::format("{}{}", sep, sourceJson(it.value())));
           sep = ", ";
         }
         j.close("");
         j.open("[", ", \"sourceTree\": [");
         sep = "";
+        Listed<Nevo::IpGenAddr> sources;
         for (auto it = group->sourceTreeIter(); it.valid(); it.next()) {
+          if (!sources.first(it.value().source())) continue;
           j.put(fmt::format("{}{}", sep, sourceJson(it.value())));
           sep = ", ";
         }
@@ -471,14 +489,17 @@ void showEncap(const std::string& path, bool json, FILE* out) {
   j.document(r, [&] {
     j.open("{[", jsonHead(path, r.root->typeName()) + "\"vrfs\": [");
     const char* vsep = "";
+    Listed<VrfId> vrfs;
     for (auto v = r.root->vrfStatusIter(); v.valid(); v.next()) {
       Oro::Ptr<MvpnVrfTunnelEncapStatus> vrf = v.value();
-      if (!vrf) continue;
+      if (!vrf || !vrfs.first(vrf->vrfId())) continue;
       j.open("{[",
              fmt::format("{}\n  {{\"vrfId\": {}, \"encapTunnel\": [", vsep, vrf->vrfId().value()));
       const char* sep = "";
+      Listed<MvpnRouteKey> routes;
       for (auto it = vrf->encapTunnelIter(); it.valid(); it.next()) {
         const MvpnEncapTunnel& rec = it.value();
+        if (!routes.first(rec.routeKey())) continue;
         j.put(fmt::format("{}\n    {{\"routeKey\": {}, \"encapData\": {}}}", sep,
                           jsonQuote(rec.routeKey().toStrep()), jsonQuote(rec.encapData())));
         sep = ",";
@@ -486,8 +507,10 @@ void showEncap(const std::string& path, bool json, FILE* out) {
       j.close(*sep ? "\n  " : "");
       j.open("[", ", \"encapIntfTunnel\": [");
       sep = "";
+      Listed<MvpnRouteIntfKey> intfs;
       for (auto it = vrf->encapIntfTunnelIter(); it.valid(); it.next()) {
         const MvpnEncapIntfTunnel& rec = it.value();
+        if (!intfs.first(rec.routeIntfKey())) continue;
         j.put(fmt::format("{}\n    {{\"routeIntfKey\": {}, \"encapData\": {}}}", sep,
                           jsonQuote(rec.routeIntfKey().toStrep()), jsonQuote(rec.encapData())));
         sep = ",";
