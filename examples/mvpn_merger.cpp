@@ -68,11 +68,14 @@ int mergeVrfs(const std::string& mergedPath, Oro::TaskScheduler& scheduler) {
       return 2;
     }
   }
+  // The inputs first: a merger that cannot read one leaves no merged table behind.
+  auto bgp = reader(clients[0]), staticMvpn = reader(clients[1]), evpn = reader(clients[2]),
+       staticEvpn = reader(clients[3]);
   auto merged =
       mounted<MvpnVrfStatus>(mvpnVrfStatusFactory, mergedPath, Oro::ShmRole::writer, nullptr);
-  auto sm = mergedMvpnVrfStatusSmFactory(
-      reader(clients[0]), reader(clients[1]), reader(clients[2]), reader(clients[3]), merged,
-      Dyx::SmControl{&scheduler, Oro::TaskPriority::normal, false});
+  auto sm =
+      mergedMvpnVrfStatusSmFactory(bgp, staticMvpn, evpn, staticEvpn, merged,
+                                   Dyx::SmControl{&scheduler, Oro::TaskPriority::normal, false});
   sm->initializedIs(true);
   scheduler.run();
   stopping(sm->ready(), merged->mvpnVrfSize());
@@ -85,11 +88,12 @@ int mergeEncaps(Oro::TaskScheduler& scheduler) {
                                           MvpnTunnelEncapStatus::mountPath(writer),
                                           Oro::ShmRole::reader, &scheduler);
   };
+  auto mvpn = reader("mvpn"), staticEncap = reader("static"), evpn = reader("evpn");
   auto merged = mounted<MvpnTunnelEncapStatus>(mvpnTunnelEncapStatusFactory,
                                                MvpnTunnelEncapStatus::mountPath("merged"),
                                                Oro::ShmRole::writer, nullptr);
   auto sm = mergedMcastTunnelEncapStatusSmFactory(
-      reader("mvpn"), reader("static"), reader("evpn"), merged,
+      mvpn, staticEncap, evpn, merged,
       Dyx::SmControl{&scheduler, Oro::TaskPriority::normal, false});
   sm->initializedIs(true);
   scheduler.run();
