@@ -331,12 +331,23 @@ std::string routeJson(const MvpnRoute& r) {
 
 // The route status tree: the dump, or VRFs with their routes and groups, groups with their
 // sources.
+void treeJson(const ReaderRoot<MvpnRouteStatus>& r, const std::string& path, FILE* out);
+
 void showTree(const std::string& path, bool json, FILE* out) {
   ReaderRoot<MvpnRouteStatus> r(path, nullptr, json ? out : nullptr);
   if (!json) {
     printDump(r, out);
+    // The dump shows one of the tree's two models; the other's records are read too, so that
+    // damage anywhere in the tree fails the show as it fails the JSON one.
+    std::unique_ptr<FILE, int (*)(FILE*)> sink(std::fopen("/dev/null", "w"), &std::fclose);
+    if (!sink) throw Oro::Exception("cannot open /dev/null");
+    treeJson(r, path, sink.get());
     return;
   }
+  treeJson(r, path, out);
+}
+
+void treeJson(const ReaderRoot<MvpnRouteStatus>& r, const std::string& path, FILE* out) {
   JsonOut j(out);
   j.document(r, [&] {
     j.open("{[", jsonHead(path, r.root->typeName()) + "\"vrfs\": [");

@@ -271,6 +271,18 @@ TEST_F(MvpnstatToolTest, ARecordThatDoesNotReadBackFailsShowAndCheck) {
   EXPECT_TRUE(doc["vrfs"][1]["encapTunnel"].empty());
   EXPECT_THAT(doc["damaged"].get<std::string>(), HasSubstr("bad image"));
   mvpnstatExpect("check " + path, 1, {"a record does not read back: bad image"});
+
+  // A tree's dump shows one of its two models; damage in the other fails the show too.
+  const std::string tree = MvpnRouteStatus::mountPath(Nevo::ipv4, bgp_);
+  {
+    auto w = shmtest::mounted(mvpnRouteStatusFactory(tree), {tree, Oro::ShmRole::writer});
+    w->vrfRouteStatusIs(Vrf::VrfIdMap::VrfId(1))
+        ->mvpnSourceIs(Nevo::IpGenAddr::ipv4Addr(0xef000001), Nevo::IpGenAddr::ipv4Addr(1),
+                       Nevo::IpGenPrefix(), false, MvpnSource::SourceFlags(1));
+    w->unmount();
+  }
+  shmtest::writeSegment(shmtest::firstChunkOf(tree, "sourceTree"), 3 * 4, &bad, 1);
+  mvpnstatExpect("show " + tree, 1, {"MvpnRouteStatus", "is damaged: bad image"});
 }
 
 // The shared-memory files of the table at `path`: its header and every segment named after it.
