@@ -99,7 +99,7 @@ bool ShmReader::hasPending() const {
   if (failed_) return false;
   const Header* h = store_.header();
   return queued() || store_.ringHead() != tail_ || store_.epoch() != epoch_ ||
-         h->magic.load(std::memory_order_acquire) != kMagic ||
+         h->magic.load(std::memory_order_acquire) != kMagic || h->instance != store_.instance() ||
          h->mountStatus.load(std::memory_order_acquire) != seenMount_ ||
          h->quiesced.load(std::memory_order_acquire) != seenQuiesced_ ||
          mergeStamp(*h) != seenMerge_;
@@ -228,6 +228,7 @@ void ShmReader::deliver() {
     fail("the store was replaced by its writer", true);
     return;
   }
+  if (h->instance != store_.instance()) store_.corrupt("the header was overwritten by another");
   const uint32_t mount = h->mountStatus.load(std::memory_order_acquire);
   if (mount != seenMount_) {
     seenMount_ = mount;

@@ -735,8 +735,11 @@ ShmStore ShmStore::detached(const ShmStoreSchema& schema) {
 }
 
 void ShmStore::attach(ShmSegment seg, const ShmStoreSchema* schema, bool writable) {
-  const size_t bytes = seg.size();
-  const auto* h = reinterpret_cast<const Header*>(seg.data());
+  // Kept from the start: a writer that finds the header damaged retires it through this
+  // mapping, so that readers still mapping it learn of the new store.
+  headerSeg_ = std::move(seg);
+  const size_t bytes = headerSeg_.size();
+  const auto* h = reinterpret_cast<const Header*>(headerSeg_.data());
   if (bytes < sizeof(Header)) corrupt(fmt::format("header segment holds {} bytes", bytes));
   const uint64_t magic = h->magic.load(std::memory_order_acquire);
   if (magic == kRetiredMagic)
@@ -748,6 +751,10 @@ void ShmStore::attach(ShmSegment seg, const ShmStoreSchema* schema, bool writabl
         "written by another revision",
         mountPath_, h->layoutVersion, kLayoutVersion));
   }
+  // A header names the path it was created at (paths are shorter than the field): another
+  // store's header copied under this name, or a damaged one, is not taken for this store.
+  if (nameOf(h->mountPath, kPathBytes) != mountPath_)
+    corrupt("the header names another mount path");
   const std::string rootType = nameOf(h->rootType, kTypeNameBytes);
   const uint32_t count = h->collectionCount;
   if (count == 0 || count > kMaxCollections) corrupt(fmt::format("{} collections", count));
@@ -819,7 +826,6 @@ void ShmStore::attach(ShmSegment seg, const ShmStoreSchema* schema, bool writabl
   instance_ = h->instance;
   nameKey_ = h->nameKey;
   mode_ = static_cast<mode_t>(h->mode & 07777);
-  headerSeg_ = std::move(seg);
   hdr_ = reinterpret_cast<Header*>(headerSeg_.data());
   ringCap_ = g.ringCap;
   ringEntryWords_ = g.ringEntryWords;

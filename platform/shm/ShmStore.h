@@ -189,6 +189,10 @@ class ShmStore {
   // The header's merge record (see ShmMergeInfo.h); writer of a shared store only, else null.
   ShmLayout::MergeInfo* mergeInfo() { return writable_ && shared() ? &hdr_->merge : nullptr; }
 
+  // The instance id the store was attached with: its header keeps it for life (a new store
+  // is a new header), so a header that names another was overwritten from outside.
+  uint64_t instance() const { return instance_; }
+
   // ---- change log (readers) ----
   uint64_t ringHead() const;
   uint32_t ringCapacity() const { return ringCap_; }

@@ -11,6 +11,7 @@
 #include <sys/un.h>
 
 #include <atomic>
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <memory>
@@ -442,6 +443,13 @@ TEST_F(ShmReliabilityTest, ADamagedStoreIsRecreatedByItsWriterAndItsReadersRecov
        }},
       {"header emptied",
        [](const std::string& p) { ::truncate(("/dev/shm" + Oro::shmStoreName(p)).c_str(), 0); }},
+      {"header of another store copied over it",
+       [](const std::string& p) {
+         { Attached other(ShmAttach{"r/other", ShmRole::writer}); }
+         std::filesystem::copy_file("/dev/shm" + Oro::shmStoreName("r/other"),
+                                    "/dev/shm" + Oro::shmStoreName(p),
+                                    std::filesystem::copy_options::overwrite_existing);
+       }},
   };
   for (const auto& [what, damage] : damages) {
     SCOPED_TRACE(what);
