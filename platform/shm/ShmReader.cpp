@@ -40,6 +40,9 @@ void ShmResync::add(uint32_t c, const uint32_t* keyWords, uint32_t slot, uint32_
 void ShmReader::walked(const std::string& key, uint32_t slot, uint32_t seq) {
   // Read after the slot: every entry logged before the walk's read is below this head.
   const uint64_t until = store_.ringHead();
+  // No log entry is left to report the key again: none queued, none unread (a quiet store's
+  // first synchronisation, which meets every entity for the first time, lands here).
+  if (!queueFromLog_ && until == tail_) return;
   walked_.insert_or_assign(key, Walked{slot, seq, until});
   walkedUntil_ = std::max(walkedUntil_, until);
 }
@@ -157,6 +160,7 @@ void ShmReader::resync() {
   epoch_ = epoch;
   ++resyncs_;
   queue_.clear();
+  queueFromLog_ = false;
   pos_ = 0;
   walked_.clear();
   walkedUntil_ = 0;
@@ -179,6 +183,7 @@ void ShmReader::drainLog() {
   forgetWalked();
   const uint64_t end = std::min<uint64_t>(head, tail_ + batch_);
   queue_.clear();
+  queueFromLog_ = true;
   pos_ = 0;
   queue_.resize((end - tail_) * stride_, 0);
   for (uint64_t pos = tail_; pos < end; ++pos) {

@@ -133,6 +133,7 @@ class ShmReader : public WaitSource {
   bool shortSleep_ = false;  // the doorbell could not be rung: sleep briefly
   // Entries of stride_ words: collection, key image, slot and sequence word seen.
   std::vector<uint32_t> queue_;
+  bool queueFromLog_ = false;  // queue_ holds log entries (else a resynchronisation's keys)
   size_t pos_ = 0;
   std::vector<uint32_t> key_;
   ShmBellClient bell_;
