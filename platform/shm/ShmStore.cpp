@@ -970,7 +970,13 @@ ShmStore ShmStore::openWriter(const std::string& mountPath, const ShmStoreSchema
         }
       } catch (const ShmCorruptionException&) {
         // Damaged: a new store replaces it (we keep the old one's lock until it is retired, so
-        // nobody else can take the old one over meanwhile).
+        // nobody else can take the old one over meanwhile). Readers may sleep on the old
+        // header's wake word: a header cut short gets its first page back (zeros), so that
+        // retiring it can mark it and wake them.
+        if (old.valid() && bytes < ShmSegment::pageBytes() &&
+            ::ftruncate(old.fd(), static_cast<off_t>(ShmSegment::pageBytes())) != 0) {
+          old = ShmSegment();  // cannot be retired: its readers find out by their own looks
+        }
         std::optional<ShmStore> fresh = create(/*replace=*/true);
         fresh->retire(old);
         fresh->cleanLeftovers();
@@ -1026,7 +1032,11 @@ void ShmStore::wakeAllReaders() {
 
 // Marks a replaced header so that readers still mapping it notice, and wakes them.
 void ShmStore::retire(ShmSegment& old) {
-  if (old.valid() && old.size() >= sizeof(Header) && !old.lost()) {
+  // Only the magic and the wake word are written: they lie in the first page, which is all a
+  // damaged header may hold.
+  static_assert(offsetof(Header, wakeWord) + sizeof(Header::wakeWord) <= 4096);
+  if (old.valid() && old.size() >= offsetof(Header, wakeWord) + sizeof(Header::wakeWord) &&
+      !old.lost()) {
     auto* h = reinterpret_cast<Header*>(old.data());
     h->magic.store(kRetiredMagic, std::memory_order_release);
     h->wakeWord.fetch_add(1, std::memory_order_seq_cst);

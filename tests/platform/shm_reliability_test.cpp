@@ -441,6 +441,12 @@ TEST_F(ShmReliabilityTest, ADamagedStoreIsRecreatedByItsWriterAndItsReadersRecov
          const std::string garbage(600, '\x5a');
          f.write(garbage.data(), static_cast<std::streamsize>(garbage.size()));
        }},
+      {"magic zeroed",
+       [](const std::string& p) {
+         std::fstream f("/dev/shm" + Oro::shmStoreName(p),
+                        std::ios::in | std::ios::out | std::ios::binary);
+         f.write("\0\0\0\0\0\0\0\0", 8);
+       }},
       {"header emptied",
        [](const std::string& p) { ::truncate(("/dev/shm" + Oro::shmStoreName(p)).c_str(), 0); }},
       {"header of another store copied over it",
@@ -470,14 +476,26 @@ TEST_F(ShmReliabilityTest, ADamagedStoreIsRecreatedByItsWriterAndItsReadersRecov
     r.corruptionHandlerIs([&](const std::string& m) { reports.push_back(m); });
     r.attach(ShmAttach{path, ShmRole::reader, &sched});
     drain(r);
+    // The reader sleeps on the store while it is damaged and replaced: the writer that
+    // replaces it must wake it (the bound only ends a failed run).
+    struct Asleep : Oro::WaitSource {
+      shmtest::Pipe told;
+      bool hasPending() const override { return false; }
+      void dispatch() override {}
+      void sleepBegin(std::vector<Oro::FutexWait>&) override { told.send(); }
+      void sleepEnd() override {}
+    } asleep;
+    sched.waitSourceIs(&asleep);
+    std::thread reading([&] { sched.runUntil(Oro::TaskScheduler::Clock::now() + 20s); });
+    ASSERT_TRUE(asleep.told.receive());
     damage(path);
     // The writer comes back: it cannot take the damaged store over, so it builds a new one and
     // republishes; its readers find the new store.
     Attached w(ShmAttach{path, ShmRole::writer});
     fill(w, 0, 50);
     w.insert(9999, Rec::of(9999));
-    // The reader looks again after growing pauses (timers); the bound only ends a failed run.
-    sched.runUntil(Oro::TaskScheduler::Clock::now() + 20s);
+    reading.join();
+    sched.waitSourceDel(&asleep);
     EXPECT_TRUE(republished);
     EXPECT_EQ(r.find(10), Rec::of(10));
     EXPECT_EQ(r.size(), 51u);
