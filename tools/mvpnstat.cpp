@@ -285,6 +285,11 @@ int run(int argc, char** argv) {
     } catch (const Oro::ParseException& e) {
       throw Failure{2, e.what()};
     } catch (const Oro::ShmCorruptionException& e) {
+      // An explanation reads the inputs too: the message names the store that is damaged.
+      if (a.command == "explain") {
+        throw Failure{1, fmt::format("cannot explain {} at {}: {}", displayText(a.key),
+                                     displayText(a.path), e.what())};
+      }
       throw Failure{1, fmt::format("the table at {} is damaged: {}", a.path, e.what())};
     } catch (const Oro::ShmException& e) {
       if (!Oro::shmStoreExists(a.path)) {

@@ -145,6 +145,11 @@ TEST_F(MergeAuditTest, VrfMergeExplainsEveryPrecedenceAndChecksAgainstWriterProc
   const Json e = Json::parse(mvpnstatExpect(fmt::format("explain {} 3 --json", kMerged), 0).out);
   EXPECT_EQ(e["winner"], "staticMvpnVrfStatus");
   EXPECT_TRUE(e["inputs"][0]["record"].is_null());
+
+  // A damaged input is named as what is damaged, not the merged status.
+  ASSERT_TRUE(shmtest::damageTable(MvpnVrfStatus::mountPath(Nevo::ipv4, evpn_), "mvpnVrf"));
+  mvpnstatExpect(fmt::format("explain {} 3", kMerged), 1,
+                 {fmt::format("cannot explain 3 at {}: ", kMerged), "vrfStatus.evpn@"});
 }
 
 TEST_F(MergeAuditTest, EncapMergeExplainsAndChecksBothCollections) {
