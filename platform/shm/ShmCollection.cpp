@@ -164,10 +164,15 @@ void ShmCollection::mapChunks() const {
   if (chunks > kMaxChunks) storePtr_->corrupt(fmt::format("collection {}: chunk count {}", index_, chunks));
   while (chunks_.size() < chunks) {
     const uint32_t c = static_cast<uint32_t>(chunks_.size());
-    ShmSegment seg = ShmSegment::open(
-        storePtr_->segName(suffix('k', c)),
-        storePtr_->writable_ ? ShmSegment::Access::readWrite : ShmSegment::Access::readOnly,
-        chunkBytes(c));
+    ShmSegment seg;
+    try {
+      seg = ShmSegment::open(
+          storePtr_->segName(suffix('k', c)),
+          storePtr_->writable_ ? ShmSegment::Access::readWrite : ShmSegment::Access::readOnly,
+          chunkBytes(c));
+    } catch (const ShmException& e) {
+      storePtr_->segmentMissing(e);
+    }
     chunkMapped(std::move(seg));
   }
 }
@@ -403,9 +408,10 @@ void ShmCollection::refreshIndex() const {
     try {
       mapIndex(gen);
       return;
-    } catch (const ShmException&) {
+    } catch (const ShmException& e) {
       // The writer may have replaced that generation meanwhile: retry with the newer one.
-      if (attempt > 100 || desc_->indexGeneration.load(std::memory_order_acquire) == gen) throw;
+      if (attempt > 100 || desc_->indexGeneration.load(std::memory_order_acquire) == gen)
+        storePtr_->segmentMissing(e);
     }
   }
 }

@@ -377,10 +377,15 @@ const uint32_t* ShmStore::blobWords(uint32_t chunk, uint32_t offset, uint32_t le
   }
   while (b.chunks.size() <= chunk) {
     const uint32_t n = static_cast<uint32_t>(b.chunks.size());
-    ShmSegment seg =
-        ShmSegment::open(segName(fmt::format("b{}", n)),
-                         writable_ ? ShmSegment::Access::readWrite : ShmSegment::Access::readOnly,
-                         blobChunkBytes(n));
+    ShmSegment seg;
+    try {
+      seg =
+          ShmSegment::open(segName(fmt::format("b{}", n)),
+                           writable_ ? ShmSegment::Access::readWrite : ShmSegment::Access::readOnly,
+                           blobChunkBytes(n));
+    } catch (const ShmException& e) {
+      segmentMissing(e);
+    }
     const auto* ch = reinterpret_cast<const BlobChunkHeader*>(seg.data());
     if (ch->magic.load(std::memory_order_acquire) != kBlobMagic || ch->chunk != n ||
         ch->pages != blobPages(n)) {
@@ -563,6 +568,14 @@ ShmStore::~ShmStore() {
 void ShmStore::corrupt(const std::string& what) const {
   throw ShmCorruptionException(fmt::format("shared memory store {} is corrupt: {}",
                                            mountPath_.empty() ? "(detached)" : mountPath_, what));
+}
+
+void ShmStore::segmentMissing(const std::exception& e) const {
+  if (!dynamic_cast<const ShmPermissionException*>(&e) && hdr_ &&
+      hdr_->magic.load(std::memory_order_acquire) == kMagic) {
+    corrupt(e.what());
+  }
+  throw;  // e, which the caller is handling
 }
 
 void ShmStore::fault(ShmFaultPoint p) const {

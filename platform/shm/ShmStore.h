@@ -24,6 +24,7 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <exception>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -230,6 +231,10 @@ class ShmStore {
 
   // Throws ShmCorruptionException naming this store.
   [[noreturn]] void corrupt(const std::string& what) const;
+  // A segment the header names could not be opened (`e`, being handled by the caller): damage
+  // while the store is live, else (retired: removed or replaced, its segments going) `e`,
+  // rethrown; so is a refused permission.
+  [[noreturn]] void segmentMissing(const std::exception& e) const;
   // Damage met after a write had taken place (the blob of the record it replaced or removed
   // could not be read or freed): the write stands and the damage waits here, empty when there
   // is none, for the caller to report once the change is published.
