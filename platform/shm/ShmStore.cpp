@@ -991,6 +991,7 @@ ShmStore ShmStore::openWriter(const std::string& mountPath, const ShmStoreSchema
           old = ShmSegment();  // cannot be retired: its readers find out by their own looks
         }
         std::optional<ShmStore> fresh = create(/*replace=*/true);
+        unlinkDeadBell(old);
         fresh->retire(old);
         fresh->cleanLeftovers();
         fresh->lockFd_ = std::move(lock);
@@ -1041,6 +1042,16 @@ void ShmStore::unlinkInstance() const {
 void ShmStore::wakeAllReaders() {
   hdr_->wakeWord.fetch_add(1, std::memory_order_seq_cst);
   futexWake(&hdr_->wakeWord, INT_MAX, /*shared=*/true);
+}
+
+// The doorbell of a writer that was killed is left behind under the store's instance name (a
+// writer that exits removes its own). Called with the store's lock held: its writer is dead.
+bool ShmStore::unlinkDeadBell(const ShmSegment& header) {
+  if (!header.valid() || header.size() < sizeof(Header) || header.lost()) return false;
+  const auto* h = reinterpret_cast<const Header*>(header.data());
+  const std::string bell = shmBellPath(h->instance, h->nameKey);
+  struct stat st {};
+  return ::lstat(bell.c_str(), &st) == 0 && S_ISSOCK(st.st_mode) && ::unlink(bell.c_str()) == 0;
 }
 
 // Marks a replaced header so that readers still mapping it notice, and wakes them.
@@ -1134,18 +1145,7 @@ size_t ShmStore::remove(const std::string& mountPath) {
     const size_t bytes = ::fstat(fd, &st) == 0 ? static_cast<size_t>(st.st_size) : 0;
     ShmSegment header = ShmSegment::map(fd, name, std::max(bytes, ShmSegment::pageBytes()),
                                         ShmSegment::Access::readWrite);
-    // The doorbell of a writer that was killed is left behind under the store's instance name
-    // (a writer that exits removes its own).
-    size_t removed = planted;
-    if (bytes >= sizeof(Header)) {
-      const auto* h = reinterpret_cast<const Header*>(header.data());
-      const std::string bell = shmBellPath(h->instance, h->nameKey);
-      struct stat bst {};
-      if (::lstat(bell.c_str(), &bst) == 0 && S_ISSOCK(bst.st_mode) &&
-          ::unlink(bell.c_str()) == 0) {
-        ++removed;
-      }
-    }
+    size_t removed = planted + (unlinkDeadBell(header) ? 1 : 0);
     // Readers still mapping it notice at their next look, as when a writer replaces it.
     if (bytes >= sizeof(Header)) retire(header);
     removed += ::unlink((std::string(kShmDirectory) + name).c_str()) == 0 ? 1 : 0;
