@@ -146,6 +146,7 @@ Args parseArgs(int argc, char** argv) {
   if (!a.listen.empty() && a.command != "metrics") {
     throw Failure{2, "--listen goes with metrics only"};
   }
+  if (a.count != 0 && a.command != "watch") throw Failure{2, "--count goes with watch only"};
   return a;
 }
 

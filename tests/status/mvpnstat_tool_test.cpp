@@ -234,6 +234,8 @@ TEST_F(MvpnstatToolTest, ReportsUnknownDamagedAndForeignTablesAndBadUsage) {
                    {"--count needs a whole number from 1 to 18446744073709551615"});
   }
   mvpnstatExpect(watch + " --count", 2);
+  mvpnstatExpect("show " + MvpnVrfStatus::mountPath(Nevo::ipv4, bgp_) + " --count 3", 2,
+                 {"--count goes with watch only"});
 }
 
 // A record whose bytes hold no value (a route key of no address family): show prints what it
