@@ -36,14 +36,14 @@ using example::parsed;
 
 namespace {
 
-// "V:S,G" or "V:S,G@IF", followed by "=DATA" when `withData`.
+// "V:S,G" (a route) or "V:S,G@IF" (an interface), followed by "=DATA" when `withData`.
 struct Target {
   VrfId vrf;
   MvpnRouteKey route;
   std::string intf;
   std::string data;
 };
-Target target(const std::string& text, bool withData) {
+Target target(const std::string& text, bool withData, bool withIntf) {
   Target t;
   std::string rest = text;
   if (withData) {
@@ -59,6 +59,10 @@ Target target(const std::string& text, bool withData) {
   }
   t.vrf = VrfId(number(rest.substr(0, colon)));
   const size_t at = rest.find('@');
+  if ((at != std::string::npos) != withIntf) {
+    throw Oro::ParseException(std::string(withIntf ? "@IF expected: " : "no @IF on a route: ") +
+                              text);
+  }
   if (at != std::string::npos) t.intf = rest.substr(at + 1);
   const std::string group =
       rest.substr(comma + 1, (at == std::string::npos ? rest.size() : at) - comma - 1);
@@ -99,16 +103,16 @@ int main(int argc, char** argv) {
       } else if (startsWith(step, "sleep:")) {
         std::this_thread::sleep_for(std::chrono::milliseconds(number(step.substr(6))));
       } else if (startsWith(step, "route:")) {
-        const Target t = target(step.substr(6), true);
+        const Target t = target(step.substr(6), true, false);
         status->vrfStatusIs(t.vrf)->encapTunnelIs(MvpnEncapTunnel(t.route, t.data));
       } else if (startsWith(step, "noroute:")) {
-        const Target t = target(step.substr(8), false);
+        const Target t = target(step.substr(8), false, false);
         if (auto v = status->vrfStatus(t.vrf)) v->encapTunnelDel(t.route);
       } else if (startsWith(step, "intf:")) {
-        const Target t = target(step.substr(5), true);
+        const Target t = target(step.substr(5), true, true);
         status->vrfStatusIs(t.vrf)->encapIntfTunnelIs(MvpnEncapIntfTunnel(intfKey(t), t.data));
       } else if (startsWith(step, "nointf:")) {
-        const Target t = target(step.substr(7), false);
+        const Target t = target(step.substr(7), false, true);
         if (auto v = status->vrfStatus(t.vrf)) v->encapIntfTunnelDel(intfKey(t));
       } else if (startsWith(step, "novrf:")) {
         status->vrfStatusDel(VrfId(number(step.substr(6))));
