@@ -193,7 +193,7 @@ int main(int argc, char** argv) {
     const std::string arg = argv[i];
     if (arg == "--attach") {
       attach = true;
-    } else if (script.empty() && (arg == "-" || arg[0] != '-')) {
+    } else if (script.empty() && !arg.empty() && (arg == "-" || arg[0] != '-')) {
       script = arg;
     } else {
       std::fprintf(stderr, "usage: mvpn_mapper_agent [--attach] [SCRIPT | -]\n");
