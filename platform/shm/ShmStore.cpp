@@ -803,16 +803,29 @@ void ShmStore::attach(ShmSegment seg, const ShmStoreSchema* schema, bool writabl
     };
     bool same = actual.rootType == schema->rootType &&
                 actual.collections.size() == schema->collections.size();
+    std::string differs;  // the first collection that differs, in a few words
     for (size_t i = 0; same && i < schema->collections.size(); ++i) {
       const auto& a = actual.collections[i];
       const auto& b = schema->collections[i];
       same = a.name == b.name && a.typeName == b.typeName && a.keyFingerprint == b.keyFingerprint &&
              a.valueFingerprint == b.valueFingerprint && a.kind == b.kind && a.parent == b.parent &&
              a.keyBytes == b.keyBytes && a.valueBytes == b.valueBytes && a.blobs == b.blobs;
+      if (!same) {
+        differs = fmt::format(
+            " (collection {}: {} {} key {:016x}/{} bytes, value {:016x}/{} bytes, expected {} {} "
+            "key {:016x}/{} bytes, value {:016x}/{} bytes: another revision of the type, or "
+            "damage)",
+            i, a.name, a.typeName, a.keyFingerprint, a.keyBytes, a.valueFingerprint, a.valueBytes,
+            b.name, b.typeName, b.keyFingerprint, b.keyBytes, b.valueFingerprint, b.valueBytes);
+      }
     }
     if (!same) {
-      throw ShmException(fmt::format("shared memory store {} holds {}, not {}", mountPath_,
-                                     describe(actual), describe(*schema)));
+      if (differs.empty()) {
+        throw ShmException(fmt::format("shared memory store {} holds {}, not {}", mountPath_,
+                                       describe(actual), describe(*schema)));
+      }
+      throw ShmException(fmt::format("shared memory store {} holds another layout of {}{}",
+                                     mountPath_, actual.rootType, differs));
     }
   }
   try {
