@@ -51,8 +51,14 @@ void explain(const std::string& path, const std::string& key, bool json) {
   const Oro::ShmMergeState& m = *info.merge;
   const MergeAudit& audit = auditOf(m);
   Explanation e;
+  // Blanks around the key are not part of it, at either end.
+  std::string_view trimmed = key;
+  while (!trimmed.empty() && (trimmed.front() == ' ' || trimmed.front() == '\t'))
+    trimmed.remove_prefix(1);
+  while (!trimmed.empty() && (trimmed.back() == ' ' || trimmed.back() == '\t'))
+    trimmed.remove_suffix(1);
   try {
-    e = audit.explain(m, path, key);
+    e = audit.explain(m, path, trimmed);
   } catch (const Oro::ParseException& x) {
     throw Oro::ParseException(
         fmt::format("cannot read '{}' as {}: {}", displayText(key), audit.keySyntax(), x.what()));

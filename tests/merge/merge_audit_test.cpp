@@ -142,7 +142,8 @@ TEST_F(MergeAuditTest, VrfMergeExplainsEveryPrecedenceAndChecksAgainstWriterProc
   EXPECT_EQ(merged->mvpnVrf(VrfId(5)), MvpnVrf(VrfId(5), evpn_));
   mvpnstatExpect(std::string("check ") + kMerged, 0,
                  {"14 keys checked, consistent", "no status table (an input read as empty)"});
-  const Json e = Json::parse(mvpnstatExpect(fmt::format("explain {} 3 --json", kMerged), 0).out);
+  const Json e =
+      Json::parse(mvpnstatExpect(fmt::format("explain {} ' 3 ' --json", kMerged), 0).out);
   EXPECT_EQ(e["winner"], "staticMvpnVrfStatus");
   EXPECT_TRUE(e["inputs"][0]["record"].is_null());
 
