@@ -39,8 +39,11 @@ IpGenAddr IpGenAddr::readFrom(Oro::CharRange& in) {
            c == ':';
   });
   // An address may be followed directly by ':' (as in "10.0.0.1: ..."), so a run that
-  // does not parse is retried without its trailing colons.
-  while (!run.empty()) {
+  // does not parse is retried without its trailing colons. No address is longer than
+  // INET6_ADDRSTRLEN - 1 characters: longer candidates are not tried (a long run of colons
+  // would otherwise cost a copy and a parse per colon).
+  while (!run.empty() && run.size() >= INET6_ADDRSTRLEN && run.back() == ':') run.remove_suffix(1);
+  while (!run.empty() && run.size() < INET6_ADDRSTRLEN) {
     std::string text(run);
     uint8_t buf[16];
     bool v6 = text.find(':') != std::string::npos;

@@ -57,6 +57,11 @@ TEST(IpGenAddr, DefaultTextRoundTripErrorsOrderHashAndPrefixes) {
   Oro::CharRange in("10.0.0.1: UMH");
   EXPECT_EQ(IpGenAddr::readFrom(in), ip("10.0.0.1"));
   EXPECT_EQ(in.rest(), ": UMH");
+  // However many colons follow (each used to cost a copy and a parse of the whole run).
+  const std::string colons = "::1" + std::string(1 << 20, ':');
+  Oro::CharRange many(colons);
+  EXPECT_EQ(IpGenAddr::readFrom(many), ip("::1"));
+  EXPECT_EQ(many.rest().size(), size_t{1} << 20);
 
   // Order is family first, then bytes; the hash uses both.
   EXPECT_LT(ip("255.255.255.255"), ip("::"));
