@@ -58,7 +58,7 @@ class TwoLevelKey {
 // Seen-set hash of an output key type.
 template <class K>
 struct OutputKeyHash {
-  size_t operator()(const K& k) const { return k.hash(Oro::kFixedHashSeed); }
+  size_t operator()(const K& k) const { return k.hash(Oro::processHashSeed()); }
 };
 
 // RootSource and InnerSource as in merge/NestedInputSm.h (over the writable merged root), and

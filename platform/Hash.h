@@ -16,7 +16,10 @@
 
 namespace Oro {
 
-// Seed used where no collection supplies one (std::hash specialisations).
+// A fixed seed, for salts (a collection's name hashed into its own seed). Maps without a
+// seed of their own (the std::hash specialisations) hash with processHashSeed(): their keys
+// come from writers in other processes, which must not be able to choose keys that collide
+// in a reader's maps.
 inline constexpr uint32_t kFixedHashSeed = 0x5bd1e995u;
 
 // One round of a multiply-rotate mix: folds the 32-bit word k into the state h.

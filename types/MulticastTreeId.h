@@ -48,7 +48,7 @@ class MulticastTreeId {
 template <>
 struct std::hash<Routing::Multicast::MulticastTreeId> {
   size_t operator()(const Routing::Multicast::MulticastTreeId& k) const {
-    return k.hash(Oro::kFixedHashSeed);
+    return k.hash(Oro::processHashSeed());
   }
 };
 

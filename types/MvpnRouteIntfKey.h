@@ -87,7 +87,7 @@ struct Oro::ShmImage<Routing::Multicast::MvpnRouteIntfKey>
 template <>
 struct std::hash<Routing::Multicast::MvpnRouteIntfKey> {
   size_t operator()(const Routing::Multicast::MvpnRouteIntfKey& k) const {
-    return k.hash(Oro::kFixedHashSeed);
+    return k.hash(Oro::processHashSeed());
   }
 };
 

@@ -88,7 +88,7 @@ struct Oro::ShmImage<Routing::Multicast::MvpnRouteKey>
 template <>
 struct std::hash<Routing::Multicast::MvpnRouteKey> {
   size_t operator()(const Routing::Multicast::MvpnRouteKey& k) const {
-    return k.hash(Oro::kFixedHashSeed);
+    return k.hash(Oro::processHashSeed());
   }
 };
 

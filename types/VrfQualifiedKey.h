@@ -107,7 +107,7 @@ struct Oro::ShmImage<Routing::Multicast::VrfQualifiedKey<Inner>>
 template <class Inner>
 struct std::hash<Routing::Multicast::VrfQualifiedKey<Inner>> {
   size_t operator()(const Routing::Multicast::VrfQualifiedKey<Inner>& k) const {
-    return k.hash(Oro::kFixedHashSeed);
+    return k.hash(Oro::processHashSeed());
   }
 };
 

@@ -77,7 +77,7 @@ struct Oro::ShmImage<Nevo::IntfId> : Oro::ShmPlainImage<Nevo::IntfId, Oro::shmAn
 
 template <>
 struct std::hash<Nevo::IntfId> {
-  size_t operator()(const Nevo::IntfId& v) const { return v.hash(Oro::kFixedHashSeed); }
+  size_t operator()(const Nevo::IntfId& v) const { return v.hash(Oro::processHashSeed()); }
 };
 
 template <>

@@ -146,11 +146,11 @@ struct Oro::ShmImage<Nevo::IpGenPrefix>
 
 template <>
 struct std::hash<Nevo::IpGenAddr> {
-  size_t operator()(const Nevo::IpGenAddr& a) const { return a.hash(Oro::kFixedHashSeed); }
+  size_t operator()(const Nevo::IpGenAddr& a) const { return a.hash(Oro::processHashSeed()); }
 };
 template <>
 struct std::hash<Nevo::IpGenPrefix> {
-  size_t operator()(const Nevo::IpGenPrefix& p) const { return p.hash(Oro::kFixedHashSeed); }
+  size_t operator()(const Nevo::IpGenPrefix& p) const { return p.hash(Oro::processHashSeed()); }
 };
 
 template <>

@@ -42,7 +42,9 @@ class TunnelId {
 
 template <>
 struct std::hash<Tunnel::TunnelTable::TunnelId> {
-  size_t operator()(Tunnel::TunnelTable::TunnelId v) const { return v.hash(Oro::kFixedHashSeed); }
+  size_t operator()(Tunnel::TunnelTable::TunnelId v) const {
+    return v.hash(Oro::processHashSeed());
+  }
 };
 
 template <>

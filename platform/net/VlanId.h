@@ -55,7 +55,7 @@ class VlanIdOrNone {
 
 template <>
 struct std::hash<Bridging::VlanIdOrNone> {
-  size_t operator()(Bridging::VlanIdOrNone v) const { return v.hash(Oro::kFixedHashSeed); }
+  size_t operator()(Bridging::VlanIdOrNone v) const { return v.hash(Oro::processHashSeed()); }
 };
 
 template <>

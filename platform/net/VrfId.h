@@ -57,7 +57,7 @@ struct Oro::ShmImage<Vrf::VrfIdMap::VrfId>
 
 template <>
 struct std::hash<Vrf::VrfIdMap::VrfId> {
-  size_t operator()(Vrf::VrfIdMap::VrfId v) const { return v.hash(Oro::kFixedHashSeed); }
+  size_t operator()(Vrf::VrfIdMap::VrfId v) const { return v.hash(Oro::processHashSeed()); }
 };
 
 template <>

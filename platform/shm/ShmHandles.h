@@ -51,7 +51,7 @@ template <class K>
 struct ShmKeyHash {
   size_t operator()(const K& k) const {
     if constexpr (requires { k.hash(kFixedHashSeed); }) {
-      return k.hash(kFixedHashSeed);
+      return k.hash(processHashSeed());
     } else {
       return absl::Hash<K>()(k);
     }
