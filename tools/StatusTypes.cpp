@@ -173,6 +173,13 @@ void printDump(const ReaderRoot<Root>& r, FILE* out) {
   r.failIfDamaged();
 }
 
+// Where a walk that only looks for damage prints.
+std::unique_ptr<FILE, int (*)(FILE*)> devNull() {
+  std::unique_ptr<FILE, int (*)(FILE*)> sink(std::fopen("/dev/null", "w"), &std::fclose);
+  if (!sink) throw Oro::Exception("cannot open /dev/null");
+  return sink;
+}
+
 // A walk goes by slot while the writer may move a key (delete it, insert it again into a
 // later slot): the walk can then meet it twice. The first meeting is the one listed.
 template <class K>
@@ -339,9 +346,7 @@ void showTree(const std::string& path, bool json, FILE* out) {
     printDump(r, out);
     // The dump shows one of the tree's two models; the other's records are read too, so that
     // damage anywhere in the tree fails the show as it fails the JSON one.
-    std::unique_ptr<FILE, int (*)(FILE*)> sink(std::fopen("/dev/null", "w"), &std::fclose);
-    if (!sink) throw Oro::Exception("cannot open /dev/null");
-    treeJson(r, path, sink.get());
+    treeJson(r, path, devNull().get());
     return;
   }
   treeJson(r, path, out);
@@ -608,10 +613,8 @@ const StatusType* statusTypeOf(std::string_view rootType) {
 std::string recordDamage(const std::string& rootType, const std::string& path) {
   const StatusType* t = statusTypeOf(rootType);
   if (!t) return {};
-  std::unique_ptr<FILE, int (*)(FILE*)> sink(std::fopen("/dev/null", "w"), &std::fclose);
-  if (!sink) throw Oro::Exception("cannot open /dev/null");
   try {
-    t->show(path, true, sink.get());
+    t->show(path, true, devNull().get());
   } catch (const Oro::ShmCorruptionException& e) {
     return e.what();
   }

@@ -164,16 +164,7 @@ void ShmCollection::mapChunks() const {
   if (chunks > kMaxChunks) storePtr_->corrupt(fmt::format("collection {}: chunk count {}", index_, chunks));
   while (chunks_.size() < chunks) {
     const uint32_t c = static_cast<uint32_t>(chunks_.size());
-    ShmSegment seg;
-    try {
-      seg = ShmSegment::open(
-          storePtr_->segName(suffix('k', c)),
-          storePtr_->writable_ ? ShmSegment::Access::readWrite : ShmSegment::Access::readOnly,
-          chunkBytes(c));
-    } catch (const ShmException& e) {
-      storePtr_->segmentMissing(e);
-    }
-    chunkMapped(std::move(seg));
+    chunkMapped(storePtr_->openSegment(suffix('k', c), chunkBytes(c)));
   }
 }
 

@@ -34,16 +34,16 @@ void ShmResync::add(uint32_t c, const uint32_t* keyWords, uint32_t slot, uint32_
   std::memcpy(queue->data() + at + 1, keyWords, 4 * kw);
   (*queue)[at + entryWords] = slot;
   (*queue)[at + entryWords + 1] = seq;
-  if (walkOf && slot != kNoSlot) walkOf->walked(entryKey(c, keyWords, kw), slot, seq);
+  if (walkOf && slot != kNoSlot) walkOf->walked(c, keyWords, slot, seq);
 }
 
-void ShmReader::walked(const std::string& key, uint32_t slot, uint32_t seq) {
+void ShmReader::walked(uint32_t c, const uint32_t* keyWords, uint32_t slot, uint32_t seq) {
   // Read after the slot: every entry logged before the walk's read is below this head.
   const uint64_t until = store_.ringHead();
   // No log entry is left to report the key again: none queued, none unread (a quiet store's
   // first synchronisation, which meets every entity for the first time, lands here).
   if (!queueFromLog_ && until == tail_) return;
-  walked_.insert_or_assign(key, Walked{slot, seq, until});
+  walked_.insert_or_assign(entryKey(c, keyWords, store_.keyWords(c)), Walked{slot, seq, until});
   walkedUntil_ = std::max(walkedUntil_, until);
 }
 

@@ -113,7 +113,7 @@ class ShmReader : public WaitSource {
   void drainLog();
   void fail(const std::string& message, bool replaced);
   friend class ShmResync;
-  void walked(const std::string& key, uint32_t slot, uint32_t seq);
+  void walked(uint32_t c, const uint32_t* keyWords, uint32_t slot, uint32_t seq);
   bool walkedUnchanged(uint32_t c, const uint32_t* keyWords);
   void forgetWalked();
 

@@ -377,15 +377,7 @@ const uint32_t* ShmStore::blobWords(uint32_t chunk, uint32_t offset, uint32_t le
   }
   while (b.chunks.size() <= chunk) {
     const uint32_t n = static_cast<uint32_t>(b.chunks.size());
-    ShmSegment seg;
-    try {
-      seg =
-          ShmSegment::open(segName(fmt::format("b{}", n)),
-                           writable_ ? ShmSegment::Access::readWrite : ShmSegment::Access::readOnly,
-                           blobChunkBytes(n));
-    } catch (const ShmException& e) {
-      segmentMissing(e);
-    }
+    ShmSegment seg = openSegment(fmt::format("b{}", n), blobChunkBytes(n));
     const auto* ch = reinterpret_cast<const BlobChunkHeader*>(seg.data());
     if (ch->magic.load(std::memory_order_acquire) != kBlobMagic || ch->chunk != n ||
         ch->pages != blobPages(n)) {
@@ -576,6 +568,16 @@ void ShmStore::segmentMissing(const std::exception& e) const {
     corrupt(e.what());
   }
   throw;  // e, which the caller is handling
+}
+
+ShmSegment ShmStore::openSegment(const std::string& suffix, size_t minBytes) const {
+  try {
+    return ShmSegment::open(
+        segName(suffix), writable_ ? ShmSegment::Access::readWrite : ShmSegment::Access::readOnly,
+        minBytes);
+  } catch (const ShmException& e) {
+    segmentMissing(e);
+  }
 }
 
 void ShmStore::fault(ShmFaultPoint p) const {
@@ -996,13 +998,7 @@ ShmStore ShmStore::openWriter(const std::string& mountPath, const ShmStoreSchema
         }
       } catch (const ShmCorruptionException&) {
         // Damaged: a new store replaces it (we keep the old one's lock until it is retired, so
-        // nobody else can take the old one over meanwhile). Readers may sleep on the old
-        // header's wake word: a header cut short gets its first page back (zeros), so that
-        // retiring it can mark it and wake them.
-        if (old.valid() && bytes < ShmSegment::pageBytes() &&
-            ::ftruncate(old.fd(), static_cast<off_t>(ShmSegment::pageBytes())) != 0) {
-          old = ShmSegment();  // cannot be retired: its readers find out by their own looks
-        }
+        // nobody else can take the old one over meanwhile).
         std::optional<ShmStore> fresh = create(/*replace=*/true);
         unlinkDeadBell(old);
         fresh->retire(old);
@@ -1067,13 +1063,16 @@ bool ShmStore::unlinkDeadBell(const ShmSegment& header) {
   return ::lstat(bell.c_str(), &st) == 0 && S_ISSOCK(st.st_mode) && ::unlink(bell.c_str()) == 0;
 }
 
-// Marks a replaced header so that readers still mapping it notice, and wakes them.
+// Marks a replaced (or removed) header so that readers still mapping it notice, and wakes
+// those asleep on its wake word. Only the magic and the wake word are written, both in the
+// first page: a header cut short gets that page back (zeros) first. Called with the store's
+// lock held.
 void ShmStore::retire(ShmSegment& old) {
-  // Only the magic and the wake word are written: they lie in the first page, which is all a
-  // damaged header may hold.
   static_assert(offsetof(Header, wakeWord) + sizeof(Header::wakeWord) <= 4096);
-  if (old.valid() && old.size() >= offsetof(Header, wakeWord) + sizeof(Header::wakeWord) &&
-      !old.lost()) {
+  const auto page = static_cast<off_t>(ShmSegment::pageBytes());
+  struct stat st {};
+  if (old.valid() && old.size() >= static_cast<size_t>(page) && !old.lost() &&
+      ::fstat(old.fd(), &st) == 0 && (st.st_size >= page || ::ftruncate(old.fd(), page) == 0)) {
     auto* h = reinterpret_cast<Header*>(old.data());
     h->magic.store(kRetiredMagic, std::memory_order_release);
     h->wakeWord.fetch_add(1, std::memory_order_seq_cst);
@@ -1160,7 +1159,7 @@ size_t ShmStore::remove(const std::string& mountPath) {
                                         ShmSegment::Access::readWrite);
     size_t removed = planted + (unlinkDeadBell(header) ? 1 : 0);
     // Readers still mapping it notice at their next look, as when a writer replaces it.
-    if (bytes >= sizeof(Header)) retire(header);
+    retire(header);
     removed += ::unlink((std::string(kShmDirectory) + name).c_str()) == 0 ? 1 : 0;
     removed += unlinkDead(leftovers()) + unlinkLock();
     return removed;

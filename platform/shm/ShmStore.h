@@ -235,6 +235,9 @@ class ShmStore {
   // while the store is live, else (retired: removed or replaced, its segments going) `e`,
   // rethrown; so is a refused permission.
   [[noreturn]] void segmentMissing(const std::exception& e) const;
+  // Opens this store's segment `suffix` whole (read-write for its writer), at least minBytes
+  // long; one that cannot be opened goes through segmentMissing.
+  ShmSegment openSegment(const std::string& suffix, size_t minBytes) const;
   // Damage met after a write had taken place (the blob of the record it replaced or removed
   // could not be read or freed): the write stands and the damage waits here, empty when there
   // is none, for the caller to report once the change is published.

@@ -476,6 +476,11 @@ using Nevo::IpGenPrefix;
 using Flags = MvpnSource::SourceFlags;
 
 const auto v4 = [](uint32_t a) { return IpGenAddr::ipv4Addr(a); };
+// Every key notification of an entity, whatever its attribute.
+struct Reactor : Oro::Notifiee {
+  std::function<void(Oro::AttrId, const void*)> fn;
+  void onAttributeKey(Oro::AttrId a, const void* k) override { fn(a, k); }
+};
 const auto prefix = [](uint32_t a, unsigned len) { return IpGenPrefix(v4(a), len); };
 
 class RouteStatusTest : public shmtest::ShmTest {
@@ -650,10 +655,6 @@ TEST_F(RouteStatusTest, AReaderHearsEachMemberOfANewEntityOnce) {
   auto r = shmtest::mounted(mvpnRouteStatusFactory("r"), {"t/once", ShmRole::reader, &sched});
   // Every notification at every level, subscribing to each entity as it appears.
   std::map<std::string, int> heard;
-  struct Reactor : Oro::Notifiee {
-    std::function<void(Oro::AttrId, const void*)> fn;
-    void onAttributeKey(Oro::AttrId a, const void* k) override { fn(a, k); }
-  };
   std::vector<std::pair<Oro::Ptr<Oro::Entity>, std::unique_ptr<Reactor>>> watches;
   auto watch = [&](Oro::Ptr<Oro::Entity> e, std::function<void(Oro::AttrId, const void*)> fn) {
     watches.emplace_back(e, std::make_unique<Reactor>());
@@ -904,10 +905,6 @@ TEST_F(RouteStatusTest, ReadersInAnotherProcessFollowTheTreeAtEveryLevelAndEvery
   // Every level's notifications: VRFs from the root; routes and groups from each VRF;
   // sources from each group (subscriptions follow the entities as they appear).
   std::set<std::string> levels;
-  struct Reactor : Oro::Notifiee {
-    std::function<void(Oro::AttrId, const void*)> fn;
-    void onAttributeKey(Oro::AttrId a, const void* k) override { fn(a, k); }
-  };
   std::map<const void*, std::unique_ptr<Reactor>> watches;
   auto watch = [&](Oro::Entity* e, std::function<void(Oro::AttrId, const void*)> fn) {
     if (!e || watches.count(e)) return;
