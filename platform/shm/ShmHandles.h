@@ -689,6 +689,10 @@ class ShmEntities : public ShmHandleBase {
       unlist(*gone);
       gone->shmDepart();
       tellAbsent(key);
+      // Delivered from the change log, the removal's entry is followed by the creation's (or
+      // by a resynchronisation, should the log overrun): that one announces the new entity,
+      // once. A walk's delivery has nothing after it and announces both here.
+      if (seenSlot == ShmStore::kNoSlot) return;
       it = members_.end();
     }
     if (it == members_.end()) {

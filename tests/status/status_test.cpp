@@ -690,6 +690,15 @@ TEST_F(RouteStatusTest, AReaderHearsEachMemberOfANewEntityOnce) {
   w->vrfRouteStatus(VrfId(5))->mvpnSourceIs(v4(0xef000002), v4(2), prefix(0, 0), false, Flags(2));
   sched.runUntilIdle();
   EXPECT_EQ(heard["source 0.0.0.2"], 2);
+  // A group and a VRF removed and made again before the reader looks: gone, then back.
+  w->vrfRouteStatus(VrfId(5))->mvpnGroupDel(v4(0xef000001));
+  w->vrfRouteStatus(VrfId(5))->mvpnGroupIs(v4(0xef000001));
+  sched.runUntilIdle();
+  EXPECT_EQ(heard["group 239.0.0.1"], 3);
+  w->vrfRouteStatusDel(VrfId(5));
+  w->vrfRouteStatusIs(VrfId(5));
+  sched.runUntilIdle();
+  EXPECT_EQ(heard["vrf 5"], 3);
   for (auto& [e, reactor] : watches) reactor->notifierIs(nullptr);
 }
 
