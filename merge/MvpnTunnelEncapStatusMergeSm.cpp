@@ -241,7 +241,7 @@ void MergedMcastTunnelEncapStatusSm::into(const VrfId& vrfId, const typename Rul
     if (!entity) return;
     ORO_TRACE(qtHandle(), kTraceMerge, fmt::runtime(Rule::kDeleting), vrfId, key);
     Rule::del(*entity, key);
-    if (emptyVrf(*entity)) mergedEncap()->vrfStatusDel(vrfId);
+    if (emptyVrf(*entity)) mergedVrfDel(vrfId);
     return;
   }
   // The merged VRF first (created when absent), then the trace, the key check, the write. The
@@ -276,6 +276,13 @@ MvpnVrfTunnelEncapStatus& MergedMcastTunnelEncapStatusSm::mergedVrfIs(const VrfI
   return *mergedVrf_.entity;
 }
 
+void MergedMcastTunnelEncapStatusSm::mergedVrfDel(const VrfId& vrfId) {
+  // Dropped before the deletion is announced: a subscriber notified ahead of the cache's own
+  // notifiee may merge into this VRF again, and must find the new entity, not the deleted one.
+  if (mergedVrf_.vrfId == vrfId) mergedVrf_.entity = nullptr;
+  mergedEncap()->vrfStatusDel(vrfId);
+}
+
 template <class Rule>
 bool MergedMcastTunnelEncapStatusSm::deleteMerged(const typename Rule::OutKey& key) {
   const Oro::Ptr<MvpnVrfTunnelEncapStatus> entity = mergedEncap()->vrfStatus(key.vrfId());
@@ -283,7 +290,7 @@ bool MergedMcastTunnelEncapStatusSm::deleteMerged(const typename Rule::OutKey& k
   const bool record = key.k1Valid();
   if (record) Rule::del(*entity, key.inner());
   if (emptyVrf(*entity)) {
-    mergedEncap()->vrfStatusDel(key.vrfId());
+    mergedVrfDel(key.vrfId());
     return true;
   }
   return record;

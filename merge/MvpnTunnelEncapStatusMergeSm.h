@@ -333,6 +333,8 @@ class MergedMcastTunnelEncapStatusSm
   bool deleteMerged(const typename Rule::OutKey& key);
   // The merged VRF's entity, created when absent.
   MvpnVrfTunnelEncapStatus& mergedVrfIs(const VrfId& vrfId);
+  // Deletes the merged VRF (emptied by this machine).
+  void mergedVrfDel(const VrfId& vrfId);
 
   // The merged per-VRF entity last written, dropped when the merged root announces a change
   // of that VRF: the merges of one VRF's keys, which scans do one after the other, look the

@@ -156,6 +156,9 @@ class ChildSm : public Oro::Entity {
   template <size_t k>
   void handleReactor(const KeyAt<k>& key) {
     const auto held = parent_->machine()->hold();
+    // A subscriber of the output may remove this child's entity from inside the merge (its
+    // input machine then drops the child): the child lives until its notification is done.
+    const Oro::Ptr<ChildSm> self(this);
     const bool outer = inReactor_;
     inReactor_ = true;
     handle<k>(key);

@@ -521,6 +521,31 @@ TEST(TunnelMerge, DeletingWhatTheMergedStatusDoesNotHoldChangesNothing) {
   EXPECT_EQ(rig.mergedContents(), before);
 }
 
+// A subscriber of the merged status (here one that came before the machine, so it hears of a
+// merged VRF going before the machine's own notifiees do) changes the inputs from inside the
+// merge: it gives VRF 3 a static record, and removes the static writer's emptied VRF 1 while
+// that VRF's child machine is still handling the deletion that emptied it.
+TEST(TunnelMerge, SubscribersOfTheMergedStatusMayChangeTheInputsFromInsideAMerge) {
+  Rig rig;
+  rig.putRoute(kStatic, 1, 1, "s");
+  rig.in[kStatic]->vrfStatusIs(VrfId(3));
+  Oro::KeyReactor<VrfId> inputs(MvpnTunnelEncapStatus::vrfStatusAttr, [&](const VrfId& v) {
+    if (rig.merged->vrfStatus(v)) return;
+    if (v == VrfId(3)) rig.putRoute(kStatic, 3, 2, "s2");
+    if (v == VrfId(1)) rig.delVrf(kStatic, 1);
+  });
+  inputs.notifierIs(rig.merged.get());
+  rig.start();
+  ASSERT_TRUE(rig.settle());
+  rig.delRoute(kStatic, 1, 1);
+  rig.putRoute(kMvpn, 3, 1, "m");  // the merged VRF 3 is the one last written
+  rig.delRoute(kMvpn, 3, 1);
+  rig.settle();
+  EXPECT_EQ(rig.mergedContents(), rig.expected());
+  EXPECT_EQ(rig.mergedContents().routes.count({3, 2}), 1u);
+  inputs.notifierIs(nullptr);
+}
+
 class TunnelMergeShm : public shmtest::ShmTest {};
 
 // A reader may be told of a VRF the writer has removed since (here by the walk that replaces
