@@ -119,6 +119,7 @@ class Agent {
     if (event == "vrf") {
       const VrfId vrf = VrfId::readFrom(in);
       in.expect(" ");
+      if (!vrf.isValid()) throw Oro::RangeException("the invalid VRF id has no name");
       names_->vrfNameIs(vrf, std::string(in.rest()));
     } else if (event == "intf" || event == "nointf") {
       if (attached_) throw Oro::Exception("PMSI interfaces come from the attached table");
