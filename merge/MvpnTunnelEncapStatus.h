@@ -14,7 +14,8 @@
 // - a collection's version is its change counter taken as an unsigned 23-bit number: it
 //   advances with every change, so a reader that recorded it can tell whether it missed one;
 // - iteration is in each collection's own (store) order; a bookmark resumes a walk where it
-//   was taken, visiting every record present throughout; an iterator stays usable across
+//   was taken, visiting every record present throughout; one made from a key alone resumes
+//   at that key, or from the start when the key is gone; an iterator stays usable across
 //   changes of its collection;
 // - a per-VRF entity removed from its root keeps its records (a reader's: its keys) for
 //   whoever still holds it.

@@ -106,8 +106,10 @@ class ShmValues : public ShmHandleBase {
   using OnKey = std::function<void(const Key&)>;
   static constexpr uint32_t kColl = Traits::collection;
 
-  // Where a walk stopped: the next key to visit and where it was found (a bookmark made
-  // from a key alone resumes at that key).
+  // Where a walk stopped: the next key to visit and where it was found. A bookmark made from
+  // a key alone resumes at that key; when the key is gone, a store's order does not say where
+  // it stood, and the walk starts again at the first member, so that no present one is
+  // missed (a departed handle's walk, in key order, goes on at the next key).
   struct Bookmark {
     Key key{};
     uint32_t slot = ShmStore::kNoSlot;
