@@ -941,6 +941,8 @@ ShmStore ShmStore::openWriter(const std::string& mountPath, const ShmStoreSchema
           name, mountPath, "open shared memory store {} for writing", "already has", &fd);
       if (opened == HeaderOpen::absent) {
         if (std::optional<ShmStore> s = create(/*replace=*/false)) {
+          // What a creator killed before naming its store left (it held the lock we hold now).
+          s->cleanLeftovers();
           s->lockFd_ = std::move(lock);
           return std::move(*s);
         }
