@@ -57,12 +57,14 @@ void Entity::compact() {
 }
 
 // Each publication holds the entity: a notifiee may let go of its last reference, and the
-// loop still reads the list of notifiees afterwards.
+// loop still reads the list of notifiees afterwards. It calls the notifiees attached when it
+// began: one attached during it (also one that detached and attached again from its own
+// callback) hears from the next publication on.
 void Entity::publish(AttrId attr) {
   if (liveNotifiees_ == 0) return;
   const auto held = holdForMutation();
   ++publishing_;
-  for (size_t i = 0; i < notifiees_.size(); ++i) {
+  for (size_t i = 0, end = notifiees_.size(); i < end; ++i) {
     if (Notifiee* n = notifiees_[i]) n->onAttribute(attr);
   }
   --publishing_;
@@ -72,7 +74,7 @@ void Entity::publish(AttrId attr) {
 void Entity::publishKeyErased(AttrId attr, const void* key) {
   const auto held = holdForMutation();
   ++publishing_;
-  for (size_t i = 0; i < notifiees_.size(); ++i) {
+  for (size_t i = 0, end = notifiees_.size(); i < end; ++i) {
     if (Notifiee* n = notifiees_[i]) n->onAttributeKey(attr, key);
   }
   --publishing_;
@@ -83,7 +85,7 @@ void Entity::publishOldNewErased(AttrId attr, const void* key, const void* oldVa
                                  const void* newValue) {
   const auto held = holdForMutation();
   ++publishing_;
-  for (size_t i = 0; i < notifiees_.size(); ++i) {
+  for (size_t i = 0, end = notifiees_.size(); i < end; ++i) {
     if (Notifiee* n = notifiees_[i]) n->onAttributeOldNew(attr, key, oldValue, newValue);
   }
   --publishing_;

@@ -106,6 +106,26 @@ TEST(Entity, PublishesKeysSurvivesUnsubscribeDuringPublicationAndDetachesWhenDes
   EXPECT_EQ(c->notifieeCount(), 2u);
   c->change(6);
   EXPECT_EQ(seenA, (std::vector<int>{5, 6}));
+  // One that leaves and comes back from its own callback hears the change once; one attached
+  // from a callback hears from the next change on.
+  int againCalls = 0, lateCalls = 0;
+  Oro::KeyReactor<int> late(1, [&](const int&) { ++lateCalls; });
+  Oro::KeyReactor<int>* againPtr = nullptr;
+  Oro::KeyReactor<int> again(1, [&](const int&) {
+    if (++againCalls > 1) return;
+    againPtr->notifierIs(nullptr);
+    againPtr->notifierIs(c.get());
+    late.notifierIs(c.get());
+  });
+  againPtr = &again;
+  again.notifierIs(c.get());
+  c->change(7);
+  EXPECT_EQ(againCalls, 1);
+  EXPECT_EQ(lateCalls, 0);
+  c->change(8);
+  EXPECT_EQ(lateCalls, 1);
+  again.notifierIs(nullptr);
+  late.notifierIs(nullptr);
   int flags = 0;
   Oro::AttrReactor f([&](Oro::AttrId id) { flags += id; });
   f.notifierIs(c.get());
