@@ -268,7 +268,14 @@ void MergedMcastTunnelEncapStatusSm::outputsPrepare() {
 
 MvpnVrfTunnelEncapStatus& MergedMcastTunnelEncapStatusSm::mergedVrfIs(const VrfId& vrfId) {
   if (!mergedVrf_.entity || mergedVrf_.vrfId != vrfId) {
-    // vrfStatusIs may announce a new VRF, which clears the cache: fill it afterwards.
+    // vrfStatusIs may announce a new VRF, which clears the cache: fill it afterwards. A merge
+    // made from inside that announcement must not delete the VRF for holding nothing yet: the
+    // record written next is what it is made for.
+    struct Creating {
+      std::optional<VrfId>& slot;
+      std::optional<VrfId> outer;
+      ~Creating() { slot = outer; }
+    } creating{creatingVrf_, std::exchange(creatingVrf_, vrfId)};
     Oro::Ptr<MvpnVrfTunnelEncapStatus> entity = mergedEncap()->vrfStatusIs(vrfId);
     mergedVrf_.vrfId = vrfId;
     mergedVrf_.entity = std::move(entity);
@@ -279,6 +286,7 @@ MvpnVrfTunnelEncapStatus& MergedMcastTunnelEncapStatusSm::mergedVrfIs(const VrfI
 void MergedMcastTunnelEncapStatusSm::mergedVrfDel(const VrfId& vrfId) {
   // Dropped before the deletion is announced: a subscriber notified ahead of the cache's own
   // notifiee may merge into this VRF again, and must find the new entity, not the deleted one.
+  if (creatingVrf_ == vrfId) return;
   if (mergedVrf_.vrfId == vrfId) mergedVrf_.entity = nullptr;
   mergedEncap()->vrfStatusDel(vrfId);
 }

@@ -349,6 +349,9 @@ class MergedMcastTunnelEncapStatusSm
     }
   };
   MergedVrfCache mergedVrf_;
+  // The merged VRF mergedVrfIs is making (its creation is being announced), kept even when
+  // empty until the record it is made for is written.
+  std::optional<VrfId> creatingVrf_;
 
   DynaCode::MergedMcastTunnelEncapStatusSm::MergedEncapVrfStatusEncapTunnelOutput
       encapTunnelOutput_;

@@ -524,13 +524,20 @@ TEST(TunnelMerge, DeletingWhatTheMergedStatusDoesNotHoldChangesNothing) {
 // A subscriber of the merged status (here one that came before the machine, so it hears of a
 // merged VRF going before the machine's own notifiees do) changes the inputs from inside the
 // merge: it gives VRF 3 a static record, and removes the static writer's emptied VRF 1 while
-// that VRF's child machine is still handling the deletion that emptied it.
+// that VRF's child machine is still handling the deletion that emptied it; told of merged VRF
+// 5 as it is made for its first record, it adds and removes another record there first.
 TEST(TunnelMerge, SubscribersOfTheMergedStatusMayChangeTheInputsFromInsideAMerge) {
   Rig rig;
   rig.putRoute(kStatic, 1, 1, "s");
   rig.in[kStatic]->vrfStatusIs(VrfId(3));
   Oro::KeyReactor<VrfId> inputs(MvpnTunnelEncapStatus::vrfStatusAttr, [&](const VrfId& v) {
-    if (rig.merged->vrfStatus(v)) return;
+    if (rig.merged->vrfStatus(v)) {
+      if (v == VrfId(5) && !rig.in[kMvpn]->vrfStatus(v)->encapTunnel(route(2))) {
+        rig.putRoute(kMvpn, 5, 2, "m2");
+        rig.delRoute(kMvpn, 5, 2);
+      }
+      return;
+    }
     if (v == VrfId(3)) rig.putRoute(kStatic, 3, 2, "s2");
     if (v == VrfId(1)) rig.delVrf(kStatic, 1);
   });
@@ -540,9 +547,11 @@ TEST(TunnelMerge, SubscribersOfTheMergedStatusMayChangeTheInputsFromInsideAMerge
   rig.delRoute(kStatic, 1, 1);
   rig.putRoute(kMvpn, 3, 1, "m");  // the merged VRF 3 is the one last written
   rig.delRoute(kMvpn, 3, 1);
+  rig.putRoute(kMvpn, 5, 1, "m");
   rig.settle();
   EXPECT_EQ(rig.mergedContents(), rig.expected());
   EXPECT_EQ(rig.mergedContents().routes.count({3, 2}), 1u);
+  EXPECT_EQ(rig.mergedContents().routes.count({5, 1}), 1u);
   inputs.notifierIs(nullptr);
 }
 
