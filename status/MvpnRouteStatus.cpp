@@ -310,7 +310,8 @@ void MvpnVrfRouteStatus::mvpnGroupNotify(const IpGenAddr& group) {
 MvpnSource MvpnVrfRouteStatus::mvpnSourceIs(const IpGenAddr& group, const IpGenAddr& source,
                                             const IpGenPrefix& umhPrefix, bool sharedTree,
                                             MvpnSource::SourceFlags sourceFlags) {
-  const auto held = holdForMutation();
+  // Held whoever is subscribed: a subscriber of the group (not of this VRF) may let go of it.
+  const auto held = Oro::keepAlive(this);
   Oro::Ptr<MvpnGroup> g = mvpnGroupIs(group);
   const MvpnSource record(source, umhPrefix, sourceFlags);
   if (sharedTree) {
@@ -323,16 +324,19 @@ MvpnSource MvpnVrfRouteStatus::mvpnSourceIs(const IpGenAddr& group, const IpGenA
 
 MvpnSource MvpnVrfRouteStatus::mvpnSourceDel(const IpGenAddr& group, const IpGenAddr& source,
                                              bool sharedTree) {
-  const auto held = holdForMutation();
+  // Held whoever is subscribed: a subscriber of the group (not of this VRF) may let go of it.
+  const auto held = Oro::keepAlive(this);
   // The lookup and the emptiness check belong to the removal: damage they meet stops the
   // process as the removal's would, rather than leaving the caller an exception.
   Oro::Ptr<MvpnGroup> g =
       writeOrStop("removal", "mvpnGroup", *this, [&] { return mvpnGroup(group); });
   if (!g) return MvpnSource();
   const MvpnSource removed = sharedTree ? g->sharedTreeDel(source) : g->sourceTreeDel(source);
-  // Also when nothing was removed: an empty group goes.
-  if (writeOrStop("removal", "mvpnGroup", *this,
-                  [&] { return g->sharedTreeSize() == 0 && g->sourceTreeSize() == 0; })) {
+  // Also when nothing was removed: an empty group goes. The group looked at, that is: not one
+  // a subscriber told of the removal put under the key since.
+  if (writeOrStop("removal", "mvpnGroup", *this, [&] {
+        return g->sharedTreeSize() == 0 && g->sourceTreeSize() == 0 && mvpnGroup(group) == g;
+      })) {
     mvpnGroupDel(group);
   }
   return removed;

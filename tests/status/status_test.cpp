@@ -747,6 +747,28 @@ TEST_F(RouteStatusTest, ADeletedVrfKeepsItsRecordsForWhoeverHoldsIt) {
   MvpnVrfRouteStatus* raw = again.get();
   raw->mvpnRouteIs(route);
   EXPECT_FALSE(again);
+  // So may a subscriber of a group (not of its VRF) told of a source's removal; or it may put
+  // a new group with a source under the key, which the removal then leaves alone.
+  const IpGenAddr g = v4(0xef020202);
+  auto vrf11 = root->vrfRouteStatusIs(VrfId(11));
+  vrf11->mvpnSourceIs(g, v4(1), prefix(0, 0), true, Flags());
+  Reactor onSource;
+  onSource.fn = [&](Oro::AttrId, const void*) {
+    onSource.notifierIs(nullptr);
+    vrf11->mvpnGroupDel(g);
+    vrf11->mvpnSourceIs(g, v4(2), prefix(0, 0), true, Flags());
+  };
+  onSource.notifierIs(vrf11->mvpnGroup(g).get());
+  vrf11->mvpnSourceDel(g, v4(1), true);
+  EXPECT_EQ(vrf11->mvpnSource(g, v4(2), true).source(), v4(2));
+  onSource.fn = [&](Oro::AttrId, const void*) {
+    vrf11 = nullptr;
+    root->vrfRouteStatusDel(VrfId(11));
+  };
+  onSource.notifierIs(vrf11->mvpnGroup(g).get());
+  raw = vrf11.get();
+  raw->mvpnSourceDel(g, v4(2), true);
+  EXPECT_FALSE(root->vrfRouteStatus(VrfId(11)));
   Oro::KeyReactor<VrfId> onVrf(MvpnRouteStatus::vrfRouteStatusAttr, [&](VrfId) { root = nullptr; });
   onVrf.notifierIs(root.get());
   MvpnRouteStatus* rawRoot = root.get();
