@@ -3,6 +3,7 @@
 #include "platform/Assert.h"
 #include "platform/Error.h"
 #include "platform/Toggle.h"
+#include "platform/shm/WalkOnce.h"
 
 namespace Routing::Multicast {
 
@@ -202,14 +203,18 @@ void MvpnGroup::dumpState(Oro::DumpContext& dc, int indent) const {
   dc.attributePrinted("group");
   line(dc, indent + 2, "Shared tree: #%u\n", "%*cShared tree: #%u\n",
        static_cast<unsigned>(sharedTree_.size()));
+  Oro::WalkOnce<IpGenAddr> shared(shmBinding());
   for (auto it = sharedTree_.begin(); it.valid(); it.next()) {
-    line(dc, indent + 4, "%s\n", "%*c%s\n", it.value().toStrep().c_str());
+    if (shared.first(it.key()))
+      line(dc, indent + 4, "%s\n", "%*c%s\n", it.value().toStrep().c_str());
   }
   dc.attributePrinted("sharedTree");
   line(dc, indent + 2, "Source tree: #%u\n", "%*cSource tree: #%u\n",
        static_cast<unsigned>(sourceTree_.size()));
+  Oro::WalkOnce<IpGenAddr> sources(shmBinding());
   for (auto it = sourceTree_.begin(); it.valid(); it.next()) {
-    line(dc, indent + 4, "%s\n", "%*c%s\n", it.value().toStrep().c_str());
+    if (sources.first(it.key()))
+      line(dc, indent + 4, "%s\n", "%*c%s\n", it.value().toStrep().c_str());
   }
   dc.attributePrinted("sourceTree");
 }
@@ -386,7 +391,9 @@ void MvpnVrfRouteStatus::dumpState(Oro::DumpContext& dc, int indent) const {
   if (groupModel()) {
     line(dc, indent + 2, "MVPN Groups #%u\n", "%*cMVPN Groups #%u\n",
          static_cast<unsigned>(groups_.size()));
+    Oro::WalkOnce<IpGenAddr> groups(shmBinding());
     for (auto it = groups_.begin(); it.valid(); it.next()) {
+      if (!groups.first(it.key())) continue;
       Oro::Ptr<MvpnGroup> g = it.value();
       if (!g) {
         dc.reportNull(indent + 4, "MvpnGroup");
@@ -401,8 +408,10 @@ void MvpnVrfRouteStatus::dumpState(Oro::DumpContext& dc, int indent) const {
   } else {
     line(dc, indent + 2, "MVPN Routes #%u\n", "%*cMVPN Routes #%u\n",
          static_cast<unsigned>(routes_.size()));
+    Oro::WalkOnce<MvpnRouteKey> routes(shmBinding());
     for (auto it = routes_.begin(); it.valid(); it.next()) {
-      line(dc, indent + 4, "%s\n", "%*c%s\n", it.value().toStrep().c_str());
+      if (routes.first(it.key()))
+        line(dc, indent + 4, "%s\n", "%*c%s\n", it.value().toStrep().c_str());
     }
     dc.attributePrinted("mvpnRoute");
   }
@@ -467,7 +476,9 @@ void MvpnRouteStatus::dumpState(Oro::DumpContext& dc, int indent) const {
   }
   line(dc, indent, "MvpnRouteStatus #%u:\n", "%*cMvpnRouteStatus #%u:\n", count);
   try {
+    Oro::WalkOnce<VrfId> vrfs(&binding());
     for (auto it = vrfs_.begin(); it.valid(); it.next()) {
+      if (!vrfs.first(it.key())) continue;
       Oro::Ptr<MvpnVrfRouteStatus> v = it.value();
       if (!v) {
         dc.reportNull(indent + 2, "MvpnVrfRouteStatus");

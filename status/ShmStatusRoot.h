@@ -43,6 +43,7 @@
 #include "platform/shm/CollectionControl.h"
 #include "platform/shm/ShmBinding.h"
 #include "platform/shm/ShmHandles.h"
+#include "platform/shm/WalkOnce.h"
 
 namespace Routing::Multicast {
 
@@ -378,7 +379,9 @@ void ShmStatusRoot<Traits>::dumpState(Oro::DumpContext& dc, int indent) const {
     dc.print("%s #%u:\n", Traits::dumpName, count);
   }
   try {
+    Oro::WalkOnce<Key> once(&binding());
     for (Iterator it = values_.begin(); it.valid(); it.next()) {
+      if (!once.first(it.key())) continue;
       Traits::dumpRecord(dc, it.value(), indent + 2);
     }
   } catch (const Oro::ShmCorruptionException& e) {

@@ -6,9 +6,7 @@
 #include <chrono>
 #include <map>
 #include <memory>
-#include <set>
 #include <system_error>
-#include <unordered_set>
 
 #include <fmt/format.h>
 
@@ -17,6 +15,7 @@
 #include "platform/runtime/Entity.h"
 #include "platform/runtime/TaskScheduler.h"
 #include "platform/shm/ShmBinding.h"
+#include "platform/shm/WalkOnce.h"
 #include "status/MvpnIntfStatus.h"
 #include "status/MvpnRouteStatus.h"
 #include "status/MvpnVrfStatus.h"
@@ -180,17 +179,6 @@ std::unique_ptr<FILE, int (*)(FILE*)> devNull() {
   return sink;
 }
 
-// A walk goes by slot while the writer may move a key (delete it, insert it again into a
-// later slot): the walk can then meet it twice. The first meeting is the one listed.
-template <class K>
-class Listed {
- public:
-  bool first(const K& key) { return met_.insert(key).second; }
-
- private:
-  std::set<K> met_;
-};
-
 template <class Root>
 void show(const std::string& path, bool json, FILE* out) {
   using Key = typename Root::Key;
@@ -200,12 +188,12 @@ void show(const std::string& path, bool json, FILE* out) {
     return;
   }
   JsonOut j(out);
-  std::unordered_set<Key> listed;  // as Listed, hashed: a flat table may hold millions
+  Oro::WalkOnce<Key> listed;  // the walk may meet a key the writer moved twice
   const char* sep = "";
   j.document(r, [&] {
     j.open("{[", jsonHead(path, r.root->typeName()) + "\"records\": [");
     for (auto it = r.root->recordIter(); it.valid(); it.next()) {
-      if (!listed.insert(it.key()).second) continue;
+      if (!listed.first(it.key())) continue;
       j.put(fmt::format("{}\n  {}", sep, recordJson(it.value())));
       sep = ",";
     }
@@ -357,13 +345,13 @@ void treeJson(const ReaderRoot<MvpnRouteStatus>& r, const std::string& path, FIL
   j.document(r, [&] {
     j.open("{[", jsonHead(path, r.root->typeName()) + "\"vrfs\": [");
     const char* vsep = "";
-    Listed<VrfId> vrfs;
+    Oro::WalkOnce<VrfId> vrfs;
     for (auto v = r.root->vrfRouteStatusIter(); v.valid(); v.next()) {
       Oro::Ptr<MvpnVrfRouteStatus> vrf = v.value();
       if (!vrf || !vrfs.first(vrf->vrfId())) continue;
       j.open("{[", fmt::format("{}\n  {{\"vrfId\": {}, \"routes\": [", vsep, vrf->vrfId().value()));
       const char* sep = "";
-      Listed<MvpnRouteKey> routes;
+      Oro::WalkOnce<MvpnRouteKey> routes;
       for (auto it = vrf->mvpnRouteIter(); it.valid(); it.next()) {
         if (!routes.first(it.value().key())) continue;
         j.put(fmt::format("{}{}", sep, routeJson(it.value())));
@@ -372,14 +360,14 @@ void treeJson(const ReaderRoot<MvpnRouteStatus>& r, const std::string& path, FIL
       j.close("");
       j.open("[", ", \"groups\": [");
       const char* gsep = "";
-      Listed<Nevo::IpGenAddr> groups;
+      Oro::WalkOnce<Nevo::IpGenAddr> groups;
       for (auto g = vrf->mvpnGroupIter(); g.valid(); g.next()) {
         Oro::Ptr<MvpnGroup> group = g.value();
         if (!group || !groups.first(group->group())) continue;
         j.open("{[", fmt::format("{}\n    {{\"group\": {}, \"sharedTree\": [", gsep,
                                  jsonQuote(group->group().toStrep())));
         sep = "";
-        Listed<Nevo::IpGenAddr> shared;
+        Oro::WalkOnce<Nevo::IpGenAddr> shared;
         for (auto it = group->sharedTreeIter(); it.valid(); it.next()) {
           if (!shared.first(it.value().source())) continue;
           j.put(fmt::format("{}{}", sep, sourceJson(it.value())));
@@ -388,7 +376,7 @@ void treeJson(const ReaderRoot<MvpnRouteStatus>& r, const std::string& path, FIL
         j.close("");
         j.open("[", ", \"sourceTree\": [");
         sep = "";
-        Listed<Nevo::IpGenAddr> sources;
+        Oro::WalkOnce<Nevo::IpGenAddr> sources;
         for (auto it = group->sourceTreeIter(); it.valid(); it.next()) {
           if (!sources.first(it.value().source())) continue;
           j.put(fmt::format("{}{}", sep, sourceJson(it.value())));
@@ -505,14 +493,14 @@ void showEncap(const std::string& path, bool json, FILE* out) {
   j.document(r, [&] {
     j.open("{[", jsonHead(path, r.root->typeName()) + "\"vrfs\": [");
     const char* vsep = "";
-    Listed<VrfId> vrfs;
+    Oro::WalkOnce<VrfId> vrfs;
     for (auto v = r.root->vrfStatusIter(); v.valid(); v.next()) {
       Oro::Ptr<MvpnVrfTunnelEncapStatus> vrf = v.value();
       if (!vrf || !vrfs.first(vrf->vrfId())) continue;
       j.open("{[",
              fmt::format("{}\n  {{\"vrfId\": {}, \"encapTunnel\": [", vsep, vrf->vrfId().value()));
       const char* sep = "";
-      Listed<MvpnRouteKey> routes;
+      Oro::WalkOnce<MvpnRouteKey> routes;
       for (auto it = vrf->encapTunnelIter(); it.valid(); it.next()) {
         const MvpnEncapTunnel& rec = it.value();
         if (!routes.first(rec.routeKey())) continue;
@@ -523,7 +511,7 @@ void showEncap(const std::string& path, bool json, FILE* out) {
       j.close(*sep ? "\n  " : "");
       j.open("[", ", \"encapIntfTunnel\": [");
       sep = "";
-      Listed<MvpnRouteIntfKey> intfs;
+      Oro::WalkOnce<MvpnRouteIntfKey> intfs;
       for (auto it = vrf->encapIntfTunnelIter(); it.valid(); it.next()) {
         const MvpnEncapIntfTunnel& rec = it.value();
         if (!intfs.first(rec.routeIntfKey())) continue;
