@@ -34,8 +34,7 @@ std::string jsonOrNull(const std::optional<std::string>& s) {
 const MergeAudit& auditOf(const Oro::ShmMergeState& m) {
   const MergeAudit* a = Routing::Multicast::mergeAuditFor(m.desc.machineType);
   if (!a) {
-    throw Oro::Exception(
-        fmt::format("no audit knows the merge machine {}", displayText(m.desc.machineType)));
+    throw Oro::Exception(fmt::format("no audit knows the merge machine {}", m.desc.machineType));
   }
   return *a;
 }
@@ -46,7 +45,7 @@ void explain(const std::string& path, const std::string& key, bool json) {
   const Oro::ShmStoreInfo info = Oro::shmStoreInfo(path);
   if (!info.merge) {
     throw Oro::Exception(
-        fmt::format("the table at {} is not a merged status (no merge record)", displayText(path)));
+        fmt::format("the table at {} is not a merged status (no merge record)", path));
   }
   const Oro::ShmMergeState& m = *info.merge;
   const MergeAudit& audit = auditOf(m);
@@ -61,10 +60,10 @@ void explain(const std::string& path, const std::string& key, bool json) {
     e = audit.explain(m, path, trimmed);
   } catch (const Oro::ParseException& x) {
     throw Oro::ParseException(
-        fmt::format("cannot read '{}' as {}: {}", displayText(key), audit.keySyntax(), x.what()));
+        fmt::format("cannot read '{}' as {}: {}", key, audit.keySyntax(), x.what()));
   } catch (const Oro::RangeException& x) {
     throw Oro::ParseException(
-        fmt::format("cannot read '{}' as {}: {}", displayText(key), audit.keySyntax(), x.what()));
+        fmt::format("cannot read '{}' as {}: {}", key, audit.keySyntax(), x.what()));
   }
   if (json) {
     std::string inputs;

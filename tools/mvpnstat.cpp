@@ -86,8 +86,8 @@ uint64_t parseCount(const std::string& v) {
   const auto [stop, ec] = std::from_chars(v.data(), end, n);
   const bool digitsOnly = !v.empty() && v.find_first_not_of("0123456789") == std::string::npos;
   if (!digitsOnly || ec != std::errc() || stop != end || n == 0) {
-    throw Failure{2, fmt::format("--count needs a whole number from 1 to {}, not '{}'", UINT64_MAX,
-                                 displayText(v))};
+    throw Failure{
+        2, fmt::format("--count needs a whole number from 1 to {}, not '{}'", UINT64_MAX, v)};
   }
   return n;
 }
@@ -116,7 +116,7 @@ Args parseArgs(int argc, char** argv) {
     } else if (arg == "-h" || arg == "--help") {
       throw Failure{0, ""};
     } else if (!arg.empty() && arg[0] == '-') {
-      throw Failure{2, fmt::format("unknown option {}", displayText(arg))};
+      throw Failure{2, fmt::format("unknown option {}", arg)};
     } else {
       positional.push_back(arg);
     }
@@ -132,7 +132,7 @@ Args parseArgs(int argc, char** argv) {
   } else if (a.command == "check") {
     minArgs = 0;
   } else if (a.command != "show" && a.command != "watch" && a.command != "remove") {
-    throw Failure{2, fmt::format("unknown command '{}'", displayText(a.command))};
+    throw Failure{2, fmt::format("unknown command '{}'", a.command)};
   }
   const size_t given = positional.size() - 1;
   if (given < minArgs || given > maxArgs) {
@@ -147,6 +147,9 @@ Args parseArgs(int argc, char** argv) {
     throw Failure{2, "--listen goes with metrics only"};
   }
   if (a.count != 0 && a.command != "watch") throw Failure{2, "--count goes with watch only"};
+  if (a.json && (a.command == "remove" || a.command == "metrics")) {
+    throw Failure{2, fmt::format("{} has no --json", a.command)};
+  }
   return a;
 }
 
@@ -288,8 +291,7 @@ int run(int argc, char** argv) {
     } catch (const Oro::ShmCorruptionException& e) {
       // An explanation reads the inputs too: the message names the store that is damaged.
       if (a.command == "explain") {
-        throw Failure{1, fmt::format("cannot explain {} at {}: {}", displayText(a.key),
-                                     displayText(a.path), e.what())};
+        throw Failure{1, fmt::format("cannot explain {} at {}: {}", a.key, a.path, e.what())};
       }
       throw Failure{1, fmt::format("the table at {} is damaged: {}", a.path, e.what())};
     } catch (const Oro::ShmException& e) {

@@ -236,6 +236,9 @@ TEST_F(MvpnstatToolTest, ReportsUnknownDamagedAndForeignTablesAndBadUsage) {
   mvpnstatExpect(watch + " --count", 2);
   mvpnstatExpect("show " + MvpnVrfStatus::mountPath(Nevo::ipv4, bgp_) + " --count 3", 2,
                  {"--count goes with watch only"});
+  mvpnstatExpect("remove " + path + " --json", 2, {"remove has no --json"});
+  // What the user typed is shown escaped once: one backslash as two.
+  mvpnstatExpect("'--x\\y'", 2, {"unknown option --x\\\\y\n"});
 }
 
 // A record whose bytes hold no value (a route key of no address family): show prints what it
