@@ -3,6 +3,7 @@
 #include <string_view>
 #include <utility>
 
+#include <absl/cleanup/cleanup.h>
 #include <fmt/format.h>
 
 #include "merge/InputRead.h"
@@ -271,11 +272,9 @@ MvpnVrfTunnelEncapStatus& MergedMcastTunnelEncapStatusSm::mergedVrfIs(const VrfI
     // vrfStatusIs may announce a new VRF, which clears the cache: fill it afterwards. A merge
     // made from inside that announcement must not delete the VRF for holding nothing yet: the
     // record written next is what it is made for.
-    struct Creating {
-      std::optional<VrfId>& slot;
-      std::optional<VrfId> outer;
-      ~Creating() { slot = outer; }
-    } creating{creatingVrf_, std::exchange(creatingVrf_, vrfId)};
+    absl::Cleanup restore = [this, outer = std::exchange(creatingVrf_, vrfId)] {
+      creatingVrf_ = outer;
+    };
     Oro::Ptr<MvpnVrfTunnelEncapStatus> entity = mergedEncap()->vrfStatusIs(vrfId);
     mergedVrf_.vrfId = vrfId;
     mergedVrf_.entity = std::move(entity);
@@ -284,9 +283,9 @@ MvpnVrfTunnelEncapStatus& MergedMcastTunnelEncapStatusSm::mergedVrfIs(const VrfI
 }
 
 void MergedMcastTunnelEncapStatusSm::mergedVrfDel(const VrfId& vrfId) {
-  // Dropped before the deletion is announced: a subscriber notified ahead of the cache's own
-  // notifiee may merge into this VRF again, and must find the new entity, not the deleted one.
-  if (creatingVrf_ == vrfId) return;
+  if (creatingVrf_ == vrfId) return;  // its record comes next (mergedVrfIs)
+  // The cache is dropped before the deletion is announced: a subscriber notified ahead of the
+  // cache's own notifiee may merge into this VRF again, and must find a new entity.
   if (mergedVrf_.vrfId == vrfId) mergedVrf_.entity = nullptr;
   mergedEncap()->vrfStatusDel(vrfId);
 }
