@@ -3,7 +3,8 @@
 //
 //   mvpn_writer CLIENT STEP...
 //
-// CLIENT is bgp, staticMvpn, evpn or staticEvpn (IPv4 family). Steps run in order:
+// CLIENT is bgp, staticMvpn, evpn or staticEvpn (IPv4 family: addresses are IPv4 ones). Steps run
+// in order:
 //   +N          declare VRF N                  -N          withdraw VRF N
 //   intf:N=IF   PMSI interface IF of VRF N     nointf:N    remove VRF N's PMSI interface
 //   sleep:MS    wait MS milliseconds           hold        stay up until SIGINT/SIGTERM
@@ -37,6 +38,15 @@ using example::number;
 using example::parsed;
 
 namespace {
+
+// The tree this writer publishes is the IPv4 family's: an IPv6 address has no place in it.
+template <class T>
+T parsedV4(const std::string& text, const char* what) {
+  T v = parsed<T>(text, what);
+  if (v.af() != Nevo::ipv4)
+    throw Oro::ParseException(std::string("not IPv4 ") + what + ": " + text);
+  return v;
+}
 
 }  // namespace
 
@@ -97,10 +107,10 @@ int main(int argc, char** argv) {
         // Every part is read before anything is written: a bad one leaves no empty VRF behind.
         const VrfId vrfId(number(step.substr(7, colon - 7)));
         const auto group =
-            parsed<Nevo::IpGenAddr>(step.substr(colon + 1, comma - colon - 1), "an address");
+            parsedV4<Nevo::IpGenAddr>(step.substr(colon + 1, comma - colon - 1), "an address");
         const auto source =
-            parsed<Nevo::IpGenAddr>(step.substr(comma + 1, eq - comma - 1), "an address");
-        const auto umh = parsed<Nevo::IpGenPrefix>(step.substr(eq + 1), "a prefix");
+            parsedV4<Nevo::IpGenAddr>(step.substr(comma + 1, eq - comma - 1), "an address");
+        const auto umh = parsedV4<Nevo::IpGenPrefix>(step.substr(eq + 1), "a prefix");
         treeIs();
         tree->vrfRouteStatusIs(vrfId)->mvpnSourceIs(group, source, umh, step[1] == 'h',
                                                     MvpnSource::SourceFlags());
@@ -109,7 +119,7 @@ int main(int argc, char** argv) {
         if (colon == std::string::npos) throw Oro::ParseException("nogroup:V:G expected: " + step);
         treeIs();
         if (auto vrf = tree->vrfRouteStatus(VrfId(number(step.substr(8, colon - 8))))) {
-          vrf->mvpnGroupDel(parsed<Nevo::IpGenAddr>(step.substr(colon + 1), "an address"));
+          vrf->mvpnGroupDel(parsedV4<Nevo::IpGenAddr>(step.substr(colon + 1), "an address"));
         }
       } else {
         throw Oro::ParseException("unknown step: " + step);
