@@ -36,6 +36,7 @@
 #include <utility>
 #include <vector>
 
+#include <absl/cleanup/cleanup.h>
 #include <absl/container/flat_hash_map.h>
 #include <absl/hash/hash.h>
 
@@ -767,10 +768,7 @@ class ShmEntities : public ShmHandleBase {
  private:
   void tellAbsent(const Key& key) {
     withheld_ = key;
-    struct Release {
-      std::optional<Key>& k;
-      ~Release() { k.reset(); }
-    } release{withheld_};
+    absl::Cleanup release = [this] { withheld_.reset(); };
     if (onKey_) onKey_(key);
   }
   // Every proxy in members_ listed under its slot (top-level handles of a store only; a
