@@ -13,6 +13,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <fstream>
 #include <functional>
 #include <string>
 
@@ -24,6 +25,7 @@
 #include "platform/shm/ShmLayout.h"
 #include "platform/shm/ShmSegment.h"
 #include "platform/shm/ShmStore.h"
+#include "platform/shm/ShmTable.h"
 
 namespace shmtest {
 
@@ -134,6 +136,15 @@ struct Pipe {
   }
 };
 
+// Overwrites the start of the header of the store at `mountPath` with `bytes`, as a stray
+// process with access to /dev/shm could.
+inline void overwriteHeader(const std::string& mountPath, const std::string& bytes) {
+  std::fstream f("/dev/shm" + Oro::shmStoreName(mountPath),
+                 std::ios::in | std::ios::out | std::ios::binary);
+  ASSERT_TRUE(f.good()) << mountPath;
+  f.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+}
+
 // Writes n bytes at offset into the segment `name`, as a stray process with access to /dev/shm
 // could.
 inline void writeSegment(const std::string& name, size_t offset, const void* bytes, size_t n) {
@@ -193,3 +204,12 @@ struct Oro::ShmImage<shmtest::Rec> : Oro::ShmPlainImage<shmtest::Rec, Oro::shmAn
   static constexpr uint64_t fingerprint = shmFingerprint("shmtest::Rec{n,a,b,c:u64}", bytes);
   static shmtest::Rec read(const std::byte* in) { return ShmPlainImage::read(in, "shmtest::Rec"); }
 };
+
+namespace shmtest {
+
+// A table of Recs attached at once, without callbacks.
+struct Attached : Oro::ShmTable<uint32_t, Rec> {
+  explicit Attached(const Oro::ShmAttach& a) : ShmTable("test::Rec", "recs", {}) { attach(a); }
+};
+
+}  // namespace shmtest
