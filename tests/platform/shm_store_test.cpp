@@ -7,9 +7,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
 #include <functional>
-
 #include <map>
 #include <random>
 #include <set>
@@ -112,8 +112,7 @@ TEST_F(ShmStoreTest, ReaderSeesWriterChangesControlFlagsAndKeysItHeldBeforeAndDe
   // Detaching copies the records into process memory, mapping what the reader had not mapped yet: a
   // segment removed meanwhile is damage reported to the handler, not an exception out of detach
   // (which runs in destructors).
-  Table writer("test::Rec", "recs", {});
-  writer.attach(ShmAttach{"t/gone", ShmRole::writer});
+  Attached writer(ShmAttach{"t/gone", ShmRole::writer});
   for (uint32_t k = 0; k < Oro::ShmLayout::kBaseChunkSlots; ++k) writer.insert(k, Rec::of(k));
   Table reader("test::Rec", "recs", {});
   std::vector<std::string> reports;
@@ -130,8 +129,7 @@ TEST_F(ShmStoreTest, ReaderSeesWriterChangesControlFlagsAndKeysItHeldBeforeAndDe
 
 // (A second writer is refused: the reliability tests, ARefusedMountLeavesTheTableWhereItWas.)
 TEST_F(ShmStoreTest, AStoreRefusesATableOfAnotherTypeOrRevision) {
-  Table w("test::Rec", "recs", {});
-  w.attach(ShmAttach{"t/one", ShmRole::writer});
+  Attached w(ShmAttach{"t/one", ShmRole::writer});
   Oro::ShmTable<uint32_t, uint64_t> other("test::Other", "recs", {});
   EXPECT_THROW(other.attach(ShmAttach{"t/one", ShmRole::writer}), Oro::ShmException);
   EXPECT_THROW(other.attach(ShmAttach{"t/one", ShmRole::reader}), Oro::ShmException);
@@ -157,13 +155,17 @@ uint64_t addParent(ShmStore& s, uint32_t key) {
   return s.refOf(0, s.find(0, w, nullptr));
 }
 
+// The key of member `key` of `parent`, in the words of a record.
+std::array<uint32_t, ShmStore::kMaxRecordWords> memberKey(uint64_t parent, uint32_t key) {
+  return {static_cast<uint32_t>(parent), static_cast<uint32_t>(parent >> 32), key};
+}
+
 void putMember(ShmStore& s, uint32_t c, uint64_t parent, uint32_t key, const Rec& rec,
                std::string_view blob = {}) {
-  uint32_t w[ShmStore::kMaxRecordWords] = {static_cast<uint32_t>(parent),
-                                           static_cast<uint32_t>(parent >> 32), key};
-  if (c == 1) std::memcpy(w + 3, &rec, sizeof rec);
-  s.put(c, w, blob);
-  s.publishKey(c, w);
+  auto w = memberKey(parent, key);
+  if (c == 1) std::memcpy(w.data() + 3, &rec, sizeof rec);
+  s.put(c, w.data(), blob);
+  s.publishKey(c, w.data());
 }
 
 std::vector<uint32_t> members(const ShmStore& s, uint32_t c, uint64_t parent) {
@@ -201,13 +203,13 @@ TEST_F(ShmStoreTest, NestedMembersLiveOnTheirParentsPagesCommittedAsTheyAreCarve
   }
   EXPECT_EQ(rest, 60u);
   // Members are found through their parent only; a member of a removed parent is gone.
-  uint32_t key[3] = {static_cast<uint32_t>(a), static_cast<uint32_t>(a >> 32), 3};
-  EXPECT_NE(s.find(1, key, nullptr), ShmStore::kNoSlot);
+  const auto key = memberKey(a, 3);
+  EXPECT_NE(s.find(1, key.data(), nullptr), ShmStore::kNoSlot);
   putMember(s, 2, a, 7, {}, "a note for parent a");
   ShmStore reader = ShmStore::openReader("t/tree", nullptr);
   uint32_t k1[1] = {1};
   EXPECT_TRUE(s.remove(0, k1));
-  EXPECT_EQ(reader.find(1, key, nullptr), ShmStore::kNoSlot);
+  EXPECT_EQ(reader.find(1, key.data(), nullptr), ShmStore::kNoSlot);
   EXPECT_FALSE(reader.alive(0, a));
   EXPECT_EQ(reader.childCount(1, a), 0u);
   EXPECT_TRUE(members(reader, 1, a).empty());
@@ -262,9 +264,8 @@ TEST_F(ShmStoreTest, BlobsAreReadWholeAndTheirSpaceIsReused) {
   const uint64_t p = addParent(s, 1);
   ShmStore reader = ShmStore::openReader("t/blob", nullptr);
   auto note = [&](uint32_t k) {
-    uint32_t key[3] = {static_cast<uint32_t>(p), static_cast<uint32_t>(p >> 32), k};
     ShmStore::Record r;
-    return reader.find(2, key, &r) == ShmStore::kNoSlot ? std::string("(absent)") : r.blob;
+    return reader.find(2, memberKey(p, k).data(), &r) == ShmStore::kNoSlot ? "(absent)" : r.blob;
   };
   const std::vector<std::string> texts = {"", "x", std::string(15, 'a'), std::string(16, 'b'),
                                           std::string(1000, 'c'),
@@ -324,18 +325,15 @@ TEST_F(ShmStoreTest, ValuesInPiecesSurviveATakeOver) {
   ShmStore next = ShmStore::openWriter("t/blob2", nestedSchema(), 0600, 1024);
   const uint64_t q = addParent(next, 1);
   for (uint32_t k = 3; k < 40; ++k) putMember(next, 2, q, k, {}, pieced(65537 + 1000 * k));
-  uint32_t key[3] = {static_cast<uint32_t>(q), static_cast<uint32_t>(q >> 32), 1};
   ShmStore::Record r;
-  ASSERT_NE(next.find(2, key, &r), ShmStore::kNoSlot);
+  ASSERT_NE(next.find(2, memberKey(q, 1).data(), &r), ShmStore::kNoSlot);
   EXPECT_TRUE(r.blob == pieced(200000));
   EXPECT_EQ(Oro::shmStoreProblem(next), "");
 }
 
 TEST_F(ShmStoreTest, TheIndexGrowsWithoutLongWritesOrLostKeysAndEqualKeysHaveOneImage) {
-  Table w("test::Rec", "recs", {});
-  w.attach(ShmAttach{"t/grow", ShmRole::writer});
-  Table r("test::Rec", "recs", {});
-  r.attach(ShmAttach{"t/grow", ShmRole::reader});
+  Attached w(ShmAttach{"t/grow", ShmRole::writer});
+  Attached r(ShmAttach{"t/grow", ShmRole::reader});
   constexpr uint32_t kKeys = 200000;
   for (uint32_t k = 0; k < kKeys; ++k) {
     w.insert(k, Rec::of(k));
