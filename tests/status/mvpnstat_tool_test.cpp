@@ -50,6 +50,7 @@ using shmtest::mvpnstatExpect;
 using shmtest::promtool;
 using shmtest::Result;
 using enum MvpnClient;
+using Vrf::VrfIdMap::VrfId;
 
 class MvpnstatToolTest : public ::testing::Test {
  protected:
@@ -70,10 +71,10 @@ std::vector<std::string> sortedLines(const std::string& text) {
 TEST_F(MvpnstatToolTest, ShowsListsAndWatchesTablesAndNestedStatuses) {
   const std::string path = MvpnVrfStatus::mountPath(Nevo::ipv4, evpn_);
   auto vrfs = shmtest::mounted(mvpnVrfStatusFactory(path), {path, Oro::ShmRole::writer});
-  vrfs->mvpnVrfIs(MvpnVrf(Vrf::VrfIdMap::VrfId(7), evpn_));
-  auto intfs = mvpnIntfStatusFactory(MvpnIntfStatus::mountPath());
-  intfs->mount(Oro::ShmAttach{MvpnIntfStatus::mountPath(), Oro::ShmRole::writer});
-  intfs->vrfIntfIdIs(MvpnVrfIntfId(Vrf::VrfIdMap::VrfId(7), Nevo::IntfId::vlan(107)));
+  vrfs->mvpnVrfIs(MvpnVrf(VrfId(7), evpn_));
+  auto intfs = shmtest::mounted(mvpnIntfStatusFactory(MvpnIntfStatus::mountPath()),
+                                {MvpnIntfStatus::mountPath(), Oro::ShmRole::writer});
+  intfs->vrfIntfIdIs(MvpnVrfIntfId(VrfId(7), Nevo::IntfId::vlan(107)));
 
   EXPECT_EQ(mvpnstatExpect("show " + path, 0).out, "MvpnVrfStatus #1:\n  VRF 7\n");
   mvpnstatExpect("show routing/multicast/vpn/intfStatus --json", 0,
@@ -94,7 +95,6 @@ TEST_F(MvpnstatToolTest, ShowsListsAndWatchesTablesAndNestedStatuses) {
   EXPECT_EQ(promtool(metrics.out).status, 0) << promtool(metrics.out).out;
 
   // Statuses with entities inside: the route status tree and a tunnel encapsulation status.
-  using Vrf::VrfIdMap::VrfId;
   const auto v4 = Nevo::IpGenAddr::ipv4Addr;
   const std::string treePath = MvpnRouteStatus::mountPath(Nevo::ipv4, bgp_);
   auto tree = shmtest::mounted(mvpnRouteStatusFactory(treePath), {treePath, Oro::ShmRole::writer});
@@ -154,7 +154,7 @@ TEST_F(MvpnstatToolTest, ShowsListsAndWatchesTablesAndNestedStatuses) {
 TEST_F(MvpnstatToolTest, AWatchStopsAtItsCountAndOnSigtermWhileItsOutputIsBlocked) {
   const std::string path = MvpnVrfStatus::mountPath(Nevo::ipv4, bgp_);
   auto vrfs = shmtest::mounted(mvpnVrfStatusFactory(path), {path, Oro::ShmRole::writer});
-  for (uint32_t v = 0; v < 3000; ++v) vrfs->mvpnVrfIs(MvpnVrf(Vrf::VrfIdMap::VrfId(v), bgp_));
+  for (uint32_t v = 0; v < 3000; ++v) vrfs->mvpnVrfIs(MvpnVrf(VrfId(v), bgp_));
   EXPECT_EQ(sortedLines(mvpnstatExpect("watch " + path + " --count 5", 0).out).size(), 5u);
 
   shmtest::Child watch({MVPNSTAT_PATH, "--namespace", Oro::shmNamespace(), "watch", path});
@@ -184,7 +184,7 @@ TEST_F(MvpnstatToolTest, ReportsUnknownDamagedAndForeignTablesAndBadUsage) {
   mvpnstatExpect("check", 0, {"no status tables in shared-memory namespace"});
 
   // A store of another type at a VRF status path.
-  Oro::ShmTable<Vrf::VrfIdMap::VrfId, uint64_t> foreign("Test::Other", "mvpnVrf", {});
+  Oro::ShmTable<VrfId, uint64_t> foreign("Test::Other", "mvpnVrf", {});
   foreign.attach(Oro::ShmAttach{"routing/multicast/vpn/vrfStatus/evpn", Oro::ShmRole::writer});
   mvpnstatExpect("show routing/multicast/vpn/vrfStatus/evpn", 1,
                  {"holds a Test::Other, which mvpnstat does not know"});
@@ -193,16 +193,11 @@ TEST_F(MvpnstatToolTest, ReportsUnknownDamagedAndForeignTablesAndBadUsage) {
   const std::string path = MvpnVrfStatus::mountPath(Nevo::ipv4, bgp_);
   {
     auto vrfs = shmtest::mounted(mvpnVrfStatusFactory(path), {path, Oro::ShmRole::writer});
-    vrfs->mvpnVrfIs(MvpnVrf(Vrf::VrfIdMap::VrfId(1), bgp_));
+    vrfs->mvpnVrfIs(MvpnVrf(VrfId(1), bgp_));
     vrfs->unmount();
   }
   const std::string file = "/dev/shm/" + Oro::shmStoreName(path).substr(1);
-  {
-    std::fstream f(file, std::ios::in | std::ios::out | std::ios::binary);
-    ASSERT_TRUE(f.good()) << file;
-    const std::string garbage(64, '\x5a');
-    f.write(garbage.data(), static_cast<std::streamsize>(garbage.size()));
-  }
+  shmtest::overwriteHeader(path, std::string(64, 'Z'));
   mvpnstatExpect("show " + path, 1, {"is damaged"});
   // A JSON reader gets a whole document naming the damage even when it is found at once.
   mvpnstatExpect("show --json " + path, 1,
@@ -248,8 +243,8 @@ TEST_F(MvpnstatToolTest, ARecordThatDoesNotReadBackFailsShowAndCheck) {
   const std::string path = MvpnTunnelEncapStatus::mountPath("mvpn");
   {
     auto encap = shmtest::mounted(mvpnTunnelEncapStatusFactory(path), {path, Oro::ShmRole::writer});
-    encap->vrfStatusIs(Vrf::VrfIdMap::VrfId(1));
-    auto vrf = encap->vrfStatusIs(Vrf::VrfIdMap::VrfId(2));
+    encap->vrfStatusIs(VrfId(1));
+    auto vrf = encap->vrfStatusIs(VrfId(2));
     for (uint32_t g : {1, 2}) {
       vrf->encapTunnelIs(
           MvpnEncapTunnel(MvpnRouteKey(Nevo::IpGenAddr::ipv4Addr(1),
@@ -281,9 +276,9 @@ TEST_F(MvpnstatToolTest, ARecordThatDoesNotReadBackFailsShowAndCheck) {
   const std::string tree = MvpnRouteStatus::mountPath(Nevo::ipv4, bgp_);
   {
     auto w = shmtest::mounted(mvpnRouteStatusFactory(tree), {tree, Oro::ShmRole::writer});
-    w->vrfRouteStatusIs(Vrf::VrfIdMap::VrfId(1))
-        ->mvpnSourceIs(Nevo::IpGenAddr::ipv4Addr(0xef000001), Nevo::IpGenAddr::ipv4Addr(1),
-                       Nevo::IpGenPrefix(), false, MvpnSource::SourceFlags(1));
+    w->vrfRouteStatusIs(VrfId(1))->mvpnSourceIs(Nevo::IpGenAddr::ipv4Addr(0xef000001),
+                                                Nevo::IpGenAddr::ipv4Addr(1), Nevo::IpGenPrefix(),
+                                                false, MvpnSource::SourceFlags(1));
     w->unmount();
   }
   shmtest::writeSegment(shmtest::firstChunkOf(tree, "sourceTree"), 3 * 4, &bad, 1);
@@ -306,7 +301,7 @@ TEST_F(MvpnstatToolTest, RemoveRefusesALiveWriterAndLeavesNothingOfADeadOne) {
   const pid_t writer = shmtest::forkChild([&]() -> int {
     auto vrfs = shmtest::mounted(mvpnVrfStatusFactory(path), {path, Oro::ShmRole::writer});
     // Enough records for several chunks and index generations.
-    for (uint32_t v = 1; v <= 50000; ++v) vrfs->mvpnVrfIs(MvpnVrf(Vrf::VrfIdMap::VrfId(v)));
+    for (uint32_t v = 1; v <= 50000; ++v) vrfs->mvpnVrfIs(MvpnVrf(VrfId(v)));
     ready.send();
     for (;;) ::pause();
   });
@@ -349,7 +344,7 @@ TEST_F(MvpnstatToolTest, HostileNamesStayValidJsonAndVisibleText) {
   const std::string evilType = "Evil\x1b[31m\xff\"\\\xc2\x9b\xe2\x80\xa8\x7f";
   const std::string evilCounter = "hits\x07\x1b]0;owned\x07\xc3";  // ends mid-sequence
   const std::string path = "routing/multicast/vpn/vrfStatus/evpn";
-  Oro::ShmTable<Vrf::VrfIdMap::VrfId, uint64_t> foreign(evilType, "mvpnVrf", {});
+  Oro::ShmTable<VrfId, uint64_t> foreign(evilType, "mvpnVrf", {});
   foreign.attach(Oro::ShmAttach{path, Oro::ShmRole::writer});
   foreign.counterSlot(0, evilCounter)->store(5);
 
@@ -383,7 +378,7 @@ TEST_F(MvpnstatToolTest, ShowJsonListsEachKeyOnceWhileKeysMove) {
   constexpr uint32_t kKeys = 20000, kMoved = 1000, kFiller = 1000000;
   const std::string path = MvpnVrfStatus::mountPath(Nevo::ipv4, bgp_);
   auto vrfs = shmtest::mounted(mvpnVrfStatusFactory(path), {path, Oro::ShmRole::writer});
-  for (uint32_t k = 0; k < kKeys; ++k) vrfs->mvpnVrfIs(MvpnVrf(Vrf::VrfIdMap::VrfId(k)));
+  for (uint32_t k = 0; k < kKeys; ++k) vrfs->mvpnVrfIs(MvpnVrf(VrfId(k)));
 
   shmtest::Child tool({MVPNSTAT_PATH, "--namespace", Oro::shmNamespace(), "show", path, "--json"});
   const int capacity = fcntl(tool.out, F_GETPIPE_SZ);
@@ -395,9 +390,9 @@ TEST_F(MvpnstatToolTest, ShowJsonListsEachKeyOnceWhileKeysMove) {
     sched_yield();
   }
   for (uint32_t k = 1; k < kMoved; k += 2) {
-    vrfs->mvpnVrfDel(Vrf::VrfIdMap::VrfId(k));
-    vrfs->mvpnVrfIs(MvpnVrf(Vrf::VrfIdMap::VrfId(kFiller + k)));
-    vrfs->mvpnVrfIs(MvpnVrf(Vrf::VrfIdMap::VrfId(k)));
+    vrfs->mvpnVrfDel(VrfId(k));
+    vrfs->mvpnVrfIs(MvpnVrf(VrfId(kFiller + k)));
+    vrfs->mvpnVrfIs(MvpnVrf(VrfId(k)));
   }
   std::string out;
   char buf[65536];
@@ -438,7 +433,7 @@ TEST(MetricsScrape, PrometheusScrapesTheEndpointAndAnswersACounterQuery) {
   Oro::shmUnlinkNamespace();
   const std::string path = MvpnVrfStatus::mountPath(Nevo::ipv4, bgp_);
   auto vrfs = shmtest::mounted(mvpnVrfStatusFactory(path), {path, Oro::ShmRole::writer});
-  for (uint32_t v = 1; v <= 3; ++v) vrfs->mvpnVrfIs(MvpnVrf(Vrf::VrfIdMap::VrfId(v)));
+  for (uint32_t v = 1; v <= 3; ++v) vrfs->mvpnVrfIs(MvpnVrf(VrfId(v)));
 
   shmtest::Child tool(
       {MVPNSTAT_PATH, "--namespace", Oro::shmNamespace(), "metrics", "--listen", "127.0.0.1:0"});
