@@ -183,22 +183,6 @@ TEST_F(VrfStatusTest, ControlCarriesMountStatusAndQuiesced) {
   EXPECT_FALSE(next->mvpnVrfControl()->quiesced());
 }
 
-TEST_F(VrfStatusTest, Dumps) {
-  auto s = mvpnVrfStatusFactory("x");
-  s->mvpnVrfIs(MvpnVrf(VrfId(3), evpn_));
-  s->mvpnVrfIs(MvpnVrf(VrfId(4)));
-  Oro::DumpContext dc;
-  s->dumpState(dc, 2);
-  const std::string text = dc.str();
-  EXPECT_EQ(text.substr(0, 19), "  MvpnVrfStatus #2:");
-  EXPECT_THAT(text, HasSubstr("\n    VRF 3\n"));
-  EXPECT_THAT(text, HasSubstr("\n    VRF 4\n"));
-  Oro::DumpContext pm;
-  pm.postMortemIs(true);
-  s->dumpState(pm, 3);
-  EXPECT_EQ(pm.str(), "   MvpnVrfStatus not in core file\n");
-}
-
 bool ownerListed(const std::string& owner) {
   return std::ranges::any_of(Oro::CounterRegistry::global().list(),
                              [&](const auto& c) { return c.owner == owner; });
@@ -273,22 +257,49 @@ TEST_F(VrfStatusTest, CreationByFactoryAndDirectoryAndTheLastReferenceHandingThe
             "Routing::Multicast::MvpnIntfStatus");
 }
 
-TEST_F(VrfStatusTest, CorruptionDuringWalksEndsThemQuietly) {
+TEST_F(VrfStatusTest, DumpsAndCorruptionDuringWalksEndingThemQuietly) {
   auto s = mvpnVrfStatusFactory("bgp");
   std::vector<std::string> reports;
   s->mvpnVrfCorruptionHandlerIs([&](const std::string& m) { reports.push_back(m); });
   s->mount(ShmAttach{"c/vrf", ShmRole::writer});
-  s->mvpnVrfIs(MvpnVrf(VrfId(1)));
+  s->mvpnVrfIs(MvpnVrf(VrfId(3), evpn_));
+  s->mvpnVrfIs(MvpnVrf(VrfId(4)));
+  Oro::DumpContext dc;
+  s->dumpState(dc, 2);
+  EXPECT_EQ(dc.str().substr(0, 19), "  MvpnVrfStatus #2:");
+  EXPECT_THAT(dc.str(), HasSubstr("\n    VRF 3\n"));
+  EXPECT_THAT(dc.str(), HasSubstr("\n    VRF 4\n"));
+  Oro::DumpContext pm;
+  pm.postMortemIs(true);
+  s->dumpState(pm, 3);
+  EXPECT_EQ(pm.str(), "   MvpnVrfStatus not in core file\n");
+
   ASSERT_TRUE(shmtest::damageTable("c/vrf", "mvpnVrf"));
   s->mvpnVrfDelAll();
   ASSERT_EQ(reports.size(), 1u);
   EXPECT_THAT(reports[0], HasSubstr("corrupt"));
-  Oro::DumpContext dc;
-  s->dumpState(dc, 0);
-  EXPECT_EQ(dc.str(), "MvpnVrfStatus #1:\n");
+  Oro::DumpContext damaged;
+  s->dumpState(damaged, 0);
+  EXPECT_EQ(damaged.str(), "MvpnVrfStatus #2:\n");
   EXPECT_EQ(reports.size(), 2u);
 
+  // The interface status: PMSI lookups and deletion, then a damaged table.
   auto i = mvpnIntfStatusFactory("intf");
+  EXPECT_FALSE(i->isPmsiIntfId(Nevo::IntfId::vlan(7)));
+  i->vrfIntfIdIs(MvpnVrfIntfId(VrfId(1), Nevo::IntfId::vlan(7)));
+  i->vrfIntfIdIs(MvpnVrfIntfId(VrfId(2), Nevo::IntfId::vlan(7)));
+  i->vrfIntfIdIs(MvpnVrfIntfId(VrfId(3), Nevo::IntfId::vlan(8)));
+  EXPECT_TRUE(i->isPmsiIntfId(Nevo::IntfId::vlan(7)));
+  KeyLog<VrfId> seen(i.get(), MvpnIntfStatus::vrfIntfIdAttr);
+  EXPECT_EQ(i->vrfIntfIdDel(VrfId(9)), MvpnVrfIntfId());  // absent: the default record
+  EXPECT_TRUE(seen.keys.empty());
+  i->vrfIntfIdDel(VrfId(1));
+  EXPECT_TRUE(i->isPmsiIntfId(Nevo::IntfId::vlan(7)));
+  i->vrfIntfIdDel(VrfId(2));
+  EXPECT_FALSE(i->isPmsiIntfId(Nevo::IntfId::vlan(7)));
+  EXPECT_EQ(seen.keys, (std::vector<VrfId>{1, 2}));
+  EXPECT_EQ(i->delCounter().name(), "vrfIntfIdDel");
+  EXPECT_EQ(i->delCounter().value(), 3u);
   i->vrfIntfIdCorruptionHandlerIs([&](const std::string& m) { reports.push_back(m); });
   i->mount(ShmAttach{MvpnIntfStatus::mountPath(), ShmRole::writer});
   i->vrfIntfIdIs(MvpnVrfIntfId(VrfId(1), Nevo::IntfId::vlan(5)));
@@ -308,25 +319,6 @@ TEST_F(VrfStatusDeathTest, CorruptionDuringAWriteIsFatalAfterTheHandlerDeathTest
                "handler saw: .*corrupt(.|\n)*write of mvpnVrf met a corrupt shared memory table");
   EXPECT_DEATH(s->mvpnVrfDel(VrfId(1)),
                "handler saw: .*corrupt(.|\n)*removal of mvpnVrf met a corrupt shared memory");
-}
-
-TEST_F(VrfStatusTest, IntfStatusPmsiLookupAndDeletion) {
-  auto i = mvpnIntfStatusFactory("intf");
-  EXPECT_FALSE(i->isPmsiIntfId(Nevo::IntfId::vlan(7)));
-  i->vrfIntfIdIs(MvpnVrfIntfId(VrfId(1), Nevo::IntfId::vlan(7)));
-  i->vrfIntfIdIs(MvpnVrfIntfId(VrfId(2), Nevo::IntfId::vlan(7)));
-  i->vrfIntfIdIs(MvpnVrfIntfId(VrfId(3), Nevo::IntfId::vlan(8)));
-  EXPECT_TRUE(i->isPmsiIntfId(Nevo::IntfId::vlan(7)));
-  KeyLog<VrfId> seen(i.get(), MvpnIntfStatus::vrfIntfIdAttr);
-  EXPECT_EQ(i->vrfIntfIdDel(VrfId(9)), MvpnVrfIntfId());  // absent: the default record
-  EXPECT_TRUE(seen.keys.empty());
-  i->vrfIntfIdDel(VrfId(1));
-  EXPECT_TRUE(i->isPmsiIntfId(Nevo::IntfId::vlan(7)));
-  i->vrfIntfIdDel(VrfId(2));
-  EXPECT_FALSE(i->isPmsiIntfId(Nevo::IntfId::vlan(7)));
-  EXPECT_EQ(seen.keys, (std::vector<VrfId>{1, 2}));
-  EXPECT_EQ(i->delCounter().name(), "vrfIntfIdDel");
-  EXPECT_EQ(i->delCounter().value(), 3u);
 }
 
 using ::testing::Property;
@@ -494,38 +486,13 @@ using RouteStatusDeathTest = RouteStatusTest;
 
 // The group lifetime rule, what the mutators return and the counts are checked against a model
 // (RandomOperationsMatchAModel).
-TEST_F(RouteStatusTest, LookupsOfWhatIsAbsentAndUncheckedRoutes) {
+TEST_F(RouteStatusTest, DumpsInBothModelsLookupsOfWhatIsAbsentAndUncheckedRoutes) {
   auto root = mvpnRouteStatusFactory("bgp");
   auto vrf = root->vrfRouteStatusIs(VrfId(5));
-  EXPECT_EQ(root->vrfRouteStatusIs(VrfId(5)), vrf);  // the same entity, not a new one
   const IpGenAddr g = v4(0xef010101), s1 = v4(0x0a010101);
+  const MvpnRouteKey sg(s1, g, false);
   vrf->mvpnSourceIs(g, s1, prefix(0x0a010100, 24), true, Flags(2));
-  vrf->mvpnSourceIs(g, s1, prefix(0x0a010100, 24), false, Flags(0));
-  vrf->mvpnSourceDel(g, s1, true);  // the group stays for its source tree
-  EXPECT_FALSE(vrf->mvpnSharedTree(g));
-  EXPECT_EQ(vrf->mvpnSource(g, s1, true), MvpnSource());
-  EXPECT_EQ(vrf->mvpnSource(v4(0xef020202), s1, false), MvpnSource());
-  EXPECT_FALSE(vrf->mvpnSharedTree(v4(0xef020202)));
-  // The flat route model stores records unchecked (the flags invariant is the writer's).
-  const MvpnRouteKey rk(s1, g, true);
-  const MvpnRoute bad(rk, prefix(0x0a010100, 24), MvpnRoute::RouteFlags(2));
-  vrf->mvpnRouteIs(bad);
-  EXPECT_EQ(vrf->mvpnRoute(rk), bad);
-  EXPECT_EQ(vrf->mvpnRouteDel(rk), bad);
-  EXPECT_EQ(vrf->mvpnRouteDel(rk), MvpnRoute());
-  // Every call of a mutator counts, also one that finds its entity or record there already
-  // or absent.
-  EXPECT_EQ(root->counters(RouteStatusStore::kMvpnRoute).del.value(), 2u);
-  EXPECT_EQ(root->counters(RouteStatusStore::kVrfRouteStatus).is.value(), 2u);
-  EXPECT_EQ(root->counters(RouteStatusStore::kMvpnGroup).is.value(), 2u);
-}
-
-TEST_F(RouteStatusTest, DumpsInBothModels) {
-  auto root = mvpnRouteStatusFactory("bgp");
-  auto vrf = root->vrfRouteStatusIs(VrfId(5));
-  vrf->mvpnSourceIs(v4(0xef010101), v4(0x0a010101), prefix(0x0a010100, 24), true, Flags(2));
-  vrf->mvpnRouteIs(MvpnRoute(MvpnRouteKey(v4(0x0a010101), v4(0xef010101), false),
-                             prefix(0x0a010100, 24), MvpnRoute::RouteFlags(7)));
+  vrf->mvpnRouteIs(MvpnRoute(sg, prefix(0x0a010100, 24), MvpnRoute::RouteFlags(7)));
   Oro::toggleOverride("MvpnGroupTylModel", true);
   Oro::DumpContext groups;
   root->dumpState(groups, 0);
@@ -545,11 +512,30 @@ TEST_F(RouteStatusTest, DumpsInBothModels) {
             "      VRF ID: 5\n"
             "        MVPN Routes #1\n"
             "          " +
-                vrf->mvpnRoute(MvpnRouteKey(v4(0x0a010101), v4(0xef010101), false))->toStrep() +
-                "\n");
+                vrf->mvpnRoute(sg)->toStrep() + "\n");
   // A VRF reached twice in one dump is printed once, then reported.
   root->dumpState(routes, 0);
   EXPECT_THAT(routes.str(), HasSubstr("  MvpnVrfRouteStatus (already printed)\n"));
+
+  EXPECT_EQ(root->vrfRouteStatusIs(VrfId(5)), vrf);  // the same entity, not a new one
+  vrf->mvpnSourceIs(g, s1, prefix(0x0a010100, 24), false, Flags(0));
+  vrf->mvpnSourceDel(g, s1, true);  // the group stays for its source tree
+  EXPECT_FALSE(vrf->mvpnSharedTree(g));
+  EXPECT_EQ(vrf->mvpnSource(g, s1, true), MvpnSource());
+  EXPECT_EQ(vrf->mvpnSource(v4(0xef020202), s1, false), MvpnSource());
+  EXPECT_FALSE(vrf->mvpnSharedTree(v4(0xef020202)));
+  // The flat route model stores records unchecked (the flags invariant is the writer's).
+  const MvpnRouteKey rk(s1, g, true);
+  const MvpnRoute bad(rk, prefix(0x0a010100, 24), MvpnRoute::RouteFlags(2));
+  vrf->mvpnRouteIs(bad);
+  EXPECT_EQ(vrf->mvpnRoute(rk), bad);
+  EXPECT_EQ(vrf->mvpnRouteDel(rk), bad);
+  EXPECT_EQ(vrf->mvpnRouteDel(rk), MvpnRoute());
+  // Every call of a mutator counts, also one that finds its entity or record there already
+  // or absent.
+  EXPECT_EQ(root->counters(RouteStatusStore::kMvpnRoute).del.value(), 2u);
+  EXPECT_EQ(root->counters(RouteStatusStore::kVrfRouteStatus).is.value(), 2u);
+  EXPECT_EQ(root->counters(RouteStatusStore::kMvpnGroup).is.value(), 2u);
 }
 
 TEST_F(RouteStatusDeathTest, RootsAreMadeInTheStoresHeapByItsCreatorGivenAnInitializerDeathTest) {
@@ -578,16 +564,13 @@ TEST_F(RouteStatusDeathTest, RootsAreMadeInTheStoresHeapByItsCreatorGivenAnIniti
                "Assertion failed: initializer");
 }
 
-TEST_F(RouteStatusDeathTest, ARouteKeyIsCheckedAsItGoesIntoASlotDeathTest) {
-  auto vrf = mvpnRouteStatusFactory("bgp")->vrfRouteStatusIs(VrfId(1));
+TEST_F(RouteStatusDeathTest, ARouteKeyIsCheckedAndCorruptionDuringANestedWriteIsFatalDeathTest) {
+  auto root = mvpnRouteStatusFactory("bgp");
+  // A route key is checked as it goes into a slot.
   MvpnRouteKey key(v4(1), v4(0xef010101), false);
   reinterpret_cast<unsigned char*>(&key)[0] = 0;  // a source of no family
-  EXPECT_DEATH(vrf->mvpnRouteIs(MvpnRoute(key, prefix(0, 0), {})),
+  EXPECT_DEATH(root->vrfRouteStatusIs(VrfId(2))->mvpnRouteIs(MvpnRoute(key, prefix(0, 0), {})),
                "Route key address of unknown family");
-}
-
-TEST_F(RouteStatusDeathTest, CorruptionDuringANestedWriteIsFatalAfterTheHandlerDeathTest) {
-  auto root = mvpnRouteStatusFactory("bgp");
   root->corruptionHandlerIs(shmtest::printCorruption);
   const std::string path = shmtest::ownMountPath("c/tree");
   root->mount(ShmAttach{path, ShmRole::writer});
