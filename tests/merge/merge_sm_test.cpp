@@ -446,12 +446,6 @@ TEST(VrfMergeReconciliation, SeenMemoryIsGivenBackAfterReadyOverSeveralRuns) {
   EXPECT_EQ(rig.mergedMap(), rig.expected());
 }
 
-TEST(VrfMergeLifetime, TheLastReferenceMayGoFromInsideAMerge) {
-  expectTheLastReferenceMayGoFromInsideAMerge<Rig>(
-      MvpnVrfStatus::mvpnVrfAttr, [](Rig& rig, int n, uint32_t v) { rig.put(n, v); },
-      [](Rig& rig, uint32_t v) { return rig.merged->mvpnVrf(VrfId(v)).has_value(); });
-}
-
 }  // namespace vrfMerge
 
 namespace tunnelMerge {
@@ -930,7 +924,11 @@ TEST(TunnelMergeDeathTest, NullArgumentsIntoKeyMismatchAndAVrfLeavingWithAnUnsee
   }
 }
 
-TEST(TunnelMergeLifetime, TheLastReferenceMayGoFromInsideAMerge) {
+TEST(MergeLifetime, TheLastReferenceMayGoFromInsideEitherMerge) {
+  using VrfRig = MergeTest::Rig;
+  expectTheLastReferenceMayGoFromInsideAMerge<VrfRig>(
+      MergeTest::MvpnVrfStatus::mvpnVrfAttr, [](VrfRig& rig, int n, uint32_t v) { rig.put(n, v); },
+      [](VrfRig& rig, uint32_t v) { return rig.merged->mvpnVrf(VrfId(v)).has_value(); });
   expectTheLastReferenceMayGoFromInsideAMerge<Rig>(
       MvpnTunnelEncapStatus::vrfStatusAttr,
       [](Rig& rig, int w, uint32_t v) { rig.putRoute(w, v, 1, "r"); },
