@@ -257,7 +257,7 @@ class PmsiVlanTest : public ::testing::Test {
   Oro::Ptr<MvpnMapper> mapper_ = newMapper(intf_);
 };
 
-TEST_F(PmsiVlanTest, EveryMissingLinkGivesNoneAndOnlyTheFirstTreeIdIsConsulted) {
+TEST_F(PmsiVlanTest, EveryMissingLinkGivesNoneOnlyTheFirstTreeIdCountsAndBadTablesRaiseOrGiveNone) {
   intf_->vrfIntfIdIs(MvpnVrfIntfId(VrfId(5), IntfId::vlan(105)));
   intf_->vrfIntfIdIs(MvpnVrfIntfId(VrfId(7), IntfId()));
   // Even a record under the invalid VRF id is not used for it.
@@ -296,9 +296,8 @@ TEST_F(PmsiVlanTest, EveryMissingLinkGivesNoneAndOnlyTheFirstTreeIdIsConsulted) 
   // Taking the first tree's VRF away empties the answer although other trees have one.
   mapper_->treeIdToVrfIdDel(first);
   EXPECT_TRUE(mapper_->tunnelIdToPmsiVlan(TunnelId(8)).isNone());
-}
 
-TEST_F(PmsiVlanTest, AnInterfaceBeyondTheVlanRangeRaisesAndACorruptTableGivesNone) {
+  // An interface beyond the VLAN range raises.
   intf_->vrfIntfIdIs(MvpnVrfIntfId(VrfId(5), IntfId::vlan(5000)));
   carry(1, treeId(1), VrfId(5));
   EXPECT_THAT([&] { mapper_->tunnelIdToPmsiVlan(TunnelId(1)); },
