@@ -415,27 +415,6 @@ TEST(KeeperAudit, RandomEventSequencesKeepTheAuditClean) {
   }
 }
 
-// An agent that maps a route to a tunnel from a mapper notification while that tunnel goes:
-// the route stays mapped, and in the tunnel's collection.
-TEST(KeeperAudit, ARouteMappedWhileItsTunnelGoesKeepsItsCollection) {
-  auto mapper = newMapper();
-  MvpnMapperKeeper keeper(mapper);
-  const TunnelId t(30);
-  keeper.routeIs(routeKey(1), t);
-  Oro::KeyReactor<MvpnVrfRouteKey> agent(
-      MvpnMapper::routeKeyToTunnelIdAttr, [&](const MvpnVrfRouteKey& k) {
-        if (k == routeKey(1) && mapper->routeKeyToTunnelId(k) == TunnelId()) {
-          keeper.routeIs(routeKey(2), t);
-        }
-      });
-  agent.notifierIs(mapper.get());
-  keeper.tunnelDel(t);
-  EXPECT_TRUE(auditMvpnMapper(*mapper).clean()) << issuesText(auditMvpnMapper(*mapper));
-  EXPECT_EQ(mapper->routeKeyToTunnelId(routeKey(2)), t);
-  ASSERT_TRUE(mapper->tunnelIdToRouteKeys(t));
-  EXPECT_TRUE(mapper->tunnelIdToRouteKeys(t)->keyCollHas(routeKey(2)));
-}
-
 const TunnelId kStranger(77);  // a tunnel the random events never use
 
 // A mistake made by hand on a mapper the keeper has kept so far, and the issues it must raise
@@ -520,14 +499,14 @@ TEST(KeeperAudit, EachInjectedMistakeIsReported) {
   }
 }
 
-TEST(KeeperAudit, ReportAsJsonAndTheAgentScenario) {
-  auto mapper = newMapper();
-  MvpnMapperKeeper keeper(mapper);
-  keeper.routeIs(routeKey(1), TunnelId(7));
-  mapper->routeKeyToTunnelIdDel(routeKey(1));
-  mapper->treeIdToVrfIdIs(MulticastTreeId("a \"quoted\" tree"), VrfId(5));
+TEST(KeeperAudit, ReportAsJsonAndTheAgentScenarios) {
+  auto json = newMapper();
+  MvpnMapperKeeper jsonKeeper(json);
+  jsonKeeper.routeIs(routeKey(1), TunnelId(7));
+  json->routeKeyToTunnelIdDel(routeKey(1));
+  json->treeIdToVrfIdIs(MulticastTreeId("a \"quoted\" tree"), VrfId(5));
   EXPECT_EQ(
-      mvpnMapperAuditJson(auditMvpnMapper(*mapper)),
+      mvpnMapperAuditJson(auditMvpnMapper(*json)),
       "{\"type\": \"Routing::Multicast::MvpnMapper\", \"routeKeys\": 0, \"routeIntfKeys\": 0, "
       "\"treeIds\": 1, \"collections\": 1, \"clean\": false, \"issues\": [\n"
       "  {\"family\": \"routeKey\", \"kind\": \"collKeyWithoutForward\", \"tunnelId\": \"7\", "
@@ -537,9 +516,9 @@ TEST(KeeperAudit, ReportAsJsonAndTheAgentScenario) {
       "\"key\": \"a \\\"quoted\\\" tree\", \"otherTunnelId\": null, \"text\": \"treeId a "
       "\\\"quoted\\\" tree has a VRF but no tunnel's collection holds it\"}\n"
       "]}\n");
-  mapper->tunnelIdToRouteKeysDelAll();
-  mapper->treeIdToVrfIdDelAll();
-  EXPECT_NE(mvpnMapperAuditJson(auditMvpnMapper(*mapper)).find("\"clean\": true, \"issues\": []}"),
+  json->tunnelIdToRouteKeysDelAll();
+  json->treeIdToVrfIdDelAll();
+  EXPECT_NE(mvpnMapperAuditJson(auditMvpnMapper(*json)).find("\"clean\": true, \"issues\": []}"),
             std::string::npos);
 
   // The example agent's flow: a tree moves to another tunnel (make-before-break) and the PMSI
@@ -562,6 +541,25 @@ TEST(KeeperAudit, ReportAsJsonAndTheAgentScenario) {
   EXPECT_TRUE(report.clean()) << issuesText(report);
   EXPECT_EQ(report.routeKeys, 2u);    // routes 0 and 2, still on tunnel 10
   EXPECT_EQ(report.collections, 2u);  // routes of 10, trees of 30
+
+  // An agent that maps a route to a tunnel from a mapper notification while that tunnel goes:
+  // the route stays mapped, and in the tunnel's collection.
+  auto mapper = newMapper();
+  MvpnMapperKeeper keeper(mapper);
+  const TunnelId t(30);
+  keeper.routeIs(routeKey(1), t);
+  Oro::KeyReactor<MvpnVrfRouteKey> onRoute(
+      MvpnMapper::routeKeyToTunnelIdAttr, [&](const MvpnVrfRouteKey& k) {
+        if (k == routeKey(1) && mapper->routeKeyToTunnelId(k) == TunnelId()) {
+          keeper.routeIs(routeKey(2), t);
+        }
+      });
+  onRoute.notifierIs(mapper.get());
+  keeper.tunnelDel(t);
+  EXPECT_TRUE(auditMvpnMapper(*mapper).clean()) << issuesText(auditMvpnMapper(*mapper));
+  EXPECT_EQ(mapper->routeKeyToTunnelId(routeKey(2)), t);
+  ASSERT_TRUE(mapper->tunnelIdToRouteKeys(t));
+  EXPECT_TRUE(mapper->tunnelIdToRouteKeys(t)->keyCollHas(routeKey(2)));
 }
 
 }  // namespace
