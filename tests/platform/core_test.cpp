@@ -168,6 +168,7 @@ TEST(KeyTypeTag, MatchingReactorsAndNestedPublicationsPass) {
   // A key handed over without a publication is not checked (nothing says what it is).
   const uint64_t wide = 9;
   second.onAttributeKey(1, &wide);
+  EXPECT_EQ(seen.back(), "9");
 }
 
 TEST(KeyTypeTagDeathTest, ReactorOfTheWrongKeyTypeIsFatal) {
