@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <charconv>
 #include <climits>
 #include <cstring>
 #include <new>
@@ -1085,6 +1086,41 @@ void ShmStore::retire(ShmSegment& old) {
 
 // Removes segments of this store's path that the store does not use: another instance's
 // (replaced or half-created stores) and this instance's that a dead writer left behind.
+// A creator killed before it renamed its header into place left the header under its
+// temporary name ("<store>@<instance>.new") and, once its doorbell was up, the doorbell's
+// socket, whose name only that header records. The socket goes only when the header belongs to
+// the instance its name says and nobody answers at the socket: a header planted under that
+// name cannot make us remove a live writer's doorbell.
+bool ShmStore::unlinkBellOfTempHeader(const std::string& entry) {
+  static constexpr std::string_view kTemp = ".new";
+  const size_t at = entry.rfind('@');
+  if (at == std::string::npos || entry.size() != at + 1 + 16 + kTemp.size() ||
+      std::string_view(entry).substr(at + 17) != kTemp) {
+    return false;
+  }
+  uint64_t instance = 0;
+  const char* first = entry.data() + at + 1;
+  if (std::from_chars(first, first + 16, instance, 16).ptr != first + 16) return false;
+  ShmSegment header;
+  try {
+    header = ShmSegment::open("/" + entry, ShmSegment::Access::readOnly);
+  } catch (const Exception&) {
+    return false;  // gone meanwhile, empty, or not ours to read
+  }
+  if (header.size() < sizeof(Header) || header.lost()) return false;
+  const auto* h = reinterpret_cast<const Header*>(header.data());
+  if (h->instance != instance) return false;
+  const std::string bell = shmBellPath(h->instance, h->nameKey);
+  struct stat st {};
+  if (::lstat(bell.c_str(), &st) != 0 || !S_ISSOCK(st.st_mode)) return false;
+  const int fd = shmBellConnect(bell);
+  if (fd >= 0) {
+    ::close(fd);
+    return false;
+  }
+  return fd == -ECONNREFUSED && ::unlink(bell.c_str()) == 0;
+}
+
 void ShmStore::cleanLeftovers() const {
   const std::string mine = shmStoreSegmentName(mountPath_, instance_, "").substr(1);
   std::vector<std::string> inUse;
@@ -1098,6 +1134,7 @@ void ShmStore::cleanLeftovers() const {
       const std::string suffix = n.substr(mine.size());
       if (std::find(inUse.begin(), inUse.end(), suffix) != inUse.end()) continue;
     }
+    unlinkBellOfTempHeader(n);
     ::unlink((std::string(kShmDirectory) + "/" + n).c_str());
   }
 }
@@ -1115,6 +1152,7 @@ size_t ShmStore::remove(const std::string& mountPath) {
   auto unlinkDead = [&](const std::vector<std::string>& names) {
     size_t removed = 0;
     for (const std::string& n : names) {
+      if (unlinkBellOfTempHeader(n)) ++removed;
       if (::unlink((std::string(kShmDirectory) + "/" + n).c_str()) == 0) ++removed;
     }
     return removed;

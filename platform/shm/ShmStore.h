@@ -251,6 +251,7 @@ class ShmStore {
   void build(const ShmStoreSchema& schema, uint32_t ringCapacity, bool shared, uint64_t instance);
   void startBell();
   static bool unlinkDeadBell(const ShmSegment& header);
+  static bool unlinkBellOfTempHeader(const std::string& entry);
   uint32_t walkChild(uint32_t c, uint64_t parent, uint32_t from, bool after, Record* out) const;
   void unlinkInstance() const;
   void attach(ShmSegment header, const ShmStoreSchema* schema, bool writable);

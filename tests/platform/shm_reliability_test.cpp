@@ -149,21 +149,25 @@ TEST_F(ShmReliabilityTest, AStalledCreatorOrTakerNeverLeavesTwoWriters) {
   EXPECT_THROW(ShmStore::openWriter("r/two", schema, 0600, 64), Oro::ShmException);
   ::kill(a, SIGCONT);
   EXPECT_EQ(waitChild(a), 10);
-  // A creator killed before its store has its name leaves segments that nobody holds: the
-  // writer that creates the store then removes them (it has as many as a store made in peace).
+  // A creator killed before its store has its name leaves segments that nobody holds, and its
+  // doorbell: the writer that creates the store then removes them (it has as many as a store
+  // made in peace, and one doorbell).
+  const auto segments = [](const std::string& word) {
+    return std::ranges::count_if(Oro::shmNamespaceEntries(), [&](const std::string& n) {
+      return n.find(word) != std::string::npos;
+    });
+  };
+  const auto bells = segments(".bell.");
   a = forkChild([&] {
     faultAt(ShmFaultPoint::creationBuilt, 1);
     ShmStore s = ShmStore::openWriter("r/left", schema, 0600, 64);
     return 10;
   });
   ASSERT_EQ(waitChild(a), 128 + SIGKILL);
-  const auto segments = [](const std::string& word) {
-    return std::ranges::count_if(Oro::shmNamespaceEntries(), [&](const std::string& n) {
-      return n.find(word) != std::string::npos;
-    });
-  };
   EXPECT_GT(segments("left"), 1);
+  EXPECT_EQ(segments(".bell."), bells + 1);
   ShmStore left = ShmStore::openWriter("r/left", schema, 0600, 64);
+  EXPECT_EQ(segments(".bell."), bells + 1);  // the dead one gone, the new writer's up
   ShmStore peace = ShmStore::openWriter("r/peace", schema, 0600, 64);
   EXPECT_EQ(segments("left"), segments("peace"));
 }
