@@ -120,9 +120,9 @@ class KeyedInput : public InputSmBase {
   }
   void taskDel() { task_.reset(); }
   void doInitializeTask() {
-    const Dyx::SmControl& control = machine_->dynaControl();
-    if (!control.taskScheduler) return;
-    taskIs(control.taskScheduler, control.taskPriority,
+    Oro::TaskScheduler* scheduler = machine_->scheduler();
+    if (!scheduler) return;
+    taskIs(scheduler, machine_->dynaControl().taskPriority,
            fmt::format("{}-{}InputScanTask{}", machine_->typeName(), name_, stream_));
   }
 
@@ -245,7 +245,7 @@ class KeyedInput : public InputSmBase {
     scan_.restart();
     machine_->inputSmScanState()->streamScanIs(stream_, false);
     if (!task_) doInitializeTask();
-    if (task_) {
+    if (task_ && task_->scheduler()) {
       task_->schedule();
     } else {
       doInputScan();
@@ -253,7 +253,7 @@ class KeyedInput : public InputSmBase {
   }
   // In the task when there is one and the machine is not synchronous, else right here.
   void runScan() {
-    if (task_ && !synchronous_) {
+    if (task_ && task_->scheduler() && !synchronous_) {
       task_->schedule();
     } else {
       doInputScan();

@@ -15,6 +15,8 @@ MergeSm::MergeSm(const MachineDesc& desc, const Oro::TraceHandle& trace,
     : desc_(desc),
       qtHandle_(&trace),
       dynaControl_(control),
+      schedulerLife_(control.taskScheduler ? control.taskScheduler->lifetime()
+                                           : std::weak_ptr<const void>()),
       streams_(desc.streams.size()),
       synchronous_(control.defaultSynchronous),
       scanStateReactor_([this](Oro::AttrId attr) { onScanStateChange(attr); }),

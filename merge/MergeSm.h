@@ -56,6 +56,11 @@ class MergeSm : public Oro::Entity {
   }
 
   const Dyx::SmControl& dynaControl() const { return dynaControl_; }
+  // The scheduler of dynaControl() while it exists; null without one or once it is destroyed.
+  // A machine that outlives its scheduler runs in place whatever it would have scheduled.
+  Oro::TaskScheduler* scheduler() const {
+    return schedulerLife_.expired() ? nullptr : dynaControl_.taskScheduler;
+  }
   bool initialized() const { return initialized_; }
   // Setting true for the first time starts the machine (handleInitialized).
   void initializedIs(bool initialized);
@@ -124,6 +129,7 @@ class MergeSm : public Oro::Entity {
   const MachineDesc& desc_;
   const Oro::TraceHandle* qtHandle_;
   Dyx::SmControl dynaControl_;
+  std::weak_ptr<const void> schedulerLife_;
   size_t streams_;
   bool initialized_ = false;
   bool initialScanDone_ = false;

@@ -396,9 +396,9 @@ class NestedInputSm : public InputSmBase {
   }
   template <size_t k>
   void doInitializeTask() {
-    const Dyx::SmControl& control = machine_->dynaControl();
-    if (!control.taskScheduler) return;
-    taskIs<k>(control.taskScheduler, control.taskPriority,
+    Oro::TaskScheduler* scheduler = machine_->scheduler();
+    if (!scheduler) return;
+    taskIs<k>(scheduler, machine_->dynaControl().taskPriority,
               fmt::format("{}-{}InputScanTask{}", machine_->typeName(), name(), streamNumber(k)));
   }
   void doInitializeTask() {
@@ -661,7 +661,7 @@ class NestedInputSm : public InputSmBase {
   template <size_t k>
   void runScan() {
     Stream& st = stream<k>();
-    if (st.task && !synchronous_) {
+    if (st.task && st.task->scheduler() && !synchronous_) {
       st.task->schedule();
     } else {
       doInputScan<k>();
@@ -712,7 +712,7 @@ class NestedInputSm : public InputSmBase {
   template <size_t k>
   void scheduleChildScan(Child* c) {
     Stream& st = stream<k>();
-    if (synchronous_ || !machine_->dynaControl().taskScheduler) {
+    if (synchronous_ || !machine_->scheduler()) {
       // The stream was complete and said so before this child came: it stays so, as when the
       // child's scan runs in the task.
       const bool complete = nothingToScan<k>();
@@ -761,7 +761,7 @@ class NestedInputSm : public InputSmBase {
     for (auto& [key, child] : children_) child->template restartScan<k>();
     machine_->inputSmScanState()->streamScanIs(streamNumber(k), false);
     if (!st.task) doInitializeTask<k>();
-    if (st.task) {
+    if (st.task && st.task->scheduler()) {
       st.task->schedule();
     } else {
       doInputScan<k>();

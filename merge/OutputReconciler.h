@@ -105,7 +105,7 @@ class OutputReconciler : public OutputBase {
     reconciling_ = present != 0;
     // The merging scans record about as many keys as the output holds now.
     if (reconciling_) seen_.reserve(present);
-    if (Oro::TaskScheduler* scheduler = parent_->dynaControl().taskScheduler) {
+    if (Oro::TaskScheduler* scheduler = parent_->scheduler()) {
       const std::string prefix = std::string(parent_->shortName()) + "-" + name_;
       task_ = std::make_unique<Oro::Task>(scheduler, parent_->dynaControl().taskPriority,
                                           prefix + "Task", [this] {
@@ -159,7 +159,7 @@ class OutputReconciler : public OutputBase {
     // Seen may hold tens of megabytes: its memory goes back over later task runs.
     seen_.clear();
     if (seen_.retainedBytes() != 0) {  // none when nothing was recorded (an empty output)
-      if (releaseTask_ && !parent_->synchronous()) {
+      if (releaseTask_ && releaseTask_->scheduler() && !parent_->synchronous()) {
         releaseTask_->schedule();
       } else {
         seen_.releaseSome(seen_.retainedBytes());
@@ -192,7 +192,7 @@ class OutputReconciler : public OutputBase {
 
   // Deletes unseen entries from the bookmark on; returns true when it stopped to yield.
   bool walk(uint64_t& processed, uint64_t& deleted) {
-    const bool synchronous = parent_->synchronous() || !task_;
+    const bool synchronous = parent_->synchronous() || !task_ || !task_->scheduler();
     // A run stops only after it handled an entry, so that every run makes visible progress;
     // a long run of empty entities (all the merged VRFs that hold only the other output's
     // records, say) may stop after kEmptyStepsBeforeYield steps without one, so that the

@@ -143,6 +143,7 @@ TaskScheduler::TaskScheduler(std::chrono::nanoseconds timeSlice)
 
 TaskScheduler::~TaskScheduler() {
   MVPN_ASSERT_MSG(!running_, "a scheduler cannot be destroyed by one of its tasks");
+  life_.reset();
   // Tasks that outlive the scheduler are detached so that their destructors do not
   // reach back into it.
   for (Task* t = impl_->allTasks; t;) {

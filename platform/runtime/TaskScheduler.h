@@ -159,7 +159,13 @@ class TaskScheduler {
   // How often run()/runUntil() went to sleep in the kernel (for tests and statistics).
   uint64_t sleeps() const;
 
+  // Expires when the scheduler is destroyed. Whoever keeps the scheduler's address beyond
+  // its own tasks (a merge machine makes tasks as its inputs grow) checks it before making
+  // a task: its existing tasks are detached then, but a new one would reach a freed scheduler.
+  std::weak_ptr<const void> lifetime() const { return life_; }
+
  private:
+  std::shared_ptr<const void> life_ = std::make_shared<int>(0);
   struct Impl;
   std::unique_ptr<Impl> impl_;
   std::chrono::nanoseconds timeSlice_;

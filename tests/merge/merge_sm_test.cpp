@@ -935,6 +935,31 @@ TEST(MergeLifetime, TheLastReferenceMayGoFromInsideEitherMerge) {
       [](Rig& rig, uint32_t v) { return rig.merged->vrfStatus(VrfId(v)) != nullptr; });
 }
 
+// A machine that outlives its scheduler runs in place what it would have scheduled: a VRF
+// that comes after the scheduler went is scanned and merged at once (after ready), and one that
+// comes while scans were pending changes nothing (nothing is merged before the initial scan).
+TEST(MergeLifetime, AMachineThatOutlivesItsSchedulerRunsItsWorkInPlace) {
+  for (const bool ready : {true, false}) {
+    SCOPED_TRACE(ready ? "ready" : "scans pending");
+    Rig rig;
+    auto scheduler = std::make_unique<Oro::TaskScheduler>(std::chrono::hours(1));
+    rig.putRoutes({{kMvpn, 1, 1, "a"}, {kStatic, 1, 2, "b"}});
+    auto sm = Routing::Multicast::mergedMcastTunnelEncapStatusSmFactory(
+        rig.in[0], rig.in[1], rig.in[2], rig.merged,
+        Dyx::SmControl{scheduler.get(), Oro::TaskPriority::normal, false});
+    sm->initializedIs(true);
+    if (ready) {
+      scheduler->runUntilIdle();
+      ASSERT_TRUE(sm->ready());
+    }
+    scheduler.reset();
+    rig.putRoutes({{kMvpn, 7, 1, "c"}, {kMvpn, 7, 2, "d"}, {kStatic, 8, 1, "e"}});
+    rig.putIntf(kEvpn, 9, 1, "f");
+    rig.delVrf(kMvpn, 1);
+    EXPECT_EQ(rig.mergedContents(), ready ? rig.expected() : Contents{});
+  }
+}
+
 }  // namespace tunnelMerge
 
 }  // namespace
