@@ -1,6 +1,7 @@
 #include "platform/runtime/TaskScheduler.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <mutex>
 #include <thread>
 #include <unordered_map>
@@ -10,6 +11,89 @@
 #include "platform/runtime/Futex.h"
 
 namespace Oro {
+
+// One futex_waitv call watches at most kFutexWaitvMax words. A loop that follows more tables
+// than that sleeps on the first kFutexWaitvMax words itself and hands the rest, in shares of
+// kShare, to helper threads: each waits on its share and on `stopWord`, and when its wait ends
+// for a word of its share it bumps the scheduler's own word (the first one the scheduler waits
+// on), which ends the scheduler's sleep. The scheduler ends a round by bumping `stopWord` and
+// waits until every helper is done with the words before it touches them again.
+class SleepHelpers {
+ public:
+  static constexpr std::size_t kShare = kFutexWaitvMax - 1;  // room for stopWord
+
+  explicit SleepHelpers(std::atomic<uint32_t>* schedulerWord) : schedulerWord_(schedulerWord) {}
+  ~SleepHelpers() {
+    quit_.store(true);
+    round_.fetch_add(1, std::memory_order_release);
+    futexWake(&round_, INT32_MAX, false);
+    for (std::thread& t : threads_) t.join();
+  }
+  SleepHelpers(const SleepHelpers&) = delete;
+  SleepHelpers& operator=(const SleepHelpers&) = delete;
+
+  // Starts a round over words[kFutexWaitvMax, count).
+  void begin(const FutexWait* words, std::size_t count) {
+    const std::size_t needed = (count - kFutexWaitvMax + kShare - 1) / kShare;
+    while (threads_.size() < needed) {
+      // It starts from the round before this one, so that it takes part in this one.
+      threads_.emplace_back([this, i = threads_.size(), r = round_.load()] { run(i, r); });
+    }
+    words_ = words;
+    count_ = count;
+    stopExpected_ = stopWord_.load();
+    done_.store(0);
+    round_.fetch_add(1, std::memory_order_release);
+    futexWake(&round_, INT32_MAX, false);
+  }
+  // Ends the round: after it no helper reads the words any more.
+  void end() {
+    stopWord_.fetch_add(1);
+    futexWake(&stopWord_, INT32_MAX, false);
+    const auto helpers = static_cast<uint32_t>(threads_.size());
+    for (uint32_t n; (n = done_.load(std::memory_order_acquire)) != helpers;) {
+      futexWait(&done_, n, false, nullptr);
+    }
+  }
+
+ private:
+  void run(std::size_t index, uint32_t seen) {
+    for (;;) {
+      uint32_t r;
+      while ((r = round_.load(std::memory_order_acquire)) == seen) {
+        futexWait(&round_, seen, false, nullptr);
+      }
+      seen = r;
+      if (quit_.load()) return;
+      const std::size_t first = kFutexWaitvMax + index * kShare;
+      if (first < count_) {
+        FutexWait share[kFutexWaitvMax];
+        const std::size_t n = std::min(kShare, count_ - first);
+        std::copy(words_ + first, words_ + first + n, share);
+        share[n] = {&stopWord_, stopExpected_, false};
+        futexWaitv(share, n + 1, nullptr);
+        if (stopWord_.load() == stopExpected_) {
+          schedulerWord_->fetch_add(1);
+          futexWake(schedulerWord_, 1, false);
+        }
+      }
+      done_.fetch_add(1, std::memory_order_release);
+      futexWake(&done_, 1, false);
+    }
+  }
+
+  std::atomic<uint32_t>* schedulerWord_;
+  std::vector<std::thread> threads_;
+  // Written by the scheduler before it bumps round_ and read by the helpers after they saw
+  // the bump; not touched again until every helper reported done_.
+  const FutexWait* words_ = nullptr;
+  std::size_t count_ = 0;
+  uint32_t stopExpected_ = 0;
+  std::atomic<uint32_t> round_{0};
+  std::atomic<uint32_t> stopWord_{0};
+  std::atomic<uint32_t> done_{0};
+  std::atomic<bool> quit_{false};
+};
 
 struct TaskScheduler::Impl {
   // Ready lists, one per priority; FIFO within a list.
@@ -57,6 +141,7 @@ struct TaskScheduler::Impl {
   std::atomic<bool> stopRequested{false};
   uint64_t sleeps = 0;
   std::vector<FutexWait> words;
+  std::unique_ptr<SleepHelpers> helpers;  // made when the words first outnumber one wait
 
   void pruneTimers() {
     auto greater = std::greater<TimerEntry>();
@@ -409,8 +494,6 @@ void TaskScheduler::sleepUntil(Clock::time_point wakeAt) {
     s->sleepBegin(d.words);
     wakeAt = std::min(wakeAt, s->wakeBy());
   }
-  MVPN_ASSERT_MSG(d.words.size() <= kFutexWaitvMax,
-                  "the scheduler sleeps on at most 128 futex words");
   // Every source is now registered as a sleeper: anything that arrives from here on
   // changes a watched word. Whatever arrived before is seen by this check.
   bool pending = d.stopRequested.load() || d.hasPosted.load(std::memory_order_acquire) ||
@@ -428,7 +511,14 @@ void TaskScheduler::sleepUntil(Clock::time_point wakeAt) {
     ++d.sleeps;
     // Woken, timed out, interrupted or already changed: all lead back to the loop,
     // which finds out what there is to do.
-    futexWaitv(d.words.data(), d.words.size(), timeout);
+    if (d.words.size() <= kFutexWaitvMax) {
+      futexWaitv(d.words.data(), d.words.size(), timeout);
+    } else {
+      if (!d.helpers) d.helpers = std::make_unique<SleepHelpers>(&d.wakeWord);
+      d.helpers->begin(d.words.data(), d.words.size());
+      futexWaitv(d.words.data(), kFutexWaitvMax, timeout);
+      d.helpers->end();
+    }
   }
   for (WaitSource* s : d.sources) s->sleepEnd();
   d.sleeping.store(false, std::memory_order_relaxed);

@@ -7,6 +7,8 @@
 // timers, and dispatches wait sources (shared-memory tables fed by other processes).
 // run() sleeps in futex_waitv() when there is nothing to do and wakes on a task
 // scheduled from another thread (wakeup()), a due timer, or a write to a watched table.
+// Words past the 128 one futex_waitv takes are watched by helper threads, which wake the
+// loop's own word.
 //
 // Invariants: everything except post(), wakeup() and stop() runs on the one scheduler
 // thread: the thread that created the scheduler, and from its first unit of work on, the
