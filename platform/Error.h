@@ -98,6 +98,23 @@ class ShmReplacedException : public ShmException {
   using ShmException::ShmException;
 };
 
+// A segment cannot be created, grown, opened or mapped for want of descriptors, address space
+// or shared memory (EMFILE, ENFILE, ENOMEM, ENOSPC, EFBIG): a limit of this process or of the
+// machine, not damage. Nothing in shared memory is wrong, and no store is replaced for it.
+class ShmResourceException : public ShmException {
+ public:
+  using ShmException::ShmException;
+};
+
+// A reader's store that this process cannot map for now (a ShmResourceException met while
+// following it). Readers handle it as they handle damage - they stop following the store and
+// look again later, and whoever handles corruption hears of it - but the store is whole: tools
+// call it unreadable, not damaged.
+class ShmUnreadableException : public ShmCorruptionException {
+ public:
+  using ShmCorruptionException::ShmCorruptionException;
+};
+
 // A shared-memory segment exists but this process may not open it (file permissions).
 class ShmPermissionException : public ShmException {
  public:

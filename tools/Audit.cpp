@@ -126,7 +126,8 @@ bool check(const std::optional<std::string>& path, bool json) {
           Oro::ShmStoreInfo broken;
           broken.mountPath = in.path;
           broken.problem = e.what();
-          broken.damaged = dynamic_cast<const Oro::ShmCorruptionException*>(&e) != nullptr;
+          broken.damaged = dynamic_cast<const Oro::ShmCorruptionException*>(&e) != nullptr &&
+                           dynamic_cast<const Oro::ShmUnreadableException*>(&e) == nullptr;
           tables.push_back(std::move(broken));
         }
       }

@@ -165,6 +165,8 @@ const StatusType& resolve(const std::string& path, bool jsonDamage) {
   Oro::ShmStoreInfo info;
   try {
     info = Oro::shmStoreInfo(path);
+  } catch (const Oro::ShmUnreadableException& e) {
+    throw Failure{1, e.what()};  // whole, but this process cannot map it now
   } catch (const Oro::ShmCorruptionException& e) {
     if (jsonDamage) Mvpnstat::printDamagedDocument(stdout, path, "", e.what());
     throw Failure{1, fmt::format("the store at {} is damaged: {}", path, e.what())};
@@ -288,6 +290,8 @@ int run(int argc, char** argv) {
       return Mvpnstat::check(a.path.empty() ? std::nullopt : std::optional(a.path), a.json) ? 0 : 1;
     } catch (const Oro::ParseException& e) {
       throw Failure{2, e.what()};
+    } catch (const Oro::ShmUnreadableException& e) {
+      throw Failure{1, e.what()};
     } catch (const Oro::ShmCorruptionException& e) {
       // An explanation reads the inputs too: the message names the store that is damaged.
       if (a.command == "explain") {
@@ -332,6 +336,8 @@ int run(int argc, char** argv) {
       sigaction(SIGTERM, &sa, nullptr);
       type.watch(a.path, a.json, stdout, a.count);
     }
+  } catch (const Oro::ShmUnreadableException& e) {
+    throw Failure{1, e.what()};
   } catch (const Oro::ShmCorruptionException& e) {
     throw Failure{1, fmt::format("the table at {} is damaged: {}", a.path, e.what())};
   } catch (const Oro::Exception& e) {

@@ -13,9 +13,12 @@
 // process memory.
 //
 // Failures: bad names, a live second writer, a store of another type, running out of shared
-// memory: ShmException, nothing changes (the binding stays on the store it was on). A damaged
-// store met by a reader goes to the corruption handler; the reader then looks for a store
-// republished by its writer, with growing pauses. A store removed (its writer dead) is, for
+// memory, descriptors or address space (ShmResourceException): ShmException, nothing changes
+// (the binding stays on the store it was on; a writer never replaces a store it could not map).
+// A damaged store met by a reader goes to the corruption handler; the reader then looks for a
+// store republished by its writer, with growing pauses. A reader that cannot map a part of a
+// whole store for its process's limits does the same, with a message that says so ("cannot be
+// read", ShmUnreadableException). A store removed (its writer dead) is, for
 // its readers, a store that lost every key; they look for a new one the same way.
 //
 // Thread safety: one thread (the owner's scheduler thread).

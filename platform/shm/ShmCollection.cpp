@@ -153,6 +153,8 @@ uint32_t ShmCollection::readableHighWater() const {
     if (hw != 0) slotPtr(hw - 1);  // maps the chunks below hw, unless they are already
   } catch (const ShmCorruptionException&) {
     throw;
+  } catch (const ShmResourceException& e) {
+    storePtr_->segmentMissing(e);
   } catch (const ShmException& e) {
     storePtr_->corrupt(fmt::format("collection {}: {}", index_, e.what()));
   }

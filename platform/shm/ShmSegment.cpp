@@ -267,26 +267,39 @@ int shmOpenFile(const std::string& name, int flags, mode_t mode) {
   return fd;
 }
 
+namespace {
+// A failure of a segment operation: this process's limits or a full shared memory, which leave
+// the store as it is (ShmResourceException), or anything else.
+[[noreturn]] void throwShmFailure(std::string message, int err) {
+  if (err == EMFILE || err == ENFILE || err == ENOMEM || err == ENOSPC || err == EFBIG) {
+    throw ShmResourceException(message);
+  }
+  throw ShmException(message);
+}
+}  // namespace
+
 ShmSegment ShmSegment::create(const std::string& name, size_t bytes, mode_t mode, bool replace,
                               bool commitNow) {
   if (replace) ::shm_unlink(name.c_str());
   const int fd = shmOpenFile(name, O_RDWR | O_CREAT | O_EXCL, mode);
   if (fd < 0) {
     const int err = errno;
-    throw ShmException(fmt::format("cannot create shared memory segment {}: {}", name,
-                                   err == EEXIST ? "it already exists" : errnoText(err)));
+    throwShmFailure(fmt::format("cannot create shared memory segment {}: {}", name,
+                                err == EEXIST ? "it already exists" : errnoText(err)),
+                    err);
   }
   // fchmod: the umask must not narrow the mode the store was asked for.
   (void)::fchmod(fd, mode);
   auto fail = [&](const char* what, int err) {
     ::close(fd);
     ::shm_unlink(name.c_str());
-    return ShmException(fmt::format("cannot {} shared memory segment {} ({} bytes): {}", what, name,
-                                    bytes, errnoText(err)));
+    throwShmFailure(fmt::format("cannot {} shared memory segment {} ({} bytes): {}", what, name,
+                                bytes, errnoText(err)),
+                    err);
   };
-  if (::ftruncate(fd, static_cast<off_t>(bytes)) != 0) throw fail("size", errno);
+  if (::ftruncate(fd, static_cast<off_t>(bytes)) != 0) fail("size", errno);
   void* p = ::mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-  if (p == MAP_FAILED) throw fail("map", errno);
+  if (p == MAP_FAILED) fail("map", errno);
   ShmSegment s(p, bytes, fd, name);
   if (commitNow) {
     try {
@@ -303,9 +316,9 @@ void ShmSegment::commit(size_t offset, size_t bytes) {
   if (fd_ < 0 || bytes == 0) return;
   if (int err = ::posix_fallocate(fd_, static_cast<off_t>(offset), static_cast<off_t>(bytes));
       err != 0) {
-    throw ShmException(
-        fmt::format("cannot commit memory of shared memory segment {} ({} bytes): {}", name_, size_,
-                    errnoText(err)));
+    throwShmFailure(fmt::format("cannot commit memory of shared memory segment {} ({} bytes): {}",
+                                name_, size_, errnoText(err)),
+                    err);
   }
   // Maps the committed pages into this process now, in one call: the writer then fills them
   // without a page fault per page. Best effort.
@@ -327,8 +340,8 @@ ShmSegment ShmSegment::open(const std::string& name, Access access, size_t minBy
           fmt::format("permission denied: cannot open shared memory segment {} for {}", name,
                       rw ? "writing" : "reading"));
     }
-    throw ShmException(
-        fmt::format("cannot open shared memory segment {}: {}", name, errnoText(err)));
+    throwShmFailure(fmt::format("cannot open shared memory segment {}: {}", name, errnoText(err)),
+                    err);
   }
   struct stat st {};
   if (::fstat(fd, &st) != 0) {
@@ -347,8 +360,8 @@ ShmSegment ShmSegment::open(const std::string& name, Access access, size_t minBy
   if (p == MAP_FAILED) {
     const int err = errno;
     ::close(fd);
-    throw ShmException(
-        fmt::format("cannot map shared memory segment {}: {}", name, errnoText(err)));
+    throwShmFailure(fmt::format("cannot map shared memory segment {}: {}", name, errnoText(err)),
+                    err);
   }
   return ShmSegment(p, bytes, fd, name);
 }
@@ -359,8 +372,8 @@ ShmSegment ShmSegment::map(int fd, std::string name, size_t bytes, Access access
   if (p == MAP_FAILED) {
     const int err = errno;
     ::close(fd);
-    throw ShmException(
-        fmt::format("cannot map shared memory segment {}: {}", name, errnoText(err)));
+    throwShmFailure(fmt::format("cannot map shared memory segment {}: {}", name, errnoText(err)),
+                    err);
   }
   return ShmSegment(p, bytes, fd, std::move(name));
 }

@@ -564,6 +564,14 @@ void ShmStore::corrupt(const std::string& what) const {
 }
 
 void ShmStore::segmentMissing(const std::exception& e) const {
+  if (dynamic_cast<const ShmResourceException*>(&e)) {
+    // Nothing in shared memory is wrong: a writer fails with nothing changed (a taking-over
+    // writer never replaces the store for it); a reader stops following until it can.
+    if (writable_) throw;
+    throw ShmUnreadableException(fmt::format("shared memory store {} cannot be read: {}",
+                                             mountPath_.empty() ? "(detached)" : mountPath_,
+                                             e.what()));
+  }
   if (!dynamic_cast<const ShmPermissionException*>(&e) && hdr_ &&
       hdr_->magic.load(std::memory_order_acquire) == kMagic) {
     corrupt(e.what());
@@ -992,6 +1000,8 @@ ShmStore ShmStore::openWriter(const std::string& mountPath, const ShmStoreSchema
           throw;
         } catch (const ShmPermissionException&) {
           throw;
+        } catch (const ShmResourceException&) {
+          throw;  // this process's limits: the store is whole, and stays as it is
         } catch (const ShmException& e) {
           // Another revision's layout, a missing segment: the data is ours to republish.
           if (std::string_view(e.what()).find("holds a ") != std::string_view::npos) throw;

@@ -514,6 +514,30 @@ TEST_F(ShmReliabilityTest, ADamagedStoreIsRecreatedByItsWriterAndItsReadersRecov
   }
 }
 
+// A writer that cannot take a store over for its process's limits (here the file size: the
+// take-over rebuilds the index) fails with nothing changed: that is not damage, and no new
+// store replaces the one there.
+TEST_F(ShmReliabilityTest, AWriterShortOfResourcesLeavesTheStoreAsItIs) {
+  {
+    Attached w(ShmAttach{"r/limits", ShmRole::writer});
+    fill(w, 0, 20000);
+  }
+  const pid_t child = forkChild([] {
+    ::signal(SIGXFSZ, SIG_IGN);
+    const rlimit small{16384, 16384};
+    ::setrlimit(RLIMIT_FSIZE, &small);
+    try {
+      Attached w(ShmAttach{"r/limits", ShmRole::writer});
+      return 11;
+    } catch (const Oro::ShmResourceException& e) {
+      return std::string_view(e.what()).find("File too large") != std::string_view::npos ? 10 : 12;
+    }
+  });
+  EXPECT_EQ(waitChild(child), 10);
+  Attached w(ShmAttach{"r/limits", ShmRole::writer});
+  EXPECT_EQ(w.size(), 20000u);
+}
+
 // A refused mount (a live writer there, a bad name, nothing to read) leaves the table on the
 // store it was on: its writes still reach that store's readers, also one that outlives its
 // scheduler.
