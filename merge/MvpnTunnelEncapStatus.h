@@ -16,7 +16,8 @@
 // - iteration is in each collection's own (store) order; a bookmark resumes a walk where it
 //   was taken, visiting every record present throughout; one made from a key alone resumes
 //   at that key, or from the start when the key is gone; an iterator stays usable across
-//   changes of its collection;
+//   changes of its collection, but a walk begun in the store ends when its entity leaves the
+//   store (a walk begun afterwards shows what the entity kept);
 // - a per-VRF entity removed from its root keeps its records (a reader's: its keys) for
 //   whoever still holds it.
 //
