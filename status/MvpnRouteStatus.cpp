@@ -285,12 +285,16 @@ void MvpnVrfRouteStatus::mvpnRouteNotify(const MvpnRouteKey& key, const MvpnRout
 // Every call counts, as every call of a record's Is does; only a new group is announced. The
 // lookup is part of the write: damage it meets stops the process as the write's would.
 Oro::Ptr<MvpnGroup> MvpnVrfRouteStatus::mvpnGroupIs(const IpGenAddr& group) {
+  bool added = false;
+  return groupIs(group, &added);
+}
+
+Oro::Ptr<MvpnGroup> MvpnVrfRouteStatus::groupIs(const IpGenAddr& group, bool* added) {
   const auto held = holdForMutation();
   if (auto* c = counters(RouteStatusStore::kMvpnGroup)) c->is.inc();
-  bool added = false;
   Oro::Ptr<MvpnGroup> g =
-      writeOrStop("write", "mvpnGroup", *this, [&] { return groups_.insert(group, &added); });
-  if (added) mvpnGroupNotify(group);
+      writeOrStop("write", "mvpnGroup", *this, [&] { return groups_.insert(group, added); });
+  if (*added) mvpnGroupNotify(group);
   return g;
 }
 
@@ -317,12 +321,22 @@ MvpnSource MvpnVrfRouteStatus::mvpnSourceIs(const IpGenAddr& group, const IpGenA
                                             MvpnSource::SourceFlags sourceFlags) {
   // Held whoever is subscribed: a subscriber of the group (not of this VRF) may let go of it.
   const auto held = Oro::keepAlive(this);
-  Oro::Ptr<MvpnGroup> g = mvpnGroupIs(group);
+  bool added = false;
+  Oro::Ptr<MvpnGroup> g = groupIs(group, &added);
   const MvpnSource record(source, umhPrefix, sourceFlags);
-  if (sharedTree) {
-    g->sharedTreeIs(record);
-  } else {
-    g->sourceTreeIs(record);
+  try {
+    if (sharedTree) {
+      g->sharedTreeIs(record);
+    } else {
+      g->sourceTreeIs(record);
+    }
+  } catch (const Oro::ShmException&) {
+    // Out of shared memory: a group made for this source alone goes again, so that the failed
+    // call leaves nothing behind.
+    if (added && g->sharedTreeSize() == 0 && g->sourceTreeSize() == 0 && mvpnGroup(group) == g) {
+      mvpnGroupDel(group);
+    }
+    throw;
   }
   return record;
 }

@@ -194,6 +194,8 @@ class MvpnVrfRouteStatus : public Oro::Entity, public Oro::ShmNode, public Oro::
   MvpnVrfRouteStatus(Oro::ShmBinding* binding, uint64_t ref, const Key& vrfId);
   ShmRootBase::MutatorCounters* counters(uint32_t coll) const;
   uint32_t countSources(size_t (MvpnGroup::*treeSize)() const) const;
+  // mvpnGroupIs, telling whether the group is new.
+  Oro::Ptr<MvpnGroup> groupIs(const Nevo::IpGenAddr& group, bool* added);
 
   VrfId vrfId_;
   MvpnRoutes routes_;

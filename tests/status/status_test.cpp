@@ -3,9 +3,11 @@
 // order, text, value and wire forms. The route status tree: sources and groups under the group
 // lifetime rule (against a model), counts, dumps in both models, creation in the store's heap,
 // departed VRFs. Readers of both in other processes.
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <map>
 #include <random>
 #include <set>
@@ -757,6 +759,32 @@ TEST_F(RouteStatusTest, ADeletedVrfKeepsItsRecordsForWhoeverHoldsIt) {
   MvpnRouteStatus* rawRoot = root.get();
   EXPECT_TRUE(rawRoot->vrfRouteStatusIs(VrfId(10)));
   EXPECT_FALSE(root);
+}
+
+// A source that no longer fits in shared memory fails with nothing changed: a group made for
+// it alone goes again.
+TEST_F(RouteStatusTest, ASourceThatDoesNotFitLeavesNoGroupBehind) {
+  const pid_t child = shmtest::forkChild([] {
+    auto root = shmtest::mounted(mvpnRouteStatusFactory("bgp"), {"t/full", ShmRole::writer});
+    auto vrf = root->vrfRouteStatusIs(VrfId(1));
+    ::signal(SIGXFSZ, SIG_IGN);
+    const rlimit small{256 << 10, 256 << 10};
+    ::setrlimit(RLIMIT_FSIZE, &small);
+    uint32_t failed = 0;
+    for (uint32_t n = 0; n < 100000 && failed < 20; ++n) {
+      try {
+        vrf->mvpnSourceIs(v4(0xef000000 + n), v4(1), prefix(0, 0), true, Flags());
+      } catch (const Oro::ShmException&) {
+        ++failed;
+      }
+    }
+    if (failed == 0) return 11;  // the limit was never met
+    for (auto it = vrf->mvpnGroupIter(); it.valid(); it.next()) {
+      if (it.value()->sharedTreeSize() == 0) return 12;
+    }
+    return 10;
+  });
+  EXPECT_EQ(shmtest::waitChild(child), 10);
 }
 
 // Random source and group operations against a plain model of the trees.
