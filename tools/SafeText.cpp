@@ -80,14 +80,14 @@ std::string jsonQuote(std::string_view s) {
   return out + "\"";
 }
 
-std::string displayText(std::string_view s, bool keepNewlines) {
+std::string displayText(std::string_view s, Shown shown) {
   std::string out;
   out.reserve(s.size());
   for (size_t i = 0, len = 0; i < s.size(); i += len) {
     const char32_t cp = decode(s, i, len);
     if (cp == '\\') {
-      out += "\\\\";
-    } else if (cp == '\n' && keepNewlines) {
+      out += shown == Shown::text ? "\\\\" : "\\";
+    } else if (cp == '\n' && shown == Shown::dump) {
       out += '\n';
     } else if (cp == kInvalid || cp < 0x20 || cp == 0x7F) {
       out += fmt::format("\\x{:02x}", static_cast<uint8_t>(s[i]));

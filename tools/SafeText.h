@@ -19,10 +19,18 @@ namespace Mvpnstat {
 // byte becomes \ufffd.
 std::string jsonQuote(std::string_view s);
 
-// Text for plain-text output. Printable UTF-8 passes through; a backslash is doubled; a
-// control character (C0, DEL) or an invalid byte is shown as \xNN, a C1 control as \u00NN.
-// With keepNewlines, '\n' passes through, so that multi-line dumps keep their lines.
-std::string displayText(std::string_view s, bool keepNewlines = false);
+// What displayText is given.
+enum class Shown {
+  text,  // any text: a backslash is doubled, so that every escape shown is one of ours
+  form,  // a record's or a key's text form, whose strings escape their own backslashes: a
+         // backslash there never stands for a byte displayText escaped, and passes through
+  dump,  // lines of text forms: newlines pass through too
+};
+
+// Text for plain-text output. Printable UTF-8 passes through; a control character (C0, DEL)
+// or an invalid byte is shown as \xNN, a C1 control as \u00NN; backslashes and newlines as
+// `shown` says.
+std::string displayText(std::string_view s, Shown shown = Shown::text);
 
 // A count with its noun, singular for one: "1 record", "3 records".
 inline std::string counted(uint64_t n, std::string_view noun) {

@@ -168,7 +168,7 @@ template <class Root>
 void printDump(const ReaderRoot<Root>& r, FILE* out) {
   Oro::DumpContext dc;
   r.root->dumpState(dc, 0);
-  fmt::print(out, "{}", displayText(dc.str(), true));
+  fmt::print(out, "{}", displayText(dc.str(), Shown::dump));
   r.failIfDamaged();
 }
 
@@ -222,7 +222,8 @@ struct Watch {
   void change(const std::string& level, const std::string& keys, const std::string& what) {
     line(json ? fmt::format("{{\"level\": {}, \"keys\": {}, \"change\": {}}}", jsonQuote(level),
                             jsonQuote(keys), jsonQuote(what))
-              : fmt::format("{}: {}", displayText(keys), displayText(what)));
+              : fmt::format("{}: {}", displayText(keys, Shown::form),
+                            displayText(what, Shown::form)));
   }
   // Reports the transitions of a merged status's merger ("merger: ready") as changes,
   // including its end: a merger killed between two writes changes nothing in its store, so
@@ -292,8 +293,8 @@ uint64_t watch(const std::string& path, bool json, FILE* out, uint64_t maxChange
     const auto rec = r.root->record(key);
     w.line(json ? fmt::format("{{\"key\": {}, \"record\": {}}}", jsonQuote(key.toStrep()),
                               rec ? recordJson(*rec) : std::string("null"))
-                : fmt::format("{}: {}", displayText(key.toStrep()),
-                              rec ? displayText(rec->toValueForm()) : "deleted"));
+                : fmt::format("{}: {}", displayText(key.toStrep(), Shown::form),
+                              rec ? displayText(rec->toValueForm(), Shown::form) : "deleted"));
   });
   reactor.notifierIs(r.root.get());
   w.followMerger(r.root->binding());
@@ -479,11 +480,11 @@ void showEncap(const std::string& path, bool json, FILE* out) {
       fmt::print(out, "  VRF ID: {}\n    Encap tunnels #{}\n", vrf->vrfId().value(),
                  vrf->encapTunnelSize());
       for (auto it = vrf->encapTunnelIter(); it.valid(); it.next()) {
-        fmt::print(out, "      {}\n", displayText(it.value().toStrep()));
+        fmt::print(out, "      {}\n", displayText(it.value().toStrep(), Shown::form));
       }
       fmt::print(out, "    Encap interface tunnels #{}\n", vrf->encapIntfTunnelSize());
       for (auto it = vrf->encapIntfTunnelIter(); it.valid(); it.next()) {
-        fmt::print(out, "      {}\n", displayText(it.value().toStrep()));
+        fmt::print(out, "      {}\n", displayText(it.value().toStrep(), Shown::form));
       }
     }
     r.failIfDamaged();

@@ -125,7 +125,8 @@ TEST_F(MvpnstatToolTest, ShowsListsAndWatchesTablesAndNestedStatuses) {
   auto encap = mvpnTunnelEncapStatusFactory("static");
   encap->mount(Oro::ShmAttach{encapPath, Oro::ShmRole::writer});
   const MvpnRouteKey rk(v4(0x0a000001), v4(0xef000001), false);
-  const MvpnEncapTunnel route(rk, "ingress \"a\"");
+  // Text shows the record's text form as it is: its string escapes its own backslash.
+  const MvpnEncapTunnel route(rk, "ingress \"a\\b\"");
   const MvpnEncapIntfTunnel intf(MvpnRouteIntfKey(rk, Nevo::IntfId::vlan(5)), "vx");
   encap->vrfStatusIs(VrfId(1))->encapTunnelIs(route);
   encap->vrfStatusIs(VrfId(2))->encapIntfTunnelIs(intf);
@@ -137,7 +138,7 @@ TEST_F(MvpnstatToolTest, ShowsListsAndWatchesTablesAndNestedStatuses) {
   ASSERT_EQ(edoc["vrfs"].size(), 2u);
   for (const auto& v : edoc["vrfs"]) {
     if (v["vrfId"] == 1) {
-      EXPECT_EQ(v["encapTunnel"][0]["encapData"], "ingress \"a\"");
+      EXPECT_EQ(v["encapTunnel"][0]["encapData"], "ingress \"a\\b\"");
     } else {
       EXPECT_EQ(v["encapIntfTunnel"][0]["routeIntfKey"], intf.routeIntfKey().toStrep());
     }
