@@ -161,8 +161,9 @@ void MvpnVrfTunnelEncapStatus::encapIntfTunnelHandleCorruption(const std::string
 // ---- MvpnTunnelEncapStatus --------------------------------------------------------------------
 
 Oro::TraceHandle& MvpnTunnelEncapStatus::trace() {
-  static Oro::TraceHandle handle("MvpnTunnelEncapStatus");
-  return handle;
+  // Never destroyed: roots and machines held in globals trace until after main returns.
+  static auto* handle = new Oro::TraceHandle("MvpnTunnelEncapStatus");
+  return *handle;
 }
 
 MvpnTunnelEncapStatus::MvpnTunnelEncapStatus(std::string name)

@@ -96,8 +96,9 @@ bool emptyVrf(const MvpnVrfTunnelEncapStatus& e) {
 }  // namespace
 
 Oro::TraceHandle& MergedMcastTunnelEncapStatusSm::traceHandle() {
-  static Oro::TraceHandle handle(std::string{kDesc.shortName});
-  return handle;
+  // Never destroyed: roots and machines held in globals trace until after main returns.
+  static auto* handle = new Oro::TraceHandle(std::string{kDesc.shortName});
+  return *handle;
 }
 
 MergedMcastTunnelEncapStatusSm::MergedMcastTunnelEncapStatusSm(

@@ -29,8 +29,10 @@ using DynaCode::MergedMvpnVrfStatusSm::MergedVrfStatusMvpnVrfOutputColl;
 }  // namespace
 
 Oro::TraceHandle& MergedMvpnVrfStatusSm::traceHandle() {
-  static Oro::TraceHandle handle(std::string{DynaCode::MergedMvpnVrfStatusSm::kDesc.shortName});
-  return handle;
+  // Never destroyed: roots and machines held in globals trace until after main returns.
+  static auto* handle =
+      new Oro::TraceHandle(std::string{DynaCode::MergedMvpnVrfStatusSm::kDesc.shortName});
+  return *handle;
 }
 
 MergedMvpnVrfStatusSm::MergedMvpnVrfStatusSm(Oro::Ptr<const MvpnVrfStatus> mvpnVrfStatus,

@@ -46,12 +46,13 @@ bool parseLevels(std::string_view s, uint32_t* mask) {
 }  // namespace
 
 // Process-wide state behind the handles. Constructed on first use, so handles built during
-// static initialisation find it ready, and destroyed after every handle built before it ends.
+// static initialisation find it ready, and never destroyed, so that handles used or destroyed
+// at exit (by roots held in globals) find it still there. Every line is flushed as written.
 class TraceRegistry {
  public:
   static TraceRegistry& get() {
-    static TraceRegistry r;
-    return r;
+    static auto* r = new TraceRegistry;  // never destroyed: handles may be used at exit
+    return *r;
   }
 
   void add(TraceHandle* h) {

@@ -434,8 +434,9 @@ void MvpnVrfRouteStatus::dumpState(Oro::DumpContext& dc, int indent) const {
 // ---- MvpnRouteStatus ------------------------------------------------------------------------
 
 Oro::TraceHandle& MvpnRouteStatus::trace() {
-  static Oro::TraceHandle handle("MvpnRouteStatus");
-  return handle;
+  // Never destroyed: roots and machines held in globals trace until after main returns.
+  static auto* handle = new Oro::TraceHandle("MvpnRouteStatus");
+  return *handle;
 }
 
 MvpnRouteStatus::MvpnRouteStatus(std::string name)

@@ -274,8 +274,9 @@ class ShmStatusRoot : public ShmRootBase {
   void dumpState(Oro::DumpContext& dc, int indent) const;
 
   static Oro::TraceHandle& trace() {
-    static Oro::TraceHandle handle(Traits::traceName);
-    return handle;
+    // Never destroyed: roots and machines held in globals trace until after main returns.
+    static auto* handle = new Oro::TraceHandle(Traits::traceName);
+    return *handle;
   }
 
  private:

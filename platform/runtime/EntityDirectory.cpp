@@ -7,8 +7,8 @@
 namespace Oro {
 
 EntityDirectory& EntityDirectory::global() {
-  static EntityDirectory d;
-  return d;
+  static auto* d = new EntityDirectory;  // never destroyed (see EntityHeap::process)
+  return *d;
 }
 
 void EntityDirectory::registerType(const std::string& typeName, size_t arity, Factory factory) {

@@ -37,9 +37,11 @@ void release(void* object) noexcept {
 
 }  // namespace
 
+// Never destroyed, like every registry a root's destructor reaches: a root held in a global
+// is released after main returns, when function-local statics made inside main are gone.
 EntityHeap& EntityHeap::process() {
-  static ProcessHeap heap;
-  return heap;
+  static auto* heap = new ProcessHeap;
+  return *heap;
 }
 
 EntityHeap*& EntityHeap::selected() {

@@ -15,14 +15,16 @@ struct Registry {
   std::map<std::string, Creator> creators;
 };
 Registry& registry() {
-  static Registry r;
-  return r;
+  static auto* r = new Registry;  // never destroyed: roots in globals outlive main
+  return *r;
 }
 }  // namespace
 
+// Never destroyed: a root held in a global releases its entities here after main returns,
+// after every function-local static made inside main is gone.
 CountingHeap& heap() {
-  static CountingHeap h;
-  return h;
+  static auto* h = new CountingHeap;
+  return *h;
 }
 
 bool registerRoot(const std::string& typeName, Creator creator) {

@@ -41,8 +41,8 @@ bool validNamespace(std::string_view ns) {
 }
 
 std::optional<std::string>& namespaceStorage() {
-  static std::optional<std::string> ns;
-  return ns;
+  static auto* ns = new std::optional<std::string>;  // never destroyed: names are needed at exit
+  return *ns;
 }
 
 std::string errnoText(int err) {

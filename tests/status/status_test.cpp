@@ -787,6 +787,23 @@ TEST_F(RouteStatusTest, ASourceThatDoesNotFitLeavesNoGroupBehind) {
   EXPECT_EQ(shmtest::waitChild(child), 10);
 }
 
+// A root held in a global is released after main returns, when the function-local statics
+// made inside main are gone: what its entities came from (their heap, the trace handles) must
+// still be there. The child exits the ordinary way; a sanitizer build reports a release into a
+// destroyed heap.
+Oro::Ptr<MvpnRouteStatus> gTree;
+
+TEST_F(RouteStatusTest, ARootHeldInAGlobalIsReleasedCleanlyAtExit) {
+  const pid_t child = shmtest::forkChild([] {
+    gTree = shmtest::mounted(mvpnRouteStatusFactory("bgp"), {"t/global", ShmRole::writer});
+    gTree->vrfRouteStatusIs(VrfId(1))->mvpnSourceIs(v4(0xef000001), v4(1), prefix(0, 0), true,
+                                                    Flags());
+    std::exit(gTree->vrfRouteStatusSize() == 1 ? 10 : 11);
+    return 12;
+  });
+  EXPECT_EQ(shmtest::waitChild(child), 10);
+}
+
 // Random source and group operations against a plain model of the trees.
 TEST_F(RouteStatusTest, RandomOperationsMatchAModel) {
   for (const bool mounted : {false, true}) {
