@@ -277,7 +277,9 @@ std::string shmBellPath(uint64_t instance, uint64_t nameKey) {
 }
 
 ShmBellServer::ShmBellServer(std::string path, mode_t mode, const std::atomic<uint32_t>* wakeWord)
-    : path_(std::move(path)), state_(std::make_shared<State>()) {
+    : path_(std::move(path)),
+      state_(std::make_shared<State>()),
+      forkGeneration_(shmForkGeneration()) {
   state_->wakeWord = wakeWord;
   const sockaddr_un addr = addressOf(path_);
   const int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
@@ -307,6 +309,7 @@ ShmBellServer::ShmBellServer(std::string path, mode_t mode, const std::atomic<ui
 ShmBellServer::~ShmBellServer() {
   Watcher::instance().remove(state_);
   ::close(state_->listenFd);
+  if (forkGeneration_ != shmForkGeneration()) return;  // the parent's doorbell, still serving
   ::unlink(path_.c_str());
   auto* word = const_cast<std::atomic<uint32_t>*>(state_->wakeWord);
   word->fetch_add(1, std::memory_order_seq_cst);

@@ -107,6 +107,7 @@ class ShmBellServer {
   void wakeAll();
   std::string path_;
   std::shared_ptr<State> state_;
+  uint32_t forkGeneration_;  // a forked child's copy leaves the parent's socket and word alone
 };
 
 class ShmBellClient {

@@ -8,7 +8,10 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <pthread.h>
+
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -45,6 +48,11 @@ std::optional<std::string>& namespaceStorage() {
   return *ns;
 }
 
+// Counted from the library's load on: every fork after it is seen.
+std::atomic<uint32_t> forkGeneration{0};
+[[maybe_unused]] const int forkCounted = ::pthread_atfork(
+    nullptr, nullptr, [] { forkGeneration.fetch_add(1, std::memory_order_relaxed); });
+
 std::string errnoText(int err) {
   return std::strerror(err);
 }
@@ -55,6 +63,10 @@ std::string dirPath(std::string_view name) {
 }
 
 }  // namespace
+
+uint32_t shmForkGeneration() {
+  return forkGeneration.load(std::memory_order_relaxed);
+}
 
 const std::string& shmNamespace() {
   std::optional<std::string>& ns = namespaceStorage();

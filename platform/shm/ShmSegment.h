@@ -53,6 +53,11 @@ std::vector<std::string> shmNamespaceEntries();
 // Removes every entry of the current namespace; for tests and tools.
 void shmUnlinkNamespace();
 
+// Advanced in every child a fork() makes after the library was loaded. A writer's store and
+// doorbell remember it: a forked child's copies of them belong to the parent's shared state and
+// must not act on it.
+uint32_t shmForkGeneration();
+
 // shm_open for a segment, which must be a regular file: anything else planted under its name
 // (a FIFO would block the open, a device the mapping) raises ShmException. Otherwise as
 // shm_open: a descriptor, or -1 with errno.

@@ -545,6 +545,7 @@ ShmStore& ShmStore::operator=(ShmStore&& o) noexcept {
   opSeq_ = o.opSeq_;
   publishNew_ = o.publishNew_;
   damage_ = std::move(o.damage_);
+  forkGeneration_ = o.forkGeneration_;
   for (auto& c : colls_) c->storeIs(this);
   return *this;
 }
@@ -1254,8 +1255,17 @@ void ShmStore::recover() {
 // The write lock goes with the header's descriptor, when the store is destroyed.
 void ShmStore::releaseOwnership() {
   if (!hdr_ || !shared() || !writable_) return;
-  hdr_->owner.store(0, std::memory_order_release);
+  if (!forkedWriterCopy()) hdr_->owner.store(0, std::memory_order_release);
   bell_.reset();
+}
+
+void ShmStore::refuseForkedCopy() const {
+  if (forkedWriterCopy()) {
+    throw ShmException(fmt::format(
+        "shared memory store {} is written by the process this one was forked from: a forked "
+        "child does not write it (it may mount the store again once that process let it go)",
+        mountPath_));
+  }
 }
 
 void ShmStore::checkIntact() const {
@@ -1475,6 +1485,7 @@ uint64_t ShmStore::refOf(uint32_t c, uint32_t slot) const {
 }
 
 bool ShmStore::put(uint32_t c, const uint32_t* words, std::string_view blob, Record* old) {
+  refuseForkedCopy();
   checkIntact();
   ShmCollection& coll = *colls_[c];
   uint32_t buf[kMaxRecordWords];
@@ -1527,6 +1538,7 @@ void ShmStore::removeMembers(uint32_t c, uint64_t ref) {
 }
 
 bool ShmStore::remove(uint32_t c, const uint32_t* keyWords, Record* old) {
+  refuseForkedCopy();
   checkIntact();
   ShmCollection& coll = *colls_[c];
   uint32_t oldWords[kMaxRecordWords];
@@ -1553,6 +1565,7 @@ bool ShmStore::remove(uint32_t c, const uint32_t* keyWords, Record* old) {
 }
 
 void ShmStore::reserve(uint32_t c, uint32_t records) {
+  refuseForkedCopy();
   colls_[c]->reserve(records);
 }
 
@@ -1572,6 +1585,7 @@ void ShmStore::publishKey(uint32_t c, const uint32_t* keyWords) {
 }
 
 void ShmStore::publishControl() {
+  if (forkedWriterCopy()) return;  // the parent's readers, woken by the parent
   // Pairs with the doorbell: the writer advances the wake word and then reads the pending
   // registration; the watcher records a registration and then reads the wake word (both
   // sequentially consistent), so a sleeper is woken by one side or the other.
@@ -1584,11 +1598,13 @@ void ShmStore::publishControl() {
 }
 
 void ShmStore::mountStatusIs(uint32_t status) {
+  if (forkedWriterCopy()) return;  // the parent's store: it is mounted there
   hdr_->mountStatus.store(status, std::memory_order_release);
   publishControl();
 }
 
 void ShmStore::quiescedIs(bool quiesced) {
+  refuseForkedCopy();
   hdr_->quiesced.store(quiesced ? 1 : 0, std::memory_order_release);
   publishControl();
 }

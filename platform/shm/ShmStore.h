@@ -112,6 +112,11 @@ class ShmStore {
   static size_t remove(const std::string& mountPath);
 
   bool valid() const { return hdr_ != nullptr; }
+  // A writer's store as a forked child inherited it: the parent still writes it. The child's
+  // copy changes nothing shared (writes raise ShmException; letting it go touches nothing).
+  bool forkedWriterCopy() const {
+    return writable_ && forkGeneration_ != shmForkGeneration() && shared();
+  }
   bool shared() const { return headerSeg_.named(); }
   bool writable() const { return writable_; }
   const std::string& mountPath() const { return mountPath_; }
@@ -243,6 +248,8 @@ class ShmStore {
   // is none, for the caller to report once the change is published.
   bool hasDamage() const { return !damage_.empty(); }
   std::string takeDamage() { return std::exchange(damage_, std::string()); }
+  // Raises ShmException on a forked child's copy of a writer's store (forkedWriterCopy).
+  void refuseForkedCopy() const;
 
  private:
   friend class ShmCollection;
@@ -342,6 +349,7 @@ class ShmStore {
   uint64_t opSeq_ = 0;
   bool publishNew_ = false;  // copies announce what they write
   std::string damage_;
+  uint32_t forkGeneration_ = shmForkGeneration();
 };
 
 }  // namespace Oro

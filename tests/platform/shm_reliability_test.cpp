@@ -514,6 +514,37 @@ TEST_F(ShmReliabilityTest, ADamagedStoreIsRecreatedByItsWriterAndItsReadersRecov
   }
 }
 
+// A writer's store inherited by a forked child stays the parent's: the child's writes are
+// refused, and a child that lets its copy go leaves the parent's owner, mount status and
+// doorbell as they were.
+TEST_F(ShmReliabilityTest, AForkedChildOfAWriterLeavesTheStoreToItsParent) {
+  Attached w(ShmAttach{"r/forked", ShmRole::writer});
+  w.insert(1, Rec::of(1));
+  const auto bells = [] {
+    return std::ranges::count_if(Oro::shmNamespaceEntries(), [](const std::string& n) {
+      return n.find(".bell.") != std::string::npos;
+    });
+  };
+  const auto before = bells();
+  const pid_t child = forkChild([&] {
+    try {
+      w.insert(2, Rec::of(2));
+      return 11;
+    } catch (const Oro::ShmException& e) {
+      if (std::string_view(e.what()).find("forked") == std::string_view::npos) return 12;
+    }
+    w.detach();
+    return 10;
+  });
+  EXPECT_EQ(waitChild(child), 10);
+  EXPECT_EQ(bells(), before);
+  const auto* h = w.store().header();
+  EXPECT_EQ(h->owner.load(), static_cast<uint64_t>(::getpid()));
+  EXPECT_EQ(h->mountStatus.load(), static_cast<uint32_t>(TylKetab::MountStatus::mounted));
+  w.insert(3, Rec::of(3));
+  EXPECT_EQ(w.size(), 2u);
+}
+
 // A writer that cannot take a store over for its process's limits (here the file size: the
 // take-over rebuilds the index) fails with nothing changed: that is not damage, and no new
 // store replaces the one there.
