@@ -8,7 +8,9 @@
 // run() sleeps in futex_waitv() when there is nothing to do and wakes on a task
 // scheduled from another thread (wakeup()), a due timer, or a write to a watched table.
 // Words past the 128 one futex_waitv takes are watched by helper threads, which wake the
-// loop's own word.
+// loop's own word. A process that ends from another thread stops the loop first (stop(), then
+// let run() return) or ends with _exit/quick_exit: exit() runs the destructors of what the
+// sleeping loop waits on (a reader's mapped header), and its wait then fails fatally.
 //
 // Invariants: everything except post(), wakeup() and stop() runs on the one scheduler
 // thread: the thread that created the scheduler, and from its first unit of work on, the
