@@ -115,6 +115,12 @@ class ShmUnreadableException : public ShmCorruptionException {
   using ShmCorruptionException::ShmCorruptionException;
 };
 
+// Whether a failure to read a store means the store is damaged (not merely unreadable here).
+inline bool isShmDamage(const std::exception& e) {
+  return dynamic_cast<const ShmCorruptionException*>(&e) != nullptr &&
+         dynamic_cast<const ShmUnreadableException*>(&e) == nullptr;
+}
+
 // A shared-memory segment exists but this process may not open it (file permissions).
 class ShmPermissionException : public ShmException {
  public:

@@ -126,8 +126,7 @@ bool check(const std::optional<std::string>& path, bool json) {
           Oro::ShmStoreInfo broken;
           broken.mountPath = in.path;
           broken.problem = e.what();
-          broken.damaged = dynamic_cast<const Oro::ShmCorruptionException*>(&e) != nullptr &&
-                           dynamic_cast<const Oro::ShmUnreadableException*>(&e) == nullptr;
+          broken.damaged = Oro::isShmDamage(e);
           tables.push_back(std::move(broken));
         }
       }

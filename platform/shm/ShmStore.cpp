@@ -1095,8 +1095,6 @@ void ShmStore::retire(ShmSegment& old) {
   old = ShmSegment();
 }
 
-// Removes segments of this store's path that the store does not use: another instance's
-// (replaced or half-created stores) and this instance's that a dead writer left behind.
 // A creator killed before it renamed its header into place left the header under its
 // temporary name ("<store>@<instance>.new") and, once its doorbell was up, the doorbell's
 // socket, whose name only that header records. The socket goes only when the header belongs to
@@ -1121,17 +1119,13 @@ bool ShmStore::unlinkBellOfTempHeader(const std::string& entry) {
   if (header.size() < sizeof(Header) || header.lost()) return false;
   const auto* h = reinterpret_cast<const Header*>(header.data());
   if (h->instance != instance) return false;
-  const std::string bell = shmBellPath(h->instance, h->nameKey);
-  struct stat st {};
-  if (::lstat(bell.c_str(), &st) != 0 || !S_ISSOCK(st.st_mode)) return false;
-  const int fd = shmBellConnect(bell);
-  if (fd >= 0) {
-    ::close(fd);
-    return false;
-  }
-  return fd == -ECONNREFUSED && ::unlink(bell.c_str()) == 0;
+  const int fd = shmBellConnect(shmBellPath(h->instance, h->nameKey));
+  if (fd >= 0) ::close(fd);
+  return fd == -ECONNREFUSED && unlinkDeadBell(header);
 }
 
+// Removes segments of this store's path that the store does not use: another instance's
+// (replaced or half-created stores) and this instance's that a dead writer left behind.
 void ShmStore::cleanLeftovers() const {
   const std::string mine = shmStoreSegmentName(mountPath_, instance_, "").substr(1);
   std::vector<std::string> inUse;

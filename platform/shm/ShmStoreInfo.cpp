@@ -71,15 +71,10 @@ std::vector<ShmStoreInfo> listShmStores() {
     if (path.empty()) continue;
     try {
       out.push_back(shmStoreInfo(path));
-    } catch (const ShmUnreadableException& e) {
-      ShmStoreInfo info;
-      info.mountPath = path;
-      info.problem = e.what();
-      out.push_back(std::move(info));
     } catch (const ShmCorruptionException& e) {
       ShmStoreInfo info;
       info.mountPath = path;
-      info.damaged = true;
+      info.damaged = isShmDamage(e);
       info.problem = e.what();
       out.push_back(std::move(info));
     } catch (const ShmException& e) {
