@@ -381,6 +381,7 @@ uint32_t ShmCollection::seekChild(uint64_t parent, uint32_t from, bool after, ui
 void ShmCollection::mapIndex(uint32_t generation) const {
   ShmSegment seg = ShmSegment::open(storePtr_->segName(suffix('i', generation)),
                                     ShmSegment::Access::readOnly, sizeof(IndexHeader));
+  seg.dropDescriptor();
   const auto* ih = reinterpret_cast<const IndexHeader*>(seg.data());
   if (ih->magic.load(std::memory_order_acquire) != kIndexMagic || ih->generation != generation ||
       ih->capacity < 1 || sizeof(IndexHeader) + 4ull * ih->capacity > seg.size() ||

@@ -222,7 +222,11 @@ uint64_t processStartTime(pid_t pid) {
 // ---- ShmSegment ---------------------------------------------------------------------------
 
 ShmSegment::ShmSegment(void* data, size_t size, int fd, std::string name)
-    : data_(static_cast<std::byte*>(data)), size_(size), fd_(fd), name_(std::move(name)) {
+    : data_(static_cast<std::byte*>(data)),
+      size_(size),
+      fd_(fd),
+      shared_(fd >= 0),
+      name_(std::move(name)) {
   if (fd_ >= 0) guard_ = ShmGuard::add(data_, size_);
 }
 
@@ -230,6 +234,7 @@ ShmSegment::ShmSegment(ShmSegment&& o) noexcept
     : data_(std::exchange(o.data_, nullptr)),
       size_(std::exchange(o.size_, 0)),
       fd_(std::exchange(o.fd_, -1)),
+      shared_(std::exchange(o.shared_, false)),
       guard_(std::exchange(o.guard_, ShmGuard::kNone)),
       name_(std::move(o.name_)) {}
 
@@ -239,6 +244,7 @@ ShmSegment& ShmSegment::operator=(ShmSegment&& o) noexcept {
     data_ = std::exchange(o.data_, nullptr);
     size_ = std::exchange(o.size_, 0);
     fd_ = std::exchange(o.fd_, -1);
+    shared_ = std::exchange(o.shared_, false);
     guard_ = std::exchange(o.guard_, ShmGuard::kNone);
     name_ = std::move(o.name_);
   }
@@ -256,6 +262,12 @@ void ShmSegment::release() {
   if (fd_ >= 0) ::close(fd_);
   data_ = nullptr;
   size_ = 0;
+  fd_ = -1;
+  shared_ = false;
+}
+
+void ShmSegment::dropDescriptor() {
+  if (fd_ >= 0) ::close(fd_);
   fd_ = -1;
 }
 
@@ -431,10 +443,22 @@ bool ShmSegment::decommit(size_t offset, size_t bytes) {
 }
 
 size_t ShmSegment::committedBytes() const {
-  if (fd_ < 0) return 0;
+  if (!shared_) return 0;
+  int fd = fd_;
+  if (fd < 0) {
+    // Gone from the namespace (its store removed or replaced): it holds no memory of the
+    // store's any more once our mapping goes.
+    try {
+      fd = shmOpenFile(name_, O_RDONLY);
+    } catch (const ShmException&) {
+      return 0;
+    }
+    if (fd < 0) return 0;
+  }
   struct stat st {};
-  if (::fstat(fd_, &st) != 0) return 0;
-  return static_cast<size_t>(st.st_blocks) * 512;
+  const bool ok = ::fstat(fd, &st) == 0;
+  if (fd != fd_) ::close(fd);
+  return ok ? static_cast<size_t>(st.st_blocks) * 512 : 0;
 }
 
 }  // namespace Oro

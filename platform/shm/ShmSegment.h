@@ -113,6 +113,10 @@ class ShmSegment {
   bool decommit(size_t offset, size_t bytes);
   // Bytes of memory the segment holds (tmpfs blocks), for the resident-size figures.
   size_t committedBytes() const;
+  // Closes the descriptor of a segment that will only be read: the mapping stays, and a
+  // process following many stores keeps one descriptor per store (its header's) rather than
+  // one per segment. committedBytes then opens the segment by name.
+  void dropDescriptor();
   // Keeps the name for this object only (after a rename).
   void nameIs(std::string name) { name_ = std::move(name); }
 
@@ -124,6 +128,7 @@ class ShmSegment {
   std::byte* data_ = nullptr;
   size_t size_ = 0;
   int fd_ = -1;
+  bool shared_ = false;  // a named shm object, with or without its descriptor
   uint32_t guard_ = 0xFFFFFFFFu;
   std::string name_;
 };

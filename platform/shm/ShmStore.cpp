@@ -582,9 +582,11 @@ void ShmStore::segmentMissing(const std::exception& e) const {
 
 ShmSegment ShmStore::openSegment(const std::string& suffix, size_t minBytes) const {
   try {
-    return ShmSegment::open(
+    ShmSegment seg = ShmSegment::open(
         segName(suffix), writable_ ? ShmSegment::Access::readWrite : ShmSegment::Access::readOnly,
         minBytes);
+    if (!writable_) seg.dropDescriptor();
+    return seg;
   } catch (const ShmException& e) {
     segmentMissing(e);
   }

@@ -9,6 +9,7 @@
 
 #include <array>
 #include <atomic>
+#include <filesystem>
 #include <functional>
 #include <map>
 #include <random>
@@ -250,6 +251,17 @@ TEST_F(ShmStoreTest, NestedMembersLiveOnTheirParentsPagesCommittedAsTheyAreCarve
   EXPECT_EQ(opened, 2u);
   // Nor does any insert move the collection into a new index all at once.
   EXPECT_LE(big.indexGrowth(1).maxSlotsPerWrite, 64u);
+  // A reader maps every segment but keeps only its header's descriptor (a process following
+  // many stores stays within its descriptor limit); its memory figure is still the writer's.
+  auto descriptors = [] {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
+                         std::filesystem::directory_iterator());
+  };
+  const auto before = descriptors();
+  ShmStore bigReader = ShmStore::openReader("t/big", nullptr);
+  EXPECT_EQ(members(bigReader, 1, parent).size(), big.childCount(1, parent));
+  EXPECT_EQ(descriptors(), before + 1);
+  EXPECT_EQ(bigReader.committedBytes(), big.committedBytes());
 }
 
 // A value whose every 64 KiB piece differs, so that pieces read out of order show.
