@@ -168,11 +168,12 @@ void ShmBinding::detach() {
   store_ = std::move(local);
   rebindAll(moves);
   role_ = ShmRole::detached;
-  mountPath_.clear();
   if (mountStatus_ != TylKetab::MountStatus::notMounted) {
     mountStatus_ = TylKetab::MountStatus::notMounted;
+    // The path the root leaves is still there while the change is told (it is traced).
     if (callbacks_.onMountStatus) callbacks_.onMountStatus();
   }
+  if (role_ == ShmRole::detached) mountPath_.clear();  // unless the callback mounted again
 }
 
 void ShmBinding::mountStatusIs(TylKetab::MountStatus status) {

@@ -183,6 +183,15 @@ TEST_F(VrfStatusTest, ControlCarriesMountStatusAndQuiesced) {
   EXPECT_TRUE(next->mvpnVrfControl()->quiesced());
   next->binding().quiescedIs(false);
   EXPECT_FALSE(next->mvpnVrfControl()->quiesced());
+  // Leaving the table is a mount status change too: the path it leaves is traced.
+  Oro::traceEnable("MvpnVrfStatus", 5, true);
+  trace.clear();
+  trace.install();
+  next->unmount();
+  trace.uninstall();
+  Oro::traceEnable("MvpnVrfStatus", 5, false);
+  EXPECT_THAT(trace.messages(), testing::ElementsAre("routing/multicast/vpn/vrfStatus/bgp"));
+  EXPECT_EQ(next->binding().mountPath(), "");
 }
 
 bool ownerListed(const std::string& owner) {
