@@ -28,7 +28,9 @@ class MvpnEncapTunnel {
   static constexpr const char* kTypeName = "Routing::Multicast::MvpnEncapTunnel";
 
   MvpnEncapTunnel() = default;
-  explicit MvpnEncapTunnel(const MvpnRouteKey& routeKey, std::string encapData = {})
+  explicit MvpnEncapTunnel(const MvpnRouteKey& routeKey) : routeKey_(routeKey) {}
+  // Not explicit: {key, data} reads as the record.
+  MvpnEncapTunnel(const MvpnRouteKey& routeKey, std::string encapData)
       : routeKey_(routeKey), encapData_(std::move(encapData)) {}
 
   const MvpnRouteKey& routeKey() const { return routeKey_; }
@@ -51,7 +53,9 @@ class MvpnEncapIntfTunnel {
   static constexpr const char* kTypeName = "Routing::Multicast::MvpnEncapIntfTunnel";
 
   MvpnEncapIntfTunnel() = default;
-  explicit MvpnEncapIntfTunnel(const MvpnRouteIntfKey& routeIntfKey, std::string encapData = {})
+  explicit MvpnEncapIntfTunnel(const MvpnRouteIntfKey& routeIntfKey)
+      : routeIntfKey_(routeIntfKey) {}
+  MvpnEncapIntfTunnel(const MvpnRouteIntfKey& routeIntfKey, std::string encapData)
       : routeIntfKey_(routeIntfKey), encapData_(std::move(encapData)) {}
 
   const MvpnRouteIntfKey& routeIntfKey() const { return routeIntfKey_; }

@@ -28,8 +28,9 @@ class MvpnVrf {
   static constexpr uint32_t kClientField = 32360;
 
   MvpnVrf() = default;
-  explicit MvpnVrf(Vrf::VrfIdMap::VrfId key, MvpnClient client = MvpnClient::bgp_)
-      : key_(key), client_(client) {}
+  explicit MvpnVrf(Vrf::VrfIdMap::VrfId key) : key_(key) {}
+  // Not explicit: {key, client} reads as the record.
+  MvpnVrf(Vrf::VrfIdMap::VrfId key, MvpnClient client) : key_(key), client_(client) {}
   // Parses the value form; all input must be consumed.
   explicit MvpnVrf(Oro::CharRange& in);
   static MvpnVrf readFrom(Oro::CharRange& in);
@@ -42,6 +43,7 @@ class MvpnVrf {
   bool isEq(const MvpnVrf& o) const {
     return this == &o || (key_ == o.key_ && client_ == o.client_);
   }
+  static bool isEq(const MvpnVrf& a, const MvpnVrf& b) { return a.isEq(b); }
   friend bool operator==(const MvpnVrf& a, const MvpnVrf& b) { return a.isEq(b); }
   friend std::strong_ordering operator<=>(const MvpnVrf& a, const MvpnVrf& b) {
     if (auto c = a.key_.value() <=> b.key_.value(); c != 0) return c;

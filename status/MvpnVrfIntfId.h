@@ -39,6 +39,7 @@ class MvpnVrfIntfId {
   bool isEq(const MvpnVrfIntfId& o) const {
     return this == &o || (key_ == o.key_ && pmsiIntfId_ == o.pmsiIntfId_);
   }
+  static bool isEq(const MvpnVrfIntfId& a, const MvpnVrfIntfId& b) { return a.isEq(b); }
   friend bool operator==(const MvpnVrfIntfId& a, const MvpnVrfIntfId& b) { return a.isEq(b); }
   friend std::strong_ordering operator<=>(const MvpnVrfIntfId& a, const MvpnVrfIntfId& b) {
     if (auto c = a.key_.value() <=> b.key_.value(); c != 0) return c;

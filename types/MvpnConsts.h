@@ -21,7 +21,7 @@ class MvpnConsts {
  public:
   static constexpr std::string_view kTypeName = "Routing::Multicast::MvpnConsts";
   // The trunk group under which the library's internal interfaces are kept.
-  static constexpr std::string_view trunkGroup = "InternalMvpn";
+  static inline const std::string trunkGroup{"InternalMvpn"};
 
   MvpnConsts() = default;
   explicit MvpnConsts(Oro::CharRange& in);

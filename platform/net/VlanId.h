@@ -31,6 +31,8 @@ class VlanIdOrNone {
   explicit VlanIdOrNone(Oro::CharRange& in) : value_(readFrom(in).value_) { in.expectEnd(); }
 
   constexpr uint16_t value() const { return value_; }
+  // Reads as its number (0 for none) wherever a VLAN number is expected.
+  constexpr operator uint16_t() const { return value_; }
   void valueIs(uint64_t value) { value_ = checked(value); }
   constexpr bool isNone() const { return value_ == 0; }
 

@@ -41,7 +41,7 @@ TEST(EncapStatus, MutatorsPublishEveryChangedKeyAndCountMembersAndWalksResumeAtA
 
   const uint32_t v0 = vrf->encapTunnelVersion();
   vrf->encapTunnelIs(MvpnEncapTunnel(route(1), "a"));
-  vrf->encapTunnelIs(MvpnEncapTunnel(route(1), "b"));  // replaced: same member count
+  vrf->encapTunnelIs({route(1), "b"});                          // replaced: same member count
   EXPECT_EQ(vrf->encapTunnelDel(route(2)), MvpnEncapTunnel());  // absent: nothing
   EXPECT_EQ(vrf->encapTunnelSize(), 1u);
   EXPECT_EQ(vrf->encapTunnel(route(1))->encapData(), "b");

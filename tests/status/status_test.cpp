@@ -70,7 +70,7 @@ TEST_F(VrfStatusTest, MutatorsCountAndAnnounceAndOldValuesComeInThatModeOnly) {
   KeyLog<VrfId> seen(s.get(), MvpnVrfStatus::mvpnVrfAttr);
   s->mvpnVrfIs(MvpnVrf(VrfId(5), evpn_));
   s->mvpnVrfIs(MvpnVrf(VrfId(5), evpn_));  // unchanged: announced anyway
-  s->mvpnVrfIs(MvpnVrf(VrfId(6)));
+  s->mvpnVrfIs({VrfId(6), bgp_});
   EXPECT_EQ(s->mvpnVrfSize(), 2u);
   EXPECT_EQ(s->mvpnVrf(VrfId(5)), MvpnVrf(VrfId(5), evpn_));
   EXPECT_EQ(s->mvpnVrf(VrfId(7)), std::nullopt);
@@ -372,6 +372,7 @@ TEST(MvpnVrfTest, EqualityOrderTextAndValueForm) {
   EXPECT_EQ(MvpnVrf().client(), bgp_);
   const MvpnVrf a(VrfId(12), evpn_), b(VrfId(12), staticMvpn_);
   EXPECT_FALSE(a.isEq(b));
+  EXPECT_TRUE(MvpnVrf::isEq(a, MvpnVrf{VrfId(12), evpn_}));  // both spellings; {key, client}
   EXPECT_LT(b, a);  // same key: client decides
   EXPECT_LT(MvpnVrf(VrfId(3), staticEvpn_), b);
   EXPECT_EQ(a.toStrep(), "12");
@@ -450,6 +451,7 @@ TEST(MvpnVrfIntfIdTest, ValuesTextAndWireForms) {
   EXPECT_LT(a, b);
   EXPECT_LT(MvpnVrfIntfId(VrfId(3), Nevo::IntfId::vlan(99)), a);
   EXPECT_FALSE(a.isEq(b));
+  EXPECT_TRUE(MvpnVrfIntfId::isEq(a, MvpnVrfIntfId(a)));
 
   const std::string text = a.toValueForm();
   Oro::CharRange in(text);

@@ -171,6 +171,8 @@ TEST(MulticastTreeId, SameTextIsSameKeyAndMvpnConstsAreAlwaysEqualAndNotHashable
   EXPECT_EQ(c <=> d, std::strong_ordering::equal);
   EXPECT_THROW(c.hash(0), Oro::NonHashableTypeException);
   EXPECT_EQ(c.toStrep(), "Value('Routing::Multicast::MvpnConsts', ** {})");
+  const std::string trunk = MvpnConsts::trunkGroup;
+  EXPECT_EQ(trunk, "InternalMvpn");
   EXPECT_EQ(strepToValue<MvpnConsts>(c.toStrep()), c);
   EXPECT_THROW(strepToValue<MvpnConsts>("Value('Routing::Multicast::MvpnConsts', ** {}) "),
                Oro::ParseException);
