@@ -31,6 +31,7 @@ class MulticastTreeId {
   const std::string& value() const { return value_; }
 
   static bool isEq(const MulticastTreeId& a, const MulticastTreeId& b) { return a == b; }
+  bool isEq(const MulticastTreeId& o) const { return isEq(*this, o); }
   uint32_t hash(uint32_t seed) const { return Oro::hashBytes(value_.data(), value_.size(), seed); }
   const std::string& toStrep() const { return value_; }
 

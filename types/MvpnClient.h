@@ -13,8 +13,13 @@
 #include <fmt/format.h>
 
 #include "platform/CharRange.h"
+#include "platform/net/VrfId.h"
 
 namespace Routing::Multicast {
+
+// Names every record and key of this namespace uses, as they are written there.
+using Oro::CharRange;
+using VrfId = Vrf::VrfIdMap::VrfId;
 
 enum class MvpnClient : uint8_t {
   bgp_ = 0,

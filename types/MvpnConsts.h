@@ -27,6 +27,7 @@ class MvpnConsts {
   explicit MvpnConsts(Oro::CharRange& in);
 
   static bool isEq(const MvpnConsts&, const MvpnConsts&) { return true; }
+  bool isEq(const MvpnConsts& o) const { return isEq(*this, o); }
   [[noreturn]] uint32_t hash(uint32_t seed) const;
   std::string toStrep() const;
 

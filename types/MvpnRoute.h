@@ -54,6 +54,7 @@ class MvpnRoute {
   void handleRouteFlags() const;
 
   static bool isEq(const MvpnRoute& a, const MvpnRoute& b) { return a == b; }
+  bool isEq(const MvpnRoute& o) const { return isEq(*this, o); }
   uint32_t hash(uint32_t seed) const;
   std::string toStrep() const;
   std::string toValueForm() const;

@@ -47,6 +47,7 @@ class MvpnRouteIntfKey {
   MvpnRouteKey routeKey() const { return MvpnRouteKey(source_, group_, sharedTreeJoin_); }
 
   static bool isEq(const MvpnRouteIntfKey& a, const MvpnRouteIntfKey& b) { return a == b; }
+  bool isEq(const MvpnRouteIntfKey& o) const { return isEq(*this, o); }
   uint32_t hash(uint32_t seed) const;
   std::string toStrep() const;
 

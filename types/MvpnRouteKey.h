@@ -45,6 +45,7 @@ class MvpnRouteKey {
   void handleInit() const;
 
   static bool isEq(const MvpnRouteKey& a, const MvpnRouteKey& b) { return a == b; }
+  bool isEq(const MvpnRouteKey& o) const { return isEq(*this, o); }
   // Folds all fields into a running hash state (no finish); see Nevo::IpGenAddr::mixInto.
   uint32_t mixInto(uint32_t h) const {
     return Oro::hashMix(group_.mixInto(source_.mixInto(h)), sharedTreeJoin_ ? 1u : 0u);

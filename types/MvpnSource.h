@@ -47,6 +47,7 @@ class MvpnSource {
   void sourceFlagsIs(SourceFlags v) { sourceFlags_ = v; }
 
   static bool isEq(const MvpnSource& a, const MvpnSource& b) { return a == b; }
+  bool isEq(const MvpnSource& o) const { return isEq(*this, o); }
   uint32_t hash(uint32_t seed) const;
   std::string toStrep() const;
   std::string toValueForm() const;

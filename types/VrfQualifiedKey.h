@@ -69,6 +69,7 @@ class VrfQualifiedKey {
   void keyIs(const Inner& v) { f_.key = v; }
 
   static bool isEq(const VrfQualifiedKey& a, const VrfQualifiedKey& b) { return a == b; }
+  bool isEq(const VrfQualifiedKey& o) const { return isEq(*this, o); }
   uint32_t hash(uint32_t seed) const {
     return Oro::hashFinish(Oro::hashMix(Oro::hashMix(seed, f_.vrfId.value()), f_.key.hash(seed)));
   }

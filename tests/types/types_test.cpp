@@ -76,6 +76,7 @@ TEST(MvpnClient, NamesParseAndWriterTest) {
 TEST(MvpnRouteKey, OrderHashDefaultAndTextForms) {
   MvpnRouteKey sgZero(IpGenAddr(), ip("239.1.1.1"), false);
   EXPECT_NE(kStar, sgZero);  // differ only in the shared-join flag
+  EXPECT_TRUE(!MvpnRouteKey::isEq(kStar, sgZero) && !kStar.isEq(sgZero) && kStar.isEq(kStar));
   EXPECT_LT(sgZero, kStar);
   EXPECT_NE(kStar.hash(5), sgZero.hash(5));
   EXPECT_EQ((std::unordered_set<MvpnRouteKey>{kStar, sgZero, kStar}.size()), 2u);
