@@ -88,6 +88,11 @@ class Watcher {
   void afterForkParent() { mu_.unlock(); }
   void afterForkChild() {
     mu_.unlock();
+    // The child's copies of the readers' connections are nobody's: closed, so that a reader
+    // sees its connection end when this process does.
+    for (auto& [token, e] : entries_) {
+      if (!e.listening) ::close(e.fd);
+    }
     entries_.clear();
     connections_ = 0;
     disarmed_ = 0;
@@ -295,9 +300,12 @@ ShmBellServer::ShmBellServer(std::string path, mode_t mode, const std::atomic<ui
   const mode_t read = mode & 0444;
   (void)::chmod(path_.c_str(), 0600 | (read >> 1));
   state_->listenFd = fd;
+  // Nobody answers at the doorbell once this process is gone, even if a child of it lives on.
+  (void)shmForkReleaseAdd(fd);
   try {
     Watcher::instance().add(state_);
   } catch (...) {
+    shmForkReleaseRemove(fd);
     ::close(fd);
     ::unlink(path_.c_str());
     throw;
@@ -308,6 +316,7 @@ ShmBellServer::ShmBellServer(std::string path, mode_t mode, const std::atomic<ui
 // as it goes (advancing the word first, so that a reader about to sleep does not).
 ShmBellServer::~ShmBellServer() {
   Watcher::instance().remove(state_);
+  shmForkReleaseRemove(state_->listenFd);
   ::close(state_->listenFd);
   if (forkGeneration_ != shmForkGeneration()) return;  // the parent's doorbell, still serving
   ::unlink(path_.c_str());

@@ -11,6 +11,7 @@
 #include <pthread.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
@@ -48,10 +49,40 @@ std::optional<std::string>& namespaceStorage() {
   return *ns;
 }
 
+// Descriptors a forked child must not keep (see shmForkReleaseAdd); -1 marks a free entry. A
+// fixed array: the child's handler reads it without locks or allocation.
+constexpr size_t kForkReleased = 4096;
+std::array<std::atomic<int>, kForkReleased>& forkReleased() {
+  static auto* fds = [] {
+    auto* a = new std::array<std::atomic<int>, kForkReleased>;  // never destroyed
+    for (auto& fd : *a) fd.store(-1, std::memory_order_relaxed);
+    return a;
+  }();
+  return *fds;
+}
+
+// In the child, before anything else runs there: each listed descriptor is pointed at
+// /dev/null, so that it no longer shares the parent's open file description (and with it the
+// parent's locks and listening socket), while its number stays taken until its owner closes it.
+void releaseForkedDescriptors() {
+  const int null = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+  if (null < 0) return;
+  for (auto& entry : forkReleased()) {
+    const int fd = entry.load(std::memory_order_relaxed);
+    if (fd >= 0 && fd != null) (void)::dup3(null, fd, O_CLOEXEC);
+  }
+  ::close(null);
+}
+
 // Counted from the library's load on: every fork after it is seen.
 std::atomic<uint32_t> forkGeneration{0};
-[[maybe_unused]] const int forkCounted = ::pthread_atfork(
-    nullptr, nullptr, [] { forkGeneration.fetch_add(1, std::memory_order_relaxed); });
+[[maybe_unused]] const int forkCounted = [] {
+  forkReleased();  // made before any fork, so that the child's handler allocates nothing
+  return ::pthread_atfork(nullptr, nullptr, [] {
+    forkGeneration.fetch_add(1, std::memory_order_relaxed);
+    releaseForkedDescriptors();
+  });
+}();
 
 std::string errnoText(int err) {
   return std::strerror(err);
@@ -66,6 +97,24 @@ std::string dirPath(std::string_view name) {
 
 uint32_t shmForkGeneration() {
   return forkGeneration.load(std::memory_order_relaxed);
+}
+
+bool shmForkReleaseAdd(int fd) {
+  for (auto& entry : forkReleased()) {
+    int free = -1;
+    if (entry.compare_exchange_strong(free, fd, std::memory_order_relaxed)) return true;
+  }
+  return false;
+}
+
+void shmForkReleaseRemove(int fd) {
+  for (auto& entry : forkReleased()) {
+    int listed = fd;
+    if (entry.load(std::memory_order_relaxed) == fd &&
+        entry.compare_exchange_strong(listed, -1, std::memory_order_relaxed)) {
+      return;
+    }
+  }
 }
 
 const std::string& shmNamespace() {
@@ -259,7 +308,10 @@ void ShmSegment::release() {
   if (guard_ != ShmGuard::kNone) ShmGuard::remove(guard_);
   guard_ = ShmGuard::kNone;
   if (data_) ::munmap(data_, size_);
-  if (fd_ >= 0) ::close(fd_);
+  if (fd_ >= 0) {
+    shmForkReleaseRemove(fd_);  // a writer's header may be listed
+    ::close(fd_);
+  }
   data_ = nullptr;
   size_ = 0;
   fd_ = -1;

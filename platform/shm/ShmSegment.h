@@ -57,6 +57,13 @@ void shmUnlinkNamespace();
 // doorbell remember it: a forked child's copies of them belong to the parent's shared state and
 // must not act on it.
 uint32_t shmForkGeneration();
+// A descriptor that carries a writer's lock or listening socket: in a child forked while it is
+// listed, it is pointed at /dev/null at once, so that the lock (or socket) stays the parent's
+// and goes when the parent does, whatever the child lives on to do. Listed until removed,
+// which must happen before it is closed. False when the list (4096) is full: the descriptor is
+// then shared with children as any other.
+bool shmForkReleaseAdd(int fd);
+void shmForkReleaseRemove(int fd);
 
 // shm_open for a segment, which must be a regular file: anything else planted under its name
 // (a FIFO would block the open, a device the mapping) raises ShmException. Otherwise as

@@ -524,6 +524,7 @@ ShmStore& ShmStore::operator=(ShmStore&& o) noexcept {
   bell_.reset();
   colls_.clear();
   lockFd_ = std::move(o.lockFd_);
+  headerLockFd_ = std::move(o.headerLockFd_);
   schema_ = std::move(o.schema_);
   mountPath_ = std::move(o.mountPath_);
   instance_ = o.instance_;
@@ -549,8 +550,39 @@ ShmStore& ShmStore::operator=(ShmStore&& o) noexcept {
   for (auto& c : colls_) c->storeIs(this);
   return *this;
 }
+// The writer's locks, on the lock file and on the header, are not shared with forked children
+// (see shmForkReleaseAdd). The header's lock moves to a descriptor of its own: a mapping holds
+// the open file description it was made from, so a lock on the mapped one would stay with a
+// forked child's inherited mapping after this process ended. Nobody but readers looks at the
+// header's lock (writers and removers go by the lock file), and none sees this store's header
+// without the lock: a new store is not at its name yet, and a taken-over one had a dead writer.
+void ShmStore::lockIs(OwnedFd lock) {
+  lockFd_ = std::move(lock);
+  const int mapped = headerSeg_.fd();
+  if (mapped < 0) return;
+  const int fd = ::open(fmt::format("/proc/self/fd/{}", mapped).c_str(), O_RDWR | O_CLOEXEC);
+  if (fd < 0) return;  // no /proc: the lock stays on the mapped description
+  struct flock fl {};
+  fl.l_type = F_UNLCK;
+  fl.l_whence = SEEK_SET;
+  (void)::fcntl(mapped, F_OFD_SETLK, &fl);
+  if (lockWriter(fd)) {
+    headerLockFd_ = OwnedFd(fd);
+  } else {
+    ::close(fd);
+    (void)lockWriter(mapped);
+  }
+}
+
+ShmStore::OwnedFd::OwnedFd(int fd) : fd_(fd) {
+  if (fd_ >= 0) (void)shmForkReleaseAdd(fd_);
+}
+
 void ShmStore::OwnedFd::reset() {
-  if (fd_ >= 0) ::close(fd_);
+  if (fd_ >= 0) {
+    shmForkReleaseRemove(fd_);
+    ::close(fd_);
+  }
   fd_ = -1;
 }
 
@@ -955,7 +987,7 @@ ShmStore ShmStore::openWriter(const std::string& mountPath, const ShmStoreSchema
         if (std::optional<ShmStore> s = create(/*replace=*/false)) {
           // What a creator killed before naming its store left (it held the lock we hold now).
           s->cleanLeftovers();
-          s->lockFd_ = std::move(lock);
+          s->lockIs(std::move(lock));
           return std::move(*s);
         }
         continue;  // someone else created it meanwhile
@@ -995,7 +1027,7 @@ ShmStore ShmStore::openWriter(const std::string& mountPath, const ShmStoreSchema
           s.startBell();
           s.cleanLeftovers();
           s.wakeAllReaders();
-          s.lockFd_ = std::move(lock);
+          s.lockIs(std::move(lock));
           return s;
         } catch (const ShmCorruptionException&) {
           old = std::move(s.headerSeg_);
@@ -1019,7 +1051,7 @@ ShmStore ShmStore::openWriter(const std::string& mountPath, const ShmStoreSchema
         unlinkDeadBell(old);
         fresh->retire(old);
         fresh->cleanLeftovers();
-        fresh->lockFd_ = std::move(lock);
+        fresh->lockIs(std::move(lock));
         return std::move(*fresh);
       }
     }

@@ -309,7 +309,8 @@ class ShmStore {
   class OwnedFd {
    public:
     OwnedFd() = default;
-    explicit OwnedFd(int fd) : fd_(fd) {}
+    // A lock's descriptor: not shared with forked children (see shmForkReleaseAdd).
+    explicit OwnedFd(int fd);
     OwnedFd(OwnedFd&& o) noexcept : fd_(std::exchange(o.fd_, -1)) {}
     OwnedFd& operator=(OwnedFd&& o) noexcept {
       if (this != &o) {
@@ -326,7 +327,9 @@ class ShmStore {
     int fd_ = -1;
   };
 
+  void lockIs(OwnedFd lock);
   OwnedFd lockFd_;  // writer: holds the lock that makes it the store's only writer
+  OwnedFd headerLockFd_;  // writer: the header's lock, which tells readers that it lives
   ShmStoreSchema schema_;
   std::string mountPath_;
   uint64_t instance_ = 0;
