@@ -14,8 +14,10 @@
 #include <climits>
 #include <cstring>
 #include <mutex>
+#include <system_error>
 #include <thread>
 #include <unordered_map>
+#include <utility>
 
 #include <fmt/format.h>
 
@@ -101,6 +103,7 @@ class Watcher {
       thread_ = std::thread();
       ::close(epfd_);
       ::close(stopFd_);
+      epfd_ = stopFd_ = -1;
       running_ = false;
     }
   }
@@ -119,48 +122,65 @@ class Watcher {
                      [] { Watcher::instance().afterForkChild(); });
   }
 
+  // Under mu_. Each start makes descriptors of its own and hands them to its thread: a stop
+  // in progress (waiting for the old thread, without the lock) closes only the old ones.
   void start() {
-    epfd_ = ::epoll_create1(EPOLL_CLOEXEC);
-    stopFd_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (epfd_ < 0 || stopFd_ < 0) {
-      throw ShmException(
-          fmt::format("cannot start the doorbell watcher: {}", std::strerror(errno)));
-    }
+    const int ep = ::epoll_create1(EPOLL_CLOEXEC);
+    const int err = errno;
+    const int sf = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    auto fail = [&](int e) {
+      if (ep >= 0) ::close(ep);
+      if (sf >= 0) ::close(sf);
+      throw ShmException(fmt::format("cannot start the doorbell watcher: {}", std::strerror(e)));
+    };
+    if (ep < 0 || sf < 0) fail(ep < 0 ? err : errno);
     epoll_event ev{};
     ev.events = EPOLLIN;
     ev.data.u64 = kStopToken;
-    ::epoll_ctl(epfd_, EPOLL_CTL_ADD, stopFd_, &ev);
+    ::epoll_ctl(ep, EPOLL_CTL_ADD, sf, &ev);
+    try {
+      thread_ = std::thread([this, ep] { loop(ep); });
+    } catch (const std::system_error& e) {
+      fail(e.code().value());
+    }
+    epfd_ = ep;
+    stopFd_ = sf;
     running_ = true;
-    thread_ = std::thread([this] { loop(); });
   }
 
+  // Under mu_, released while the thread ends: another thread may start a new watcher then.
   void stop(std::unique_lock<std::mutex>& lock) {
+    const int ep = std::exchange(epfd_, -1);
+    const int sf = std::exchange(stopFd_, -1);
     const uint64_t one = 1;
-    (void)!::write(stopFd_, &one, sizeof one);
+    (void)!::write(sf, &one, sizeof one);
     std::thread t = std::move(thread_);
     running_ = false;
     lock.unlock();
     t.join();
+    ::close(ep);
+    ::close(sf);
     lock.lock();
-    ::close(epfd_);
-    ::close(stopFd_);
-    epfd_ = stopFd_ = -1;
   }
 
-  void loop() {
+  // The thread of the watcher started with epoll descriptor `ep`; it ends when that watcher
+  // is stopped (epfd_ no longer `ep`), whatever it was doing.
+  void loop(int ep) {
     epoll_event events[64];
     for (;;) {
       int timeout;
       {
         std::lock_guard lock(mu_);
+        if (epfd_ != ep) return;
         timeout = disarmed_ != 0 ? kRearmMs : -1;
       }
-      const int n = ::epoll_wait(epfd_, events, 64, timeout);
+      const int n = ::epoll_wait(ep, events, 64, timeout);
       if (n < 0) {
         if (errno == EINTR) continue;
         return;
       }
       std::lock_guard lock(mu_);
+      if (epfd_ != ep) return;
       if (n == 0) rearm();
       for (int i = 0; i < n; ++i) {
         const uint64_t token = events[i].data.u64;

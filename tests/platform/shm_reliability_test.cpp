@@ -318,6 +318,31 @@ TEST(ShmBellTest, ARegistrationArrivingWhileTheWriterWakesForAnOlderOneIsKept) {
   EXPECT_NE(s.due(7), 0u);
 }
 
+// Writers of two threads coming and going: the process's doorbell watcher stops with the
+// last one and starts with the next, and one thread's stop never takes down the other's start.
+TEST_F(ShmReliabilityTest, WritersOfSeveralThreadsComingAndGoingKeepTheDoorbellServed) {
+  Oro::threadsInUseIs(true);
+  auto churn = [](const char* path) {
+    for (int i = 0; i < 300; ++i) Attached(ShmAttach{path, ShmRole::writer}).detach();
+  };
+  std::thread other(churn, "r/churn1");
+  churn("r/churn2");
+  other.join();
+  Attached w(ShmAttach{"r/churn1", ShmRole::writer});
+  Attached r(ShmAttach{"r/churn1", ShmRole::reader});
+  drain(r);
+  std::vector<Oro::FutexWait> words;
+  const uint64_t before = w.store().bellWakes();
+  r.reader()->sleepBegin(words);  // rings: the watcher records it as it gets to it
+  bool woken = false;
+  for (uint32_t k = 0; k < 100000 && !woken; ++k) {
+    w.insert(k, Rec::of(k));
+    woken = w.store().bellWakes() != before;
+    std::this_thread::yield();
+  }
+  EXPECT_TRUE(woken) << "a sleeping reader is never woken: nobody serves the doorbell";
+}
+
 TEST_F(ShmReliabilityTest, ReadersAsleepCostOneWakeUpWhenDeadAndAreWokenByANewWriter) {
   {
     // In a scope of its own: the writer's threads end with it, before the next fork.
