@@ -17,8 +17,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <optional>
+#include <memory>
+#include <mutex>
 #include <utility>
+#include <vector>
 
 #include <fmt/format.h>
 
@@ -44,9 +46,35 @@ bool validNamespace(std::string_view ns) {
   return !ns.empty() && ns.size() <= kMaxNamespace && std::all_of(ns.begin(), ns.end(), isNameChar);
 }
 
-std::optional<std::string>& namespaceStorage() {
-  static auto* ns = new std::optional<std::string>;  // never destroyed: names are needed at exit
+// Every namespace the process has had, the current one last. A name once handed out stays
+// valid for the life of the process (callers hold references to it, possibly on other threads
+// while it is replaced); never destroyed: names are needed at exit.
+struct Namespaces {
+  std::mutex mu;
+  std::vector<std::unique_ptr<const std::string>> all;
+  std::atomic<const std::string*> current{nullptr};
+};
+
+Namespaces& namespaces() {
+  static auto* ns = new Namespaces;
   return *ns;
+}
+
+// Makes `ns` the current namespace, unless `ifUnset` and another thread set one first.
+const std::string& namespaceInstall(std::string ns, bool ifUnset) {
+  Namespaces& n = namespaces();
+  std::lock_guard lock(n.mu);
+  if (const std::string* cur = n.current.load(std::memory_order_acquire); cur && ifUnset) {
+    return *cur;
+  }
+  // Kept once per name: a process switching between a few namespaces does not grow.
+  auto known = std::find_if(n.all.begin(), n.all.end(), [&](const auto& s) { return *s == ns; });
+  if (known == n.all.end()) {
+    n.all.push_back(std::make_unique<const std::string>(std::move(ns)));
+    known = n.all.end() - 1;
+  }
+  n.current.store(known->get(), std::memory_order_release);
+  return **known;
 }
 
 // Descriptors a forked child must not keep (see shmForkReleaseAdd); -1 marks a free entry. A
@@ -118,21 +146,16 @@ void shmForkReleaseRemove(int fd) {
 }
 
 const std::string& shmNamespace() {
-  std::optional<std::string>& ns = namespaceStorage();
-  if (!ns) {
-    const char* env = std::getenv("MVPN_SHM_NAMESPACE");
-    if (!env || !*env) {
-      ns = "mvpn";
-    } else if (!validNamespace(env)) {
-      throw ShmException(fmt::format(
-          "invalid shared-memory namespace '{}' in MVPN_SHM_NAMESPACE: use letters, digits, "
-          "'_' and '-' (at most {} characters)",
-          env, kMaxNamespace));
-    } else {
-      ns = env;
-    }
+  if (const std::string* cur = namespaces().current.load(std::memory_order_acquire)) return *cur;
+  const char* env = std::getenv("MVPN_SHM_NAMESPACE");
+  if (!env || !*env) return namespaceInstall("mvpn", /*ifUnset=*/true);
+  if (!validNamespace(env)) {
+    throw ShmException(fmt::format(
+        "invalid shared-memory namespace '{}' in MVPN_SHM_NAMESPACE: use letters, digits, "
+        "'_' and '-' (at most {} characters)",
+        env, kMaxNamespace));
   }
-  return *ns;
+  return namespaceInstall(env, /*ifUnset=*/true);
 }
 
 void shmNamespaceIs(std::string ns) {
@@ -142,7 +165,7 @@ void shmNamespaceIs(std::string ns) {
         "characters)",
         ns, kMaxNamespace));
   }
-  namespaceStorage() = std::move(ns);
+  namespaceInstall(std::move(ns), /*ifUnset=*/false);
 }
 
 void shmValidatePath(std::string_view mountPath) {

@@ -30,7 +30,9 @@ inline constexpr const char* kShmDirectory = "/dev/shm";
 // The namespace prefix of every segment name this process creates or opens. A bad
 // MVPN_SHM_NAMESPACE raises ShmException (on every call until the namespace is set).
 const std::string& shmNamespace();
-// Replace the namespace (letters, digits, '_' and '-', at most 64; else ShmException).
+// Replace the namespace (letters, digits, '_' and '-', at most 64; else ShmException). Both
+// may be called from any thread; a name returned by shmNamespace() stays valid after it is
+// replaced (stores already open keep the names they were opened under).
 void shmNamespaceIs(std::string ns);
 
 // Checks a mount path ("a/b-c/d_e"): ShmException if bad.

@@ -50,6 +50,16 @@ TEST_F(ShmStoreTest, NamesAreValidatedAndADetachedTableInsertsReplacesRemovesAnd
   for (const char* bad : {"", "x.y", "a/b", "sp ace", "\xff"}) {
     EXPECT_THROW(Oro::shmNamespaceIs(bad), Oro::ShmException) << bad;
   }
+  // Replaced on one thread while another names stores: every name read is whole and stays so.
+  const std::string mine = Oro::shmNamespace();
+  std::thread switcher([&] {
+    for (int i = 0; i < 2000; ++i) Oro::shmNamespaceIs(i % 2 ? mine : mine + "-alt");
+  });
+  std::vector<const std::string*> names;
+  for (int i = 0; i < 2000; ++i) names.push_back(&Oro::shmNamespace());
+  switcher.join();
+  for (const std::string* ns : names) EXPECT_TRUE(*ns == mine || *ns == mine + "-alt") << *ns;
+  EXPECT_EQ(Oro::shmNamespace(), mine);
 
   // A detached table inserts, replaces, removes and resumes walks.
   Table t("test::Rec", "recs", {});
