@@ -139,6 +139,10 @@ struct TaskScheduler::Impl {
   std::atomic<uint32_t> wakeWord{0};
   std::atomic<bool> sleeping{false};
   std::atomic<bool> stopRequested{false};
+  // Calls of post(), wakeup() and stop() from other threads still inside: the loop may see
+  // what such a call published and its owner destroy the scheduler before the call is done
+  // with it, so the destructor waits for them.
+  std::atomic<uint32_t> callers{0};
   uint64_t sleeps = 0;
   std::vector<FutexWait> words;
   std::unique_ptr<SleepHelpers> helpers;  // made when the words first outnumber one wait
@@ -226,8 +230,30 @@ bool Task::shouldYield() const {
 TaskScheduler::TaskScheduler(std::chrono::nanoseconds timeSlice)
     : impl_(std::make_unique<Impl>()), timeSlice_(timeSlice) {}
 
+namespace {
+// Counts a call of another thread in for its whole length (see Impl::callers): taken before
+// anything the call publishes can be seen.
+class OutsideCall {
+ public:
+  explicit OutsideCall(std::atomic<uint32_t>& callers) : callers_(callers) {
+    callers_.fetch_add(1, std::memory_order_seq_cst);
+  }
+  ~OutsideCall() {
+    if (callers_.fetch_sub(1, std::memory_order_seq_cst) == 1) callers_.notify_all();
+  }
+  OutsideCall(const OutsideCall&) = delete;
+  OutsideCall& operator=(const OutsideCall&) = delete;
+
+ private:
+  std::atomic<uint32_t>& callers_;
+};
+}  // namespace
+
 TaskScheduler::~TaskScheduler() {
   MVPN_ASSERT_MSG(!running_, "a scheduler cannot be destroyed by one of its tasks");
+  for (uint32_t n; (n = impl_->callers.load(std::memory_order_seq_cst)) != 0;) {
+    impl_->callers.wait(n, std::memory_order_seq_cst);
+  }
   life_.reset();
   // Tasks that outlive the scheduler are detached so that their destructors do not
   // reach back into it.
@@ -343,6 +369,7 @@ void TaskScheduler::fireTimers(Clock::time_point now) {
 
 void TaskScheduler::post(std::function<void()> fn) {
   Impl& d = *impl_;
+  const OutsideCall call(d.callers);
   if (!threadsInUse() && d.owner.load(std::memory_order_relaxed) != std::this_thread::get_id()) {
     threadsInUseIs(true);
   }
@@ -475,12 +502,14 @@ bool TaskScheduler::loop(Clock::time_point deadline, const std::function<bool()>
 }
 
 void TaskScheduler::stop() {
+  const OutsideCall call(impl_->callers);
   impl_->stopRequested.store(true);
   wakeup();
 }
 
 void TaskScheduler::wakeup() {
   Impl& d = *impl_;
+  const OutsideCall call(d.callers);
   d.wakeWord.fetch_add(1);
   if (d.sleeping.load()) futexWake(&d.wakeWord, 1, false);
 }

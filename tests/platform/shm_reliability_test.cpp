@@ -571,21 +571,19 @@ TEST_F(ShmReliabilityTest, AForkedChildOfAWriterLeavesTheStoreToItsParent) {
 
   // Nor does a child that keeps its copy hold the store's locks or doorbell: once the parent
   // lets go, a new writer takes the store over while the child still lives.
-  int gate[2];
-  ASSERT_EQ(::pipe(gate), 0);
+  Pipe started, gate;
   const pid_t keeper = forkChild([&] {
-    char c;
-    return ::read(gate[0], &c, 1) == 1 ? 10 : 13;
+    started.send();  // past the fork's handlers
+    return gate.receive() ? 10 : 13;
   });
+  ASSERT_TRUE(started.receive());
   w.detach();
   EXPECT_FALSE(Oro::ShmStore::openReader("r/forked", nullptr).writerAlive());
   EXPECT_EQ(bells(), before - 1);
   Attached next(ShmAttach{"r/forked", ShmRole::writer});
   EXPECT_EQ(next.size(), 2u);
-  EXPECT_EQ(::write(gate[1], "x", 1), 1);
+  gate.send();
   EXPECT_EQ(waitChild(keeper), 10);
-  ::close(gate[0]);
-  ::close(gate[1]);
 }
 
 // A writer that cannot take a store over for its process's limits (here the file size: the
