@@ -85,9 +85,11 @@ bool startsWith(const std::string& s, const char* prefix) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc < 2) {
-    std::fprintf(stderr, "usage: mvpn_encap_writer mvpn|static|evpn STEP...\n");
-    return 2;
+  const bool help =
+      argc == 2 && (std::string_view(argv[1]) == "-h" || std::string_view(argv[1]) == "--help");
+  if (argc < 2 || help) {
+    std::fprintf(help ? stdout : stderr, "usage: mvpn_encap_writer mvpn|static|evpn STEP...\n");
+    return help ? 0 : 2;
   }
   example::blockStopSignals();
   try {

@@ -51,9 +51,11 @@ T parsedV4(const std::string& text, const char* what) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc < 2) {
-    std::fprintf(stderr, "usage: mvpn_writer CLIENT STEP...\n");
-    return 2;
+  const bool help =
+      argc == 2 && (std::string_view(argv[1]) == "-h" || std::string_view(argv[1]) == "--help");
+  if (argc < 2 || help) {
+    std::fprintf(help ? stdout : stderr, "usage: mvpn_writer CLIENT STEP...\n");
+    return help ? 0 : 2;
   }
   example::blockStopSignals();
   try {
