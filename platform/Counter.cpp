@@ -24,6 +24,9 @@ void Counter::ownerIs(std::string owner) {
 }
 
 void Counter::storageIs(std::atomic<uint64_t>* storage) {
+  // Under the registry's lock: a listing thread that loaded the old location must be done
+  // reading it before its owner may unmap it (rebinding is rare: mounts and unmounts).
+  std::lock_guard lock(CounterRegistry::global().mu_);
   if (!storage) storage = &own_;
   std::atomic<uint64_t>* old = storage_.load(std::memory_order_relaxed);
   if (old == storage) return;
