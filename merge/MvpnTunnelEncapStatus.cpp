@@ -161,9 +161,8 @@ void MvpnVrfTunnelEncapStatus::encapIntfTunnelHandleCorruption(const std::string
 // ---- MvpnTunnelEncapStatus --------------------------------------------------------------------
 
 Oro::TraceHandle& MvpnTunnelEncapStatus::trace() {
-  // Never destroyed: roots and machines held in globals trace until after main returns.
-  static auto* handle = new Oro::TraceHandle("MvpnTunnelEncapStatus");
-  return *handle;
+  static Oro::TraceHandle& handle = Oro::TraceHandle::immortal("MvpnTunnelEncapStatus");
+  return handle;
 }
 
 MvpnTunnelEncapStatus::MvpnTunnelEncapStatus(std::string name)

@@ -96,9 +96,8 @@ bool emptyVrf(const MvpnVrfTunnelEncapStatus& e) {
 }  // namespace
 
 Oro::TraceHandle& MergedMcastTunnelEncapStatusSm::traceHandle() {
-  // Never destroyed: roots and machines held in globals trace until after main returns.
-  static auto* handle = new Oro::TraceHandle(std::string{kDesc.shortName});
-  return *handle;
+  static Oro::TraceHandle& handle = Oro::TraceHandle::immortal(std::string{kDesc.shortName});
+  return handle;
 }
 
 MergedMcastTunnelEncapStatusSm::MergedMcastTunnelEncapStatusSm(

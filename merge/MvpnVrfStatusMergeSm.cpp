@@ -29,10 +29,9 @@ using DynaCode::MergedMvpnVrfStatusSm::MergedVrfStatusMvpnVrfOutputColl;
 }  // namespace
 
 Oro::TraceHandle& MergedMvpnVrfStatusSm::traceHandle() {
-  // Never destroyed: roots and machines held in globals trace until after main returns.
-  static auto* handle =
-      new Oro::TraceHandle(std::string{DynaCode::MergedMvpnVrfStatusSm::kDesc.shortName});
-  return *handle;
+  static Oro::TraceHandle& handle =
+      Oro::TraceHandle::immortal(std::string{DynaCode::MergedMvpnVrfStatusSm::kDesc.shortName});
+  return handle;
 }
 
 MergedMvpnVrfStatusSm::MergedMvpnVrfStatusSm(Oro::Ptr<const MvpnVrfStatus> mvpnVrfStatus,

@@ -15,6 +15,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include <fmt/format.h>
@@ -27,6 +28,11 @@ class TraceHandle {
  public:
   explicit TraceHandle(std::string component);
   ~TraceHandle();
+  // A handle never destroyed, for a type's function-local handle: roots and machines held in
+  // globals trace until after main returns.
+  static TraceHandle& immortal(std::string component) {
+    return *new TraceHandle(std::move(component));
+  }
   TraceHandle(const TraceHandle&) = delete;
   TraceHandle& operator=(const TraceHandle&) = delete;
 

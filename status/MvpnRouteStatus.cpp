@@ -434,9 +434,8 @@ void MvpnVrfRouteStatus::dumpState(Oro::DumpContext& dc, int indent) const {
 // ---- MvpnRouteStatus ------------------------------------------------------------------------
 
 Oro::TraceHandle& MvpnRouteStatus::trace() {
-  // Never destroyed: roots and machines held in globals trace until after main returns.
-  static auto* handle = new Oro::TraceHandle("MvpnRouteStatus");
-  return *handle;
+  static Oro::TraceHandle& handle = Oro::TraceHandle::immortal("MvpnRouteStatus");
+  return handle;
 }
 
 MvpnRouteStatus::MvpnRouteStatus(std::string name)

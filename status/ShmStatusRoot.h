@@ -274,9 +274,8 @@ class ShmStatusRoot : public ShmRootBase {
   void dumpState(Oro::DumpContext& dc, int indent) const;
 
   static Oro::TraceHandle& trace() {
-    // Never destroyed: roots and machines held in globals trace until after main returns.
-    static auto* handle = new Oro::TraceHandle(Traits::traceName);
-    return *handle;
+    static Oro::TraceHandle& handle = Oro::TraceHandle::immortal(Traits::traceName);
+    return handle;
   }
 
  private:

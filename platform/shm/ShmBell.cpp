@@ -125,15 +125,14 @@ class Watcher {
   // Under mu_. Each start makes descriptors of its own and hands them to its thread: a stop
   // in progress (waiting for the old thread, without the lock) closes only the old ones.
   void start() {
-    const int ep = ::epoll_create1(EPOLL_CLOEXEC);
-    const int err = errno;
-    const int sf = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    int ep = -1, sf = -1;
     auto fail = [&](int e) {
       if (ep >= 0) ::close(ep);
       if (sf >= 0) ::close(sf);
       throw ShmException(fmt::format("cannot start the doorbell watcher: {}", std::strerror(e)));
     };
-    if (ep < 0 || sf < 0) fail(ep < 0 ? err : errno);
+    if ((ep = ::epoll_create1(EPOLL_CLOEXEC)) < 0) fail(errno);
+    if ((sf = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) < 0) fail(errno);
     epoll_event ev{};
     ev.events = EPOLLIN;
     ev.data.u64 = kStopToken;

@@ -294,11 +294,7 @@ uint64_t processStartTime(pid_t pid) {
 // ---- ShmSegment ---------------------------------------------------------------------------
 
 ShmSegment::ShmSegment(void* data, size_t size, int fd, std::string name)
-    : data_(static_cast<std::byte*>(data)),
-      size_(size),
-      fd_(fd),
-      shared_(fd >= 0),
-      name_(std::move(name)) {
+    : data_(static_cast<std::byte*>(data)), size_(size), fd_(fd), name_(std::move(name)) {
   if (fd_ >= 0) guard_ = ShmGuard::add(data_, size_);
 }
 
@@ -306,7 +302,6 @@ ShmSegment::ShmSegment(ShmSegment&& o) noexcept
     : data_(std::exchange(o.data_, nullptr)),
       size_(std::exchange(o.size_, 0)),
       fd_(std::exchange(o.fd_, -1)),
-      shared_(std::exchange(o.shared_, false)),
       guard_(std::exchange(o.guard_, ShmGuard::kNone)),
       name_(std::move(o.name_)) {}
 
@@ -316,7 +311,6 @@ ShmSegment& ShmSegment::operator=(ShmSegment&& o) noexcept {
     data_ = std::exchange(o.data_, nullptr);
     size_ = std::exchange(o.size_, 0);
     fd_ = std::exchange(o.fd_, -1);
-    shared_ = std::exchange(o.shared_, false);
     guard_ = std::exchange(o.guard_, ShmGuard::kNone);
     name_ = std::move(o.name_);
   }
@@ -331,14 +325,10 @@ void ShmSegment::release() {
   if (guard_ != ShmGuard::kNone) ShmGuard::remove(guard_);
   guard_ = ShmGuard::kNone;
   if (data_) ::munmap(data_, size_);
-  if (fd_ >= 0) {
-    shmForkReleaseRemove(fd_);  // a writer's header may be listed
-    ::close(fd_);
-  }
+  if (fd_ >= 0) ::close(fd_);
   data_ = nullptr;
   size_ = 0;
   fd_ = -1;
-  shared_ = false;
 }
 
 void ShmSegment::dropDescriptor() {
@@ -518,7 +508,7 @@ bool ShmSegment::decommit(size_t offset, size_t bytes) {
 }
 
 size_t ShmSegment::committedBytes() const {
-  if (!shared_) return 0;
+  if (!named()) return 0;  // process memory
   int fd = fd_;
   if (fd < 0) {
     // Gone from the namespace (its store removed or replaced): it holds no memory of the

@@ -137,7 +137,6 @@ class ShmSegment {
   std::byte* data_ = nullptr;
   size_t size_ = 0;
   int fd_ = -1;
-  bool shared_ = false;  // a named shm object, with or without its descriptor
   uint32_t guard_ = 0xFFFFFFFFu;
   std::string name_;
 };
